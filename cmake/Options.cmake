@@ -1,0 +1,25 @@
+# Build options, and the flags that every target of ours gets.
+option(MOATKEEPER_TESTS "Build the tests and benchmarks" ON)
+option(MOATKEEPER_FUZZ "Build the fuzz targets (clang++)" OFF)
+option(MOATKEEPER_COVERAGE "Instrument for gcov" OFF)
+set(MOATKEEPER_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them")
+set(MOATKEEPER_DEVICE_PLATFORM moatkeeper_platform_linux CACHE STRING
+  "The library that implements the headers in platform/ for the daemon")
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+
+if(MOATKEEPER_SANITIZE)
+  add_compile_options(-fsanitize=${MOATKEEPER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${MOATKEEPER_SANITIZE})
+endif()
+if(MOATKEEPER_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+if(MOATKEEPER_COVERAGE)
+  add_compile_options(--coverage -O0)
+  add_link_options(--coverage)
+endif()
+
+# Unused code of static libraries stays out of the binaries.
+add_compile_options(-ffunction-sections -fdata-sections)
+add_link_options(-Wl,--gc-sections)
