@@ -1,0 +1,73 @@
+// Log lines kept in memory: what a daemon, handler or record logged, in order.
+//
+// Lines of all four levels are kept; a module's trace level hides nothing here, it is only remembered. One thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace fake
+{
+
+enum class LogLevel { trace, info, warning, error };
+
+// "trace", "info", "warning" or "error".
+const char* toString(LogLevel level);
+
+struct LogLine {
+    LogLevel level = LogLevel::trace;
+    std::uint32_t module = 0; // the handle that was passed, whether registered or not
+    std::string label;
+    int line = 0;
+    std::string text;
+
+    bool operator==(const LogLine&) const = default;
+};
+
+class CapturedLog
+{
+public:
+    const std::vector<LogLine>& lines() const { return m_lines; }
+
+    // Hands the lines over and starts with none.
+    std::vector<LogLine> takeLines();
+
+    // How often a module was registered; 0 for a name never seen.
+    std::size_t registrations(const std::string& moduleName) const;
+
+    // The name behind a handle, "" for a handle that was never given.
+    std::string moduleName(std::uint32_t handle) const;
+
+    // The trace level last set for a module, 0 when none was.
+    int traceLevel(const std::string& moduleName) const;
+
+    bool usesSyslog() const { return m_usesSyslog; }
+
+    // Forgets lines, modules, levels and the way of output.
+    void reset() { *this = CapturedLog(); }
+
+    // What the platform's log functions call.
+    std::uint32_t registerModule(const std::string& moduleName);
+    void setTraceLevel(const std::string& moduleName, int level);
+    void setSyslog(bool on) { m_usesSyslog = on; }
+    void add(LogLine line);
+
+private:
+    struct Module {
+        std::uint32_t handle = 0;
+        std::size_t registrations = 0;
+    };
+
+    std::vector<LogLine> m_lines;
+    std::map<std::string, Module> m_modules;
+    std::map<std::string, int> m_traceLevels;
+    bool m_usesSyslog = false;
+};
+
+// The process's one log.
+CapturedLog& capturedLog();
+
+} // namespace fake
