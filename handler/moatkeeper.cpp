@@ -1,0 +1,614 @@
+#include "handler/moatkeeper.hpp"
+
+#include "handler/debug_mode.hpp"
+#include "platform/action_queue.hpp"
+#include "platform/config_reader.hpp"
+
+#include <exception>
+
+namespace zol::moatkeeper
+{
+
+using cfg::ActionQueue;
+using cfg::IConfigReader;
+
+unsigned char g_debugMode = 0;
+
+namespace
+{
+
+constexpr const char* label = "moatkeeper";
+
+const std::string mainTable = "MoatKeeper";
+const std::string inputPolicyTable = "MoatKeeperInputPolicy";
+const std::string forwardingPolicyTable = "MoatKeeperForwardingPolicy";
+const std::string rulesetTable = "MoatKeeperRuleset";
+const std::string filtersTable = "MoatKeeperBridgeFilters";
+const std::string filterRulesTable = "MoatKeeperBridgeFilterRules";
+
+// What the filter look-ups give for an id that no filter has.
+constexpr const char* noFilter = "FAILED";
+
+// A source that cannot deliver the table leaves the count at 0.
+std::uint32_t rowCount(IConfigReader& source, const std::string& tableName)
+{
+    std::uint32_t count = 0;
+    source.getRowCount(tableName, count);
+    return count;
+}
+
+bool CompareRulePrio(const EtherRule& a, const EtherRule& b)
+{
+    return a.rulePrio() < b.rulePrio();
+}
+
+// The filter set up last has its jumps first in FORWARD, so the smallest prio goes to the end.
+bool CompareFilterPrio(const BridgeFilter& a, const BridgeFilter& b)
+{
+    return a.prio() > b.prio();
+}
+
+} // namespace
+
+moatkeeper::moatkeeper() : m_logModule(ZOL_Sysloglevel_registerModul("moatkeeper"))
+{
+    LogTrace(96, "moatkeeper");
+}
+
+moatkeeper::~moatkeeper()
+{
+    LogTrace(101, "~moatkeeper");
+    if (!m_initialised)
+        return;
+    try {
+        CleanUp();
+    } catch (const std::exception& failure) {
+        ZOL_Sysloglevel_error(m_logModule, label, 104, VAStr("%s: %s", "~moatkeeper", failure.what()));
+    }
+}
+
+void moatkeeper::getTableNames(std::list<std::string>& tableNames)
+{
+    LogTrace(107, "getTableNames");
+    tableNames.insert(tableNames.end(), {mainTable, inputPolicyTable, forwardingPolicyTable, rulesetTable, filtersTable,
+                                         filterRulesTable});
+}
+
+bool moatkeeper::loadFromConfig(IConfigReader& source, const std::string& tableName)
+{
+    if (g_debugMode)
+        LogInfo(121, VAStr("%s: Notification on table  %s received.", "loadFromConfig", tableName.c_str()));
+    LogTrace(123, "loadFromConfig");
+
+    const bool all = tableName.empty();
+    int changed = 0;
+    if (all || tableName == mainTable)
+        changed = ReadMoatKeeperMain(source);
+    if (all || tableName == rulesetTable)
+        changed |= ReadMoatKeeperRuleset(source);
+    if (all || tableName == inputPolicyTable)
+        changed |= ReadMoatKeeperInputPolicy(source);
+    if (all || tableName == forwardingPolicyTable)
+        changed |= ReadMoatKeeperForwardingPolicy(source);
+    if (all || tableName == filterRulesTable || tableName == filtersTable) {
+        // The rules refer to the filters just read.
+        changed |= ReadMoatKeeperFilters(source);
+        changed |= ReadMoatKeeperFilterRules(source);
+    }
+    return changed != 0;
+}
+
+void moatkeeper::commitToSystem(IConfigReader& /*source*/, ActionQueue* queue)
+{
+    LogTrace(152, "commitToSystem");
+    if (g_debugMode)
+        LogInfo(154, VAStr("%s: commitToSystem is called", "commitToSystem"));
+
+    if (!m_initialised) {
+        m_initialised = true;
+        m_actionQueue = queue;
+        Init();
+    }
+
+    if (m_filtersChanged || m_filterRulesChanged) {
+        if (g_debugMode)
+            LogInfo(166, VAStr("%s: some user bridge filters changed, will apply them.", "commitToSystem"));
+        DeletePreviousBridgeFilters();
+        SetUpBridgeFilters();
+        SetUpBridgeFilterRules();
+        m_filtersChanged = false;
+        m_filterRulesChanged = false;
+    }
+    if (m_rulesChanged) {
+        if (g_debugMode)
+            LogInfo(178, VAStr("%s: some filtering rules changed, will apply them.", "commitToSystem"));
+        SetUpEtherRules();
+        m_rulesChanged = false;
+    }
+    if (m_globalPolicyChanged) {
+        if (g_debugMode)
+            LogInfo(186, VAStr("%s: some global policy changed, will apply them.", "commitToSystem"));
+        SetUpGlobalPolicy();
+        m_globalPolicyChanged = false;
+    }
+    if (m_inputPolicyChanged) {
+        if (g_debugMode)
+            LogInfo(194, VAStr("%s: some user (input) chain policy changed, will apply them.", "commitToSystem"));
+        SetUpInputPolicys();
+        m_inputPolicyChanged = false;
+    }
+    if (m_forwardingPolicyChanged) {
+        if (g_debugMode)
+            LogInfo(202, VAStr("%s: some user (forward) chain policy changed, will apply them.", "commitToSystem"));
+        SetUpForwardingPolicys();
+        m_forwardingPolicyChanged = false;
+    }
+}
+
+void moatkeeper::setDebugMode(bool on)
+{
+    if (on)
+        LogInfo(603, VAStr("%s: Debug mode is set to %d!", "setDebugMode", 1));
+    m_debugMode = on;
+}
+
+int moatkeeper::ReadMoatKeeperRuleset(IConfigReader& source)
+{
+    LogTrace(210, "ReadMoatKeeperRuleset");
+    if (g_debugMode)
+        LogInfo(216, VAStr("%s: will read all MoatKeeperRules from Database", "ReadMoatKeeperRuleset"));
+
+    const std::list<EtherRule> previous = m_rules;
+    m_rules.clear();
+
+    tessera::ValueList values;
+    tessera::NameList names;
+    const std::uint32_t count = rowCount(source, rulesetTable);
+    for (std::uint32_t row = 0; row < count; ++row) {
+        values.clear();
+        source.readRow(rulesetTable, row, names, values);
+        const std::int32_t id = values.getValue("Id").getInteger();
+        const std::int32_t enabled = values.getValue("Enabled").getInteger();
+        const std::int32_t rulePrio = values.getValue("RulePrio").getInteger();
+        const std::string& inInterface = values.getValue("InInterface").getText();
+        const std::string& outInterface = values.getValue("OutInterface").getText();
+        const std::string& dstMAC = values.getValue("DstMAC").getText();
+        const std::string& srcMAC = values.getValue("SrcMAC").getText();
+        const std::int32_t vlanId = values.getValue("VLANID").getInteger();
+        const std::string& ethertype = values.getValue("Ethertype").getText();
+        const std::string& ipSrcAddr = values.getValue("IPSrcAddr").getText();
+        const std::string& ipDstAddr = values.getValue("IPDstAddr").getText();
+        const std::string& ipProto = values.getValue("IPProto").getText();
+        const std::int32_t ipPort = values.getValue("IPPort").getInteger();
+        const std::string& target = values.getValue("Target").getText();
+        const std::int32_t enableLogging = values.getValue("EnableLogging").getInteger();
+
+        if (enabled == 0) {
+            if (g_debugMode)
+                LogInfo(263, VAStr("%s: ignore Rule Id %d because rule is disabled.", "ReadMoatKeeperRuleset", id));
+        } else if (inInterface.empty()) {
+            LogWarning(252, VAStr("%s: ignore Rule Id %d because no InputInterface is specified.",
+                                  "ReadMoatKeeperRuleset", id));
+        } else if (rulePrio == 0) {
+            LogWarning(256, VAStr("%s: ignore Rule Id %d because of invalid prio", "ReadMoatKeeperRuleset", id));
+        } else {
+            const EtherRule rule(id, rulePrio, inInterface, outInterface, dstMAC, srcMAC, vlanId, ethertype, ipSrcAddr,
+                                 ipDstAddr, ipProto, ipPort, target, enableLogging);
+            m_rules.push_back(rule);
+        }
+    }
+
+    SortRules();
+    const bool changed = RecordsDiffer(m_rules, previous, "Moatkeeper Rule", 278, "Moatkeeper Rule", 281);
+    if (g_debugMode)
+        LogInfo(289, VAStr("%s: will return %d", "ReadMoatKeeperRuleset", changed));
+    m_rulesChanged = changed;
+    return changed;
+}
+
+int moatkeeper::ReadMoatKeeperMain(IConfigReader& source)
+{
+    LogTrace(300, "ReadMoatKeeperMain");
+
+    tessera::ValueList values;
+    tessera::NameList names;
+    bool changed = false;
+    if (rowCount(source, mainTable) != 0) {
+        // Only the first row counts.
+        source.readRow(mainTable, 0, names, values);
+        const std::string inputPolicy = values.getValue("GlobalInputPolicy").getText();
+        const std::string forwardingPolicy = values.getValue("GlobalForwardingPolicy").getText();
+        if (inputPolicy != m_globalInputPolicy || forwardingPolicy != m_globalForwardingPolicy) {
+            m_globalInputPolicy = inputPolicy;
+            m_globalForwardingPolicy = forwardingPolicy;
+            m_globalPolicyChanged = true;
+            if (g_debugMode)
+                LogInfo(320, VAStr("%s: Global Policys changed: INPUT: %s, FORWARD: %s", "ReadMoatKeeperMain",
+                                   m_globalInputPolicy.c_str(), m_globalForwardingPolicy.c_str()));
+            changed = true;
+        }
+    }
+    if (g_debugMode)
+        LogInfo(328, VAStr("%s: will return %d", "ReadMoatKeeperMain", changed));
+    return changed;
+}
+
+int moatkeeper::ReadMoatKeeperInputPolicy(IConfigReader& source)
+{
+    LogTrace(335, "ReadMoatKeeperInputPolicy");
+
+    const std::list<InputPolicy> previous = m_inputPolicies;
+    m_inputPolicies.clear();
+
+    tessera::ValueList values;
+    tessera::NameList names;
+    const std::uint32_t count = rowCount(source, inputPolicyTable);
+    for (std::uint32_t row = 0; row < count; ++row) {
+        values.clear();
+        source.readRow(inputPolicyTable, row, names, values);
+        const std::int32_t id = values.getValue("Id").getInteger();
+        const std::int32_t enabled = values.getValue("Enabled").getInteger();
+        const std::string& interface = values.getValue("Interface").getText();
+        const std::string& policy = values.getValue("Policy").getText();
+        const std::int32_t enableLogging = values.getValue("EnableLogging").getInteger();
+
+        if (enabled == 1) {
+            const InputPolicy record(id, interface, policy, enableLogging);
+            m_inputPolicies.push_back(record);
+        }
+    }
+
+    m_inputPolicyChanged = RecordsDiffer(m_inputPolicies, previous, "Input Policy ", 368, "Input Policy ", 371);
+    return m_inputPolicyChanged;
+}
+
+int moatkeeper::ReadMoatKeeperForwardingPolicy(IConfigReader& source)
+{
+    LogTrace(388, "ReadMoatKeeperForwardingPolicy");
+
+    const std::list<ForwardingPolicy> previous = m_forwardingPolicies;
+    m_forwardingPolicies.clear();
+
+    tessera::ValueList values;
+    tessera::NameList names;
+    const std::uint32_t count = rowCount(source, forwardingPolicyTable);
+    for (std::uint32_t row = 0; row < count; ++row) {
+        values.clear();
+        source.readRow(forwardingPolicyTable, row, names, values);
+        const std::int32_t id = values.getValue("Id").getInteger();
+        const std::int32_t enabled = values.getValue("Enabled").getInteger();
+        const std::string& inInterface = values.getValue("InInterface").getText();
+        const std::string& outInterface = values.getValue("OutInterface").getText();
+        const std::string& policy = values.getValue("Policy").getText();
+        const std::int32_t enableLogging = values.getValue("EnableLogging").getInteger();
+
+        if (enabled == 1) {
+            const ForwardingPolicy record(id, inInterface, outInterface, policy, enableLogging);
+            m_forwardingPolicies.push_back(record);
+        }
+    }
+
+    m_forwardingPolicyChanged =
+        RecordsDiffer(m_forwardingPolicies, previous, "Forwarding Policy", 422, "Forwarding Policy ", 425);
+    return m_forwardingPolicyChanged;
+}
+
+int moatkeeper::ReadMoatKeeperFilters(IConfigReader& source)
+{
+    LogTrace(441, "ReadMoatKeeperFilters");
+    if (g_debugMode)
+        LogInfo(447, VAStr("%s: will read all MoatKeeperFilters from Database", "ReadMoatKeeperFilters"));
+
+    m_previousFilters = m_filters;
+    m_filters.clear();
+
+    tessera::ValueList values;
+    tessera::NameList names;
+    const std::uint32_t count = rowCount(source, filtersTable);
+    for (std::uint32_t row = 0; row < count; ++row) {
+        values.clear();
+        source.readRow(filtersTable, row, names, values);
+        const std::int32_t id = values.getValue("Id").getInteger();
+        const std::int32_t enabled = values.getValue("Enabled").getInteger();
+        const std::int32_t prio = values.getValue("Prio").getInteger();
+        const std::string& inInterface = values.getValue("InInterface").getText();
+        const std::string& outInterface = values.getValue("OutInterface").getText();
+        const std::string& matchCriteria = values.getValue("MatchCriteria").getText();
+        const std::string& mode = values.getValue("Mode").getText();
+
+        if (enabled == 0) {
+            if (g_debugMode)
+                LogInfo(487, VAStr("%s: ignore Filter Id %d because filter is disabled.", "ReadMoatKeeperFilters", id));
+        } else if (inInterface.empty() || outInterface.empty() || matchCriteria.empty() || mode.empty()) {
+            LogWarning(476, VAStr("%s: ignore Filter Id %d because rule is incomplete.", "ReadMoatKeeperFilters", id));
+        } else if (prio == 0) {
+            LogWarning(480, VAStr("%s: ignore Filter Id %d because of invalid prio", "ReadMoatKeeperFilters", id));
+        } else {
+            m_filters.emplace_back(id, mode, inInterface, outInterface, matchCriteria, prio);
+        }
+    }
+
+    SortFilters();
+    const bool changed =
+        RecordsDiffer(m_filters, m_previousFilters, "Moatkeeper Filter", 502, "Moatkeeper Filter", 505);
+    if (g_debugMode)
+        LogInfo(513, VAStr("%s: will return %d", "ReadMoatKeeperFilters", changed));
+    m_filtersChanged = changed;
+    return changed;
+}
+
+int moatkeeper::ReadMoatKeeperFilterRules(IConfigReader& source)
+{
+    LogTrace(521, "ReadMoatKeeperFilterRules");
+    if (g_debugMode)
+        LogInfo(527, VAStr("%s: will read all MoatKeeperBridgeFilterRules from Database", "ReadMoatKeeperFilterRules"));
+
+    const std::list<BridgeFilterRule> previous = m_filterRules;
+    m_filterRules.clear();
+
+    tessera::ValueList values;
+    tessera::NameList names;
+    const std::uint32_t count = rowCount(source, filterRulesTable);
+    for (std::uint32_t row = 0; row < count; ++row) {
+        values.clear();
+        source.readRow(filterRulesTable, row, names, values);
+        const std::int32_t id = values.getValue("Id").getInteger();
+        const std::int32_t enabled = values.getValue("Enabled").getInteger();
+        const std::int32_t filterId = values.getValue("BridgeFilterID").getInteger();
+        const std::string& filterMatch = values.getValue("FilterMatch").getText();
+
+        if (enabled == 0) {
+            if (g_debugMode)
+                LogInfo(571,
+                        VAStr("%s: ignore Filter Id %d because filter is disabled.", "ReadMoatKeeperFilterRules", id));
+        } else if (!IsFilterValid(filterId)) {
+            LogWarning(552, VAStr("%s: ignore Filter Rule Id %d because rule has invalid reference (maybe disabled).",
+                                  "ReadMoatKeeperFilterRules", id));
+        } else if (filterMatch.empty()) {
+            LogWarning(563, VAStr("%s: ignore Filter Rule Id %d because rule does not have a match citeria",
+                                  "ReadMoatKeeperFilterRules", id));
+        } else {
+            m_filterRules.emplace_back(id, GetFilterMode(filterId), GetFilterChainName(filterId),
+                                       GetFilterMatchCriteria(filterId), filterMatch);
+        }
+    }
+
+    const bool changed =
+        RecordsDiffer(m_filterRules, previous, "Moatkeeper Filterrule", 584, "Moatkeeper Filterrule", 587);
+    if (g_debugMode)
+        LogInfo(595, VAStr("%s: will return %d", "ReadMoatKeeperFilterRules", changed));
+    m_filterRulesChanged = changed;
+    return changed;
+}
+
+template <typename Record>
+bool moatkeeper::RecordsDiffer(const std::list<Record>& current, const std::list<Record>& previous,
+                               const char* equalName, int equalLine, const char* changedName, int changedLine) const
+{
+    if (current.size() != previous.size())
+        return true;
+
+    bool changed = false;
+    auto before = previous.begin();
+    for (const Record& record : current) {
+        if (record != *before) {
+            changed = true;
+            if (g_debugMode)
+                LogInfo(changedLine, VAStr("%s ID %d has changed", changedName, record.id()));
+        } else if (g_debugMode) {
+            LogInfo(equalLine, VAStr("%s ID %d is equal", equalName, record.id()));
+        }
+        ++before;
+    }
+    return changed;
+}
+
+const BridgeFilter* moatkeeper::FindFilter(std::int32_t id) const
+{
+    for (const BridgeFilter& filter : m_filters) {
+        if (filter.id() == id)
+            return &filter;
+    }
+    return nullptr;
+}
+
+bool moatkeeper::IsFilterValid(std::int32_t id) const
+{
+    const BridgeFilter* filter = FindFilter(id);
+    return filter != nullptr && filter->valid();
+}
+
+std::string moatkeeper::GetFilterChainName(std::int32_t id) const
+{
+    const BridgeFilter* filter = FindFilter(id);
+    return filter != nullptr ? filter->chainName() : noFilter;
+}
+
+std::string moatkeeper::GetFilterMode(std::int32_t id) const
+{
+    const BridgeFilter* filter = FindFilter(id);
+    return filter != nullptr ? filter->mode() : noFilter;
+}
+
+std::string moatkeeper::GetFilterMatchCriteria(std::int32_t id) const
+{
+    const BridgeFilter* filter = FindFilter(id);
+    return filter != nullptr ? filter->matchCriteria() : noFilter;
+}
+
+void moatkeeper::SortRules()
+{
+    if (g_debugMode)
+        LogInfo(658, VAStr("%s: will sort rules acording their prio!", "SortRules"));
+
+    m_rules.sort(CompareRulePrio);
+
+    if (!g_debugMode)
+        return;
+    if (m_rules.empty()) {
+        LogInfo(671, VAStr("%s:no MoatKeeperRules found", "SortRules"));
+        return;
+    }
+    LogInfo(664, VAStr("%s: sorted rules according the following priority:", "SortRules"));
+    for (const EtherRule& rule : m_rules)
+        LogInfo(668, VAStr("%s: Rule %d", "SortRules", rule.id()));
+}
+
+void moatkeeper::SortFilters()
+{
+    if (g_debugMode)
+        LogInfo(678, VAStr("%s: will sort Filters acording their prio!", "SortFilters"));
+
+    m_filters.sort(CompareFilterPrio);
+
+    if (!g_debugMode)
+        return;
+    LogInfo(683, VAStr("%s: sorted Filters according the following priority:", "SortFilters"));
+    for (const BridgeFilter& filter : m_filters)
+        LogInfo(687, VAStr("%s: Rule %d", "SortFilters", filter.id()));
+}
+
+void moatkeeper::Init()
+{
+    if (g_debugMode)
+        LogInfo(694, VAStr("%s: will create user chains", "Init"));
+    for (const char* line : {
+             "ebtables -N UserInputRules",
+             "ebtables -N UserInputPolicy",
+             "ebtables -N UserForwardRules",
+             "ebtables -N UserForwardPolicy",
+             "ebtables -P UserInputRules RETURN",
+             "ebtables -P UserInputPolicy RETURN",
+             "ebtables -P UserForwardRules RETURN",
+             "ebtables -P UserForwardPolicy RETURN",
+             "ebtables -A INPUT -j UserInputRules",
+             "ebtables -A INPUT -j UserInputPolicy",
+             "ebtables -A FORWARD -j UserForwardRules",
+             "ebtables -A FORWARD -j UserForwardPolicy",
+         }) {
+        m_actionQueue->addCommand(line);
+    }
+    m_actionQueue->process();
+}
+
+void moatkeeper::CleanUp()
+{
+    if (g_debugMode)
+        LogInfo(716, VAStr("%s: will delete user chains", "CleanUp"));
+    for (const char* line : {
+             "ebtables -D INPUT -j UserInputRules",
+             "ebtables -D INPUT -j UserInputPolicy",
+             "ebtables -D FORWARD -j UserForwardRules",
+             "ebtables -D FORWARD -j UserForwardPolicy",
+             "ebtables -X UserInputRules",
+             "ebtables -X UserInputPolicy",
+             "ebtables -X UserForwardRules",
+             "ebtables -X UserForwardPolicy",
+             "ebtables -P FORWARD ACCEPT",
+             "ebtables -P INPUT ACCEPT",
+         }) {
+        m_actionQueue->addCommand(line);
+    }
+    m_actionQueue->process();
+    DeleteBridgeFilters();
+}
+
+void moatkeeper::SetUpGlobalPolicy()
+{
+    if (g_debugMode)
+        LogInfo(736, VAStr("%s: will apply global policys", "SetUpGlobalPolicy"));
+    m_actionQueue->addCommand("ebtables -P INPUT " + m_globalInputPolicy);
+    m_actionQueue->addCommand("ebtables -P FORWARD " + m_globalForwardingPolicy);
+    m_actionQueue->process();
+}
+
+void moatkeeper::SetUpForwardingPolicys()
+{
+    if (g_debugMode)
+        LogInfo(749, VAStr("%s: will apply Forwarding policys", "SetUpForwardingPolicys"));
+    m_actionQueue->addCommand("ebtables -F UserForwardPolicy");
+    m_actionQueue->process();
+    for (const ForwardingPolicy& policy : m_forwardingPolicies)
+        policy.ApplySystemCall(*m_actionQueue);
+}
+
+void moatkeeper::SetUpInputPolicys()
+{
+    if (g_debugMode)
+        LogInfo(763, VAStr("%s: will apply input policys", "SetUpInputPolicys"));
+    m_actionQueue->addCommand("ebtables -F UserInputPolicy");
+    m_actionQueue->process();
+    for (const InputPolicy& policy : m_inputPolicies)
+        policy.ApplySystemCall(*m_actionQueue);
+}
+
+void moatkeeper::SetUpEtherRules()
+{
+    if (g_debugMode)
+        LogInfo(777, VAStr("%s: will set up L2 filter Rules", "SetUpEtherRules"));
+    m_actionQueue->addCommand("ebtables -F UserInputRules");
+    m_actionQueue->addCommand("ebtables -F UserForwardRules");
+    m_actionQueue->process();
+    for (const EtherRule& rule : m_rules)
+        rule.ApplySystemCall(*m_actionQueue);
+}
+
+void moatkeeper::SetUpBridgeFilters()
+{
+    if (g_debugMode)
+        LogInfo(795, VAStr("%s: will set up Bridge Filter Chains", "SetUpBridgeFilters"));
+    if (m_filters.empty()) {
+        if (g_debugMode)
+            LogInfo(798, VAStr("%s: no filters found, will do nothing", "SetUpBridgeFilters"));
+        return;
+    }
+    for (const BridgeFilter& filter : m_filters)
+        filter.ApplySetUpCommands(*m_actionQueue);
+}
+
+void moatkeeper::SetUpBridgeFilterRules()
+{
+    if (g_debugMode)
+        LogInfo(812, VAStr("%s: will set up Bridge Filter Rules", "SetUpBridgeFilterRules"));
+    if (m_filterRules.empty()) {
+        if (g_debugMode)
+            LogInfo(815, VAStr("%s: no rules found for filters, will do nothing", "SetUpBridgeFilterRules"));
+        return;
+    }
+    for (const BridgeFilterRule& rule : m_filterRules)
+        rule.ApplySystemCall(*m_actionQueue);
+}
+
+void moatkeeper::DeleteBridgeFilters()
+{
+    if (g_debugMode)
+        LogInfo(829, VAStr("%s: will delete Bridge Filter Rules", "DeleteBridgeFilters"));
+    for (const BridgeFilter& filter : m_filters)
+        filter.ApplyTearDownCommands(*m_actionQueue);
+}
+
+void moatkeeper::DeletePreviousBridgeFilters()
+{
+    if (g_debugMode)
+        LogInfo(841, VAStr("%s: will delete previous Bridge Filter Rules", "DeletePreviousBridgeFilters"));
+    for (const BridgeFilter& filter : m_previousFilters)
+        filter.ApplyTearDownCommands(*m_actionQueue);
+    m_previousFilters.clear();
+}
+
+void moatkeeper::LogTrace(int line, const char* operation) const
+{
+    ZOL_Sysloglevel_trace(m_logModule, label, line, operation);
+}
+
+void moatkeeper::LogInfo(int line, const std::string& text) const
+{
+    ZOL_Sysloglevel_info(m_logModule, label, line, text);
+}
+
+void moatkeeper::LogWarning(int line, const std::string& text) const
+{
+    ZOL_Sysloglevel_warning(m_logModule, label, line, text);
+}
+
+} // namespace zol::moatkeeper
