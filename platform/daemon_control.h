@@ -28,6 +28,6 @@ bool ZOL_Daemon_occupiedPidFile(const ZOL_Daemon& daemon);
 void ZOL_Daemon_daemonize(ZOL_Daemon& daemon);
 
 // Write, atomically, and remove the PID file. Removing leaves a file alone that names another running
-// instance; removing a file that is not there is no error.
+// instance; removing a file that is not there is no error, one that cannot be removed gets a warning.
 void ZOL_Daemon_createPidFile(ZOL_Daemon& daemon);
 void ZOL_Daemon_deletePidFile(const ZOL_Daemon& daemon);
