@@ -1,0 +1,51 @@
+// What goes wrong between a client and the configuration server. Every text is one line for a person.
+#pragma once
+
+#include <stdexcept>
+
+namespace ovsdb
+{
+
+// Base of all errors of this library.
+class Error : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The server cannot be reached, the socket belongs to somebody else, or the connection ended.
+class ConnectionError : public Error
+{
+public:
+    using Error::Error;
+};
+
+// An answer did not arrive in time.
+class TimeoutError : public Error
+{
+public:
+    using Error::Error;
+};
+
+// The peer sent what no configuration server sends: nothing of the message is used, the connection is useless.
+class ProtocolError : public Error
+{
+public:
+    using Error::Error;
+};
+
+// The server answers, but has not got our database, or has it with tables of another shape.
+class SchemaError : public Error
+{
+public:
+    using Error::Error;
+};
+
+// The server understood the request and refused it as a whole.
+class RequestError : public Error
+{
+public:
+    using Error::Error;
+};
+
+} // namespace ovsdb
