@@ -1,0 +1,64 @@
+// Runs the `ebtables` tool: no shell, a clean environment, no inherited descriptors, a limit in time.
+//
+// Threading: one thread at a time. Signals SIGINT, SIGTERM and SIGQUIT are let in while a child is waited for, also
+// when the caller holds them back, so that a stop request is noticed.
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ebtables
+{
+
+// Where the programs are. They are started by these paths and no other.
+struct ToolPaths {
+    std::string ebtables = "/usr/sbin/ebtables";
+    std::string restore = "/usr/sbin/ebtables-restore";
+    std::string save = "/usr/sbin/ebtables-save";
+};
+
+struct RunLimits {
+    std::chrono::milliseconds time{60'000};     // then the child is killed
+    std::chrono::milliseconds afterStop{2'000}; // likewise, counted from a stop signal
+};
+
+// How a child ended.
+struct RunResult {
+    enum class End {
+        Exited,     // exitCode holds
+        NotStarted, // no such file, not executable, out of memory ...: reason holds
+        Killed,     // by a signal that we did not send: reason holds
+        TimedOut,   // killed by us, the limit was over
+        Stopped,    // killed by us, because a stop signal had come
+    };
+    End end = End::NotStarted;
+    int exitCode = 0;
+    std::string reason;
+    std::string output; // standard output, at most 64 MiB
+    std::string errors; // standard error, at most 1 MiB
+};
+
+// Starts the program at path with these arguments (without the program's name), input as its standard input, and waits
+// for it. Never throws but std::bad_alloc.
+RunResult run(const std::string& path, const std::vector<std::string>& arguments, std::string_view input,
+              const RunLimits& limits = {});
+
+enum class Variant {
+    NfTables, // whole transactions
+    Legacy,   // one line at a time
+    Unknown,  // could not be found out: reason says why
+};
+
+struct ToolVersion {
+    Variant variant = Variant::Unknown;
+    std::string text;   // "ebtables 1.8.9 (nf_tables)"
+    std::string reason; // when Unknown
+};
+
+// Asks the tool which one it is.
+ToolVersion detect(const ToolPaths& paths, const RunLimits& limits = {});
+
+} // namespace ebtables
