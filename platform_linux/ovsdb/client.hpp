@@ -16,7 +16,7 @@ namespace ovsdb
 
 struct ClientOptions {
     std::string socketPath{defaultSocketPath};
-    // For connecting, and for each answer.
+    // For each answer. A server that is not there is an error at once.
     std::chrono::milliseconds timeout{5000};
 };
 

@@ -13,11 +13,18 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// The server cannot be reached, the socket belongs to somebody else, or the connection ended.
+// The server cannot be reached, or the connection ended.
 class ConnectionError : public Error
 {
 public:
     using Error::Error;
+};
+
+// The socket is served by a process whose user is neither root nor this process's own.
+class ForeignServerError : public ConnectionError
+{
+public:
+    using ConnectionError::ConnectionError;
 };
 
 // An answer did not arrive in time.

@@ -51,7 +51,8 @@ public:
     // "null", "a boolean", "an integer", "a number", "a text", "a list" or "an object", for messages.
     const char* kindName() const;
 
-    // Where the value begins in the text it was parsed from, in bytes; 0 for a value made otherwise.
+    // Where the value stands in the text it was parsed from, in bytes: the opening bracket of a list or an object, the
+    // last byte of anything else. 0 for a value made otherwise.
     std::size_t offset() const { return m_offset; }
     void setOffset(std::size_t offset) { m_offset = static_cast<std::uint32_t>(offset); }
 

@@ -1,0 +1,336 @@
+#include "platform/notification_handler.hpp"
+
+#include "platform/config_handler.hpp"
+#include "platform/config_reader.hpp"
+#include "platform/sysloglevel.h"
+#include "platform_linux/event_dispatcher.hpp"
+#include "platform_linux/ovsdb/connection.hpp"
+#include "platform_linux/ovsdb/rpc_session.hpp"
+#include "platform_linux/ovsdb/subscription.hpp"
+#include "platform_linux/transaction_queue.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <list>
+#include <malloc.h>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <sys/epoll.h>
+#include <utility>
+
+namespace zol::cfg
+{
+
+namespace
+{
+
+using std::chrono::milliseconds;
+using tessera::net::EventDispatcher;
+
+const char* const label = "ovsdb";
+
+// The copy of the tables, as the handler's readers see it.
+class CacheReader : public IConfigReader
+{
+public:
+    explicit CacheReader(const ovsdb::TableCache& tables) : m_tables(tables) {}
+
+    ConfigStatus getRowCount(const std::string& tableName, std::uint32_t& rowCount) override
+    {
+        if (!m_tables.holds(tableName))
+            return {.ok = false, .text = "no table \"" + tableName + "\" is subscribed"};
+        rowCount = static_cast<std::uint32_t>(m_tables.rows(tableName).size());
+        return {};
+    }
+
+    ConfigStatus readRow(const std::string& tableName, std::uint32_t rowIndex, tessera::NameList& names,
+                         tessera::ValueList& values) override
+    {
+        const auto rows = m_tables.rows(tableName);
+        if (rowIndex >= rows.size())
+            return {.ok = false, .text = "table \"" + tableName + "\" has no row " + std::to_string(rowIndex)};
+        const ovsdb::Table& table = *ovsdb::findTable(tableName);
+        names.clear();
+        values.clear();
+        for (std::size_t i = 0; i < table.columns.size(); ++i) {
+            names.emplace_back(table.columns[i].name);
+            values.setValue(table.columns[i].name, rows[rowIndex].values[i]);
+        }
+        return {};
+    }
+
+private:
+    const ovsdb::TableCache& m_tables;
+};
+
+// What the log last said about the server. Each change is one line, however many attempts it lasts.
+enum class Health { Unknown, Connected, Absent, Lost, Foreign, Malformed, Unsuitable, Stalled };
+
+} // namespace
+
+class NotificationHandler::State
+{
+public:
+    State(std::string socketPath, EventDispatcher& dispatcher, const std::string& clientName, bool failWithoutServer,
+          int requestTimeoutSeconds, int reconnectIntervalMs, bool reconnect)
+        : m_socketPath(std::move(socketPath)),
+          m_dispatcher(dispatcher.state()),
+          m_logModule(ZOL_Sysloglevel_registerModul(clientName.c_str())),
+          m_failWithoutServer(failWithoutServer),
+          m_requestTimeout(std::chrono::seconds(requestTimeoutSeconds)),
+          m_reconnectInterval(reconnectIntervalMs),
+          m_reconnect(reconnect)
+    {
+    }
+
+    ~State()
+    {
+        disconnect();
+        m_dispatcher.stopTimer(m_reconnectTimer);
+        m_dispatcher.stopTimer(m_retryTimer);
+    }
+
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    void registerHandler(IConfigHandler* handler)
+    {
+        std::list<std::string> names;
+        handler->getTableNames(names);
+        m_handler = handler;
+        m_subscription.emplace(std::vector<std::string>(names.begin(), names.end()));
+    }
+
+    void initialize()
+    {
+        if (m_handler == nullptr)
+            throw std::logic_error("no configuration handler is registered");
+        if (!connect() && m_failWithoutServer)
+            throw std::runtime_error("no configuration server at " + m_socketPath);
+    }
+
+    void process()
+    {
+        if (!m_all && m_changedTables.empty())
+            return;
+        const std::string name = !m_all && m_changedTables.size() == 1 ? *m_changedTables.begin() : "";
+        const bool all = std::exchange(m_all, false);
+        m_changedTables.clear();
+        deliver(name);
+        if (all)
+            malloc_trim(0); // the first state came in one large message
+        scheduleRetry();
+    }
+
+private:
+    void deliver(const std::string& tableName)
+    {
+        struct Delivery {
+            explicit Delivery(TransactionQueue& q) : queue(q) { queue.beginDelivery(); }
+            ~Delivery() { queue.endDelivery(); }
+            Delivery(const Delivery&) = delete;
+            Delivery& operator=(const Delivery&) = delete;
+            TransactionQueue& queue;
+        };
+        CacheReader source(m_subscription->tables());
+        const Delivery delivery(m_queue);
+        m_handler->loadFromConfig(source, tableName);
+        m_handler->commitToSystem(source, &m_queue);
+    }
+
+    // While the tool cannot run, its lines wait in the queue.
+    void scheduleRetry()
+    {
+        m_dispatcher.stopTimer(m_retryTimer);
+        if (const auto pause = m_queue.retryIn()) {
+            m_retryTimer = m_dispatcher.startTimer(*pause, [this] {
+                m_queue.retry();
+                scheduleRetry();
+            });
+        }
+    }
+
+    bool connect()
+    {
+        try {
+            m_connection.emplace(m_socketPath);
+            m_session.emplace();
+            m_subscription->begin(*m_session);
+            m_wantsWrite = false;
+            m_dispatcher.addDescriptor(m_connection->descriptor(), EPOLLIN,
+                                       [this](std::uint32_t events) { handleEvents(events); });
+            m_registered = true;
+            flush();
+            watchForStall(true);
+            return true;
+        } catch (const ovsdb::ForeignServerError& e) {
+            fail(Health::Foreign, e.what());
+        } catch (const ovsdb::ConnectionError& e) {
+            fail(m_connection ? Health::Lost : Health::Absent, e.what());
+        }
+        return false;
+    }
+
+    void disconnect()
+    {
+        m_dispatcher.stopTimer(std::exchange(m_stallTimer, 0));
+        if (std::exchange(m_registered, false))
+            m_dispatcher.removeDescriptor(m_connection->descriptor());
+        m_connection.reset();
+        m_session.reset();
+    }
+
+    void handleEvents(std::uint32_t events)
+    {
+        try {
+            bool progress = false;
+            if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
+                m_session->receive(m_connection->read());
+                while (const auto message = m_session->next()) {
+                    handleMessage(*message);
+                    progress = true;
+                }
+            }
+            flush();
+            watchForStall(progress);
+        } catch (const ovsdb::ProtocolError& e) {
+            fail(Health::Malformed, e.what());
+        } catch (const ovsdb::SchemaError& e) {
+            fail(Health::Unsuitable, e.what());
+        } catch (const ovsdb::ConnectionError& e) {
+            fail(Health::Lost, e.what());
+        }
+    }
+
+    void handleMessage(const ovsdb::RpcMessage& message)
+    {
+        auto progress = m_subscription->handle(message, *m_session);
+        if (progress.synchronised) {
+            // Delivered even if nothing differs from what was delivered last: every delivery is a read and a commit,
+            // so no change waits that an equal read could cancel, and a commit without changes does nothing.
+            m_all = true;
+            report(Health::Connected, "connected to " + m_socketPath + ", schema " + m_subscription->schemaVersion());
+        }
+        m_changedTables.merge(progress.changedTables);
+    }
+
+    void flush()
+    {
+        if (!m_session->output().empty())
+            m_session->consumed(m_connection->write(m_session->output()));
+        const bool wantsWrite = !m_session->output().empty();
+        if (std::exchange(m_wantsWrite, wantsWrite) != wantsWrite)
+            m_dispatcher.modifyDescriptor(m_connection->descriptor(), wantsWrite ? EPOLLIN | EPOLLOUT : EPOLLIN);
+    }
+
+    // Keeps a timer while the server owes something; restarted whenever a whole message has come.
+    void watchForStall(bool progress)
+    {
+        const bool waiting = m_session->waiting() || m_wantsWrite;
+        if (waiting && !progress && m_stallTimer != 0)
+            return;
+        m_dispatcher.stopTimer(std::exchange(m_stallTimer, 0));
+        if (!waiting)
+            return;
+        m_stallTimer = m_dispatcher.startTimer(m_requestTimeout, [this] {
+            m_stallTimer = 0;
+            fail(Health::Stalled, "no answer within " + std::to_string(m_requestTimeout.count() / 1000) + " s");
+        });
+    }
+
+    void fail(Health health, const std::string& reason)
+    {
+        disconnect();
+        const std::string next = m_reconnect
+                                     ? "; trying again every " + std::to_string(m_reconnectInterval.count()) + " ms"
+                                     : "; not trying again";
+        report(health, reason + next);
+        if (m_reconnect)
+            m_reconnectTimer = m_dispatcher.startTimer(m_reconnectInterval, [this] { connect(); });
+    }
+
+    void report(Health health, const std::string& text)
+    {
+        if (std::exchange(m_health, health) == health)
+            return;
+        switch (health) {
+        case Health::Unknown:
+            break;
+        case Health::Connected:
+            ZOL_Sysloglevel_info(m_logModule, label, 10, text);
+            break;
+        case Health::Absent:
+            ZOL_Sysloglevel_warning(m_logModule, label, 20, text);
+            break;
+        case Health::Lost:
+            ZOL_Sysloglevel_warning(m_logModule, label, 30, text);
+            break;
+        case Health::Stalled:
+            ZOL_Sysloglevel_warning(m_logModule, label, 40, text);
+            break;
+        case Health::Foreign:
+            ZOL_Sysloglevel_error(m_logModule, label, 50, text);
+            break;
+        case Health::Malformed:
+            ZOL_Sysloglevel_error(m_logModule, label, 60, text);
+            break;
+        case Health::Unsuitable:
+            ZOL_Sysloglevel_error(m_logModule, label, 70, text);
+            break;
+        }
+    }
+
+    const std::string m_socketPath;
+    EventDispatcher::State& m_dispatcher;
+    const ZOL_Sysloglevel_Module m_logModule;
+    const bool m_failWithoutServer;
+    const milliseconds m_requestTimeout;
+    const milliseconds m_reconnectInterval;
+    const bool m_reconnect;
+
+    TransactionQueue m_queue;
+    IConfigHandler* m_handler = nullptr;
+    std::optional<ovsdb::Subscription> m_subscription;
+
+    std::optional<ovsdb::Connection> m_connection;
+    std::optional<ovsdb::RpcSession> m_session;
+    bool m_registered = false; // the connection's descriptor, with the dispatcher
+    bool m_wantsWrite = false;
+    Health m_health = Health::Unknown;
+
+    EventDispatcher::State::TimerId m_stallTimer = 0;
+    EventDispatcher::State::TimerId m_reconnectTimer = 0;
+    EventDispatcher::State::TimerId m_retryTimer = 0;
+
+    // Not delivered yet.
+    bool m_all = false;
+    std::set<std::string> m_changedTables;
+};
+
+NotificationHandler::NotificationHandler(const std::string& socketPath, EventDispatcher& dispatcher,
+                                         const std::string& clientName, bool failWithoutServer,
+                                         int requestTimeoutSeconds, int reconnectIntervalMs, bool reconnect)
+    : m_state(std::make_unique<State>(socketPath, dispatcher, clientName, failWithoutServer, requestTimeoutSeconds,
+                                      reconnectIntervalMs, reconnect))
+{
+}
+
+NotificationHandler::~NotificationHandler() = default;
+
+void NotificationHandler::registerConfigHandler(IConfigHandler* handler)
+{
+    m_state->registerHandler(handler);
+}
+
+void NotificationHandler::initialize()
+{
+    m_state->initialize();
+}
+
+void NotificationHandler::process()
+{
+    m_state->process();
+}
+
+} // namespace zol::cfg
