@@ -93,10 +93,11 @@ public:
             ASSERT_TRUE(prepares || m_handler != nullptr) << "a step after stop";
             run(step);
             moveLog(m_record);
-            if (step.action == Action::ready)
+            if (step.action == Action::ready) {
                 m_record.take(true);
-            else if (!prepares)
+            } else if (!prepares) {
                 EXPECT_EQ(join(step.expected), m_record.take(m_trace)) << "(expected first, recorded second)";
+            }
         }
         m_handler.reset();
         zol::moatkeeper::g_debugMode = 0;
