@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -126,6 +127,9 @@ bool EventDispatcher::State::handleEvents()
             return false;
         throwErrno("epoll_pwait");
     }
+    // A wait that finds events at once does not look at signals: while events never end, none would get through.
+    const timespec noTime{};
+    ppoll(nullptr, 0, &noTime, &m_waitingMask);
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events.at(static_cast<std::size_t>(i));
         const auto found = m_descriptors.find(event.data.fd);

@@ -132,6 +132,23 @@ TEST(EventDispatcherTest, ASignalFromBeforeTheWaitEndsIt)
     std::signal(SIGTERM, before);
 }
 
+TEST(EventDispatcherTest, ASignalGetsThroughWhileEventsNeverEnd)
+{
+    g_signals = 0;
+    const auto before = std::signal(SIGTERM, countSignal);
+    {
+        const Pipe pipe;
+        EventDispatcher dispatcher;
+        dispatcher.state().addDescriptor(pipe.reader(), EPOLLIN, [](std::uint32_t) {}); // never taken
+        pipe.put();
+        std::raise(SIGTERM);
+        EXPECT_TRUE(dispatcher.handleEvents());
+        EXPECT_EQ(g_signals, 1);
+        dispatcher.state().removeDescriptor(pipe.reader());
+    }
+    std::signal(SIGTERM, before);
+}
+
 TEST(EventDispatcherTest, TheMaskFromBeforeComesBack)
 {
     sigset_t before;

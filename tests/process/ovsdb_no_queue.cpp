@@ -1,0 +1,26 @@
+// A command queue that does nothing: the tests of the connection need no tool and leave no trace.
+#include "platform_linux/transaction_queue.hpp"
+
+namespace zol::cfg
+{
+
+class TransactionQueue::State
+{
+};
+
+TransactionQueue::TransactionQueue(TransactionQueueOptions) {}
+TransactionQueue::~TransactionQueue() = default;
+void TransactionQueue::addCommand(const std::string&) {}
+int TransactionQueue::process()
+{
+    return 0;
+}
+void TransactionQueue::beginDelivery() {}
+void TransactionQueue::endDelivery() {}
+std::optional<std::chrono::milliseconds> TransactionQueue::retryIn() const
+{
+    return std::nullopt;
+}
+void TransactionQueue::retry() {}
+
+} // namespace zol::cfg
