@@ -1,0 +1,27 @@
+#!/bin/sh
+# Builds the coverage preset, runs the tests and prints line and branch coverage per file. Branches that only an
+# exception takes are left out. usage: tools/coverage.sh [argument for ctest...]   e.g. -L 'unit|golden'
+set -eu
+cd "$(dirname "$0")/.."
+tools/install-deps.sh
+
+cmake --preset coverage >/dev/null
+cmake --build --preset coverage
+find build/coverage -name '*.gcda' -delete
+ctest --preset coverage -LE install -j "$(nproc)" "$@"
+
+report() { # what, further arguments
+    gcovr -r . build/coverage -j "$(nproc)" --exclude-unreachable-branches --exclude-throw-branches \
+        --gcov-ignore-parse-errors \
+        --filter daemon/ --filter handler/ --filter records/ --filter platform_linux/ "$@"
+}
+report --json build/coverage/coverage.json
+for mode in '' --branches; do
+    if [ -z "$mode" ]; then echo; echo 'Lines'; else echo; echo 'Branches'; fi
+    # shellcheck disable=SC2086 # nothing or one word
+    gcovr -r . --add-tracefile build/coverage/coverage.json $mode
+done
+for folder in daemon handler records platform_linux; do
+    printf '\n%s\n' "$folder"
+    gcovr -r . --add-tracefile build/coverage/coverage.json --filter "$folder/" --print-summary --output /dev/null
+done
