@@ -23,6 +23,7 @@ struct ToolPaths {
 struct RunLimits {
     std::chrono::milliseconds time{60'000};     // then the child is killed
     std::chrono::milliseconds afterStop{2'000}; // likewise, counted from a stop signal
+    int keepOpen = -1;                          // a descriptor that the child holds open as well; -1: none
 };
 
 // How a child ended.

@@ -1,0 +1,82 @@
+#include "platform_linux/ebtables/messages.hpp"
+
+#include "platform_linux/ebtables/line_parser.hpp"
+
+#include <algorithm>
+#include <charconv>
+
+namespace ebtables
+{
+
+namespace
+{
+
+// The tool lists at most this many refused lines for sure; beyond that its buffer may be full.
+constexpr std::size_t certainlyListed = 12;
+
+bool takeNumber(std::string_view& text, unsigned& number)
+{
+    const auto [next, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc())
+        return false;
+    text.remove_prefix(static_cast<std::size_t>(next - text.data()));
+    return true;
+}
+
+// "ebtables-restore v1.8.9 (nf_tables): text" without what stands before the text.
+std::string_view withoutProgram(std::string_view line)
+{
+    if (line.starts_with("ebtables")) {
+        const std::size_t colon = line.find(": ");
+        return colon == std::string_view::npos ? std::string_view() : line.substr(colon + 2);
+    }
+    return line;
+}
+
+} // namespace
+
+Messages parseMessages(int exitCode, std::string_view errors)
+{
+    Messages messages;
+    std::string previous;
+    while (!errors.empty()) {
+        const std::size_t end = errors.find('\n');
+        const bool complete = end != std::string_view::npos;
+        std::string_view line = errors.substr(0, end);
+        errors.remove_prefix(complete ? end + 1 : errors.size());
+        line.remove_prefix(std::min(line.size(), line.find_first_not_of(' ')));
+        line = withoutProgram(line);
+        line.remove_prefix(std::min(line.size(), line.find_first_not_of(' ')));
+        if (line.empty())
+            continue;
+        if (messages.text.size() < 300)
+            messages.text += (messages.text.empty() ? "" : " / ") + printable(line, 200);
+
+        unsigned number = 0;
+        std::string_view rest = line;
+        if (exitCode == 4 && rest.starts_with("line ")) {
+            rest.remove_prefix(5);
+            if (complete && takeNumber(rest, number) && rest.starts_with(": "))
+                messages.lines.push_back({number, printable(rest.substr(2))});
+            else if (!complete)
+                messages.cut = true;
+        } else if (exitCode == 1 && rest.starts_with("line ")) {
+            rest.remove_prefix(5);
+            if (takeNumber(rest, number) && rest.starts_with(" failed")) {
+                rest.remove_prefix(7);
+                rest.remove_prefix(rest.starts_with(": ") ? 2 : 0);
+                messages.lines.push_back(
+                    {number, rest.empty() || rest == "." ? "refused without a reason" : printable(rest)});
+            }
+        } else if (exitCode == 2 && rest.starts_with("Error occurred at line: ")) {
+            rest.remove_prefix(24);
+            if (takeNumber(rest, number))
+                messages.lines.push_back({number, previous.empty() ? "refused without a reason" : previous});
+        }
+        previous = printable(line);
+    }
+    messages.cut = messages.cut || (exitCode == 4 && messages.lines.size() >= certainlyListed);
+    return messages;
+}
+
+} // namespace ebtables

@@ -1,0 +1,329 @@
+#include "platform_linux/ebtables/transaction.hpp"
+
+#include "platform_linux/ebtables/line_parser.hpp"
+#include "platform_linux/ebtables/messages.hpp"
+#include "platform_linux/ebtables/model.hpp"
+
+#include <algorithm>
+#include <utility>
+
+namespace ebtables
+{
+
+namespace
+{
+
+constexpr unsigned maxTries = 200; // then the commands are carried out one by one
+
+// A block for ebtables-restore; remembers which command each of its lines belongs to.
+class Block
+{
+public:
+    Block() { m_text = "*filter\n"; }
+
+    void add(const Command& command, std::size_t index)
+    {
+        if (command.kind == CommandKind::DeleteChain) // the tool deletes empty chains only
+            addLine("-F " + command.chain, index);
+        addLine(toText(command), index);
+    }
+
+    void addLine(const std::string& line, std::size_t index)
+    {
+        m_text += line;
+        m_text += '\n';
+        m_owners.push_back(index);
+    }
+
+    std::string text() const { return m_text + "COMMIT\n"; }
+
+    // The command that line K (as the tool counts) belongs to.
+    std::optional<std::size_t> owner(unsigned line) const
+    {
+        return line >= 2 && line - 2 < m_owners.size() ? std::optional(m_owners[line - 2]) : std::nullopt;
+    }
+
+    bool isCommit(unsigned line) const { return line == m_owners.size() + 2; }
+
+private:
+    std::string m_text;
+    std::vector<std::size_t> m_owners;
+};
+
+std::string cannotRunReason(const ToolPaths& paths, const RunResult& result)
+{
+    if (result.end != RunResult::End::Exited)
+        return result.reason;
+    const Messages messages = parseMessages(result.exitCode, result.errors);
+    std::string hint = "; is the kernel built with nf_tables for bridges?";
+    if (messages.text.find("ermission") != std::string::npos ||
+        messages.text.find("must be root") != std::string::npos ||
+        messages.text.find("not permitted") != std::string::npos)
+        hint = "; run as root or with CAP_NET_ADMIN";
+    return paths.restore + " ended with status " + std::to_string(result.exitCode) + ": " +
+           (messages.text.empty() ? "no message" : messages.text) + hint;
+}
+
+// One call of applyTransaction.
+class Transaction
+{
+public:
+    Transaction(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits)
+        : m_paths(paths), m_commands(commands), m_limits(limits), m_dropped(commands.size(), false)
+    {
+    }
+
+    Outcome apply()
+    {
+        for (unsigned tries = 0; tries < maxTries; ++tries) {
+            Block block;
+            for (std::size_t i = 0; i < m_commands.size(); ++i) {
+                if (!m_dropped[i])
+                    block.add(m_commands[i], i);
+            }
+            const RunResult result = runRestore(block.text());
+            if (result.end == RunResult::End::Exited && result.exitCode == 0)
+                return finish();
+            if (result.end != RunResult::End::Exited)
+                return cannotRun(result);
+            const Messages messages = parseMessages(result.exitCode, result.errors);
+            std::vector<Refused> said = attribute(block, messages);
+            if (said.empty()) {
+                const RunResult empty = runRestore(Block().text());
+                if (empty.end != RunResult::End::Exited || empty.exitCode != 0)
+                    return cannotRun(empty);
+                return separately(messages.text);
+            }
+            dropWithForetold(said);
+            if (messages.cut)
+                tryRules(said.back().index + 1);
+        }
+        return separately("too many refusals");
+    }
+
+private:
+    RunResult runRestore(const std::string& input)
+    {
+        ++m_outcome.processes;
+        return run(m_paths.restore, {"--noflush"}, input, m_limits);
+    }
+
+    Outcome finish()
+    {
+        std::ranges::sort(m_outcome.refused, {}, &Refused::index);
+        m_outcome.done = m_commands.size();
+        return std::move(m_outcome);
+    }
+
+    Outcome cannotRun(const RunResult& result)
+    {
+        m_outcome.refused.clear();
+        m_outcome.cannotRun = true;
+        m_outcome.stopped = result.end == RunResult::End::Stopped;
+        m_outcome.reason = cannotRunReason(m_paths, result);
+        return std::move(m_outcome);
+    }
+
+    void drop(std::size_t index, const std::string& reason)
+    {
+        if (m_dropped[index])
+            return;
+        m_dropped[index] = true;
+        m_outcome.refused.push_back({index, reason});
+    }
+
+    // Which commands the messages are about, ascending.
+    std::vector<Refused> attribute(const Block& block, const Messages& messages) const
+    {
+        std::vector<Refused> said;
+        for (const Messages::Line& line : messages.lines) {
+            if (const std::optional<std::size_t> index = block.owner(line.number))
+                said.push_back({*index, line.reason});
+            else if (block.isCommit(line.number))
+                attributeToJump(line.reason, said);
+        }
+        std::ranges::sort(said, {}, &Refused::index);
+        return said;
+    }
+
+    // "Chain 'X' does not exist" names the COMMIT line: it is about the first jump to X that is left.
+    void attributeToJump(const std::string& reason, std::vector<Refused>& said) const
+    {
+        const std::size_t first = reason.find('\'');
+        const std::size_t last = reason.rfind('\'');
+        if (first == last)
+            return;
+        const std::string chain = reason.substr(first + 1, last - first - 1);
+        for (std::size_t i = 0; i < m_commands.size(); ++i) {
+            const Command& command = m_commands[i];
+            const bool hasRule = command.kind == CommandKind::Append || command.kind == CommandKind::Insert ||
+                                 command.kind == CommandKind::Delete;
+            if (!m_dropped[i] && hasRule && command.rule.target == chain) {
+                said.push_back({i, reason});
+                return;
+            }
+        }
+    }
+
+    // Drops what the tool named. When the tables explain one of these, everything else that they explain goes as well:
+    // the tool would name it next.
+    void dropWithForetold(const std::vector<Refused>& said)
+    {
+        if (!m_tableRead) {
+            m_table = readTable(m_paths, nullptr, m_limits);
+            m_tableRead = true;
+            ++m_outcome.processes;
+        }
+        if (m_table) {
+            const std::vector<std::optional<std::string>> reasons = foretell(*m_table, m_commands, m_dropped);
+            if (std::ranges::any_of(said, [&](const Refused& r) { return reasons[r.index].has_value(); })) {
+                for (std::size_t i = 0; i < reasons.size(); ++i) {
+                    if (reasons[i])
+                        drop(i, *reasons[i]);
+                }
+                return;
+            }
+        }
+        for (const Refused& refused : said)
+            drop(refused.index, refused.reason);
+    }
+
+    // The kernel refused more rules than the tool listed. Whether it takes a rule hardly ever depends on its chain, so
+    // the others are put, in small blocks, into a chain of their own; a last line that the kernel always refuses keeps
+    // all of it from being committed.
+    void tryRules(std::size_t from)
+    {
+        constexpr std::size_t blockSize = 128;
+        constexpr const char* trialChain = "moatkeeper-trial";
+        constexpr const char* alwaysRefused = "-A moatkeeper-trial -p 0x0800 --ip-proto 1 --ip-dport 1 -j CONTINUE";
+        while (from < m_commands.size()) {
+            Block block;
+            const std::size_t sentinel = m_commands.size();
+            block.addLine(std::string("-N ") + trialChain, sentinel);
+            std::size_t next = from;
+            for (std::size_t taken = 0; next < m_commands.size() && taken < blockSize; ++next) {
+                const Command& command = m_commands[next];
+                if (m_dropped[next] || (command.kind != CommandKind::Append && command.kind != CommandKind::Insert))
+                    continue;
+                Rule rule = command.rule;
+                if (!isStandardTarget(rule.target))
+                    rule.target = "CONTINUE";
+                block.addLine(std::string("-A ") + trialChain + ' ' + toText(rule), next);
+                ++taken;
+            }
+            block.addLine(alwaysRefused, sentinel);
+            const RunResult result = runRestore(block.text());
+            if (result.end != RunResult::End::Exited || result.exitCode != 4) {
+                if (result.exitCode == 0)
+                    runRestore(std::string("*filter\n-F ") + trialChain + "\n-X " + trialChain + "\nCOMMIT\n");
+                return; // inconclusive: the next try of the whole tells
+            }
+            const Messages messages = parseMessages(result.exitCode, result.errors);
+            from = next;
+            for (const Messages::Line& line : messages.lines) {
+                const std::optional<std::size_t> index = block.owner(line.number);
+                if (!index || *index == sentinel)
+                    continue;
+                drop(*index, line.reason);
+                if (messages.cut)
+                    from = *index + 1;
+            }
+        }
+    }
+
+    // The last resort: every command a transaction of its own.
+    Outcome separately(const std::string& why)
+    {
+        for (std::size_t i = 0; i < m_commands.size(); ++i) {
+            if (m_dropped[i])
+                continue;
+            Block block;
+            block.add(m_commands[i], i);
+            const RunResult result = runRestore(block.text());
+            if (result.end != RunResult::End::Exited) {
+                Outcome outcome = cannotRun(result);
+                outcome.done = i;
+                return outcome;
+            }
+            if (result.exitCode != 0) {
+                const Messages messages = parseMessages(result.exitCode, result.errors);
+                drop(i, messages.text.empty() ? why : messages.text);
+            }
+        }
+        return finish();
+    }
+
+    const ToolPaths& m_paths;
+    std::span<const Command> m_commands;
+    const RunLimits& m_limits;
+    std::vector<bool> m_dropped;
+    bool m_tableRead = false;
+    std::optional<Table> m_table;
+    Outcome m_outcome;
+};
+
+// The command as arguments of the tool, one a word. Only a log prefix has blanks, inside its quotes.
+std::vector<std::string> arguments(const Command& command)
+{
+    std::vector<std::string> words;
+    bool quotes = false;
+    words.emplace_back();
+    for (const char c : toText(command)) {
+        if (c == '"')
+            quotes = !quotes;
+        else if (c == ' ' && !quotes)
+            words.emplace_back();
+        else
+            words.back() += c;
+    }
+    return words;
+}
+
+} // namespace
+
+Outcome applyTransaction(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits)
+{
+    if (commands.empty())
+        return {};
+    return Transaction(paths, commands, limits).apply();
+}
+
+Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits)
+{
+    Outcome outcome;
+    for (; outcome.done < commands.size(); ++outcome.done) {
+        ++outcome.processes;
+        const RunResult result = run(paths.ebtables, arguments(commands[outcome.done]), {}, limits);
+        if (result.end != RunResult::End::Exited) {
+            outcome.cannotRun = true;
+            outcome.stopped = result.end == RunResult::End::Stopped;
+            outcome.reason = result.reason;
+            return outcome;
+        }
+        if (result.exitCode == 0)
+            continue;
+        const std::string text = parseMessages(result.exitCode, result.errors).text;
+        if (text.find("ermission") != std::string::npos || text.find("not permitted") != std::string::npos) {
+            outcome.cannotRun = true;
+            outcome.reason = paths.ebtables + ": " + text + "; run as root or with CAP_NET_ADMIN";
+            return outcome;
+        }
+        outcome.refused.push_back({outcome.done, text.empty() ? "refused without a reason" : text});
+    }
+    return outcome;
+}
+
+std::optional<Table> readTable(const ToolPaths& paths, std::string* reason, const RunLimits& limits)
+{
+    const RunResult result = run(paths.save, {}, {}, limits);
+    if (result.end == RunResult::End::Exited && result.exitCode == 0)
+        return parseSaved(result.output);
+    if (reason != nullptr)
+        *reason = result.end != RunResult::End::Exited
+                      ? result.reason
+                      : paths.save + " ended with status " + std::to_string(result.exitCode) + ": " +
+                            printable(result.errors);
+    return std::nullopt;
+}
+
+} // namespace ebtables
