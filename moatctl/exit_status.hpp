@@ -1,0 +1,30 @@
+// How moatctl ends. The numbers are part of its interface: scripts rely on them.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace moatctl
+{
+
+enum class ExitStatus {
+    Ok = 0,       // done; check found nothing
+    Warnings = 1, // check found warnings
+    BadInput = 2, // the command line, a file or a configuration has errors; nothing was changed
+    Server = 3,   // the server cannot be reached, does not answer in time, has another schema or refused the request
+    Conflict = 4, // a row is missing, is there already, is in use, or others kept changing it; nothing was changed
+    Output = 5,   // the output could not be written
+};
+
+// Ends the program with one line on standard error and the status. The text has no line break.
+class Failure : public std::runtime_error
+{
+public:
+    Failure(ExitStatus status, const std::string& text) : std::runtime_error(text), m_status(status) {}
+    ExitStatus status() const { return m_status; }
+
+private:
+    ExitStatus m_status;
+};
+
+} // namespace moatctl

@@ -1,0 +1,41 @@
+// Writes rows as a table for people, as JSON or as CSV.
+#pragma once
+
+#include "platform/value_list.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace moatctl
+{
+
+enum class Format { Table, Json, Csv };
+
+struct OutputStyle {
+    Format format = Format::Table;
+    bool headings = true;
+};
+
+// --format and --no-headings; the style must outlive the parsing.
+void addOutputOptions(CLI::App& app, OutputStyle& style);
+
+struct Sheet {
+    std::string name;  // in JSON and CSV
+    std::string title; // above the table
+    std::vector<std::string> headings;
+    std::vector<std::vector<tessera::Value>> rows; // as many values as headings
+};
+
+// Table: a title when there are several sheets, headings, aligned columns; bytes that a terminal would obey are made
+// visible. JSON: one object, a list of objects per sheet. CSV (RFC 4180): headings and rows; when there are several
+// sheets, each row begins with the sheet's name and an empty line stands between the sheets.
+void writeSheets(std::ostream& out, const std::vector<Sheet>& sheets, const OutputStyle& style, bool colour);
+
+// A CSV field: quoted when it has to be.
+std::string csvField(std::string_view text);
+
+} // namespace moatctl

@@ -1,0 +1,52 @@
+#include "moatctl/kernel_order.hpp"
+#include "moatctl/load.hpp"
+#include "moatctl/sheets.hpp"
+#include "moatctl/verbs.hpp"
+
+#include <memory>
+
+namespace moatctl
+{
+
+namespace
+{
+
+struct Options {
+    std::string table;
+    OutputStyle style;
+};
+
+ExitStatus show(Program& program, const Options& options)
+{
+    ovsdb::Client client = program.connect();
+    const Configuration configuration = loadFromServer(client);
+    std::vector<Sheet> sheets;
+    for (const TableId id : kernelTableOrder) {
+        if (options.table.empty() || findTable(options.table)->id == id)
+            sheets.push_back(sheetOf(configuration, id, options.style.format));
+    }
+    writeSheets(program.out, sheets, options.style, program.colour);
+    return ExitStatus::Ok;
+}
+
+} // namespace
+
+void addShow(CLI::App& root, Program& program)
+{
+    auto options = std::make_shared<Options>();
+    CLI::App* app = addSubcommand(root, "show", "Show the tables in the order in which the kernel consults them",
+                                  "show rule --format=csv");
+    app->add_option("TABLE", options->table,
+                    "global, policy, forward-policy, rule, filter, filter-rule or a table's name on the server; "
+                    "all tables when left out")
+        ->check([](const std::string& name) {
+            return findTable(name) != nullptr ? std::string()
+                                              : "no table is called \"" + name +
+                                                    "\": expected global, policy, forward-policy, rule, filter or "
+                                                    "filter-rule";
+        });
+    addOutputOptions(*app, options->style);
+    app->callback([&program, options] { program.action = [&program, options] { return show(program, *options); }; });
+}
+
+} // namespace moatctl
