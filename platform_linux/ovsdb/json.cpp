@@ -49,7 +49,7 @@ private:
         return false;
     }
 
-    // What the parser has read last when it tells of a value: an opening bracket, or the end of anything else.
+    // The end of the value that the parser tells of; where it began is not known any more.
     std::size_t lastByte() const { return m_stream.Tell() > 0 ? m_stream.Tell() - 1 : 0; }
 
     bool count()
@@ -81,7 +81,7 @@ private:
 
     bool open(Json container)
     {
-        container.setOffset(lastByte());
+        container.setOffset(m_stream.Tell()); // the bracket is not read yet
         if (m_open.size() >= m_limits.depth)
             return fail("more than " + std::to_string(m_limits.depth) + " levels");
         if (!count())

@@ -1,0 +1,88 @@
+// Bytes from a configuration server, at four moments of a connection: before the schema, before the subscription, and
+// with rows held from an old and from a current server. Whatever comes, it is taken or refused with an error of ours,
+// and refused bytes leave the tables as they were.
+#include "platform_linux/ovsdb/subscription.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace
+{
+
+const std::string& schemaReply()
+{
+    static const std::string reply = [] {
+        std::ifstream file(MOATKEEPER_SCHEMA);
+        const std::string schema{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        if (schema.empty())
+            std::abort();
+        return R"({"id":1,"error":null,"result":)" + schema + "}";
+    }();
+    return reply;
+}
+
+const char* const row = R"({"Id":1,"Enabled":1,"Interface":"eth0","Policy":"DROP","EnableLogging":0})";
+const std::string uuid = "aaaaaaaa-0000-0000-0000-000000000001";
+
+void take(std::string_view bytes, ovsdb::RpcSession& session, ovsdb::Subscription& subscription)
+{
+    session.receive(bytes);
+    while (const auto message = session.next())
+        subscription.handle(*message, session);
+}
+
+std::vector<std::vector<ovsdb::Row>> copyOf(const ovsdb::TableCache& tables)
+{
+    std::vector<std::vector<ovsdb::Row>> copy;
+    for (const std::string& name : tables.tableNames())
+        copy.emplace_back(tables.rows(name).begin(), tables.rows(name).end());
+    return copy;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    if (size == 0)
+        return 0;
+    const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
+    ovsdb::Subscription subscription({"MoatKeeper", "MoatKeeperInputPolicy", "MoatKeeperRuleset"});
+    ovsdb::RpcSession session;
+    subscription.begin(session);
+    const int moment = data[0] % 4;
+    if (moment >= 1)
+        take(schemaReply(), session, subscription);
+    if (moment == 2) {
+        take(R"({"id":2,"error":"unknown method"})", session, subscription);
+        take(R"({"id":3,"error":"unknown method"})", session, subscription);
+        take(R"({"id":4,"error":null,"result":{"MoatKeeperInputPolicy":{")" + uuid + R"(":{"new":)" + row + "}}}}",
+             session, subscription);
+    } else if (moment == 3) {
+        take(R"({"id":2,"error":null,"result":[false,")" + uuid + R"(",{"MoatKeeperInputPolicy":{")" + uuid +
+                 R"(":{"initial":)" + row + "}}}]}",
+             session, subscription);
+    }
+
+    try {
+        session.receive(bytes);
+        while (const auto message = session.next()) {
+            const auto before = copyOf(subscription.tables());
+            try {
+                subscription.handle(*message, session);
+            } catch (const ovsdb::Error&) {
+                if (copyOf(subscription.tables()) != before)
+                    std::abort(); // half a change was taken
+                throw;
+            }
+        }
+    } catch (const ovsdb::Error&) {
+        return 0; // the connection would be dropped
+    }
+    return 0;
+}

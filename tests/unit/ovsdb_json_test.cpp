@@ -1,0 +1,82 @@
+#include "platform_linux/ovsdb/json.hpp"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using ovsdb::Json;
+using ovsdb::JsonError;
+using ovsdb::parseJson;
+using ovsdb::toText;
+
+struct RefusedText {
+    std::string text;
+    std::string reason; // part of the message
+};
+
+class OvsdbJsonRefusal : public testing::TestWithParam<RefusedText>
+{
+};
+
+TEST_P(OvsdbJsonRefusal, SaysWhy)
+{
+    try {
+        parseJson(GetParam().text, {.depth = 4, .values = 10});
+        FAIL() << "accepted: " << GetParam().text;
+    } catch (const JsonError& e) {
+        EXPECT_NE(std::string(e.what()).find(GetParam().reason), std::string::npos) << e.what();
+        EXPECT_LE(e.offset(), GetParam().text.size());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, OvsdbJsonRefusal,
+                         testing::Values(RefusedText{"", "empty"}, RefusedText{"   ", "empty"}, RefusedText{"{", ""},
+                                         RefusedText{"[1,]", ""}, RefusedText{"{\"a\" 1}", ""},
+                                         RefusedText{"{\"a\":1,\"a\":2}", "member \"a\" twice"},
+                                         RefusedText{"{\"x\":{\"b\":1,\"c\":2,\"b\":3}}", "member \"b\" twice"},
+                                         RefusedText{"{} {}", ""}, RefusedText{std::string("1\0 2", 4), "behind"},
+                                         RefusedText{"[[[[[1]]]]]", "more than 4 levels"},
+                                         RefusedText{"[1,2,3,4,5,6,7,8,9,10]", "more than 10 values"},
+                                         RefusedText{"\"\xc3\x28\"", ""}, RefusedText{"\"a\nb", ""},
+                                         RefusedText{"1 // one", ""}, RefusedText{"nul", ""}, RefusedText{"'a'", ""},
+                                         RefusedText{"NaN", ""}, RefusedText{"\"\\ud800\"", ""}));
+
+TEST(OvsdbJsonTest, KindsAndValues)
+{
+    const Json value =
+        parseJson(R"( {"i": -9223372036854775808, "d": 1.5, "t": "a\u00e9\"", "l": [true, null], "o": {}} )");
+    EXPECT_EQ(value.find("i")->asInteger(), INT64_MIN);
+    EXPECT_EQ(value.find("d")->asDouble(), 1.5);
+    EXPECT_FALSE(value.find("d")->asInteger().has_value());
+    EXPECT_EQ(*value.find("t")->asText(), "a\xc3\xa9\"");
+    EXPECT_EQ((*value.find("l")->asArray())[0].asBool(), true);
+    EXPECT_TRUE((*value.find("l")->asArray())[1].isNull());
+    EXPECT_STREQ(value.find("o")->kindName(), "an object");
+    EXPECT_EQ(value.find("x"), nullptr);
+    EXPECT_FALSE(parseJson("18446744073709551615").asInteger().has_value());
+}
+
+TEST(OvsdbJsonTest, WritesWhatItReads)
+{
+    const std::string text = R"({"a":[1,-2,"x\n\"",true,null,{"b":[]}],"c":0.5})";
+    EXPECT_EQ(toText(parseJson(text)), text);
+    EXPECT_EQ(parseJson(toText(parseJson(text))), parseJson(text));
+}
+
+TEST(OvsdbJsonTest, CommentsWhereAllowed)
+{
+    EXPECT_EQ(toText(parseJson("/* rules */ [1, // one\n 2]", {.comments = true})), "[1,2]");
+}
+
+TEST(OvsdbJsonTest, TellsTheLineOfAValue)
+{
+    const std::string text = "{\n  \"a\": 1,\n  \"b\": {\n    \"c\": \"x\"\n  }\n}";
+    const Json value = parseJson(text);
+    EXPECT_EQ(ovsdb::positionOf(text, value.find("a")->offset()).line, 2U);
+    EXPECT_EQ(ovsdb::positionOf(text, value.find("b")->offset()).line, 3U);
+    EXPECT_EQ(ovsdb::positionOf(text, value.find("b")->offset()).column, 8U); // the bracket itself
+    EXPECT_EQ(ovsdb::positionOf(text, value.find("b")->find("c")->offset()).line, 4U);
+}
+
+} // namespace

@@ -1,0 +1,179 @@
+#include "platform_linux/ovsdb/table_cache.hpp"
+
+#include "platform_linux/ovsdb/error.hpp"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using ovsdb::parseJson;
+using ovsdb::ProtocolError;
+using ovsdb::Row;
+using ovsdb::TableCache;
+using ovsdb::UpdateFormat;
+using Names = std::set<std::string>;
+
+const std::string u1 = "aaaaaaaa-0000-0000-0000-000000000001";
+const std::string u2 = "aaaaaaaa-0000-0000-0000-000000000002";
+const std::string policies = "MoatKeeperInputPolicy";
+
+// One table's changes as JSON text: {"table": {uuid: change}}.
+std::string change(const std::string& uuid, const std::string& what, const std::string& table = policies)
+{
+    return R"({")" + table + R"(": {")" + uuid + R"(": )" + what + "}}";
+}
+
+TableCache filled()
+{
+    TableCache cache({policies, "MoatKeeperBridgeFilterRules"});
+    cache.apply(parseJson(change(u1, R"({"insert": {"Id": 7, "Interface": "eth0", "Policy": "DROP"}})")),
+                UpdateFormat::Difference);
+    return cache;
+}
+
+std::int32_t integer(const TableCache& cache, std::size_t row, const char* column)
+{
+    return TableCache::value(*ovsdb::findTable(policies), cache.rows(policies)[row], column)->getInteger();
+}
+
+TEST(OvsdbTableCacheTest, UnsetColumnsHaveTheirValue)
+{
+    const TableCache cache = filled();
+    ASSERT_EQ(cache.rows(policies).size(), 1U);
+    EXPECT_EQ(integer(cache, 0, "Id"), 7);
+    EXPECT_EQ(integer(cache, 0, "Enabled"), 1);
+    EXPECT_EQ(integer(cache, 0, "EnableLogging"), 0);
+    EXPECT_EQ(TableCache::value(*ovsdb::findTable(policies), cache.rows(policies)[0], "Colour"), nullptr);
+    EXPECT_TRUE(cache.rows("MoatKeeperBridgeFilterRules").empty());
+    EXPECT_TRUE(cache.rows("Elsewhere").empty());
+}
+
+TEST(OvsdbTableCacheTest, RowsStandByAscendingId)
+{
+    TableCache cache = filled();
+    cache.apply(parseJson(change(u2, R"({"insert": {"Id": -3, "Interface": "eth0", "Policy": "DROP"}})")),
+                UpdateFormat::Difference);
+    EXPECT_EQ(integer(cache, 0, "Id"), -3);
+    cache.apply(parseJson(change(u2, R"({"modify": {"Id": 30}})")), UpdateFormat::Difference);
+    EXPECT_EQ(integer(cache, 0, "Id"), 7);
+    EXPECT_EQ(integer(cache, 1, "Id"), 30);
+}
+
+TEST(OvsdbTableCacheTest, NamesOnlyTablesThatDiffer)
+{
+    TableCache cache = filled();
+    EXPECT_EQ(cache.apply(parseJson(change(u1, R"({"modify": {"Enabled": 0}})")), UpdateFormat::Difference),
+              Names{policies});
+    EXPECT_EQ(integer(cache, 0, "Enabled"), 0);
+    EXPECT_EQ(cache.apply(parseJson(change(u1, R"({"modify": {"Enabled": 0}})")), UpdateFormat::Difference), Names{});
+    EXPECT_EQ(cache.apply(parseJson(change(u1, R"({"modify": {"Enabled": ["set", []]}})")), UpdateFormat::Difference),
+              Names{policies});
+    EXPECT_EQ(integer(cache, 0, "Enabled"), 1);
+    EXPECT_EQ(cache.apply(parseJson("{}"), UpdateFormat::Difference), Names{});
+    EXPECT_EQ(cache.apply(parseJson(change(u1, R"({"delete": null})")), UpdateFormat::Difference), Names{policies});
+    EXPECT_TRUE(cache.rows(policies).empty());
+}
+
+TEST(OvsdbTableCacheTest, ReplaceComparesWithTheStateBefore)
+{
+    TableCache cache = filled();
+    const std::string same = R"({"initial": {"Id": 7, "Interface": "eth0", "Policy": "DROP"}})";
+    EXPECT_EQ(cache.replace(parseJson(change(u1, same)), UpdateFormat::Difference), Names{});
+    EXPECT_EQ(cache.replace(parseJson("{}"), UpdateFormat::Difference), Names{policies});
+    EXPECT_TRUE(cache.rows(policies).empty());
+}
+
+TEST(OvsdbTableCacheTest, OldAndNew)
+{
+    const std::string row = R"({"Id": 7, "Enabled": 1, "Interface": "eth0", "Policy": "DROP", "EnableLogging": )";
+    TableCache cache = filled();
+    EXPECT_EQ(cache.apply(parseJson(change(u1, R"({"old": {"EnableLogging": 0}, "new": )" + row + "1}}")),
+                          UpdateFormat::OldAndNew),
+              Names{policies});
+    EXPECT_EQ(integer(cache, 0, "EnableLogging"), 1);
+    cache.apply(parseJson(change(u1, R"({"old": )" + row + "1}}")), UpdateFormat::OldAndNew);
+    EXPECT_TRUE(cache.rows(policies).empty());
+}
+
+struct Refused {
+    std::string update;
+    std::string reason;
+    UpdateFormat format = UpdateFormat::Difference;
+};
+
+class OvsdbTableCacheRefusal : public testing::TestWithParam<Refused>
+{
+};
+
+TEST_P(OvsdbTableCacheRefusal, LeavesEverythingAsItWas)
+{
+    TableCache cache = filled();
+    const std::vector<Row> before(cache.rows(policies).begin(), cache.rows(policies).end());
+    const auto& [update, reason, format] = GetParam();
+    try {
+        cache.apply(parseJson(update), format);
+        FAIL() << "accepted: " << update;
+    } catch (const ProtocolError& e) {
+        EXPECT_NE(std::string(e.what()).find(reason), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(before, std::vector<Row>(cache.rows(policies).begin(), cache.rows(policies).end()));
+    EXPECT_THROW(cache.replace(parseJson(R"({"Elsewhere": {}})"), format), ProtocolError);
+    EXPECT_EQ(before, std::vector<Row>(cache.rows(policies).begin(), cache.rows(policies).end()));
+}
+
+const std::string good = R"({"insert": {"Id": 8, "Interface": "eth1", "Policy": "DROP"}})";
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, OvsdbTableCacheRefusal,
+    testing::Values(
+        Refused{"[]", "expected an object, found a list"}, Refused{R"({"Elsewhere": {}})", "unknown table"},
+        Refused{R"({"MoatKeeper": {}})", "unknown table"}, // one of ours, not subscribed
+        Refused{R"({"MoatKeeperInputPolicy": 1})", "expected an object"}, Refused{change("x", good), "no UUID"},
+        Refused{change(u2.substr(1) + "g", good), "no UUID"}, Refused{change(u2, "5"), "expected an object"},
+        Refused{change(u2, "{}"), "expected one of"}, Refused{change(u2, R"({"grow": {}})"), "expected one of"},
+        Refused{change(u2, R"({"insert": {}, "modify": {}})"), "expected one of"},
+        Refused{change(u1, good), "there is such a row already"},
+        Refused{change(u2, R"({"modify": {"Enabled": 0}})"), "there is no such row"},
+        Refused{change(u2, R"({"delete": null})"), "there is no such row"},
+        Refused{change(u1, R"({"modify": {"Colour": 0}})"), "unknown column \"Colour\""},
+        Refused{change(u1, R"({"modify": {"Id": "7"}})"), "expected an integer, found a text"},
+        Refused{change(u1, R"({"modify": {"Id": 1.5}})"), "expected an integer, found a number"},
+        Refused{change(u1, R"({"modify": {"Id": true}})"), "expected an integer, found a boolean"},
+        Refused{change(u1, R"({"modify": {"Id": 2147483648}})"), "does not fit 32 bits"},
+        Refused{change(u1, R"({"modify": {"Id": -2147483649}})"), "does not fit 32 bits"},
+        Refused{change(u1, R"({"modify": {"Id": 18446744073709551616}})"), "expected an integer"},
+        Refused{change(u1, R"({"modify": {"Policy": 1}})"), "expected a text, found an integer"},
+        Refused{change(u1, R"({"modify": {"Policy": null}})"), "expected a text, found null"},
+        Refused{change(u1, R"({"modify": {"Policy": ["set", []]}})"), "expected one value, found a list"},
+        Refused{change(u1, R"({"modify": {"Enabled": ["set", [0, 1]]}})"), "expected one value"},
+        Refused{change(u1, R"({"modify": {"Enabled": ["map", []]}})"), "expected one value"},
+        Refused{change(u1, R"({"modify": {"Enabled": []}})"), "expected one value"},
+        Refused{change(u1, R"({"modify": 7})"), "expected an object"},
+        // A good change beside a bad one, in another table and in the same one.
+        Refused{R"({"MoatKeeperInputPolicy": {")" + u2 + R"(": )" + good + R"(}, "Elsewhere": {}})", "unknown table"},
+        Refused{R"({"MoatKeeperInputPolicy": {")" + u2 + R"(": )" + good + R"(, "x": )" + good + "}}", "no UUID"},
+        Refused{R"({"MoatKeeperInputPolicy": {")" + u2 + R"(": )" + good +
+                    R"(, "AAAAAAAA-0000-0000-0000-000000000002": )" + good + "}}",
+                "twice"},
+        Refused{change(u2, R"({"new": {"Id": 1}})"), "is missing", UpdateFormat::OldAndNew},
+        Refused{change(u2, "{}"), "expected old, new or both", UpdateFormat::OldAndNew},
+        Refused{change(u2, R"({"newer": {}})"), "expected old, new or both", UpdateFormat::OldAndNew},
+        Refused{change(u2, R"({"old": {}})"), "there is no such row", UpdateFormat::OldAndNew},
+        Refused{change(u1, R"({"new": {}})"), "there is such a row already", UpdateFormat::OldAndNew},
+        Refused{change(u1, R"({"old": {"Colour": 1}})"), "unknown column", UpdateFormat::OldAndNew}));
+
+TEST(OvsdbTableCacheTest, OnlyConfigurationTables)
+{
+    EXPECT_THROW(TableCache({"Elsewhere"}), std::invalid_argument);
+}
+
+TEST(OvsdbUuidTest, TextAndBack)
+{
+    const auto uuid = ovsdb::Uuid::fromText("01234567-89ab-cdef-FEDC-ba9876543210");
+    ASSERT_TRUE(uuid.has_value());
+    EXPECT_EQ(uuid->toText(), "01234567-89ab-cdef-fedc-ba9876543210");
+    EXPECT_FALSE(ovsdb::Uuid::fromText("0123456-789ab-cdef-fedc-ba9876543210").has_value());
+}
+
+} // namespace
