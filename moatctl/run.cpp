@@ -1,4 +1,5 @@
 #include "moatctl/edit.hpp"
+#include "moatctl/problem.hpp"
 #include "moatctl/verb.hpp"
 
 #include <cmath>
@@ -23,18 +24,6 @@ constexpr const char* closingText = R"(Exit status:
 Example:
   moatctl rule add --in eth0 --out eth1 --src-mac 00:11:22:33:44:55 --drop)";
 
-// The message of the library may end with a line break or consist of several lines.
-std::string oneLine(std::string text)
-{
-    while (!text.empty() && text.back() == '\n')
-        text.pop_back();
-    for (char& character : text) {
-        if (character == '\n')
-            character = ' ';
-    }
-    return text;
-}
-
 ExitStatus carryOut(Program& program)
 {
     const ExitStatus status = program.edit ? applyEdit(program, program.edit) : program.action();
@@ -46,12 +35,33 @@ ExitStatus carryOut(Program& program)
 
 } // namespace
 
+std::string oneLine(std::string text)
+{
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    for (char& character : text) {
+        if (character == '\n')
+            character = ' ';
+    }
+    return text;
+}
+
 CLI::App* addSubcommand(CLI::App& parent, const std::string& name, const std::string& description,
                         const std::string& example)
 {
     CLI::App* app = parent.add_subcommand(name, description);
     app->footer("Example:\n  moatctl " + example);
     return app;
+}
+
+CLI::Option* addValueOption(CLI::App& app, const std::string& name, const std::string& type, const std::string& help)
+{
+    return app.add_option(name, help)->type_name(type)->expected(1);
+}
+
+CLI::Option* addFlag(CLI::App& app, const std::string& name, const std::string& help)
+{
+    return app.add_flag(name, help);
 }
 
 void describeCommandLine(CLI::App& root, Program& program, bool onlyChanges)
@@ -97,7 +107,10 @@ int run(int argc, const char* const* argv, Program& program)
     } catch (const CLI::CallForVersion& version) {
         root.exit(version, program.out, program.err);
     } catch (const CLI::ParseError& error) {
-        program.err << "moatctl: " << oneLine(error.what()) << " (see moatctl --help)\n";
+        const std::vector<std::string> rest = root.remaining();
+        const bool noVerb = root.get_subcommands().empty() && !rest.empty();
+        program.err << "moatctl: " << (noVerb ? "unknown verb " + inQuotes(rest.front()) : oneLine(error.what()))
+                    << " (see moatctl --help)\n";
         status = ExitStatus::BadInput;
     } catch (const Failure& failure) {
         program.err << "moatctl: " << failure.what() << '\n';

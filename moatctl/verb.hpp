@@ -49,8 +49,15 @@ std::span<const Verb> allVerbs();
 CLI::App* addSubcommand(CLI::App& parent, const std::string& name, const std::string& description,
                         const std::string& example);
 
+// An option without a variable: its values are taken from the option (see Given). And a flag.
+CLI::Option* addValueOption(CLI::App& app, const std::string& name, const std::string& type, const std::string& help);
+CLI::Option* addFlag(CLI::App& app, const std::string& name, const std::string& help);
+
 // Adds the options and verbs of the whole program; with onlyChanges those that may stand in a batch.
 void describeCommandLine(CLI::App& root, Program& program, bool onlyChanges = false);
+
+// A message of the command-line library without its line breaks.
+std::string oneLine(std::string text);
 
 // The whole program, as main runs it. Returns the exit status.
 int run(int argc, const char* const* argv, Program& program);

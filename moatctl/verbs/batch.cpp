@@ -1,0 +1,125 @@
+#include "moatctl/batch.hpp"
+
+#include "moatctl/edit.hpp"
+#include "moatctl/load.hpp"
+#include "moatctl/verbs.hpp"
+
+#include <algorithm>
+#include <memory>
+#include <ostream>
+
+namespace moatctl
+{
+
+namespace
+{
+
+struct Step {
+    std::size_t line;
+    std::function<void(Editor&)> edit;
+};
+
+struct Mistake {
+    std::size_t line;
+    ExitStatus status;
+    std::string text;
+};
+
+class Batch
+{
+public:
+    Batch(Program& program, const std::string& path) : m_program(program), m_name(nameOf(path))
+    {
+        parse(readText(program, path));
+    }
+
+    void apply(Editor& editor)
+    {
+        for (const Step& step : m_steps) {
+            try {
+                step.edit(editor);
+            } catch (const Failure& failure) {
+                m_mistakes.push_back({step.line, failure.status(), failure.what()});
+            }
+        }
+        stopAtMistakes();
+    }
+
+private:
+    void parse(const std::string& text)
+    {
+        // The same verbs as on the command line, but only those that change rows.
+        Program inner{.in = m_program.in, .out = m_program.out, .err = m_program.err, .action = {}, .edit = {}};
+        CLI::App root("", "");
+        describeCommandLine(root, inner, true);
+        std::size_t number = 0;
+        for (std::size_t begin = 0; begin < text.size(); ++number) {
+            const std::size_t end = std::min(text.find('\n', begin), text.size());
+            parseLine(root, inner, std::string_view(text).substr(begin, end - begin), number + 1);
+            begin = end + 1;
+        }
+    }
+
+    void parseLine(CLI::App& root, Program& inner, std::string_view line, std::size_t number)
+    {
+        SplitLine split = splitLine(line);
+        if (!split.error.empty()) {
+            m_mistakes.push_back({number, ExitStatus::BadInput, split.error});
+            return;
+        }
+        if (split.words.empty())
+            return;
+        inner.edit = {};
+        try {
+            std::ranges::reverse(split.words);
+            root.parse(split.words);
+            if (inner.edit)
+                m_steps.push_back({number, inner.edit});
+            else
+                m_mistakes.push_back(
+                    {number, ExitStatus::BadInput, "changes nothing: expected a verb that changes rows"});
+        } catch (const CLI::Success&) {
+            m_mistakes.push_back({number, ExitStatus::BadInput, "--help has no place in a batch"});
+        } catch (const CLI::ParseError& error) {
+            m_mistakes.push_back({number, ExitStatus::BadInput, oneLine(error.what())});
+        } catch (const Failure& failure) {
+            m_mistakes.push_back({number, failure.status(), failure.what()});
+        }
+    }
+
+    void stopAtMistakes()
+    {
+        if (m_mistakes.empty())
+            return;
+        std::ranges::stable_sort(m_mistakes, {}, &Mistake::line);
+        for (const Mistake& mistake : m_mistakes)
+            m_program.err << m_name << ':' << mistake.line << ": error: " << mistake.text << '\n';
+        throw Failure(m_mistakes.front().status, m_name + ": " + std::to_string(m_mistakes.size()) +
+                                                     (m_mistakes.size() == 1 ? " line is" : " lines are") +
+                                                     " wrong; nothing was changed");
+    }
+
+    Program& m_program;
+    std::string m_name;
+    std::vector<Step> m_steps;
+    std::vector<Mistake> m_mistakes;
+};
+
+} // namespace
+
+void addBatch(CLI::App& root, Program& program)
+{
+    auto file = std::make_shared<std::string>("-");
+    CLI::App* app = addSubcommand(root, "batch", "Make several changes at once: a verb a line, all of them or none",
+                                  "batch changes.txt");
+    app->add_option("FILE", *file, "Lines such as: rule add --in eth0 --drop # comment; - is standard input")
+        ->capture_default_str();
+    app->callback([&program, file] {
+        program.action = [&program, file] {
+            auto batch = std::make_shared<Batch>(program, *file);
+            return applyEdit(program, [batch](Editor& editor) { batch->apply(editor); });
+        };
+    });
+}
+
+} // namespace moatctl

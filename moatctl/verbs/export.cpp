@@ -1,0 +1,54 @@
+#include "moatctl/load.hpp"
+#include "moatctl/verbs.hpp"
+#include "platform_linux/ovsdb/json.hpp"
+
+#include <ostream>
+
+namespace moatctl
+{
+
+namespace
+{
+
+// A row on one line; columns at their defaults are left out, except those that a reader looks for.
+std::string lineOf(const Row& row)
+{
+    ovsdb::Json::Object members;
+    for (std::size_t i = 0; i < row.values.size(); ++i) {
+        const ColumnInfo& column = row.table->columns[i];
+        const tessera::Value& value = row.values[i];
+        const bool always = column.required || column.name == "Enabled" || !row.table->hasIds();
+        if (!always && value == row.table->defaultOf(i))
+            continue;
+        members.emplace_back(column.name, value.isText() ? ovsdb::Json(value.getText())
+                                                         : ovsdb::Json(std::int64_t{value.getInteger()}));
+    }
+    return ovsdb::toText(ovsdb::Json(std::move(members)));
+}
+
+ExitStatus exportAll(Program& program)
+{
+    ovsdb::Client client = program.connect();
+    const Configuration configuration = loadFromServer(client);
+    program.out << "{\n";
+    for (const TableInfo& table : allTables()) {
+        program.out << "  \"" << table.name() << "\": [";
+        const std::vector<Row>& rows = configuration.rows(table.id);
+        for (const Row& row : rows)
+            program.out << (&row == &rows.front() ? "\n    " : ",\n    ") << lineOf(row);
+        program.out << (rows.empty() ? "]" : "\n  ]") << (&table == &allTables().back() ? "\n" : ",\n");
+    }
+    program.out << "}\n";
+    return ExitStatus::Ok;
+}
+
+} // namespace
+
+void addExport(CLI::App& root, Program& program)
+{
+    CLI::App* app = addSubcommand(root, "export", "Write all tables as one JSON file to standard output",
+                                  "export > configuration.json");
+    app->callback([&program] { program.action = [&program] { return exportAll(program); }; });
+}
+
+} // namespace moatctl

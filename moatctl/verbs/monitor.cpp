@@ -1,0 +1,109 @@
+#include "moatctl/difference.hpp"
+#include "moatctl/load.hpp"
+#include "moatctl/verbs.hpp"
+#include "platform_linux/ovsdb/json.hpp"
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <ostream>
+#include <unistd.h>
+
+namespace moatctl
+{
+
+namespace
+{
+
+// Local time with milliseconds and offset: 2026-01-31T12:00:00.123+01:00.
+std::string timeStamp()
+{
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const std::time_t seconds = system_clock::to_time_t(floor<std::chrono::seconds>(now));
+    const auto milli = duration_cast<milliseconds>(now - floor<std::chrono::seconds>(now)).count();
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    std::array<char, 32> date{};
+    std::array<char, 16> offset{};
+    std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &local);
+    std::strftime(offset.data(), offset.size(), "%z", &local);
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%s.%03d%.3s:%s", date.data(), static_cast<int>(milli), offset.data(),
+                  offset.data() + 3);
+    return text.data();
+}
+
+ovsdb::Json rowOf(const Row* row)
+{
+    if (row == nullptr)
+        return {};
+    ovsdb::Json::Object members;
+    for (std::size_t i = 0; i < row->values.size(); ++i) {
+        const tessera::Value& value = row->values[i];
+        members.emplace_back(row->table->columns[i].name, value.isText()
+                                                              ? ovsdb::Json(value.getText())
+                                                              : ovsdb::Json(std::int64_t{value.getInteger()}));
+    }
+    return members;
+}
+
+std::string jsonLine(const std::string& time, const Change& change)
+{
+    const char* kind = change.before == nullptr ? "added" : change.after == nullptr ? "removed" : "changed";
+    return ovsdb::toText(ovsdb::Json::Object{{"time", time},
+                                             {"change", kind},
+                                             {"table", change.table->name()},
+                                             {"id", change.id},
+                                             {"before", rowOf(change.before)},
+                                             {"after", rowOf(change.after)}});
+}
+
+// Every line is written out as soon as it is complete, so there is nothing left to do.
+extern "C" void stopMonitor(int)
+{
+    _exit(static_cast<int>(ExitStatus::Ok));
+}
+
+ExitStatus monitor(Program& program, bool json)
+{
+    ovsdb::Client client = program.connect();
+    std::signal(SIGINT, stopMonitor);
+    std::signal(SIGTERM, stopMonitor);
+    std::unique_ptr<Configuration> last;
+    const auto onChange = [&](const ovsdb::TableCache& state, const std::set<std::string>&) {
+        auto current = std::make_unique<Configuration>(toConfiguration(state));
+        if (last == nullptr) {
+            program.err << "watching the configuration\n" << std::flush;
+        } else {
+            const std::string time = timeStamp();
+            for (const Change& change : difference(*last, *current))
+                program.out << (json ? jsonLine(time, change) : time + ' ' + toText(change)) << '\n';
+            program.out.flush();
+        }
+        last = std::move(current);
+        return program.out.good();
+    };
+    client.watch(ovsdb::Client::allTableNames(), onChange);
+    return ExitStatus::Ok;
+}
+
+} // namespace
+
+void addMonitor(CLI::App& root, Program& program)
+{
+    auto format = std::make_shared<std::string>("text");
+    CLI::App* app = addSubcommand(root, "monitor", "Show changes with the time as they happen, until interrupted",
+                                  "monitor --format=json");
+    app->add_option("--format", *format, "Form of a change: a line for people, or a JSON object on a line")
+        ->check(CLI::IsMember({"text", "json"}))
+        ->type_name("text|json")
+        ->capture_default_str();
+    app->callback(
+        [&program, format] { program.action = [&program, format] { return monitor(program, *format == "json"); }; });
+}
+
+} // namespace moatctl

@@ -1,0 +1,70 @@
+#include "moatctl/rule_order.hpp"
+#include "moatctl/table_verb.hpp"
+#include "moatctl/verbs.hpp"
+
+namespace moatctl
+{
+
+namespace
+{
+
+// Who names an address means frames of its family.
+void inferEthertype(const Given&, Row& row)
+{
+    if (!row.text("Ethertype").empty() || row.integer("VLANID") != -1)
+        return;
+    for (const char* column : {"IPSrcAddr", "IPDstAddr"}) {
+        if (!row.text(column).empty()) {
+            row.set("Ethertype", std::string(row.text(column).find(':') != std::string::npos ? "IPv6" : "IPv4"));
+            return;
+        }
+    }
+}
+
+void arrange(const Given& given, Editor& editor, Row& row, bool isNew)
+{
+    if (given.has("--before"))
+        placeBeside(editor, row, given.id("--before"), true);
+    else if (given.has("--after"))
+        placeBeside(editor, row, given.id("--after"), false);
+    else if (isNew && !given.has("--priority"))
+        row.set("RulePrio", nextPriority(editor.configuration, TableId::Rules, "RulePrio"));
+}
+
+} // namespace
+
+void addRule(CLI::App& root, Program& program)
+{
+    addTableVerb(root, program,
+                 {.table = TableId::Rules,
+                  .description = "Rules: which frames pass a port, by address, VLAN, protocol and port",
+                  .options = {{"--priority", "RulePrio", "NUMBER"},
+                              {"--in", "InInterface", "PORT"},
+                              {"--out", "OutInterface", "PORT"},
+                              {"--src-mac", "SrcMAC", "MAC"},
+                              {"--dst-mac", "DstMAC", "MAC"},
+                              {"--vlan", "VLANID", "NUMBER"},
+                              {"--ethertype", "Ethertype", "TYPE"},
+                              {"--src", "IPSrcAddr", "NETWORK"},
+                              {"--dst", "IPDstAddr", "NETWORK"},
+                              {"--proto", "IPProto", "PROTOCOL"},
+                              {"--port", "IPPort", "NUMBER"}},
+                  .targetColumn = "Target",
+                  .logs = true,
+                  .addExample = "--in eth0 --out eth1 --src 10.0.0.0/8 --proto tcp --port 80 --log --drop",
+                  .setExample = "3 --port 443 --after 5",
+                  .describe =
+                      [](CLI::App& app, bool) {
+                          CLI::Option* priority = app.get_option("--priority");
+                          CLI::Option* before =
+                              addValueOption(app, "--before", "ID", "Put the rule directly before this one");
+                          CLI::Option* after =
+                              addValueOption(app, "--after", "ID", "Put the rule directly behind this one");
+                          before->excludes(priority)->excludes(after);
+                          after->excludes(priority);
+                      },
+                  .complete = inferEthertype,
+                  .arrange = arrange});
+}
+
+} // namespace moatctl
