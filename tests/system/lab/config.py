@@ -1,0 +1,90 @@
+"""The six configuration tables, read and changed through the configuration server."""
+
+import json
+import socket
+
+from lab.programs import SOCKET
+
+DATABASE = "moatkeeper"
+MAIN, RULES = "MoatKeeper", "MoatKeeperRuleset"
+INPUT_POLICY, FORWARD_POLICY = "MoatKeeperInputPolicy", "MoatKeeperForwardingPolicy"
+FILTERS, FILTER_RULES = "MoatKeeperBridgeFilters", "MoatKeeperBridgeFilterRules"
+TABLES = (MAIN, INPUT_POLICY, FORWARD_POLICY, RULES, FILTERS, FILTER_RULES)
+
+
+class Refused(Exception):
+    """The server refused a transaction; nothing of it was done."""
+
+
+class Config:
+    """One connection to the server. Every operation here is a transaction of its own."""
+
+    def __init__(self, path=SOCKET):
+        self._socket = socket.socket(socket.AF_UNIX)
+        self._socket.settimeout(10)
+        self._socket.connect(path)
+        self._buffer = ""
+        self._number = 0
+
+    def close(self):
+        self._socket.close()
+
+    def replace(self, tables):
+        """The whole configuration: {table: [row, ...]}, a row {column: value}. Tables not named become empty."""
+        self.transact(*(delete(table) for table in TABLES),
+                      *(insert(table, **row) for table, rows in tables.items() for row in rows))
+
+    def insert(self, table, **row):
+        self.transact(insert(table, **row))
+
+    def update(self, table, rowId, **row):
+        """Changes columns of the row with that Id; of the only row of the table if rowId is None."""
+        self.transact({"op": "update", "table": table, "where": _where(rowId), "row": row})
+
+    def delete(self, table, rowId):
+        self.transact(delete(table, rowId))
+
+    def transact(self, *operations):
+        """Carries out all operations or, raising Refused, none."""
+        self._number += 1
+        request = {"method": "transact", "params": [DATABASE, *operations], "id": self._number}
+        self._socket.sendall(json.dumps(request).encode())
+        reply = self._receive()
+        results = reply["result"]
+        problems = [result for result in results or [] if result and "error" in result]
+        if reply["error"] or problems:
+            raise Refused(reply["error"] or problems)
+        return results
+
+    def _receive(self):
+        decoder = json.JSONDecoder()
+        while True:
+            message = None
+            if self._buffer:
+                try:
+                    message, end = decoder.raw_decode(self._buffer)
+                    self._buffer = self._buffer[end:].lstrip()
+                except json.JSONDecodeError:
+                    pass  # not all of it here yet
+            if message is None:
+                data = self._socket.recv(65536)
+                if not data:
+                    raise ConnectionError("the configuration server closed the connection")
+                self._buffer += data.decode()
+            elif message.get("method") == "echo":
+                self._socket.sendall(json.dumps(
+                    {"id": message["id"], "result": message["params"], "error": None}).encode())
+            elif message.get("id") == self._number:
+                return message
+
+
+def insert(table, **row):
+    return {"op": "insert", "table": table, "row": row}
+
+
+def delete(table, rowId=None):
+    return {"op": "delete", "table": table, "where": _where(rowId)}
+
+
+def _where(rowId):
+    return [] if rowId is None else [["Id", "==", rowId]]
