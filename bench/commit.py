@@ -1,0 +1,315 @@
+#!/usr/bin/python3
+"""Measures how long a commit takes, side by side with other ways of bringing the same rules into the kernel.
+
+usage: commit.py BUILD_FOLDER [--csv FILE] [--svg FILE] [--sizes N,N,...] [--per-line-up-to N] [--rounds N]
+
+Runs in network and mount namespaces of its own; needs root. Every figure is a median of ROUNDS refills, the ways taken
+in turn, of tables that already hold as many other rules:
+  per line    one ebtables process for each line
+  restore     ebtables-restore --noflush with the same lines, and nothing else
+  nft         nft -f with rules of the same meaning
+  commit      the daemon's commit: commitToSystem called until the transaction is applied
+  change      the same after one rule of the table has changed
+  database    from the transaction sent to ovsdb-server until the kernel has the rules, the whole daemon in between
+"""
+
+import argparse
+import csv
+import json
+import os
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+from netfilter import Generation  # noqa: E402
+
+WORK = "/run/moatkeeper-bench"
+SERVER_SOCKET = "/tmp/cfgserver.socket"
+COLUMNS = ["per line", "restore", "nft", "commit", "change", "database"]
+
+
+def inside_namespaces():
+    """Starts this script again in namespaces of its own, with the programs where a private /tmp does not hide them."""
+    if os.environ.get("MOATKEEPER_BENCH_INSIDE"):
+        return
+    os.environ["MOATKEEPER_BENCH_INSIDE"] = "1"
+    os.execvp("unshare", ["unshare", "--net", "--mount", "--propagation", "private", sys.executable,
+                          os.path.abspath(__file__)] + sys.argv[1:])
+
+
+def prepare(build):
+    """Private /run and /tmp, the programs copied into the first."""
+    source = os.path.join(HERE, "..", "schema", "moatkeeper.ovsschema")
+    files = {"driver": f"{build}/bench/commit_driver", "moatkeeper": f"{build}/daemon/moatkeeper",
+             "moatkeeper.ovsschema": source}
+    contents = {name: open(path, "rb").read() for name, path in files.items()}
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run"], check=True)
+    os.mkdir(WORK)
+    for name, content in contents.items():
+        with open(f"{WORK}/{name}", "wb") as out:
+            out.write(content)
+        os.chmod(f"{WORK}/{name}", 0o755)
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"], check=True)
+
+
+class Driver:
+    """The handler and the command queue in a process of their own."""
+
+    def __init__(self):
+        self._process = subprocess.Popen([f"{WORK}/driver", f"{WORK}/record"], stdin=subprocess.PIPE,
+                                         stdout=subprocess.PIPE, text=True)
+
+    def ask(self, command):
+        self._process.stdin.write(command + "\n")
+        self._process.stdin.flush()
+        return self._process.stdout.readline().strip()
+
+    def lines(self):
+        count = int(self.ask("lines"))
+        return [self._process.stdout.readline().strip() for _ in range(count)]
+
+    def deliver(self):
+        return int(self.ask("deliver")) / 1e6
+
+    def close(self):
+        self._process.stdin.write("quit\n")
+        self._process.stdin.close()
+        if self._process.wait(timeout=120) != 0:
+            sys.exit("the driver failed")
+
+
+def rule_lines(driver):
+    """The refill's lines out of a first commit's: the two flushes and the rules."""
+    lines = driver.lines()
+    return [line for line in lines if line.startswith(("ebtables -F User", "ebtables -A UserForwardRules"))
+            and "Policy" not in line]
+
+
+def nft_script(lines):
+    """Rules of the same meaning in nft's language."""
+    script = ["flush chain bridge filter UserInputRules", "flush chain bridge filter UserForwardRules"]
+    for line in lines:
+        words = line.split()
+        if words[1] != "-A":
+            continue
+        options = dict(zip(words[3::2], words[4::2]))
+        rule = ["add rule bridge filter", words[2], f'iifname "{options["-i"]}" oifname "{options["-o"]}"']
+        if "-s" in options:
+            rule.append(f'ether saddr {options["-s"]}')
+        if "-p" in options:
+            rule.append("ether type ip")
+        if "--ip-source" in options:
+            rule.append(f'ip saddr {options["--ip-source"]}')
+        if "--ip-destination" in options:
+            rule.append(f'ip daddr {options["--ip-destination"]}')
+        if "--ip-destination-port" in options:
+            rule.append(f'tcp dport {options["--ip-destination-port"]}')
+        rule += ["counter", options["-j"].lower()]
+        script.append(" ".join(rule))
+    return "\n".join(script) + "\n"
+
+
+def timed_run(arguments, **keywords):
+    start = time.monotonic()
+    result = subprocess.run(arguments, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, **keywords)
+    spent = time.monotonic() - start
+    if result.returncode != 0:
+        sys.exit(f"{arguments[0]} failed: {result.stderr[:300]}")
+    return spent
+
+
+def write_file(name, text):
+    path = f"{WORK}/{name}"
+    with open(path, "w") as out:
+        out.write(text)
+    return path
+
+
+def per_line(lines):
+    start = time.monotonic()
+    for line in lines:
+        subprocess.run(line.split(), check=True, stdout=subprocess.DEVNULL)
+    return time.monotonic() - start
+
+
+def kernel_rules():
+    saved = subprocess.run(["ebtables-save"], capture_output=True, text=True, check=True).stdout
+    return sum(line.startswith("-A UserForwardRules") for line in saved.splitlines())
+
+
+def measure_queue(size, rounds, with_per_line):
+    driver = Driver()
+    figures = {column: [] for column in COLUMNS}
+    batches = {}
+    variant = 0
+    driver.ask(f"rules {size} {variant}")
+    driver.deliver()
+    for _ in range(rounds):
+        variant += 1
+        driver.ask(f"rules {size} {variant}")
+        figures["commit"].append(driver.deliver())
+        assert kernel_rules() == size
+        driver.ask("change")
+        figures["change"].append(driver.deliver())
+        lines = rule_lines(driver)
+        assert len(lines) == size + 2, (len(lines), size)
+        batch = "*filter\n" + "".join(line.removeprefix("ebtables ") + "\n" for line in lines) + "COMMIT\n"
+        with open(write_file("batch", batch)) as source:
+            figures["restore"].append(timed_run(["ebtables-restore", "--noflush"], stdin=source))
+        assert kernel_rules() == size
+        script = write_file("script", nft_script(lines))
+        figures["nft"].append(timed_run(["nft", "-f", script]))
+        batches[variant] = lines
+    if with_per_line:
+        figures["per line"].append(per_line(batches[variant]))
+        assert kernel_rules() == size
+    driver.close()
+    return figures
+
+
+class Database:
+    """A real ovsdb-server and the real daemon."""
+
+    def __init__(self):
+        self._processes = []
+        subprocess.run(["ovsdb-tool", "create", f"{WORK}/conf.db", f"{WORK}/moatkeeper.ovsschema"], check=True)
+        self._start(["ovsdb-server", f"--remote=punix:{SERVER_SOCKET}", "--no-chdir", f"--unixctl={WORK}/ctl",
+                     "--log-file=/dev/null", f"{WORK}/conf.db"])
+        self._socket = socket.socket(socket.AF_UNIX)
+        deadline = time.monotonic() + 20
+        while True:
+            try:
+                self._socket.connect(SERVER_SOCKET)
+                break
+            except OSError:
+                if time.monotonic() > deadline:
+                    raise
+                time.sleep(0.01)
+        self._generation = Generation()
+        before = self._generation.current()
+        self._start([f"{WORK}/moatkeeper", "-p", WORK])
+        self._wait_for_generation(before)
+        self._identity = 0
+
+    def _start(self, arguments):
+        self._processes.append(subprocess.Popen(arguments, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+
+    def _wait_for_generation(self, before):
+        deadline = time.monotonic() + 120
+        while self._generation.current() == before:
+            if time.monotonic() > deadline:
+                sys.exit("the kernel's rules did not change")
+            time.sleep(0.0005)
+
+    def send(self, operations):
+        """Sends a transaction; returns the seconds from then until the kernel's rules have changed."""
+        self._identity += 1
+        request = json.dumps({"method": "transact", "id": self._identity,
+                              "params": ["moatkeeper"] + operations}).encode()
+        before = self._generation.current()
+        start = time.monotonic()
+        self._socket.sendall(request)
+        self._wait_for_generation(before)
+        spent = time.monotonic() - start
+        decoder, text = json.JSONDecoder(), ""
+        while True:
+            text += self._socket.recv(1 << 20).decode()
+            try:
+                answer, _ = decoder.raw_decode(text)
+                break
+            except json.JSONDecodeError:
+                continue
+        if answer.get("error") or any(entry and "error" in entry for entry in answer["result"]):
+            sys.exit(f"the server refused: {answer}")
+        return spent
+
+    def close(self):
+        for process in reversed(self._processes):
+            process.send_signal(signal.SIGTERM)
+            if process.wait(timeout=120) != 0:
+                sys.exit(f"{process.args[0]} ended with {process.returncode}")
+
+
+def operations(size, variant):
+    """Replaces the rule table by the rules that the driver makes."""
+    result = [{"op": "delete", "table": "MoatKeeperRuleset", "where": []}]
+    for number in range(1, size + 1):
+        row = {"Id": number, "RulePrio": number, "InInterface": "in", "OutInterface": "out", "Target": "DROP"}
+        host = f"{variant % 250}.{number // 250}.{number % 250 + 1}"
+        if number % 3 == 0:
+            row["SrcMAC"] = "02:00:%02x:%02x:%02x:%02x" % (variant, number >> 16, number >> 8 & 255, number & 255)
+        elif number % 3 == 1:
+            row.update(Ethertype="IPv4", IPSrcAddr=f"10.{host}")
+        else:
+            row.update(Ethertype="IPv4", IPDstAddr=f"10.{host}", IPProto="TCP", IPPort=80, Target="ACCEPT")
+        result.append({"op": "insert", "table": "MoatKeeperRuleset", "row": row})
+    return result
+
+
+def measure_database(size, rounds, figures):
+    database = Database()
+    database.send(operations(size, 0))
+    for variant in range(1, rounds + 1):
+        figures["database"].append(database.send(operations(size, variant)))
+        assert kernel_rules() == size
+    database.close()
+    os.unlink(f"{WORK}/conf.db")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("build")
+    parser.add_argument("--csv")
+    parser.add_argument("--svg")
+    parser.add_argument("--sizes", default="100,1000,4000,10000,20000")
+    parser.add_argument("--per-line-up-to", type=int, default=1000)
+    parser.add_argument("--rounds", type=int, default=5)
+    inside_namespaces()
+    options = parser.parse_args()
+    if os.geteuid() != 0 or not all(map(shutil.which, ["ebtables-restore", "nft", "ovsdb-server"])):
+        sys.exit("needs root, ebtables, nft and ovsdb-server")
+    results = {name: open(os.path.abspath(name), "w") for name in (options.csv, options.svg) if name}
+    prepare(os.path.abspath(options.build))
+
+    print(f"{'rules':>6}" + "".join(f"{column + ' ms':>14}" for column in COLUMNS)
+          + "   commit/restore  database/restore  per line/commit")
+    rows = []
+    for size in map(int, options.sizes.split(",")):
+        figures = measure_queue(size, options.rounds, size <= options.per_line_up_to)
+        measure_database(size, options.rounds, figures)
+        row = {column: statistics.median(values) if values else None for column, values in figures.items()}
+        rows.append({"rules": size, **row})
+        ratio = row["per line"] / row["commit"] if row["per line"] else None
+        print(f"{size:>6}" + "".join(f"{row[column] * 1000:>14.1f}" if row[column] else f"{'-':>14}"
+                                     for column in COLUMNS)
+              + f"   {row['commit'] / row['restore']:>14.2f}  {row['database'] / row['restore']:>16.2f}"
+              + (f"  {ratio:>15.0f}" if ratio else f"  {'-':>15}"), flush=True)
+
+    if options.csv:
+        writer = csv.DictWriter(results[options.csv], ["rules"] + COLUMNS)
+        writer.writeheader()
+        writer.writerows(rows)
+    if options.svg:
+        plot(rows, results[options.svg])
+
+
+def plot(rows, output):
+    data = write_file("plot.dat", "\n".join(
+        " ".join(str(row[column]) if row[column] else "?" for column in ["rules"] + COLUMNS) for row in rows))
+    curves = ", ".join(f"'{data}' using 1:{index + 2} with linespoints title '{column}'"
+                       for index, column in enumerate(COLUMNS))
+    script = f"""set terminal svg size 800,500 font 'sans,13' background 'white'
+set logscale xy; set xlabel 'rules'; set ylabel 'seconds'; set grid; set key left top
+set datafile missing '?'
+plot {curves}"""
+    output.write(subprocess.run(["gnuplot", "-"], input=script, capture_output=True, text=True, check=True).stdout)
+
+
+if __name__ == "__main__":
+    main()
