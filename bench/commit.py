@@ -232,7 +232,7 @@ class Database:
     def close(self):
         for process in reversed(self._processes):
             process.send_signal(signal.SIGTERM)
-            if process.wait(timeout=120) != 0:
+            if process.wait(timeout=120) not in (0, -signal.SIGTERM):
                 sys.exit(f"{process.args[0]} ended with {process.returncode}")
 
 
