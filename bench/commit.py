@@ -10,7 +10,9 @@ in turn, of tables that already hold as many other rules:
   nft         nft -f with rules of the same meaning
   commit      the daemon's commit: commitToSystem called until the transaction is applied
   change      the same after one rule of the table has changed
-  database    from the transaction sent to ovsdb-server until the kernel has the rules, the whole daemon in between
+  database    the whole way with the daemon in between: one row of the table is changed in the database, until the
+              kernel has the table's rules anew; counted from the transaction sent to ovsdb-server
+  all rows    the same for a transaction that replaces every row; most of it is the server's own work
 """
 
 import argparse
@@ -31,7 +33,7 @@ from netfilter import Generation  # noqa: E402
 
 WORK = "/run/moatkeeper-bench"
 SERVER_SOCKET = "/tmp/cfgserver.socket"
-COLUMNS = ["per line", "restore", "nft", "commit", "change", "database"]
+COLUMNS = ["per line", "restore", "nft", "commit", "change", "database", "all rows"]
 
 
 def inside_namespaces():
@@ -256,7 +258,10 @@ def measure_database(size, rounds, figures):
     database = Database()
     database.send(operations(size, 0))
     for variant in range(1, rounds + 1):
-        figures["database"].append(database.send(operations(size, variant)))
+        figures["all rows"].append(database.send(operations(size, variant)))
+        assert kernel_rules() == size
+        change = {"op": "update", "table": "MoatKeeperRuleset", "where": [["Id", "==", 1]], "row": {"RulePrio": -variant}}
+        figures["database"].append(database.send([change]))
         assert kernel_rules() == size
     database.close()
     os.unlink(f"{WORK}/conf.db")

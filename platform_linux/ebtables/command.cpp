@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 
 #include <bit>
-#include <cstdio>
+#include <string_view>
 
 namespace ebtables
 {
@@ -19,25 +19,40 @@ void add(std::string& text, const char* option, bool negated, const std::string&
     text += ' ';
 }
 
+// By hand where thousands are written for one commit: printf and what is made of it cost more than the rest.
+constexpr std::string_view hexDigits = "0123456789abcdef";
+
 std::string hex(unsigned number)
 {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%04x", number);
+    std::string text = "0x";
+    for (const unsigned shift : {12U, 8U, 4U, 0U})
+        text += hexDigits[number >> shift & 0xfU];
     return text;
 }
 
 std::string mac(const std::array<std::uint8_t, 6>& a)
 {
-    char text[24];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", a[0], a[1], a[2], a[3], a[4], a[5]);
+    std::string text;
+    for (const std::uint8_t byte : a) {
+        if (!text.empty())
+            text += ':';
+        text += hexDigits[byte >> 4U];
+        text += hexDigits[byte & 0xfU];
+    }
     return text;
 }
 
 template <std::size_t N>
 std::string address(const std::array<std::uint8_t, N>& bytes)
 {
+    if constexpr (N == 4) {
+        std::string text = std::to_string(bytes[0]);
+        for (std::size_t i = 1; i < N; ++i)
+            text.append(1, '.').append(std::to_string(bytes[i]));
+        return text;
+    }
     char text[INET6_ADDRSTRLEN];
-    return inet_ntop(N == 4 ? AF_INET : AF_INET6, bytes.data(), text, sizeof text) != nullptr ? text : "";
+    return inet_ntop(AF_INET6, bytes.data(), text, sizeof text) != nullptr ? text : "";
 }
 
 template <std::size_t N>

@@ -4,6 +4,7 @@
 #include "platform_linux/ebtables/operands.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <span>
 #include <utility>
@@ -32,9 +33,28 @@ struct Refuse {
 
 constexpr const char* shellExpected = "plain words: nothing here goes through a shell";
 
-bool isIn(char c, std::string_view set)
+// What a character does outside quotes. Most lines are all Plain, Blank and one pair of Quotes, and there are
+// thousands of them: one look-up a character, whole runs at a time.
+enum class Kind : unsigned char { Plain, Blank, Quote, Separator, Shell, ShellInQuotes, Unprintable };
+
+constexpr std::array<Kind, 256> kinds = [] {
+    std::array<Kind, 256> result{};
+    result.fill(Kind::Unprintable);
+    for (unsigned char c = ' '; c <= '~'; ++c)
+        result[c] = Kind::Plain;
+    for (const unsigned char c : std::string_view("|&<>(){}'*?[]~#^"))
+        result[c] = Kind::Shell;
+    for (const unsigned char c : std::string_view("$`\\")) // a shell expands these in double quotes as well
+        result[c] = Kind::ShellInQuotes;
+    result[' '] = Kind::Blank;
+    result['"'] = Kind::Quote;
+    result[';'] = Kind::Separator;
+    return result;
+}();
+
+Kind kindOf(char c)
 {
-    return set.find(c) != std::string_view::npos;
+    return kinds[static_cast<unsigned char>(c)];
 }
 
 // Splits into commands at `;` and each command into words at blanks.
@@ -50,32 +70,44 @@ std::vector<std::vector<Word>> split(std::string_view line)
         word.reset();
     };
     bool quotes = false;
-    for (std::size_t i = 0; i < line.size(); ++i) {
-        const char c = line[i];
+    const auto belongsToWord = [&](char c) {
+        const Kind kind = kindOf(c);
+        return kind == Kind::Plain ||
+               (quotes && (kind == Kind::Blank || kind == Kind::Separator || kind == Kind::Shell));
+    };
+    for (std::size_t i = 0; i < line.size();) {
         const auto context = [&] { return (word ? word->text : std::string()) + std::string(line.substr(i, 20)); };
-        if (c < ' ' || c > '~')
+        if (belongsToWord(line[i])) {
+            if (!word)
+                word.emplace();
+            const auto* const begin = line.data() + i;
+            const auto* const end = std::find_if_not(begin, line.data() + line.size(), belongsToWord);
+            word->text.append(begin, end);
+            i += static_cast<std::size_t>(end - begin);
+            continue;
+        }
+        switch (kindOf(line[i])) {
+        case Kind::Unprintable:
             refuse(context(), "", "printable ASCII characters only");
-        if (isIn(c, "$`\\"))
+        case Kind::Shell:
+        case Kind::ShellInQuotes:
             refuse(context(), "", shellExpected);
-        if (quotes && c != '"') {
-            word->text += c;
-        } else if (c == '"') {
-            if (!quotes && !word)
+        case Kind::Quote:
+            if (!word)
                 word.emplace();
             word->quoted = true;
             quotes = !quotes;
-        } else if (c == ' ') {
-            endWord();
-        } else if (c == ';') {
+            break;
+        case Kind::Separator:
             endWord();
             commands.emplace_back();
-        } else if (isIn(c, "|&<>(){}'*?[]~#^")) {
-            refuse(context(), "", shellExpected);
-        } else {
-            if (!word)
-                word.emplace();
-            word->text += c;
+            break;
+        case Kind::Blank:
+        case Kind::Plain:
+            endWord();
+            break;
         }
+        ++i;
     }
     if (quotes)
         refuse(word->text, "", "a closing double quote");
