@@ -1,5 +1,6 @@
 """What the kernel's bridge tables hold."""
 
+import re
 import subprocess
 
 from lab import waiting
@@ -19,6 +20,15 @@ def readTables():
             _, chain, rule = line.split(" ", 2)
             chains[chain].append(rule)
     return chains
+
+
+def readJumpCounts(chain):
+    """{target: frames that reached it by a jump of that chain}."""
+    listed = subprocess.run(["ebtables", "-L", chain, "--Lc"], check=True, capture_output=True, text=True).stdout
+    counts = {}
+    for target, frames in re.findall(r"-j (\S+).*, pcnt = (\d+)", listed):
+        counts[target] = counts.get(target, 0) + int(frames)
+    return counts
 
 
 def untouched():
