@@ -8,9 +8,10 @@ namespace moatctl
 std::span<const Verb> allVerbs()
 {
     static constexpr std::array verbs{
-        Verb{addShow, false},   Verb{addRule, true},       Verb{addPolicy, true},   Verb{addForwardPolicy, true},
-        Verb{addFilter, true},  Verb{addFilterRule, true}, Verb{addGlobal, true},   Verb{addBatch, false},
-        Verb{addExport, false}, Verb{addImport, false},    Verb{addMonitor, false},
+        Verb{addShow, false},    Verb{addRule, true},       Verb{addPolicy, true}, Verb{addForwardPolicy, true},
+        Verb{addFilter, true},   Verb{addFilterRule, true}, Verb{addGlobal, true}, Verb{addBatch, false},
+        Verb{addExport, false},  Verb{addImport, false},    Verb{addCheck, false}, Verb{addExplain, false},
+        Verb{addMonitor, false},
     };
     return verbs;
 }

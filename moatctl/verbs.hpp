@@ -6,6 +6,8 @@
 namespace moatctl
 {
 
+void addCheck(CLI::App& root, Program& program);
+void addExplain(CLI::App& root, Program& program);
 void addShow(CLI::App& root, Program& program);
 void addRule(CLI::App& root, Program& program);
 void addPolicy(CLI::App& root, Program& program);

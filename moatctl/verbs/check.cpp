@@ -1,0 +1,82 @@
+#include "moatctl/check.hpp"
+
+#include "moatctl/load.hpp"
+#include "moatctl/output.hpp"
+#include "moatctl/verbs.hpp"
+
+#include <memory>
+#include <ostream>
+#include <utility>
+
+namespace moatctl
+{
+
+namespace
+{
+
+struct Options {
+    std::string path;
+    bool elsewhere = false;
+    OutputStyle style;
+};
+
+Sheet sheetOf(const std::vector<Problem>& problems)
+{
+    Sheet sheet{"problems", "Problems", {"severity", "file", "line", "table", "id", "column", "text"}, {}};
+    using tessera::Value;
+    for (const Problem& problem : problems) {
+        sheet.rows.push_back({Value(std::string(problem.severity == Severity::Error ? "error" : "warning")),
+                              Value(problem.file), Value(static_cast<std::int32_t>(problem.line)), Value(problem.table),
+                              Value(problem.id), Value(problem.column), Value(problem.text)});
+    }
+    return sheet;
+}
+
+ExitStatus check(Program& program, const Options& options)
+{
+    LoadedFile loaded;
+    if (options.path.empty()) {
+        ovsdb::Client client = program.connect();
+        loaded.configuration = loadFromServer(client);
+    } else {
+        loaded = parseConfiguration(readText(program, options.path), nameOf(options.path));
+    }
+
+    CheckOptions checkOptions;
+    if (!options.elsewhere)
+        checkOptions.interfaceExists = isInterfaceHere;
+    std::vector<Problem> problems = std::move(loaded.problems);
+    for (Problem& problem : checkConfiguration(loaded.configuration, checkOptions))
+        problems.push_back(std::move(problem));
+
+    ExitStatus status = ExitStatus::Ok;
+    for (const Problem& problem : problems) {
+        if (problem.severity == Severity::Error)
+            status = ExitStatus::BadInput;
+        else if (status == ExitStatus::Ok)
+            status = ExitStatus::Warnings;
+    }
+    if (options.style.format == Format::Table)
+        writeProblems(program.out, problems);
+    else
+        writeSheets(program.out, {sheetOf(problems)}, options.style, program.colour);
+    return status;
+}
+
+} // namespace
+
+void addCheck(CLI::App& root, Program& program)
+{
+    auto options = std::make_shared<Options>();
+    CLI::App* app = addSubcommand(root, "check", "Find what is wrong with a configuration before it takes effect",
+                                  "check rules.json");
+    app->add_option("FILE", options->path,
+                    "A file as export writes it, - for standard input; the server's "
+                    "configuration when left out");
+    app->add_flag("--elsewhere", options->elsewhere,
+                  "The configuration is for another device: do not look for its interfaces on this machine");
+    addOutputOptions(*app, options->style);
+    app->callback([&program, options] { program.action = [&program, options] { return check(program, *options); }; });
+}
+
+} // namespace moatctl
