@@ -43,8 +43,8 @@ fake::Row ruleRow(std::int32_t number, std::int32_t count, std::int32_t variant)
         return row.set("Target", "DROP");
     if (number == count - 1)
         return row.set("SrcMAC", "02:aa:00:00:00:01").set("Target", "ACCEPT");
-    const std::string host = std::to_string(variant % 250) + "." + std::to_string(number / 250) + "." +
-                             std::to_string(number % 250 + 1);
+    const std::string host =
+        std::to_string(variant % 250) + "." + std::to_string(number / 250) + "." + std::to_string(number % 250 + 1);
     switch (number % 3) {
     case 0:
         return row.set("SrcMAC", macAddress(number + variant * 100'000)).set("Target", "DROP");

@@ -3,7 +3,8 @@
 
 #include <string>
 
-namespace zol::cfg {
+namespace zol::cfg
+{
 
 // Takes command lines and carries them out in the order queued.
 //

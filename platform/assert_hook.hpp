@@ -1,7 +1,8 @@
 // What happens when the process meets a state that must not be: one report, then abort.
 #pragma once
 
-namespace zol::error {
+namespace zol::error
+{
 
 // While an object lives, a failed assertion or an exception that nobody catches is reported before the
 // process aborts. One object at a time, constructed and destroyed on the main thread.

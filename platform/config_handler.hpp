@@ -4,7 +4,8 @@
 #include <list>
 #include <string>
 
-namespace zol::cfg {
+namespace zol::cfg
+{
 
 class ActionQueue;
 class IConfigReader;

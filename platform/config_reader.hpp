@@ -6,11 +6,11 @@
 #include <cstdint>
 #include <string>
 
-namespace zol::cfg {
+namespace zol::cfg
+{
 
 // Whether a request to the source succeeded; text says why not, for a log line.
-struct ConfigStatus
-{
+struct ConfigStatus {
     bool ok = true;
     std::string text;
 };

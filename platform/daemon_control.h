@@ -8,12 +8,11 @@
 #include <string>
 
 // What the functions below need to know of the daemon. Filled by ZOL_Daemon_construct; nothing to release.
-struct ZOL_Daemon
-{
-    std::string name;         // also the file's name, with ".pid" behind it
-    std::string location;     // folder of the PID file
-    std::string pidFile;      // location/name.pid
-    int parentPipe = -1;      // tells the waiting parent of a daemonized process that the PID file is written
+struct ZOL_Daemon {
+    std::string name;     // also the file's name, with ".pid" behind it
+    std::string location; // folder of the PID file
+    std::string pidFile;  // location/name.pid
+    int parentPipe = -1;  // tells the waiting parent of a daemonized process that the PID file is written
 };
 
 // Prepares the record for a daemon called name with its PID file in the folder location.

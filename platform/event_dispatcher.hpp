@@ -3,7 +3,8 @@
 
 #include <memory>
 
-namespace tessera::net {
+namespace tessera::net
+{
 
 // Waits for what the platform's other objects have registered with it.
 //

@@ -5,11 +5,13 @@
 #include <memory>
 #include <string>
 
-namespace tessera::net {
+namespace tessera::net
+{
 class EventDispatcher;
 }
 
-namespace zol::cfg {
+namespace zol::cfg
+{
 
 class IConfigHandler;
 

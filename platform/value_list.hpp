@@ -11,7 +11,8 @@
 #include <variant>
 #include <vector>
 
-namespace tessera {
+namespace tessera
+{
 
 // A column's value: a 32-bit signed integer or a text (any bytes).
 class Value
