@@ -64,6 +64,8 @@ moatkeeper::~moatkeeper()
         CleanUp();
     } catch (const std::exception& failure) {
         ZOL_Sysloglevel_error(m_logModule, label, 104, VAStr("%s: %s", "~moatkeeper", failure.what()));
+    } catch (...) {
+        ZOL_Sysloglevel_error(m_logModule, label, 104, VAStr("%s: unknown exception", "~moatkeeper"));
     }
 }
 
