@@ -1,0 +1,246 @@
+// What the data files in tests/golden cannot say: failing platforms, several queues, the list of tables.
+#include "handler/moatkeeper.hpp"
+
+#include "platform_fake/captured_log.hpp"
+#include "platform_fake/memory_tables.hpp"
+#include "platform_fake/recording_queue.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include <memory>
+#include <stdexcept>
+
+namespace
+{
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+class Handler : public testing::Test
+{
+protected:
+    Handler()
+    {
+        tables.setRows("MoatKeeper",
+                       {fake::Row().set("GlobalInputPolicy", "ACCEPT").set("GlobalForwardingPolicy", "DROP")});
+        tables.setRows("MoatKeeperRuleset", {fake::Row()
+                                                 .set("Id", 1)
+                                                 .set("Enabled", 1)
+                                                 .set("RulePrio", 1)
+                                                 .set("InInterface", "eth0")
+                                                 .set("VLANID", -1)
+                                                 .set("Target", "DROP")});
+        tables.setRows("MoatKeeperInputPolicy",
+                       {fake::Row().set("Id", 1).set("Enabled", 1).set("Interface", "eth0").set("Policy", "DROP")});
+        tables.setRows("MoatKeeperForwardingPolicy", {fake::Row()
+                                                          .set("Id", 1)
+                                                          .set("Enabled", 1)
+                                                          .set("InInterface", "a")
+                                                          .set("OutInterface", "b")
+                                                          .set("Policy", "DROP")});
+        tables.setRows("MoatKeeperBridgeFilters", {fake::Row()
+                                                       .set("Id", 1)
+                                                       .set("Enabled", 1)
+                                                       .set("Prio", 1)
+                                                       .set("InInterface", "a")
+                                                       .set("OutInterface", "b")
+                                                       .set("MatchCriteria", "mac")
+                                                       .set("Mode", "blacklist")});
+        tables.setRows("MoatKeeperBridgeFilterRules",
+                       {fake::Row().set("Id", 1).set("Enabled", 1).set("BridgeFilterID", 1).set("FilterMatch", "m")});
+    }
+
+    void commit() { handler->commitToSystem(tables, &queue); }
+
+    fake::MemoryTables tables;
+    fake::RecordingQueue queue;
+    std::unique_ptr<zol::moatkeeper::moatkeeper> handler = std::make_unique<zol::moatkeeper::moatkeeper>();
+};
+
+} // namespace
+
+TEST_F(Handler, AppendsItsSixTablesInTheirOrder)
+{
+    fake::capturedLog().takeLines();
+    std::list<std::string> names = {"held"};
+    handler->getTableNames(names);
+    EXPECT_THAT(names, ElementsAre("held", "MoatKeeper", "MoatKeeperInputPolicy", "MoatKeeperForwardingPolicy",
+                                   "MoatKeeperRuleset", "MoatKeeperBridgeFilters", "MoatKeeperBridgeFilterRules"));
+    const auto lines = fake::capturedLog().takeLines();
+    ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_EQ(lines[0].level, fake::LogLevel::trace);
+    EXPECT_EQ(lines[0].label, "moatkeeper");
+    EXPECT_EQ(lines[0].line, 107);
+    EXPECT_EQ(lines[0].text, "getTableNames");
+}
+
+TEST_F(Handler, ReadsTheTablesInItsOwnOrder)
+{
+    std::vector<std::string> asked;
+    tables.onGetRowCount = [&](const std::string& table) {
+        asked.push_back(table);
+        return zol::cfg::ConfigStatus();
+    };
+    EXPECT_TRUE(handler->loadFromConfig(tables, ""));
+    EXPECT_THAT(asked,
+                ElementsAre("MoatKeeper", "MoatKeeperRuleset", "MoatKeeperInputPolicy", "MoatKeeperForwardingPolicy",
+                            "MoatKeeperBridgeFilters", "MoatKeeperBridgeFilterRules"));
+}
+
+TEST_F(Handler, ReadsOnlyTheFirstRowOfTheMainTable)
+{
+    tables.addRow("MoatKeeper", fake::Row());
+    std::vector<std::uint32_t> rows;
+    tables.onReadRow = [&](const std::string&, std::uint32_t row) {
+        rows.push_back(row);
+        return zol::cfg::ConfigStatus();
+    };
+    handler->loadFromConfig(tables, "MoatKeeper");
+    EXPECT_THAT(rows, ElementsAre(0U));
+}
+
+TEST_F(Handler, KeepsToTheQueueOfTheFirstCommit)
+{
+    commit();
+    queue.takeCalls();
+    handler->loadFromConfig(tables, "");
+    fake::RecordingQueue other;
+    handler->commitToSystem(tables, &other);
+    EXPECT_THAT(other.calls(), IsEmpty());
+    EXPECT_THAT(queue.takeCalls(), Not(IsEmpty()));
+    handler.reset();
+    EXPECT_THAT(other.calls(), IsEmpty());
+    EXPECT_THAT(queue.lines(), Contains("ebtables -X UserInputRules"));
+}
+
+TEST_F(Handler, LeavesTheQueueAloneWhenItGoesBeforeAnyCommit)
+{
+    handler->loadFromConfig(tables, "");
+    fake::capturedLog().takeLines();
+    handler.reset();
+    const auto lines = fake::capturedLog().takeLines();
+    ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_EQ(lines[0].text, "~moatkeeper");
+    EXPECT_EQ(lines[0].line, 101);
+}
+
+TEST_F(Handler, ResultsOfTheQueueDoNotMatter)
+{
+    handler->loadFromConfig(tables, "");
+    commit();
+    const auto good = queue.takeCalls();
+    handler = std::make_unique<zol::moatkeeper::moatkeeper>();
+    queue.takeCalls();
+    queue.processResult = -1;
+    handler->loadFromConfig(tables, "");
+    commit();
+    EXPECT_EQ(queue.takeCalls(), good);
+}
+
+TEST_F(Handler, AnExceptionOfTheSourcePassesAndLaterReadsWork)
+{
+    tables.onReadRow = [](const std::string& table, std::uint32_t) -> zol::cfg::ConfigStatus {
+        if (table == "MoatKeeperInputPolicy")
+            throw std::runtime_error("no row");
+        return {};
+    };
+    EXPECT_THROW(handler->loadFromConfig(tables, ""), std::runtime_error);
+    tables.onReadRow = nullptr;
+    handler->loadFromConfig(tables, "");
+    commit();
+    EXPECT_THAT(queue.lines(), Contains("ebtables -A UserInputPolicy -i eth0 -j DROP"));
+}
+
+TEST_F(Handler, RowsThatCannotBeReadHaveNoValues)
+{
+    // The row's values are cleared before each read: nothing of the row before is taken for it.
+    tables.addRow("MoatKeeperRuleset", fake::Row().set("Id", 2));
+    tables.onReadRow = [](const std::string&, std::uint32_t row) { return zol::cfg::ConfigStatus{row == 0, "lost"}; };
+    EXPECT_TRUE(handler->loadFromConfig(tables, "MoatKeeperRuleset"));
+    commit();
+    const auto lines = queue.lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& line) { return line.starts_with("ebtables -A UserInputRules "); }),
+              1);
+}
+
+TEST_F(Handler, StatusesDoNotMatterButACountThatIsNotGivenIsNone)
+{
+    tables.onGetRowCount = [](const std::string&) { return zol::cfg::ConfigStatus{false, "no"}; };
+    EXPECT_FALSE(handler->loadFromConfig(tables, ""));
+}
+
+// The queue fails at the first line of a group: that group and those behind it are applied by the next commit, the
+// ones before it are not applied again.
+class FailingGroup : public Handler, public testing::WithParamInterface<const char*>
+{
+};
+
+TEST_P(FailingGroup, IsAppliedAgainWithAllBehindIt)
+{
+    handler->loadFromConfig(tables, "");
+    queue.onAddCommand = [](const std::string& line) {
+        if (line.starts_with(GetParam()))
+            throw std::runtime_error("queue full");
+    };
+    EXPECT_THROW(commit(), std::runtime_error);
+    queue.onAddCommand = nullptr;
+    queue.takeCalls();
+    commit();
+    const std::vector<std::string> lines = queue.lines();
+    // Where each group begins, in the order of the commit.
+    const std::vector<std::string> groups = {"ebtables -N 1bamac", "ebtables -F UserInputRules", "ebtables -P INPUT",
+                                             "ebtables -F UserInputPolicy", "ebtables -F UserForwardPolicy"};
+    bool due = false;
+    for (const std::string& group : groups) {
+        due = due || group == GetParam();
+        const bool applied =
+            std::any_of(lines.begin(), lines.end(), [&](const std::string& line) { return line.starts_with(group); });
+        EXPECT_EQ(applied, due) << group;
+    }
+    queue.takeCalls();
+    commit();
+    EXPECT_THAT(queue.calls(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Groups, FailingGroup,
+                         testing::Values("ebtables -N 1bamac", "ebtables -F UserInputRules", "ebtables -P INPUT",
+                                         "ebtables -F UserInputPolicy", "ebtables -F UserForwardPolicy"));
+
+TEST_F(Handler, AFailingInitIsNotRepeated)
+{
+    queue.onProcess = [] { throw std::runtime_error("queue full"); };
+    EXPECT_THROW(commit(), std::runtime_error);
+    queue.onProcess = nullptr;
+    queue.takeCalls();
+    commit();
+    EXPECT_THAT(queue.lines(), Not(Contains("ebtables -N UserInputRules")));
+    EXPECT_THAT(queue.lines(), Contains("ebtables -F UserInputRules"));
+}
+
+TEST_F(Handler, AFailingCleanUpIsLoggedAndEndsNothing)
+{
+    commit();
+    fake::capturedLog().takeLines();
+    queue.onProcess = [] { throw std::runtime_error("queue full"); };
+    handler.reset();
+    auto lines = fake::capturedLog().takeLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().level, fake::LogLevel::error);
+    EXPECT_EQ(lines.back().text, "~moatkeeper: queue full");
+
+    handler = std::make_unique<zol::moatkeeper::moatkeeper>();
+    queue.onProcess = nullptr;
+    commit();
+    queue.onProcess = [] { throw 5; };
+    handler.reset();
+    lines = fake::capturedLog().takeLines();
+    EXPECT_EQ(lines.back().level, fake::LogLevel::error);
+    EXPECT_EQ(lines.back().text, "~moatkeeper: unknown exception");
+}
