@@ -2,7 +2,7 @@
 """Kills the daemon at random moments: the bridge tables always hold an old or a new state, and the next start and stop
 leave them exactly as they were before the first.
 
-usage: sigkill_test.py MOATKEEPER SCHEMA [--kills N] [--seed N]
+usage: sigkill_test.py --daemon MOATKEEPER [--kills N] [--seed N]
 
 The tables hold rules of somebody else all the time, which must stay as they are. Moments: while the daemon starts,
 while a stream of changes is being committed, and while it cleans up after SIGTERM.
@@ -21,6 +21,8 @@ from lab import kernel, sandbox, waiting
 from lab.config import FILTER_RULES, FILTERS, FORWARD_POLICY, INPUT_POLICY, MAIN, RULES, Config
 from lab.programs import startDaemon, startServer
 
+SYSTEM_TESTS = os.path.dirname(os.path.abspath(__file__))
+SCHEMA = os.path.join(SYSTEM_TESTS, "..", "..", "schema", "moatkeeper.ovsschema")
 FOREIGN = """*filter
 -N Foreign
 -P Foreign RETURN
@@ -98,13 +100,12 @@ def killSomewhen(daemon, config, place, dice):
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("daemon")
-    parser.add_argument("schema")
+    parser.add_argument("--daemon", required=True)
     parser.add_argument("--kills", type=int, default=30)
     parser.add_argument("--seed", type=int, default=1)
     options = parser.parse_args()
     try:
-        sandbox.enter(options.daemon, options.schema, os.path.dirname(os.path.abspath(__file__)))
+        sandbox.enter(options.daemon, SYSTEM_TESTS, os.path.realpath(SCHEMA))
         subprocess.run(["ebtables-restore", "--noflush"], input=FOREIGN, text=True, check=True)
     except (sandbox.Unavailable, subprocess.CalledProcessError) as reason:
         print(f"skipped: {reason}")
@@ -112,7 +113,7 @@ def main():
     print(f"seed {options.seed}")
     dice = random.Random(options.seed)
     before = kernel.readTables()
-    server = startServer(options.schema, "/run")
+    server = startServer(SCHEMA, "/run")
     config = Config()
 
     # What a start with either configuration leads to.
