@@ -1,0 +1,101 @@
+"""Start time, idle memory, idle system calls and size of the daemon, with empty tables and the server running.
+
+usage: startup.py DAEMON SCHEMA [RUNS]     as root, or where user namespaces can be made; prints a table
+"""
+
+import os
+import pathlib
+import re
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+HERE = pathlib.Path(__file__).resolve()
+sys.path.insert(0, str(HERE.parents[1] / "tests" / "system"))
+
+from lab import programs, sandbox, waiting  # noqa: E402 pylint: disable=wrong-import-position
+
+NETLINK_NETFILTER, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, NFNLGRP_NFTABLES = 12, 270, 1, 7
+IDLE_SECONDS = 10
+
+
+def measureStart(daemonPath, folder):
+    """Seconds from exec to the kernel's word of the last transaction, and the daemon, still running."""
+    with socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, NETLINK_NETFILTER) as events:
+        events.bind((0, 0))
+        events.setsockopt(SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, NFNLGRP_NFTABLES)
+        begin = time.monotonic()
+        daemon = programs.Program([daemonPath, "-p", folder], os.path.join(folder, "daemon.log"))
+        last = None
+        events.settimeout(5)
+        try:
+            while True:
+                events.recv(65536)
+                last = time.monotonic()
+                events.settimeout(0.3)  # silence: the first commit is done
+        except TimeoutError:
+            pass
+    saved = subprocess.run(["ebtables-save"], capture_output=True, text=True, check=True).stdout
+    if last is None or "UserForwardPolicy" not in saved:
+        raise RuntimeError(f"no commit: {daemon.readLog()}{saved}")
+    return last - begin, daemon
+
+
+def memory(pid):
+    status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii")
+    return {name: int(re.search(rf"{name}:\s+(\d+) kB", status)[1]) for name in ("VmRSS", "VmHWM")}
+
+
+def idleCalls(pid):
+    """Number of system calls in IDLE_SECONDS; one that lasts all the time does not count."""
+    with tempfile.NamedTemporaryFile("r") as table:
+        tracer = subprocess.Popen(["strace", "-c", "-f", "-o", table.name, "-p", str(pid)],
+                                  stderr=subprocess.PIPE, text=True)
+        attached = tracer.stderr.readline()
+        if "attached" not in attached:
+            raise RuntimeError(f"strace: {attached.strip()}")
+        time.sleep(IDLE_SECONDS)
+        tracer.send_signal(signal.SIGINT)
+        tracer.communicate(timeout=10)
+        total = re.search(r"^\s*100\.00\s+\S+\s+\S*\s+(\d+).*total$", table.read(), re.MULTILINE)
+    return int(total[1]) if total else 0
+
+
+def main(daemonPath, schema, runs=11):
+    sandbox.enter(daemonPath, schema)
+    folder = tempfile.mkdtemp()
+    server = programs.startServer(schema, folder)
+    times = []
+    for number in range(int(runs)):
+        seconds, daemon = measureStart(daemonPath, folder)
+        times.append(seconds)
+        if number == int(runs) - 1:
+            kilobytes = memory(daemon.pid)
+            calls = idleCalls(daemon.pid)
+        daemon.stop()
+        waiting.until(lambda: "User" not in subprocess.run(["ebtables-save"], capture_output=True, text=True,
+                                                          check=True).stdout, "empty tables")
+    server.stop()
+    stripped = os.path.join(folder, "stripped")
+    subprocess.run(["strip", "-o", stripped, daemonPath], check=True)
+
+    print("| what | measured |\n|---|---|")
+    print(f"| exec to first commit done, median of {len(times)} | {statistics.median(times) * 1000:.0f} ms |")
+    print(f"| the same, fastest and slowest | {min(times) * 1000:.0f} and {max(times) * 1000:.0f} ms |")
+    print(f"| resident memory, idle | {kilobytes['VmRSS']} kB |")
+    print(f"| resident memory, highest | {kilobytes['VmHWM']} kB |")
+    print(f"| system calls in {IDLE_SECONDS} s, idle | {calls} |")
+    print(f"| binary, stripped | {os.path.getsize(stripped)} bytes |")
+
+
+if __name__ == "__main__":
+    if len(sys.argv) < 3:
+        sys.exit(__doc__)
+    try:
+        main(*sys.argv[1:])
+    except sandbox.Unavailable as reason:
+        sys.exit(f"startup.py: {reason}")
