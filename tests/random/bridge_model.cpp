@@ -145,6 +145,8 @@ bool BridgeModel::carryOut(const std::vector<std::string>& words)
     if (insert && (words.size() < 4 || words[3] != "1"))
         return false;
     const std::string target = operand(words, "-j");
+    if (target.size() > 28) // the tool takes longer names of chains than of targets
+        return false;
     static const std::set<std::string> verdicts = {"ACCEPT", "DROP", "RETURN", "CONTINUE"};
     if (!verdicts.contains(target) && (isBuiltIn(target) || !m_chains.contains(target)))
         return false;
