@@ -3,9 +3,12 @@
 #include "platform/sysloglevel.h"
 #include "platform_linux/log_writer.hpp"
 
-#include <cassert>
 #include <cstdlib>
 #include <exception>
+
+// For the declaration of __assert_fail, which release builds would otherwise not see.
+#undef NDEBUG
+#include <cassert>
 
 namespace
 {

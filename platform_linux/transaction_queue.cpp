@@ -56,8 +56,7 @@ struct Batch {
     void append(Batch&& other)
     {
         if (commands.empty()) {
-            *this = std::move(other);
-            other.clear();
+            *this = std::exchange(other, Batch());
             return;
         }
         const std::size_t offset = lines.size();
