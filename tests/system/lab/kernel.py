@@ -9,9 +9,12 @@ USER_CHAINS = ("UserInputRules", "UserInputPolicy", "UserForwardRules", "UserFor
 
 
 def readTables():
-    """{chain: [policy, rule, ...]}, each rule as `ebtables-save` writes it, without "-A CHAIN"."""
+    """{chain: [policy, rule, ...]}, each rule as `ebtables-save` writes it, without "-A CHAIN".
+
+    Built-in chains that nobody has touched yet are not in its output, but in the result.
+    """
     saved = subprocess.run(["ebtables-save"], check=True, capture_output=True, text=True).stdout
-    chains = {}
+    chains = untouched()
     for line in saved.splitlines():
         if line.startswith(":"):
             chain, policy = line[1:].split()

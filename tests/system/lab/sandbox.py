@@ -29,9 +29,10 @@ def enter(*keep):
     Raises Unavailable where namespaces or mounts cannot be made.
     """
     if os.environ.get(_INSIDE) != "1":
+        command = _unshareCommand()
         os.environ[_KERNEL_LOG] = _readKernelLogSwitch()
         os.environ[_INSIDE] = "1"
-        os.execvp("unshare", _unshareCommand() + [sys.executable, *sys.argv])
+        os.execvp("unshare", [*command, sys.executable, *sys.argv])
     # For the same script inside: the marker is not for the programs that it starts.
     del os.environ[_INSIDE]
     kept = [(os.path.realpath(path), os.open(path, os.O_PATH)) for path in keep]
