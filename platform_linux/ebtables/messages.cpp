@@ -14,6 +14,8 @@ namespace
 // The tool lists at most this many refused lines for sure; beyond that its buffer may be full.
 constexpr std::size_t certainlyListed = 12;
 
+constexpr const char* noReason = "refused without a reason";
+
 bool takeNumber(std::string_view& text, unsigned& number)
 {
     const auto [next, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -57,7 +59,7 @@ Messages parseMessages(int exitCode, std::string_view errors)
         if (exitCode == 4 && rest.starts_with("line ")) {
             rest.remove_prefix(5);
             if (complete && takeNumber(rest, number) && rest.starts_with(": "))
-                messages.lines.push_back({number, printable(rest.substr(2))});
+                messages.lines.push_back({number, rest.size() > 2 ? printable(rest.substr(2)) : noReason});
             else if (!complete)
                 messages.cut = true;
         } else if (exitCode == 1 && rest.starts_with("line ")) {
@@ -65,13 +67,12 @@ Messages parseMessages(int exitCode, std::string_view errors)
             if (takeNumber(rest, number) && rest.starts_with(" failed")) {
                 rest.remove_prefix(7);
                 rest.remove_prefix(rest.starts_with(": ") ? 2 : 0);
-                messages.lines.push_back(
-                    {number, rest.empty() || rest == "." ? "refused without a reason" : printable(rest)});
+                messages.lines.push_back({number, rest.empty() || rest == "." ? noReason : printable(rest)});
             }
         } else if (exitCode == 2 && rest.starts_with("Error occurred at line: ")) {
             rest.remove_prefix(24);
             if (takeNumber(rest, number))
-                messages.lines.push_back({number, previous.empty() ? "refused without a reason" : previous});
+                messages.lines.push_back({number, previous.empty() ? noReason : previous});
         }
         previous = printable(line);
     }

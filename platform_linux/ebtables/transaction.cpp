@@ -5,6 +5,8 @@
 #include "platform_linux/ebtables/model.hpp"
 
 #include <algorithm>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 namespace ebtables
@@ -176,7 +178,16 @@ private:
         }
         if (m_table) {
             const std::vector<std::optional<std::string>> reasons = foretell(*m_table, m_commands, m_dropped);
-            if (std::ranges::any_of(said, [&](const Refused& r) { return reasons[r.index].has_value(); })) {
+            // A busy chain and a jump to nowhere are noticed last: what the tool said of a later line may follow from
+            // it.
+            const auto noticedLate = [&](std::size_t i) {
+                return reasons[i] &&
+                       (m_commands[i].kind == CommandKind::DeleteChain || reasons[i]->starts_with("Chain '"));
+            };
+            bool explained = std::ranges::any_of(said, [&](const Refused& r) { return reasons[r.index].has_value(); });
+            for (std::size_t i = 0; i < said.front().index && !explained; ++i)
+                explained = noticedLate(i);
+            if (explained) {
                 for (std::size_t i = 0; i < reasons.size(); ++i) {
                     if (reasons[i])
                         drop(i, *reasons[i]);
@@ -241,9 +252,13 @@ private:
             block.add(m_commands[i], i);
             const RunResult result = runRestore(block.text());
             if (result.end != RunResult::End::Exited) {
-                Outcome outcome = cannotRun(result);
-                outcome.done = i;
-                return outcome;
+                std::erase_if(m_outcome.refused, [&](const Refused& refused) { return refused.index >= i; });
+                std::ranges::sort(m_outcome.refused, {}, &Refused::index);
+                m_outcome.cannotRun = true;
+                m_outcome.stopped = result.end == RunResult::End::Stopped;
+                m_outcome.reason = cannotRunReason(m_paths, result);
+                m_outcome.done = i;
+                return std::move(m_outcome);
             }
             if (result.exitCode != 0) {
                 const Messages messages = parseMessages(result.exitCode, result.errors);
@@ -261,6 +276,20 @@ private:
     std::optional<Table> m_table;
     Outcome m_outcome;
 };
+
+// How many of the commands can share a transaction: the kernel cannot make and delete a chain in the same one. This
+// happens only when several commits had to wait, and ends the first of them.
+std::size_t transactionLength(std::span<const Command> commands)
+{
+    std::unordered_set<std::string_view> made;
+    for (std::size_t i = 0; i < commands.size(); ++i) {
+        if (commands[i].kind == CommandKind::NewChain)
+            made.insert(commands[i].chain);
+        else if (commands[i].kind == CommandKind::DeleteChain && made.contains(commands[i].chain))
+            return i;
+    }
+    return commands.size();
+}
 
 // The command as arguments of the tool, one a word. Only a log prefix has blanks, inside its quotes.
 std::vector<std::string> arguments(const Command& command)
@@ -283,9 +312,22 @@ std::vector<std::string> arguments(const Command& command)
 
 Outcome applyTransaction(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits)
 {
-    if (commands.empty())
-        return {};
-    return Transaction(paths, commands, limits).apply();
+    Outcome whole;
+    while (whole.done < commands.size()) {
+        const std::span<const Command> rest = commands.subspan(whole.done);
+        Outcome part = Transaction(paths, rest.first(transactionLength(rest)), limits).apply();
+        for (Refused& refused : part.refused)
+            whole.refused.push_back({refused.index + whole.done, std::move(refused.reason)});
+        whole.done += part.done;
+        whole.processes += part.processes;
+        if (part.cannotRun) {
+            whole.cannotRun = true;
+            whole.stopped = part.stopped;
+            whole.reason = std::move(part.reason);
+            break;
+        }
+    }
+    return whole;
 }
 
 Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits)

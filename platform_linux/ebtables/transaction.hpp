@@ -25,13 +25,15 @@ struct Outcome {
     bool cannotRun = false;
     std::string reason;           // why it cannot run, and what to do about it
     bool stopped = false;         // cannotRun because a stop signal ended the wait
-    std::size_t done = 0;         // commands carried out or refused: all or (cannotRun) none; Legacy: any number
+    std::size_t done = 0;         // commands carried out or refused, from the first on: all unless cannotRun
     std::vector<Refused> refused; // ascending by index
     unsigned processes = 0;       // started for this
 };
 
 // Carries out the commands in order, as if each were a line of its own, but so that the kernel's frames see all of
-// them or none. Commands that are refused are left out and reported; the others are carried out.
+// them or none. Commands that are refused are left out and reported; the others are carried out. Only a chain that is
+// made and deleted again by the same commands takes more than one transaction, and so do refusals that the tool does
+// not explain.
 Outcome applyTransaction(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits = {});
 
 // The same with a tool that knows no transactions: one process a command.

@@ -1,0 +1,372 @@
+#!/usr/bin/env python3
+"""The command queue against the kernel's bridge tables, in a network namespace of its own.
+
+usage: queue_test.py QUEUE_DRIVER [unittest arguments]"""
+import os
+import random
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+SKIP = 77
+DRIVER = ""
+
+
+def sh(*words, check=True, text_in=None):
+    return subprocess.run(words, input=text_in, capture_output=True, text=True, check=check)
+
+
+def tables():
+    return [line for line in sh("ebtables-save").stdout.splitlines() if not line.startswith("#")]
+
+
+class Queue:
+    """A running driver."""
+
+    def __init__(self, folder, tools=None, **options):
+        words = [DRIVER, "--record", os.path.join(folder, "record")]
+        if tools:
+            words += ["--tools", tools]
+        for name, value in options.items():
+            words += ["--" + name.replace("_", "-"), str(value)]
+        self.errors = tempfile.TemporaryFile("w+", dir=folder)
+        self.process = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors, text=True)
+
+    def send(self, *lines):
+        self.process.stdin.write("".join(line + "\n" for line in lines))
+        self.process.stdin.flush()
+
+    def answer(self, word):
+        for line in self.process.stdout:
+            if line.startswith(word):
+                return line.split()[-1]
+        raise AssertionError(f"no answer {word}: {self.log()}")
+
+    def commit(self, lines, each_processed=False):
+        self.send("begin")
+        for line in lines:
+            self.send("add " + line, *(["process"] if each_processed else []))
+        self.send("process", "end")
+        return int(self.answer("end")) / 1e6
+
+    def kill(self):
+        self.send("kill")
+        self.process.wait(20)
+
+    def finish(self, timeout=30):
+        self.process.stdin.close()
+        code = self.process.wait(timeout)
+        self.process.stdout.close()
+        return code
+
+    def log(self):
+        self.errors.seek(0)
+        return self.errors.read()
+
+
+SETUP = ["ebtables -N UserInputRules", "ebtables -P UserInputRules RETURN", "ebtables -A INPUT -j UserInputRules"]
+CLEANUP = ["ebtables -D INPUT -j UserInputRules", "ebtables -X UserInputRules", "ebtables -P INPUT ACCEPT"]
+
+
+def mac_rule(number, chain="UserInputRules"):
+    return f"ebtables -A {chain} -s 02:00:00:00:{number >> 8:02x}:{number & 255:02x} -j DROP"
+
+
+class QueueTest(unittest.TestCase):
+    def setUp(self):
+        sh("nft", "flush", "ruleset")
+        self.folder = tempfile.mkdtemp(prefix="queue_test.")
+        self.addCleanup(shutil.rmtree, self.folder)
+
+    def tools(self, **scripts):
+        """A folder with the real tools, some replaced by scripts."""
+        folder = os.path.join(self.folder, "tools")
+        os.makedirs(folder, exist_ok=True)
+        for name in ("ebtables", "ebtables-restore", "ebtables-save"):
+            path = os.path.join(folder, name)
+            if os.path.lexists(path):
+                os.remove(path)
+            script = scripts.get(name.replace("-", "_"))
+            if script is None:
+                with open(path, "w", encoding="utf-8") as file:
+                    file.write(f'#!/bin/sh\necho {name} >> {folder}/calls\nexec /usr/sbin/{name} "$@"\n')
+            else:
+                with open(path, "w", encoding="utf-8") as file:
+                    file.write(script)
+            os.chmod(path, 0o755)
+        return folder
+
+    def calls(self):
+        path = os.path.join(self.folder, "tools", "calls")
+        return open(path, encoding="utf-8").read().split() if os.path.exists(path) else []
+
+    def test_a_commit_is_one_process_and_waits_for_its_end(self):
+        queue = Queue(self.folder, self.tools())
+        queue.send("begin", *["add " + line for line in SETUP], "process", "state")
+        queue.answer("ready")
+        self.assertNotIn(":UserInputRules RETURN", tables())
+        queue.send("add " + mac_rule(1), "process", "end")
+        queue.answer("end")
+        self.assertIn(":UserInputRules RETURN", tables())
+        self.assertEqual(self.calls().count("ebtables-restore"), 1)
+        queue.commit([])
+        self.assertEqual(self.calls().count("ebtables-restore"), 1, "nothing queued, nothing started")
+        queue.send(*["add " + line for line in CLEANUP], "process")
+        self.assertEqual(queue.finish(), 0)
+        self.assertEqual(self.calls().count("ebtables-restore"), 2)
+        self.assertNotIn("UserInput", str(tables()))
+        self.assertFalse(os.path.exists(self.folder + "/record/tables"))
+
+    def test_refused_lines_cost_themselves_only(self):
+        queue = Queue(self.folder)
+        queue.commit(SETUP + ["ebtables -A UserInputRules -s broken -j DROP", mac_rule(1), mac_rule(2, "Missing"),
+                              "ebtables -A UserInputRules -j AlsoMissing", "ebtables -N UserInputRules", mac_rule(3),
+                              "ebtables -D UserInputRules -i eth7 -j DROP", "ebtables -P INPUT "])
+        queue.finish()
+        rules = [line for line in tables() if line.startswith("-A UserInputRules")]
+        self.assertEqual(len(rules), 2, tables())
+        log = queue.log()
+        for part in ['word "broken" of -s: expected a MAC', "Missing -s", "No chain/target/match", "AlsoMissing",
+                     "already exists", "Bad rule", "expected the policy ACCEPT or DROP"]:
+            self.assertIn(part, log)
+        self.assertEqual(log.count("refused"), 6, log)
+
+    def test_result_equals_line_by_line(self):
+        for seed in range(25):
+            rng = random.Random(seed)
+            chains = ["A", "B", "C", "INPUT"]
+            lines = []
+            for _ in range(25):
+                chain = rng.choice(chains)
+                rule = rng.choice(["-i eth0", "-s 02:00:00:00:00:01", "-p IPv4 --ip-source 10.0.0.7/24",
+                                   "-p 802_1Q --vlan-id 5"])
+                target = rng.choice(["DROP", "ACCEPT", "A", "B"])
+                user = rng.choice("ABC")
+                lines.append(rng.choice([f"-N {user}", f"-N {user}", f"-X {user}", f"-F {chain}", f"-P {user} DROP",
+                                         f"-A {chain} {rule} -j {target}", f"-A {chain} {rule} -j {target}",
+                                         f"-I {chain} {rng.randint(1, 3)} {rule} -j {target}",
+                                         f"-D {chain} {rule} -j {target}"]))
+                # no loops: only INPUT may jump to A and B
+                if lines[-1].startswith(("-A", "-I")) and chain != "INPUT" and target in "AB":
+                    lines[-1] = lines[-1].replace(f"-j {target}", "-j DROP")
+            sh("nft", "flush", "ruleset")
+            for line in lines:
+                if line.startswith("-X "):  # delete with the rules, or not at all
+                    sh("ebtables-restore", "--noflush", check=False,
+                       text_in=f"*filter\n-F {line[3:]}\n{line}\nCOMMIT\n")
+                else:
+                    sh("ebtables", *line.split(), check=False)
+            one_by_one = tables()
+            sh("nft", "flush", "ruleset")
+            queue = Queue(self.folder)
+            queue.commit(["ebtables " + line for line in lines], each_processed=True)
+            at_once = tables()
+            queue.process.kill()
+            queue.finish()
+            shutil.rmtree(self.folder + "/record")
+            self.assertEqual(sorted(one_by_one), sorted(at_once), f"seed {seed}: {lines}\n{queue.log()}")
+            self.assertEqual([r for r in one_by_one if r.startswith("-A")], [r for r in at_once if r.startswith("-A")])
+
+    def test_many_refusals_cost_little(self):
+        def measure(kind):
+            sh("nft", "flush", "ruleset")
+            lines = ["ebtables -N U"]
+            for i in range(4000):
+                if kind and i % 10 == 3:
+                    lines.append({"chain": mac_rule(i, "Missing"), "jump": f"ebtables -A U -i eth{i} -j Missing",
+                                  "kernel": "kernel-refuses U", "delete": f"ebtables -D U -i eth{i} -j DROP"}[kind])
+                else:
+                    lines.append(mac_rule(i, "U"))
+            out = sh(DRIVER, "--direct", text_in="\n".join(lines) + "\n").stdout
+            fields = dict(field.split("=") for field in out.split())
+            in_kernel = sum(1 for line in tables() if line.startswith("-A U"))
+            self.assertEqual(in_kernel, 3600 if kind else 4000, out)
+            self.assertEqual(int(fields["refused"]), 400 if kind else 0)
+            return int(fields["us"]) / 1e6
+        clean = min(measure("") for _ in range(3))
+        # Rules that the kernel itself refuses are told 16 at a time, and no accepted line makes one: only the result
+        # is checked there.
+        for kind in ("chain", "jump", "delete", "kernel"):
+            took = min(measure(kind) for _ in range(2))
+            print(f"4,000 lines, 400 refused ({kind}): {took:.3f} s, clean {clean:.3f} s, {took / clean:.1f} times")
+            if kind != "kernel":
+                self.assertLess(took, 5 * clean, kind)
+
+    def test_missing_tool_loses_nothing(self):
+        tools = self.tools()
+        os.rename(tools + "/ebtables-restore", tools + "/away")
+        queue = Queue(self.folder, tools, first_pause=20)
+        queue.commit(SETUP)
+        queue.send("retry-in")
+        self.assertLessEqual(int(queue.answer("retry-in")), 20)
+        pauses = []
+        for _ in range(3):
+            deadline = time.monotonic() + 10
+            while time.monotonic() < deadline:
+                queue.send("retry-in")
+                left = int(queue.answer("retry-in"))
+                if left == 0:
+                    break
+            queue.send("retry", "retry-in")
+            queue.answer("retry")
+            pauses.append(int(queue.answer("retry-in")))
+        self.assertTrue(pauses[0] > 20 and pauses[1] > pauses[0] and pauses[2] > pauses[1], pauses)
+        os.rename(tools + "/away", tools + "/ebtables-restore")
+        queue.send("add " + mac_rule(5), "process")
+        deadline = time.monotonic() + 10
+        while "-A INPUT -j UserInputRules" not in tables() and time.monotonic() < deadline:
+            queue.send("retry", "retry-in")
+            queue.answer("retry")
+            queue.answer("retry-in")
+        self.assertIn("-A UserInputRules -s 02:00:00:00:00:05 -j DROP", tables())
+        queue.finish()
+        log = queue.log()
+        self.assertEqual(log.count("cannot be changed"), 1, log)
+        self.assertIn("install the package ebtables", log)
+        self.assertIn("can be changed again", log)
+
+    def test_not_executable_killed_and_without_privilege(self):
+        cases = {"make it executable": None, "killed by signal 9": "#!/bin/sh\nkill -9 $$\n",
+                 "CAP_NET_ADMIN": "#!/bin/sh\necho 'ebtables-restore v1.8.9 (nf_tables): Could not fetch rule set "
+                                  "generation id: Permission denied (you must be root)' >&2\nexit 4\n",
+                 "built with nf_tables": "#!/bin/sh\necho 'ebtables-restore: Failed to initialize nft: Protocol not "
+                                         "supported' >&2\nexit 1\n"}
+        for expected, script in cases.items():
+            tools = self.tools(ebtables_restore=script or "x")
+            if script is None:
+                os.chmod(tools + "/ebtables-restore", 0o644)
+            queue = Queue(self.folder, tools, first_pause=10)
+            queue.commit(SETUP)
+            self.assertIn(expected, queue.log())
+            self.assertNotIn("UserInputRules", str(tables()))
+            shutil.copy("/usr/sbin/ebtables-restore", tools + "/ebtables-restore")
+            self.tools()
+            queue.finish()
+            self.assertIn("-A INPUT -j UserInputRules", tables(), queue.log())
+            sh("nft", "flush", "ruleset")
+            shutil.rmtree(self.folder + "/record")
+
+    def test_a_hung_tool_is_killed(self):
+        tools = self.tools(ebtables_restore="#!/bin/sh\nexec sleep 1000\n")
+        queue = Queue(self.folder, tools, time=300, first_pause=60000)
+        self.assertLess(queue.commit(SETUP), 5)
+        self.assertIn("did not end within 300 ms", queue.log())
+        self.tools()
+        queue.finish()
+        self.assertIn("-A INPUT -j UserInputRules", tables())
+
+    def test_what_waited_until_the_clean_up_leaves_nothing(self):
+        tools = self.tools(ebtables_restore="#!/bin/sh\nkill -9 $$\n")
+        queue = Queue(self.folder, tools)
+        queue.commit(SETUP + [mac_rule(i) for i in range(10)])
+        self.tools()
+        queue.send(*["add " + line for line in CLEANUP], "process")
+        queue.finish()
+        self.assertNotIn("refused", queue.log())
+        self.assertNotIn("UserInputRules", str(tables()))
+
+    def test_a_stop_signal_ends_the_wait_for_a_hung_tool(self):
+        tools = self.tools(ebtables_restore=f"#!/bin/sh\ntouch {self.folder}/hangs\nexec sleep 1000\n")
+        queue = Queue(self.folder, tools)
+        queue.send("begin", *["add " + line for line in SETUP], "process", "end")
+        deadline = time.monotonic() + 10
+        while not os.path.exists(self.folder + "/hangs") and time.monotonic() < deadline:
+            time.sleep(0.01)
+        start = time.monotonic()
+        os.kill(queue.process.pid, signal.SIGTERM)
+        queue.answer("end")
+        self.assertLess(time.monotonic() - start, 5)
+        self.tools()
+        queue.finish()
+        self.assertIn("is to stop", queue.log())
+
+    def test_a_killed_process_leaves_nothing_behind_its_successor(self):
+        sh("ebtables", "-N", "Foreign")
+        sh("ebtables", "-A", "INPUT", "-i", "eth9", "-j", "Foreign")
+        before = tables()
+        queue = Queue(self.folder)
+        queue.commit(SETUP + ["ebtables -P INPUT DROP"] + [mac_rule(i) for i in range(50)])
+        queue.kill()
+        self.assertIn("-A INPUT -j UserInputRules", tables())
+        tools = self.tools()
+        queue = Queue(self.folder, tools)
+        queue.commit(SETUP + [mac_rule(99)])
+        self.assertEqual(tables().count("-A INPUT -j UserInputRules"), 1)
+        self.assertEqual([r for r in tables() if r.startswith("-A UserInputRules")],
+                         ["-A UserInputRules -s 02:00:00:00:00:63 -j DROP"])
+        self.assertIn(":INPUT ACCEPT", tables())
+        self.assertEqual(self.calls().count("ebtables-restore"), 1)
+        queue.send(*["add " + line for line in CLEANUP], "process")
+        queue.finish()
+        self.assertEqual(tables(), before, queue.log())
+
+    def test_a_successor_without_a_commit_cleans_up_too(self):
+        queue = Queue(self.folder)
+        queue.commit(["ebtables -N Other"])
+        sh("ebtables", "-A", "FORWARD", "-i", "eth3", "-j", "DROP")
+        queue.commit(SETUP)
+        queue.kill()
+        queue = Queue(self.folder)
+        queue.finish()
+        self.assertEqual([r for r in tables() if "User" in r or "Other" in r], [])
+        self.assertIn("-A FORWARD -i eth3 -j DROP", tables())
+
+    def test_damaged_and_foreign_records_are_ignored(self):
+        def damage(text):
+            return text.replace("chain UserInputRules", "chain Foreign")
+        for change, mode, expected in ((damage, 0o600, "checksum"), (lambda t: t[:20], 0o600, "checksum"),
+                                       (lambda t: t, 0o666, "written by others"), (lambda t: "", 0o600, "checksum"),
+                                       (lambda t: t.replace("namespace ", "namespace 9"), 0o600, "checksum")):
+            sh("nft", "flush", "ruleset")
+            sh("ebtables", "-N", "Foreign")
+            queue = Queue(self.folder)
+            queue.commit(SETUP)
+            queue.kill()
+            path = self.folder + "/record/tables"
+            self.assertEqual(os.stat(self.folder + "/record").st_mode & 0o777, 0o700)
+            with open(path, encoding="utf-8") as file:
+                text = file.read()
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(change(text))
+            os.chmod(path, mode)
+            left = tables()
+            queue = Queue(self.folder)
+            queue.finish()
+            self.assertIn("is ignored", queue.log())
+            self.assertIn(expected, queue.log())
+            self.assertEqual(tables(), left)
+            os.remove(path)
+
+    def test_legacy_tool_runs_lines_one_at_a_time(self):
+        legacy = (f'#!/bin/sh\nif [ "$1" = --version ]; then echo "ebtables v2.0.10-4 (legacy) (December 2011)"; exit; fi\n'
+                  f'for word in "$@"; do printf "[%s]" "$word"; done >> {self.folder}/lines\necho >> {self.folder}/lines\n'
+                  f'case "$*" in *Missing*) echo "Chain Missing does not exist." >&2; exit 255;; esac\n')
+        queue = Queue(self.folder, self.tools(ebtables=legacy))
+        queue.commit(SETUP + [mac_rule(1, "Missing"),
+                              'ebtables -A UserInputRules --log --log-prefix "Moatkeeper denied: " -j DROP'])
+        queue.process.kill()
+        queue.finish()
+        lines = open(self.folder + "/lines", encoding="utf-8").read().splitlines()
+        self.assertEqual(lines[0], "[-N][UserInputRules]")
+        self.assertEqual(lines[4], "[-A][UserInputRules][--log-level][5][--log-prefix][Moatkeeper denied: ][-j][DROP]")
+        self.assertEqual(len(lines), 5)
+        self.assertIn("not atomic", queue.log())
+        self.assertIn("does not exist", queue.log())
+
+
+if __name__ == "__main__":
+    if os.environ.get("MOATKEEPER_IN_NAMESPACE") != "1":
+        if sh("unshare", "-n", "-m", "true", check=False).returncode != 0:
+            print("skipped: no network namespace can be made here (root is needed)")
+            sys.exit(SKIP)
+        os.environ["MOATKEEPER_IN_NAMESPACE"] = "1"
+        os.execvp("unshare", ["unshare", "-n", "-m", sys.executable] + sys.argv)
+    if sh("ebtables-restore", "--noflush", check=False, text_in="*filter\n-N T\nCOMMIT\n").returncode != 0:
+        print("skipped: this kernel has no bridge tables")
+        sys.exit(SKIP)
+    DRIVER = os.path.abspath(sys.argv.pop(1))
+    unittest.main(verbosity=2, warnings="ignore")
