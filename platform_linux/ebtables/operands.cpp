@@ -98,9 +98,9 @@ std::optional<InterfaceMatch> parseInterface(std::string_view word)
         word.remove_suffix(1);
     }
     const auto wrong = [](char c) {
-        return c <= ' ' || c > '~' || std::string_view("/+\"\\!;").find(c) != std::string_view::npos;
+        return c <= ' ' || c > '~' || std::string_view("/+\"\\!;$`|&<>(){}'*?[]~#^").find(c) != std::string_view::npos;
     };
-    if (std::ranges::any_of(word, wrong))
+    if (word.starts_with('-') || std::ranges::any_of(word, wrong))
         return std::nullopt;
     match.name = word;
     return match;

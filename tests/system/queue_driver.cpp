@@ -5,7 +5,8 @@
 //   add LINE      addCommand          process       process        begin / end   around a delivery
 //   retry         retry               retry-in      prints the pause in milliseconds or "none"
 //   kill          SIGKILL to itself   state         prints "ready" (to wait for what came before)
-// `end` and `retry` print how many microseconds they took.
+//   start         lines that follow are collected; end-from-start queues each, closes its group and carries all out
+// `end`, `end-from-start` and `retry` print how many microseconds they took.
 //
 // usage: queue_driver --direct
 // Takes command lines, and "kernel-refuses CHAIN" for a rule that the tool takes and the kernel does not; applies them
@@ -59,7 +60,23 @@ int direct()
 bool handle(zol::cfg::TransactionQueue& queue, const std::string& verb, const std::string& rest)
 {
     const Clock::time_point start = Clock::now();
-    if (verb == "add") {
+    static std::vector<std::string> script;
+    static bool collecting = false;
+    if (verb == "start") {
+        collecting = true;
+        script.clear();
+    } else if (verb == "end-from-start") {
+        collecting = false;
+        queue.beginDelivery();
+        for (const std::string& line : script) {
+            queue.addCommand(line);
+            queue.process();
+        }
+        queue.endDelivery();
+        std::cout << verb << ' ' << microsecondsSince(start) << std::endl;
+    } else if (verb == "add" && collecting) {
+        script.push_back(rest);
+    } else if (verb == "add") {
         queue.addCommand(rest);
     } else if (verb == "process") {
         std::cout << "process " << queue.process() << std::endl;

@@ -127,6 +127,8 @@ const RefusedLine refused[] = {
     {"ebtables -A C -i et+h -j DROP", "\"et+h\"", "a port name"},
     {"ebtables -A C -i a/b -j DROP", "\"a/b\"", "a port name"},
     {"ebtables -A C -i \"\" -j DROP", "-i", "a port name"},
+    {"ebtables -A C -i \"(-\" -j DROP", "(-", "a port name"},
+    {"ebtables -A C -i \"-o\" -j DROP", "\"-o\"", "a port name"},
     {"ebtables -A C -i ! + -j DROP", "\"+\"", "every port"},
     {"ebtables -A INPUT -o eth0 -j DROP", "\"-o\"", "INPUT"},
     {"ebtables -A OUTPUT -i eth0 -j DROP", "\"-i\"", "OUTPUT"},
