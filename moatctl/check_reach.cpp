@@ -48,7 +48,7 @@ void findUnreached(const BridgeModel& model, Findings& findings)
     };
     std::map<std::string, const Row*> byForm;
     for (const Row& filter : findings.configuration().rows(TableId::Filters)) {
-        if (filter.integer("Enabled") == 0)
+        if (filter.integer("Enabled") == 0 || findings.hasError(filter))
             continue;
         const auto [first, second] = ports(filter);
         const auto [known, isNew] = byForm.emplace(first + ' ' + second + ' ' + filter.text("MatchCriteria"), &filter);

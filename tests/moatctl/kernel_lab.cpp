@@ -1,0 +1,57 @@
+#include "tests/moatctl/kernel_lab.hpp"
+
+#include "platform_linux/ebtables/tool.hpp"
+
+#include <gtest/gtest.h>
+
+#include <sched.h>
+#include <sstream>
+
+namespace test
+{
+
+namespace
+{
+
+constexpr const char* nft = "/usr/sbin/nft";
+
+bool succeeded(const ebtables::RunResult& result)
+{
+    return result.end == ebtables::RunResult::End::Exited && result.exitCode == 0;
+}
+
+} // namespace
+
+bool enterNamespace()
+{
+    return unshare(CLONE_NEWNET) == 0 &&
+           succeeded(ebtables::run(ebtables::ToolPaths().restore, {"--noflush"}, "*filter\n-P INPUT ACCEPT\nCOMMIT\n"));
+}
+
+std::string runOrFail(const std::string& path, const std::vector<std::string>& arguments, const std::string& input)
+{
+    const ebtables::RunResult result = ebtables::run(path, arguments, input);
+    std::string words;
+    for (const std::string& argument : arguments)
+        words += ' ' + argument;
+    EXPECT_TRUE(succeeded(result)) << path << words << ": " << result.reason << result.errors;
+    return result.output;
+}
+
+std::string restore(const moatctl::Expected& expected)
+{
+    std::string batch = "*filter\n";
+    for (const moatctl::ExpectedLine& line : expected.lines) {
+        std::istringstream commands(line.text);
+        for (std::string command; std::getline(commands, command, ';');) {
+            const std::string program = "ebtables ";
+            if (const std::size_t at = command.find(program); at != std::string::npos)
+                batch += command.substr(at + program.size()) + '\n';
+        }
+    }
+    runOrFail(nft, {"-f", "-"}, "add table bridge filter\ndelete table bridge filter\n");
+    const ebtables::RunResult result = ebtables::run(ebtables::ToolPaths().restore, {"--noflush"}, batch + "COMMIT\n");
+    return succeeded(result) ? "" : "status " + std::to_string(result.exitCode) + ": " + result.errors + "\n" + batch;
+}
+
+} // namespace test

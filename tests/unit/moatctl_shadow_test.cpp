@@ -1,0 +1,107 @@
+#include "moatctl/expected.hpp"
+#include "moatctl/shadow.hpp"
+#include "tests/moatctl/random_configuration.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+
+namespace
+{
+
+using namespace moatctl;
+
+// No frame may reach a rule that was called unreachable.
+TEST(Shadow, NeverNamesARuleThatAFrameReaches)
+{
+    constexpr int frames = 10'000;
+    std::size_t named = 0;
+    for (unsigned seed = 1; seed <= 25; ++seed) {
+        test::Random random(seed);
+        const Configuration configuration = test::randomConfiguration(random, 0);
+        const Applied applied = apply(expectedOf(configuration));
+        std::set<const ModelRule*> unreachable;
+        for (const Shadowed& shadowed : findShadowed(applied.model))
+            unreachable.insert(shadowed.rule);
+        named += unreachable.size();
+        for (int i = 0; i < frames; ++i) {
+            const Frame frame = test::randomFrame(random);
+            for (const Step& step : walk(applied.model, frame).steps)
+                ASSERT_FALSE(step.rule != nullptr && step.result.answer == Answer::Yes &&
+                             unreachable.contains(step.rule))
+                    << "seed " << seed << ", " << step.chain->name << " rule " << step.position + 1;
+        }
+    }
+    EXPECT_GT(named, 25U); // the test looked at something
+}
+
+ebtables::Command append(const std::string& chain, const std::string& options)
+{
+    const std::optional<ebtables::Rule> rule = ebtables::parseRule(options, chain);
+    EXPECT_TRUE(rule) << options;
+    return {ebtables::CommandKind::Append, chain, 1, "", rule.value_or(ebtables::Rule())};
+}
+
+// Whether `later` is out of reach behind `earlier`.
+bool shadows(const std::string& earlier, const std::string& later)
+{
+    BridgeModel model;
+    model.apply(append("FORWARD", earlier), nullptr);
+    model.apply(append("FORWARD", later), nullptr);
+    return !findShadowed(model).empty();
+}
+
+TEST(Shadow, LooksAtEveryKindOfMatch)
+{
+    EXPECT_TRUE(shadows("-i eth0 -j DROP", "-i eth0 -s 02:00:00:00:00:01 -j ACCEPT"));
+    EXPECT_FALSE(shadows("-i eth0 -s 02:00:00:00:00:01 -j DROP", "-i eth0 -j ACCEPT"));
+    EXPECT_TRUE(shadows("-i eth+ -j DROP", "-i eth0 -j ACCEPT"));
+    EXPECT_FALSE(shadows("-i eth0 -j DROP", "-i eth+ -j ACCEPT"));
+    EXPECT_TRUE(shadows("-i ! eth1 -j DROP", "-i eth0 -j ACCEPT"));
+    EXPECT_FALSE(shadows("-i ! eth0 -j DROP", "-i eth0 -j ACCEPT"));
+    EXPECT_TRUE(shadows("-s 02:00:00:00:00:00/ff:ff:ff:ff:ff:fe -j DROP", "-s 02:00:00:00:00:01 -j ACCEPT"));
+    EXPECT_FALSE(shadows("-s 02:00:00:00:00:00/ff:ff:ff:ff:ff:fe -j DROP", "-s 02:00:00:00:00:02 -j ACCEPT"));
+    EXPECT_TRUE(shadows("-p IPv4 --ip-source 10.0.0.0/8 -j DROP", "-p IPv4 --ip-source 10.1.0.0/16 -j ACCEPT"));
+    EXPECT_FALSE(shadows("-p IPv4 --ip-source 10.1.0.0/16 -j DROP", "-p IPv4 --ip-source 10.0.0.0/8 -j ACCEPT"));
+    EXPECT_TRUE(
+        shadows("-p IPv4 --ip-protocol tcp -j DROP", "-p IPv4 --ip-protocol tcp --ip-destination-port 80 -j ACCEPT"));
+    EXPECT_FALSE(
+        shadows("-p IPv4 --ip-protocol tcp --ip-destination-port 80 -j DROP", "-p IPv4 --ip-protocol tcp -j ACCEPT"));
+    EXPECT_TRUE(shadows("-p 802_1Q -j DROP", "-p 802_1Q --vlan-id 5 -j ACCEPT"));
+    EXPECT_FALSE(shadows("-p 802_1Q --vlan-id 5 -j DROP", "-p 802_1Q --vlan-id 6 -j ACCEPT"));
+    // A tag hides the ethertype behind it.
+    EXPECT_FALSE(shadows("-p IPv4 -j DROP", "-p 802_1Q --vlan-id 5 --vlan-encap IPv4 -j ACCEPT"));
+    EXPECT_FALSE(shadows("-i eth0 -j CONTINUE", "-i eth0 -j ACCEPT"));
+}
+
+TEST(Shadow, SeesTheEndOfAChainAndWhatLeavesItEarlier)
+{
+    const auto model = [](bool withReturn) {
+        BridgeModel result;
+        result.apply({ebtables::CommandKind::NewChain, "white", 1, "", {}}, nullptr);
+        result.apply({ebtables::CommandKind::Policy, "white", 1, "DROP", {}}, nullptr);
+        if (withReturn)
+            result.apply(append("white", "-s 02:00:00:00:00:01 -j RETURN"), nullptr);
+        result.apply(append("FORWARD", "-i eth0 -j white"), nullptr);
+        result.apply(append("FORWARD", "-i eth0 -j ACCEPT"), nullptr);
+        return result;
+    };
+    const BridgeModel closed = model(false);
+    EXPECT_EQ(findShadowed(closed).size(), 1U);
+    const BridgeModel open = model(true);
+    EXPECT_TRUE(findShadowed(open).empty());
+}
+
+// The kinds of a rule's values must not make it slow.
+TEST(Shadow, TakesAboutLinearTime)
+{
+    BridgeModel model;
+    for (int i = 0; i < 10'000; ++i) {
+        const std::string address = "10." + std::to_string(i / 250) + '.' + std::to_string(i % 250) + ".0/24";
+        model.apply(append("FORWARD", "-i eth0 -p IPv4 --ip-source " + address + " -j DROP"), nullptr);
+    }
+    EXPECT_TRUE(findShadowed(model).empty());
+}
+
+} // namespace
