@@ -139,6 +139,7 @@ def main():
         variant = dice.randrange(2)
         config.replace(configuration(variant))
         daemon = startDaemon(options.daemon, "/run")
+        daemon.waitForLog("commitToSystem is called")  # the tables may hold the wanted state from before
         waiting.until(lambda: kernel.readTables() == states[1 + variant],
                       lambda: f"kill {kill} ({place}): the next start's state:\n{daemon.readLog()[-3000:]}")
         assert daemon.stop() == 0, daemon.readLog()
