@@ -86,15 +86,16 @@ def waitForTools():
 def killSomewhen(daemon, config, place, dice):
     if place == "start":
         time.sleep(dice.uniform(0, 0.12))
+        daemon.stop(signal.SIGKILL)
     else:
         changes = Changes(config)
         changes.start()
         time.sleep(dice.uniform(0.05, 0.4))
-        changes.stop()
         if place == "clean-up":
             os.kill(daemon.pid, signal.SIGTERM)
             time.sleep(dice.uniform(0, 0.05))
-    daemon.stop(signal.SIGKILL)
+        daemon.stop(signal.SIGKILL)
+        changes.stop()
     waitForTools()
 
 
