@@ -55,7 +55,10 @@ void EtherRule::AssembleSystemCalls()
 {
     bool invalid = false;
 
-    std::string options = " -i " + m_inInterface;
+    // Most rules fit; thousands are assembled at a time.
+    std::string options;
+    options.reserve(256);
+    options.append(" -i ").append(m_inInterface);
     if (!m_outInterface.empty())
         options += " -o " + m_outInterface;
     if (!m_dstMAC.empty())
@@ -120,9 +123,14 @@ void EtherRule::AssembleSystemCalls()
         options.append(" --log --log-prefix ").append(logPrefix);
     options += " -j " + m_target;
 
-    const std::string chain = m_outInterface.empty() ? "UserInputRules" : "UserForwardRules";
-    m_deleteCommand = "ebtables -D " + chain + options;
-    m_addCommand = "ebtables -A " + chain + options;
+    const char* chain = m_outInterface.empty() ? "UserInputRules" : "UserForwardRules";
+    const auto command = [&](const char* action) {
+        std::string line;
+        line.reserve(std::string_view("ebtables -A UserForwardRules").size() + options.size());
+        return line.append("ebtables ").append(action).append(chain).append(options);
+    };
+    m_deleteCommand = command("-D ");
+    m_addCommand = command("-A ");
 }
 
 int EtherRule::ApplySystemCall(cfg::ActionQueue& queue) const
