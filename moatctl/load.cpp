@@ -3,11 +3,11 @@
 #include "platform_linux/ovsdb/json.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <istream>
-#include <iterator>
 #include <limits>
 
 namespace moatctl
@@ -217,9 +217,12 @@ std::string readText(Program& program, const std::string& path)
     }
     std::istream& in = path == "-" ? program.in : file;
     std::string text;
-    if (in)
-        text.assign(std::istreambuf_iterator<char>(in), {});
-    if (in.bad() || (path != "-" && (!file || errno == EISDIR)))
+    std::array<char, 65536> block{};
+    while (in) {
+        in.read(block.data(), block.size());
+        text.append(block.data(), static_cast<std::size_t>(in.gcount()));
+    }
+    if (in.bad() || (path != "-" && !file.is_open()))
         throw Failure(ExitStatus::BadInput,
                       nameOf(path) + ": cannot be read: " + std::strerror(errno != 0 ? errno : EIO));
     return text;

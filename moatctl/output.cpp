@@ -129,7 +129,7 @@ void addOutputOptions(CLI::App& app, OutputStyle& style)
         {"table", Format::Table}, {"json", Format::Json}, {"csv", Format::Csv}};
     app.add_option_function<std::string>(
            "--format", [&style](const std::string& name) { style.format = formats.at(name); }, "Form of the output")
-        ->check(CLI::IsMember({"table", "json", "csv"}))
+        ->check(CLI::IsMember({"table", "json", "csv"}).description(""))
         ->type_name("table|json|csv")
         ->default_str("table");
     app.add_flag_function(

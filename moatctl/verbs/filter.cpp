@@ -32,9 +32,9 @@ void removeItsRules(const Given& given, Editor& editor, const Row& filter)
             rules.push_back(rule.id());
     }
     if (!rules.empty() && !given.has("--with-rules"))
-        throw Failure(ExitStatus::Conflict, "filter " + std::to_string(filter.id()) + " has " +
-                                                std::to_string(rules.size()) +
-                                                " rules: remove them first, or say --with-rules");
+        throw Failure(ExitStatus::Conflict,
+                      "filter " + std::to_string(filter.id()) + " has " + std::to_string(rules.size()) +
+                          (rules.size() == 1 ? " rule" : " rules") + ": remove them first, or say --with-rules");
     for (const std::int32_t rule : rules)
         editor.configuration.remove(TableId::FilterRules, rule);
 }
@@ -50,8 +50,8 @@ void addFilter(CLI::App& root, Program& program)
          .options = {{"--priority", "Prio", "NUMBER"},
                      {"--in", "InInterface", "PORT"},
                      {"--out", "OutInterface", "PORT"},
-                     {"--match", "MatchCriteria", "WHAT"},
-                     {"--mode", "Mode", "MODE"}},
+                     {"--match", "MatchCriteria", "mac|ipv4|ipv6|vlan"},
+                     {"--mode", "Mode", "blacklist|whitelist"}},
          .targetColumn = "",
          .logs = false,
          .addExample = "--between eth0 wlan0 --match mac --mode whitelist",

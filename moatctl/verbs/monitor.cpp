@@ -99,7 +99,7 @@ void addMonitor(CLI::App& root, Program& program)
     CLI::App* app = addSubcommand(root, "monitor", "Show changes with the time as they happen, until interrupted",
                                   "monitor --format=json");
     app->add_option("--format", *format, "Form of a change: a line for people, or a JSON object on a line")
-        ->check(CLI::IsMember({"text", "json"}))
+        ->check(CLI::IsMember({"text", "json"}).description(""))
         ->type_name("text|json")
         ->capture_default_str();
     app->callback(

@@ -47,7 +47,7 @@ void addRule(CLI::App& root, Program& program)
                               {"--ethertype", "Ethertype", "TYPE"},
                               {"--src", "IPSrcAddr", "NETWORK"},
                               {"--dst", "IPDstAddr", "NETWORK"},
-                              {"--proto", "IPProto", "PROTOCOL"},
+                              {"--proto", "IPProto", "tcp|udp"},
                               {"--port", "IPPort", "NUMBER"}},
                   .targetColumn = "Target",
                   .logs = true,
