@@ -1,0 +1,74 @@
+#!/usr/bin/env python3
+"""How long moatctl takes with many rules: import, show, export, one more rule.
+
+usage: moatctl.py MOATCTL [RULES [RUNS]]
+Starts an ovsdb-server of its own in a temporary folder. Prints the shortest and the median wall time of each verb, and
+the processor time of tool and server together."""
+
+import json
+import os
+import pathlib
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+SCHEMA = pathlib.Path(__file__).resolve().parents[1] / "schema" / "moatkeeper.ovsschema"
+
+
+def configuration(count):
+    rules = [{"Id": i, "RulePrio": i, "InInterface": f"eth{i % 8}", "OutInterface": f"eth{(i + 1) % 8}",
+              "SrcMAC": f"02:00:00:{i >> 16 & 255:02x}:{i >> 8 & 255:02x}:{i & 255:02x}", "Ethertype": "IPv4",
+              "IPSrcAddr": f"10.{i >> 8 & 255}.{i & 255}.0/24", "IPProto": "TCP", "IPPort": i % 65000 + 1,
+              "Target": "DROP" if i % 2 else "ACCEPT", "EnableLogging": i % 2} for i in range(1, count + 1)]
+    return json.dumps({"MoatKeeperRuleset": rules})
+
+
+def processor_seconds(pid):
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def main():
+    tool = sys.argv[1]
+    count = int(sys.argv[2]) if len(sys.argv) > 2 else 10000
+    runs = int(sys.argv[3]) if len(sys.argv) > 3 else 5
+    with tempfile.TemporaryDirectory() as folder:
+        socket = f"{folder}/server.sock"
+        subprocess.run(["ovsdb-tool", "create", f"{folder}/db", SCHEMA], check=True)
+        server = subprocess.Popen(["ovsdb-server", f"--remote=punix:{socket}", f"--unixctl={folder}/ctl", f"{folder}/db"],
+                                  stderr=subprocess.DEVNULL)
+        try:
+            while not os.path.exists(socket):
+                time.sleep(0.01)
+            measure(lambda *words, **more: subprocess.run([tool, "--server", socket, "--timeout", "60", *words], check=True,
+                                                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **more),
+                    server.pid, folder, count, runs)
+        finally:
+            server.terminate()
+            server.wait()
+
+
+def measure(run, server, folder, count, runs):
+    full, empty = f"{folder}/full.json", f"{folder}/empty.json"
+    pathlib.Path(full).write_text(configuration(count))
+    pathlib.Path(empty).write_text("{}")
+    verbs = {"import": ("import", full, "--replace"), "show": ("show", "rule"), "export": ("export",),
+             "import, nothing new": ("import", full, "--replace"),
+             "rule add": ("rule", "add", "--in", "eth0", "--drop"), "import, all removed": ("import", empty, "--replace")}
+    wall = {verb: [] for verb in verbs}
+    processor = {verb: [] for verb in verbs}
+    for _ in range(runs):
+        for verb, words in verbs.items():
+            before = time.monotonic(), processor_seconds(server), sum(os.times()[2:4])
+            run(*words)
+            wall[verb].append(time.monotonic() - before[0])
+            processor[verb].append(processor_seconds(server) - before[1] + sum(os.times()[2:4]) - before[2])
+    print(f"{count} rules, {runs} runs, seconds")
+    print(f"{'verb':22}{'shortest':>10}{'median':>10}{'processor':>11}")
+    for verb in verbs:
+        print(f"{verb:22}{min(wall[verb]):10.2f}{statistics.median(wall[verb]):10.2f}{min(processor[verb]):11.2f}")
+
+
+main()

@@ -1,0 +1,293 @@
+#include "moatctl/batch.hpp"
+#include "moatctl/configuration.hpp"
+#include "moatctl/difference.hpp"
+#include "moatctl/edit.hpp"
+#include "moatctl/kernel_order.hpp"
+#include "moatctl/load.hpp"
+#include "moatctl/output.hpp"
+#include "moatctl/rule_order.hpp"
+#include "moatctl/values.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <random>
+#include <sstream>
+
+namespace moatctl
+{
+
+namespace
+{
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr std::int32_t largest = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t smallest = std::numeric_limits<std::int32_t>::min();
+
+Row rule(std::int32_t id, std::int32_t priority)
+{
+    Row row(tableInfo(TableId::Rules));
+    row.set("Id", id);
+    row.set("RulePrio", priority);
+    row.set("InInterface", "eth0");
+    row.set("Target", "DROP");
+    return row;
+}
+
+Configuration withRules(const std::vector<std::pair<std::int32_t, std::int32_t>>& idsAndPriorities)
+{
+    Configuration configuration;
+    for (const auto& [id, priority] : idsAndPriorities)
+        EXPECT_TRUE(configuration.add(rule(id, priority)));
+    return configuration;
+}
+
+std::vector<std::int32_t> idsInOrder(const Configuration& configuration, TableId table = TableId::Rules)
+{
+    std::vector<std::int32_t> ids;
+    for (const Row* row : inKernelOrder(configuration, table))
+        ids.push_back(row->id());
+    return ids;
+}
+
+TEST(Columns, AreThoseOfTheServer)
+{
+    ASSERT_THAT(allTables(), SizeIs(tableCount));
+    for (std::size_t t = 0; t < tableCount; ++t) {
+        const TableInfo& table = allTables()[t];
+        EXPECT_EQ(static_cast<std::size_t>(table.id), t);
+        EXPECT_EQ(table.table, &ovsdb::allTables()[t]);
+        ASSERT_EQ(table.columns.size(), table.table->columns.size()) << table.name();
+        for (std::size_t i = 0; i < table.columns.size(); ++i)
+            EXPECT_EQ(table.columns[i].name, table.table->columns[i].name);
+        EXPECT_EQ(findTable(table.word), &table);
+        EXPECT_EQ(findTable(table.name()), &table);
+    }
+    EXPECT_EQ(findTable("RULE"), &tableInfo(TableId::Rules));
+    EXPECT_EQ(findTable("rules"), nullptr);
+}
+
+TEST(Configuration, KeepsRowsByIdAndIdsUnique)
+{
+    Configuration configuration = withRules({{3, 1}, {1, 1}, {2, 1}});
+    EXPECT_FALSE(configuration.add(rule(2, 9)));
+    EXPECT_EQ(configuration.rows(TableId::Rules)[1].integer("RulePrio"), 1);
+    EXPECT_THAT(idsInOrder(configuration), ElementsAre(1, 2, 3));
+    EXPECT_TRUE(configuration.remove(TableId::Rules, 2));
+    EXPECT_FALSE(configuration.remove(TableId::Rules, 2));
+    EXPECT_EQ(configuration.find(TableId::Rules, 2), nullptr);
+}
+
+TEST(Configuration, NextIdIsFree)
+{
+    EXPECT_EQ(Configuration().nextId(TableId::Rules), 1);
+    EXPECT_EQ(withRules({{1, 1}, {7, 1}}).nextId(TableId::Rules), 8);
+    EXPECT_EQ(withRules({{1, 1}, {2, 1}, {largest, 1}}).nextId(TableId::Rules), 3);
+    EXPECT_EQ(withRules({{2, 1}, {largest, 1}}).nextId(TableId::Rules), 1);
+    EXPECT_EQ(withRules({{largest - 1, 1}}).nextId(TableId::Rules), largest);
+}
+
+TEST(KernelOrder, RulesByPriorityThenId)
+{
+    EXPECT_THAT(idsInOrder(withRules({{1, 30}, {2, 10}, {3, -5}, {4, 10}})), ElementsAre(3, 2, 4, 1));
+}
+
+TEST(KernelOrder, LaterFilterOfEqualPriorityStandsFirst)
+{
+    Configuration configuration;
+    for (const auto& [id, priority] : std::vector<std::pair<int, int>>{{1, 5}, {2, 20}, {3, 5}}) {
+        Row filter(tableInfo(TableId::Filters));
+        filter.set("Id", id);
+        filter.set("Prio", priority);
+        configuration.add(filter);
+        Row entry(tableInfo(TableId::FilterRules));
+        entry.set("Id", 4 - id);
+        entry.set("BridgeFilterID", id);
+        configuration.add(entry);
+    }
+    Row stray(tableInfo(TableId::FilterRules));
+    stray.set("Id", 9);
+    stray.set("BridgeFilterID", 77);
+    configuration.add(stray);
+    EXPECT_THAT(idsInOrder(configuration, TableId::Filters), ElementsAre(3, 1, 2));
+    EXPECT_THAT(idsInOrder(configuration, TableId::FilterRules), ElementsAre(1, 3, 2, 9));
+}
+
+// Whatever the priorities: the rule stands directly beside its anchor, the others keep their order.
+TEST(RuleOrder, RandomPlaces)
+{
+    std::mt19937 random(1);
+    int placed = 0;
+    for (int round = 0; round < 2000; ++round) {
+        Configuration configuration;
+        const int count = std::uniform_int_distribution(1, 8)(random);
+        for (int id = 1; id <= count; ++id)
+            configuration.add(rule(id, std::uniform_int_distribution(-3, 4)(random)));
+        const int anchor = std::uniform_int_distribution(1, count)(random);
+        const bool before = std::uniform_int_distribution(0, 1)(random) == 1;
+        const int moved = std::uniform_int_distribution(1, count + 1)(random); // count + 1 is a new rule
+        if (moved == anchor)
+            continue;
+        std::vector<std::int32_t> expected = idsInOrder(configuration);
+        std::erase(expected, moved);
+        expected.insert(std::ranges::find(expected, anchor) + (before ? 0 : 1), moved);
+
+        Editor editor(configuration);
+        Row row = moved > count ? rule(moved, 0) : *configuration.find(TableId::Rules, moved);
+        placeBeside(editor, row, anchor, before);
+        editor.configuration.remove(TableId::Rules, moved);
+        editor.configuration.add(row);
+        ASSERT_EQ(idsInOrder(editor.configuration), expected) << "round " << round;
+        ASSERT_NE(row.integer("RulePrio"), 0);
+        for (const Change& change : difference(configuration, editor.configuration)) {
+            if (change.before != nullptr && change.after != nullptr) {
+                ASSERT_NE(change.after->integer("RulePrio"), 0);
+            }
+        }
+        ++placed;
+    }
+    EXPECT_GT(placed, 1000);
+}
+
+TEST(RuleOrder, EndsOfTheNumbers)
+{
+    Editor atEnd(withRules({{1, largest}}));
+    Row row = rule(2, 1);
+    EXPECT_THROW(placeBeside(atEnd, row, 1, false), Failure);
+    placeBeside(atEnd, row, 1, true);
+    EXPECT_LT(row.integer("RulePrio"), largest);
+
+    Editor atBegin(withRules({{1, smallest}}));
+    row = rule(2, 1);
+    placeBeside(atBegin, row, 1, true);
+    atBegin.configuration.add(row);
+    EXPECT_THAT(idsInOrder(atBegin.configuration), ElementsAre(2, 1));
+    EXPECT_THROW(placeBeside(atBegin, row, 9, true), Failure);
+    EXPECT_THROW(placeBeside(atBegin, row, 2, true), Failure);
+}
+
+TEST(Difference, AddedRemovedChanged)
+{
+    const Configuration before = withRules({{1, 10}, {2, 20}, {3, 30}});
+    Configuration after = withRules({{2, 25}, {3, 30}, {4, 40}});
+    after.find(TableId::Rules, 2)->set("InInterface", "a\"b\n");
+    std::vector<std::string> lines;
+    for (const Change& change : difference(before, after))
+        lines.push_back(toText(change));
+    EXPECT_THAT(lines, ElementsAre("- MoatKeeperRuleset Id 1: RulePrio 10, InInterface \"eth0\", Target \"DROP\"",
+                                   "~ MoatKeeperRuleset Id 2: RulePrio 20 -> 25, InInterface \"eth0\" -> \"a\"b\\x0a\"",
+                                   "+ MoatKeeperRuleset Id 4: RulePrio 40, InInterface \"eth0\", Target \"DROP\""));
+    EXPECT_THAT(difference(before, before), IsEmpty());
+}
+
+TEST(Batch, WordsOfALine)
+{
+    EXPECT_THAT(splitLine("").words, IsEmpty());
+    EXPECT_THAT(splitLine("  # only a comment").words, IsEmpty());
+    EXPECT_THAT(splitLine("rule add\t--in eth0#1 # comment\r").words, ElementsAre("rule", "add", "--in", "eth0#1"));
+    EXPECT_THAT(splitLine(R"(a 'b c' "d \"e\" \\" f"g h"i '' "# no")").words,
+                ElementsAre("a", "b c", "d \"e\" \\", "fg hi", "", "# no"));
+    EXPECT_THAT(splitLine("'a\\'").words, ElementsAre("a\\"));
+    EXPECT_THAT(splitLine("a \"b").error, HasSubstr("quotation mark"));
+    EXPECT_THAT(splitLine("it's").error, HasSubstr("quotation mark"));
+}
+
+TEST(Output, CsvFields)
+{
+    EXPECT_EQ(csvField("eth0"), "eth0");
+    EXPECT_EQ(csvField(""), "");
+    EXPECT_EQ(csvField("a,b"), "\"a,b\"");
+    EXPECT_EQ(csvField("say \"no\""), "\"say \"\"no\"\"\"");
+    EXPECT_EQ(csvField("a\nb"), "\"a\nb\"");
+}
+
+TEST(Output, SheetsInThreeForms)
+{
+    const auto text = [](const char* words) { return tessera::Value(std::string(words)); };
+    const std::vector<Sheet> sheets{
+        {"one", "First", {"A", "B"}, {{tessera::Value(1), text("\xc3\xa4\x1b")}, {tessera::Value(22), text("")}}},
+        {"two", "Second", {"C"}, {}}};
+    const auto written = [&sheets](Format format, bool headings) {
+        std::ostringstream out;
+        writeSheets(out, sheets, {format, headings}, false);
+        return out.str();
+    };
+    EXPECT_EQ(written(Format::Table, true), "First\nA   B\n1   \xc3\xa4\\x1b\n22  \n\nSecond\nC\n");
+    EXPECT_EQ(written(Format::Table, false), "1   \xc3\xa4\\x1b\n22  \n");
+    EXPECT_EQ(written(Format::Csv, true), "Table,A,B\r\none,1,\xc3\xa4\x1b\r\none,22,\r\n\r\nTable,C\r\n");
+    EXPECT_EQ(ovsdb::toText(ovsdb::parseJson(written(Format::Json, true))),
+              ovsdb::toText(ovsdb::parseJson(
+                  "{\"one\":[{\"A\":1,\"B\":\"\xc3\xa4\\u001b\"},{\"A\":22,\"B\":\"\"}],\"two\":[]}")));
+}
+
+TEST(Values, FromPersonToTable)
+{
+    const TableInfo& rules = tableInfo(TableId::Rules);
+    const auto stored = [&rules](const char* column, const char* text) {
+        return toText(fromPerson(rules.columns[rules.at(column)], text, "--option"));
+    };
+    EXPECT_EQ(stored("Ethertype", "ipv4"), "IPv4");
+    EXPECT_EQ(stored("Ethertype", "0x0800"), "IPv4");
+    EXPECT_EQ(stored("Ethertype", "0x86dd"), "IPv6");
+    EXPECT_EQ(stored("Ethertype", "0x88cc"), "0x88cc");
+    EXPECT_EQ(stored("IPProto", "udp"), "UDP");
+    EXPECT_EQ(stored("IPProto", "6"), "TCP");
+    EXPECT_EQ(stored("Target", "accept"), "ACCEPT");
+    EXPECT_EQ(stored("VLANID", "none"), "-1");
+    EXPECT_EQ(stored("VLANID", "0"), "0");
+    EXPECT_EQ(stored("IPPort", "none"), "0");
+    EXPECT_EQ(stored("OutInterface", ""), "");
+    EXPECT_EQ(stored("RulePrio", "-2147483648"), "-2147483648");
+    for (const auto& [column, text] : std::vector<std::pair<const char*, const char*>>{{"RulePrio", "0"},
+                                                                                       {"RulePrio", "2147483648"},
+                                                                                       {"RulePrio", "1 "},
+                                                                                       {"RulePrio", ""},
+                                                                                       {"InInterface", ""},
+                                                                                       {"InInterface", "a b"},
+                                                                                       {"InInterface", "eth0;"},
+                                                                                       {"VLANID", "4095"},
+                                                                                       {"VLANID", "-2"},
+                                                                                       {"IPPort", "65536"},
+                                                                                       {"IPPort", "http"},
+                                                                                       {"IPProto", "icmp"},
+                                                                                       {"SrcMAC", "00:11:22"},
+                                                                                       {"IPSrcAddr", "10.0.0.0/33"},
+                                                                                       {"Target", "RETURN"},
+                                                                                       {"Ethertype", "IP v4"}})
+        EXPECT_THROW(stored(column, text), Failure) << column << ' ' << text;
+}
+
+TEST(Load, LinesOfErrorsAndDefaults)
+{
+    const LoadedFile good = parseConfiguration("// c\n{\"MoatKeeperRuleset\": [ /* x */\n{\"Id\": 2, \"RulePrio\": 1,\n"
+                                               "\"InInterface\": \"eth0\", \"Target\": \"DROP\"}]}",
+                                               "f");
+    ASSERT_THAT(good.problems, IsEmpty());
+    const Row* row = good.configuration.find(TableId::Rules, 2);
+    ASSERT_NE(row, nullptr);
+    EXPECT_EQ(row->line, 3U);
+    EXPECT_EQ(row->lineOf(row->table->at("Target")), 4U);
+    EXPECT_EQ(row->lineOf(row->table->at("SrcMAC")), 3U);
+    EXPECT_EQ(row->integer("VLANID"), -1);
+    EXPECT_EQ(row->integer("Enabled"), 1);
+
+    const LoadedFile bad =
+        parseConfiguration("{\"MoatKeeperInputPolicy\": [\n{\"Id\": 1, \"Interface\": 5},\n7]}", "f");
+    std::vector<std::string> texts;
+    for (const Problem& problem : bad.problems)
+        texts.push_back(toText(problem));
+    EXPECT_THAT(texts,
+                ElementsAre("f:2: error: MoatKeeperInputPolicy Id 1, Interface: expected a text, found an integer",
+                            "f:2: error: MoatKeeperInputPolicy Id 1, Policy: missing: expected ACCEPT or DROP",
+                            "f:3: error: MoatKeeperInputPolicy: expected a row, an object, found an integer"));
+    EXPECT_THAT(parseConfiguration("{", "f").problems, SizeIs(1));
+}
+
+} // namespace
+
+} // namespace moatctl
