@@ -8,6 +8,7 @@ namespace moatctl
 
 void addCheck(CLI::App& root, Program& program);
 void addExplain(CLI::App& root, Program& program);
+void addStatus(CLI::App& root, Program& program);
 void addShow(CLI::App& root, Program& program);
 void addRule(CLI::App& root, Program& program);
 void addPolicy(CLI::App& root, Program& program);

@@ -1,0 +1,206 @@
+#include "moatctl/compare.hpp"
+#include "moatctl/expected.hpp"
+#include "moatctl/load.hpp"
+#include "moatctl/output.hpp"
+#include "moatctl/verbs.hpp"
+#include "platform_linux/ebtables/line_parser.hpp"
+#include "platform_linux/ebtables/tool.hpp"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <sys/stat.h>
+#include <utility>
+
+namespace moatctl
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+struct Options {
+    std::string pidFolder = "/var/run";
+    OutputStyle style;
+};
+
+std::string firstLine(const fs::path& path)
+{
+    std::string line;
+    std::ifstream file(path);
+    std::getline(file, line);
+    return line;
+}
+
+// Another namespace's daemon has bridge tables of its own. What may not be read counts as ours.
+bool isInOurNetwork(const std::string& pid)
+{
+    std::error_code theirs;
+    std::error_code ours;
+    const fs::path there = fs::read_symlink("/proc/" + pid + "/ns/net", theirs);
+    const fs::path here = fs::read_symlink("/proc/self/ns/net", ours);
+    return theirs || ours || there == here;
+}
+
+// A process that is the daemon: by its program's name, which anybody may read.
+bool isDaemon(const std::string& pid)
+{
+    return !pid.empty() && std::ranges::all_of(pid, [](char c) { return c >= '0' && c <= '9'; }) &&
+           firstLine("/proc/" + pid + "/comm") == "moatkeeper" && isInOurNetwork(pid);
+}
+
+// Of the PID file; a daemon in the foreground writes none and is looked for among all processes.
+std::optional<std::string> daemonPid(const std::string& pidFolder)
+{
+    if (std::string pid = firstLine(fs::path(pidFolder) / "moatkeeper.pid"); isDaemon(pid))
+        return pid;
+    std::error_code error;
+    for (fs::directory_iterator entry("/proc", error), end; !error && entry != end; entry.increment(error)) {
+        if (std::string pid = entry->path().filename(); isDaemon(pid))
+            return pid;
+    }
+    return std::nullopt;
+}
+
+// When the daemon last wrote down which chains it keeps. Commits that change rules only do not touch that record.
+std::string lastCommit()
+{
+    struct stat record {
+    };
+    if (stat("/run/moatkeeper/tables", &record) != 0)
+        return "unknown";
+    std::tm time{};
+    localtime_r(&record.st_mtime, &time);
+    std::array<char, 64> text{};
+    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &time);
+    return std::string("not before ") + text.data();
+}
+
+std::optional<ebtables::Table> readKernel(std::string& reason)
+{
+    const ebtables::ToolPaths paths;
+    const ebtables::RunResult result = ebtables::run(paths.save, {"-c"}, "");
+    if (result.end == ebtables::RunResult::End::Exited && result.exitCode == 0)
+        return ebtables::parseSaved(result.output);
+    reason = paths.save + ": " +
+             (result.end == ebtables::RunResult::End::Exited ? ebtables::printable(result.errors) : result.reason);
+    return std::nullopt;
+}
+
+const char* nameOf(EntryState state)
+{
+    switch (state) {
+    case EntryState::Same:
+        return "ok";
+    case EntryState::Missing:
+        return "missing";
+    case EntryState::Extra:
+        return "extra";
+    case EntryState::Different:
+        return "different";
+    }
+    return "";
+}
+
+// compared: whether the states mean something.
+Sheet entriesSheet(const std::vector<Entry>& entries, bool compared)
+{
+    Sheet sheet{"rules", "Rules", {"CHAIN", "RULE", "STATE", "FRAMES", "BYTES", "TABLE", "ID", "TEXT"}, {}};
+    using tessera::Value;
+    for (const Entry& entry : entries) {
+        const auto counter = [&](std::uint64_t ebtables::Counters::*which) {
+            return Value(entry.counters ? std::to_string((*entry.counters).*which) : std::string());
+        };
+        const bool hasId = entry.origin != nullptr && entry.origin->table->hasIds();
+        sheet.rows.push_back({Value(entry.chain),
+                              Value(entry.position != 0 ? std::to_string(entry.position) : std::string("-")),
+                              Value(std::string(compared ? nameOf(entry.state) : "unknown")),
+                              counter(&ebtables::Counters::packets), counter(&ebtables::Counters::bytes),
+                              Value(entry.origin != nullptr ? std::string(entry.origin->table->name()) : std::string()),
+                              Value(hasId ? std::to_string(entry.origin->id()) : std::string()), Value(entry.text)});
+    }
+    return sheet;
+}
+
+std::string summaryOf(const std::vector<Entry>& entries)
+{
+    std::string text;
+    for (const EntryState state : {EntryState::Missing, EntryState::Extra, EntryState::Different}) {
+        const auto count = std::ranges::count(entries, state, &Entry::state);
+        if (count != 0)
+            text += (text.empty() ? "" : ", ") + std::to_string(count) + ' ' + nameOf(state);
+    }
+    return text.empty() ? "as configured" : text;
+}
+
+ExitStatus status(Program& program, const Options& options)
+{
+    bool inOrder = true;
+    Sheet summary{"status", "Status", {"WHAT", "STATE"}, {}};
+    const auto add = [&](const char* what, const std::string& state) {
+        summary.rows.push_back({tessera::Value(std::string(what)), tessera::Value(state)});
+    };
+
+    std::optional<Configuration> configuration;
+    try {
+        ovsdb::Client client = program.connect();
+        configuration = loadFromServer(client);
+        add("server", "up, schema " + client.schemaVersion());
+    } catch (const ovsdb::Error& error) {
+        add("server", std::string("down: ") + error.what());
+        inOrder = false;
+    }
+    const std::optional<std::string> pid = daemonPid(options.pidFolder);
+    add("daemon", pid ? "running, process " + *pid : "not running");
+    add("last commit", lastCommit());
+    inOrder = inOrder && pid;
+
+    std::string reason;
+    const std::optional<ebtables::Table> kernel = readKernel(reason);
+    std::vector<Entry> entries;
+    if (!kernel) {
+        add("kernel tables", "unknown: " + reason);
+        inOrder = false;
+    } else {
+        // Without the server there is nothing to compare with: everything is shown as it is.
+        const Applied applied = configuration ? apply(expectedOf(*configuration)) : Applied();
+        entries = compare(applied.model, *kernel);
+        const std::string found = summaryOf(entries);
+        add("kernel tables", configuration ? found : "not compared: the server is down");
+        inOrder = inOrder && found == "as configured";
+    }
+    std::vector<Sheet> sheets{std::move(summary), entriesSheet(entries, configuration.has_value())};
+    if (options.style.format != Format::Table) {
+        for (Sheet& sheet : sheets) {
+            for (std::string& heading : sheet.headings)
+                std::ranges::transform(heading, heading.begin(),
+                                       [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+        }
+    }
+    writeSheets(program.out, sheets, options.style, program.colour);
+    return inOrder ? ExitStatus::Ok : configuration ? ExitStatus::Warnings : ExitStatus::Server;
+}
+
+} // namespace
+
+void addStatus(CLI::App& root, Program& program)
+{
+    auto options = std::make_shared<Options>();
+    CLI::App* app = addSubcommand(root, "status",
+                                  "Say whether server and daemon run and the kernel holds what is configured, with "
+                                  "the counters of every rule",
+                                  "status --format=json");
+    app->add_option("--pid-folder", options->pidFolder, "Where the daemon's PID file is")
+        ->type_name("FOLDER")
+        ->capture_default_str();
+    addOutputOptions(*app, options->style);
+    app->callback([&program, options] { program.action = [&program, options] { return status(program, *options); }; });
+}
+
+} // namespace moatctl
