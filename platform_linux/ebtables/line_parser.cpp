@@ -42,10 +42,10 @@ constexpr std::array<Kind, 256> kinds = [] {
     result.fill(Kind::Unprintable);
     for (unsigned char c = ' '; c <= '~'; ++c)
         result[c] = Kind::Plain;
-    for (const unsigned char c : std::string_view("|&<>(){}'*?[]~#^"))
-        result[c] = Kind::Shell;
-    for (const unsigned char c : std::string_view("$`\\")) // a shell expands these in double quotes as well
-        result[c] = Kind::ShellInQuotes;
+    for (const char c : std::string_view("|&<>(){}'*?[]~#^"))
+        result[static_cast<unsigned char>(c)] = Kind::Shell;
+    for (const char c : std::string_view("$`\\")) // a shell expands these in double quotes as well
+        result[static_cast<unsigned char>(c)] = Kind::ShellInQuotes;
     result[' '] = Kind::Blank;
     result['"'] = Kind::Quote;
     result[';'] = Kind::Separator;
