@@ -110,7 +110,7 @@ std::string nameOf(const Way& way)
     return way.out.empty() ? way.in : way.in + " to " + way.out;
 }
 
-// A cell that walks count against: keeps large configurations quick.
+// Walks frames and collects those that are dropped. Its work has a limit, which keeps large configurations quick.
 class Examiner
 {
 public:
