@@ -73,14 +73,12 @@ std::vector<const CLI::Option*> newOptions(const CLI::App& app, const CLI::App* 
     if (sibling == nullptr || sibling == &app)
         return options;
     const std::vector<const CLI::Option*> known = optionsOf(*sibling);
-    const auto end =
-        std::ranges::remove_if(options, [&](const CLI::Option* option) {
-            return std::ranges::any_of(known, [&](const CLI::Option* other) {
-                return other->get_name() == option->get_name() && other->get_description() == option->get_description();
-            });
-        }).begin();
-    leftOut = end != options.end();
-    options.erase(end, options.end());
+    const auto isKnown = [&known](const CLI::Option* option) {
+        return std::ranges::any_of(known, [option](const CLI::Option* other) {
+            return other->get_name() == option->get_name() && other->get_description() == option->get_description();
+        });
+    };
+    leftOut = std::erase_if(options, isKnown) != 0;
     return options;
 }
 
