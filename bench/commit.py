@@ -17,55 +17,30 @@ in turn, of tables that already hold as many other rules:
 
 import argparse
 import csv
-import json
 import os
 import shutil
-import signal
-import socket
 import statistics
 import subprocess
 import sys
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-from netfilter import Generation  # noqa: E402
+SOURCE = os.path.dirname(HERE)
+sys.path.insert(0, os.path.join(SOURCE, "tests", "system"))
+from lab import programs, sandbox  # noqa: E402
+from lab.config import RULES, Config, delete, insert  # noqa: E402
+from lab.netfilter import Commits  # noqa: E402
 
-WORK = "/run/moatkeeper-bench"
-SERVER_SOCKET = "/tmp/cfgserver.socket"
+WORK = "/run/bench"
 COLUMNS = ["per line", "restore", "nft", "commit", "change", "database", "all rows"]
-
-
-def inside_namespaces():
-    """Starts this script again in namespaces of its own, with the programs where a private /tmp does not hide them."""
-    if os.environ.get("MOATKEEPER_BENCH_INSIDE"):
-        return
-    os.environ["MOATKEEPER_BENCH_INSIDE"] = "1"
-    os.execvp("unshare", ["unshare", "--net", "--mount", "--propagation", "private", sys.executable,
-                          os.path.abspath(__file__)] + sys.argv[1:])
-
-
-def prepare(build):
-    """Private /run and /tmp, the programs copied into the first."""
-    source = os.path.join(HERE, "..", "schema", "moatkeeper.ovsschema")
-    files = {"driver": f"{build}/bench/commit_driver", "moatkeeper": f"{build}/daemon/moatkeeper",
-             "moatkeeper.ovsschema": source}
-    contents = {name: open(path, "rb").read() for name, path in files.items()}
-    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run"], check=True)
-    os.mkdir(WORK)
-    for name, content in contents.items():
-        with open(f"{WORK}/{name}", "wb") as out:
-            out.write(content)
-        os.chmod(f"{WORK}/{name}", 0o755)
-    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"], check=True)
 
 
 class Driver:
     """The handler and the command queue in a process of their own."""
 
-    def __init__(self):
-        self._process = subprocess.Popen([f"{WORK}/driver", f"{WORK}/record"], stdin=subprocess.PIPE,
-                                         stdout=subprocess.PIPE, text=True)
+    def __init__(self, build):
+        self._process = subprocess.Popen([f"{build}/bench/commit_driver", f"{WORK}/record"], stdin=subprocess.PIPE,
+                                         stdout=subprocess.PIPE, text=True, preexec_fn=sandbox.dieWithParent)
 
     def ask(self, command):
         self._process.stdin.write(command + "\n")
@@ -145,8 +120,8 @@ def kernel_rules():
     return sum(line.startswith("-A UserForwardRules") for line in saved.splitlines())
 
 
-def measure_queue(size, rounds, with_per_line):
-    driver = Driver()
+def measure_queue(build, size, rounds, with_per_line):
+    driver = Driver(build)
     figures = {column: [] for column in COLUMNS}
     batches = {}
     variant = 0
@@ -175,72 +150,9 @@ def measure_queue(size, rounds, with_per_line):
     return figures
 
 
-class Database:
-    """A real ovsdb-server and the real daemon."""
-
-    def __init__(self):
-        self._processes = []
-        subprocess.run(["ovsdb-tool", "create", f"{WORK}/conf.db", f"{WORK}/moatkeeper.ovsschema"], check=True)
-        self._start(["ovsdb-server", f"--remote=punix:{SERVER_SOCKET}", "--no-chdir", f"--unixctl={WORK}/ctl",
-                     "--log-file=/dev/null", f"{WORK}/conf.db"])
-        self._socket = socket.socket(socket.AF_UNIX)
-        deadline = time.monotonic() + 20
-        while True:
-            try:
-                self._socket.connect(SERVER_SOCKET)
-                break
-            except OSError:
-                if time.monotonic() > deadline:
-                    raise
-                time.sleep(0.01)
-        self._generation = Generation()
-        before = self._generation.current()
-        self._start([f"{WORK}/moatkeeper", "-p", WORK])
-        self._wait_for_generation(before)
-        self._identity = 0
-
-    def _start(self, arguments):
-        self._processes.append(subprocess.Popen(arguments, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
-
-    def _wait_for_generation(self, before):
-        deadline = time.monotonic() + 120
-        while self._generation.current() == before:
-            if time.monotonic() > deadline:
-                sys.exit("the kernel's rules did not change")
-            time.sleep(0.0005)
-
-    def send(self, operations):
-        """Sends a transaction; returns the seconds from then until the kernel's rules have changed."""
-        self._identity += 1
-        request = json.dumps({"method": "transact", "id": self._identity,
-                              "params": ["moatkeeper"] + operations}).encode()
-        before = self._generation.current()
-        start = time.monotonic()
-        self._socket.sendall(request)
-        self._wait_for_generation(before)
-        spent = time.monotonic() - start
-        decoder, text = json.JSONDecoder(), ""
-        while True:
-            text += self._socket.recv(1 << 20).decode()
-            try:
-                answer, _ = decoder.raw_decode(text)
-                break
-            except json.JSONDecodeError:
-                continue
-        if answer.get("error") or any(entry and "error" in entry for entry in answer["result"]):
-            sys.exit(f"the server refused: {answer}")
-        return spent
-
-    def close(self):
-        for process in reversed(self._processes):
-            process.send_signal(signal.SIGTERM)
-            if process.wait(timeout=120) not in (0, -signal.SIGTERM):
-                sys.exit(f"{process.args[0]} ended with {process.returncode}")
-
-
-def operations(size, variant):
-    """Replaces the rule table by the rules that the driver makes."""
-    result = [{"op": "delete", "table": "MoatKeeperRuleset", "where": []}]
+def rows(size, variant):
+    """Replaces the rule table by rules like those that the driver makes."""
+    operations = [delete(RULES)]
     for number in range(1, size + 1):
         row = {"Id": number, "RulePrio": number, "InInterface": "in", "OutInterface": "out", "Target": "DROP"}
         host = f"{variant % 250}.{number // 250}.{number % 250 + 1}"
@@ -250,21 +162,37 @@ def operations(size, variant):
             row.update(Ethertype="IPv4", IPSrcAddr=f"10.{host}")
         else:
             row.update(Ethertype="IPv4", IPDstAddr=f"10.{host}", IPProto="TCP", IPPort=80, Target="ACCEPT")
-        result.append({"op": "insert", "table": "MoatKeeperRuleset", "row": row})
-    return result
+        operations.append(insert(RULES, **row))
+    return operations
 
 
-def measure_database(size, rounds, figures):
-    database = Database()
-    database.send(operations(size, 0))
+def measure_database(build, size, rounds, figures):
+    server = programs.startServer(f"{SOURCE}/schema/moatkeeper.ovsschema", WORK)
+    config = Config()
+    commits = Commits()
+    daemon = programs.Program([f"{build}/daemon/moatkeeper", "-p", WORK], f"{WORK}/daemon.log")
+    commits.wait()
+
+    def change(*operations):
+        start = time.monotonic()
+        config.send(*operations)
+        commits.wait()
+        spent = time.monotonic() - start
+        config.receive()
+        return spent
+
+    change(*rows(size, 0))
     for variant in range(1, rounds + 1):
-        figures["all rows"].append(database.send(operations(size, variant)))
+        figures["all rows"].append(change(*rows(size, variant)))
         assert kernel_rules() == size
-        change = {"op": "update", "table": "MoatKeeperRuleset", "where": [["Id", "==", 1]], "row": {"RulePrio": -variant}}
-        figures["database"].append(database.send([change]))
+        row = {"op": "update", "table": RULES, "where": [["Id", "==", 1]], "row": {"RulePrio": -variant}}
+        figures["database"].append(change(row))
         assert kernel_rules() == size
-    database.close()
-    os.unlink(f"{WORK}/conf.db")
+    commits.close()
+    config.close()
+    assert daemon.stop(seconds=60) == 0, daemon.readLog()
+    server.stop()
+    os.unlink(f"{WORK}/configuration.db")
 
 
 def main():
@@ -275,21 +203,22 @@ def main():
     parser.add_argument("--sizes", default="100,1000,4000,10000,20000")
     parser.add_argument("--per-line-up-to", type=int, default=1000)
     parser.add_argument("--rounds", type=int, default=5)
-    inside_namespaces()
     options = parser.parse_args()
     if os.geteuid() != 0 or not all(map(shutil.which, ["ebtables-restore", "nft", "ovsdb-server"])):
         sys.exit("needs root, ebtables, nft and ovsdb-server")
-    results = {name: open(os.path.abspath(name), "w") for name in (options.csv, options.svg) if name}
-    prepare(os.path.abspath(options.build))
+    build = os.path.realpath(options.build)
+    files = {name: os.path.realpath(name) for name in (options.csv, options.svg) if name}
+    sandbox.enter(SOURCE, build, *{os.path.dirname(path) for path in files.values()})
+    os.mkdir(WORK)
 
     print(f"{'rules':>6}" + "".join(f"{column + ' ms':>14}" for column in COLUMNS)
           + "   commit/restore  database/restore  per line/commit")
-    rows = []
+    table = []
     for size in map(int, options.sizes.split(",")):
-        figures = measure_queue(size, options.rounds, size <= options.per_line_up_to)
-        measure_database(size, options.rounds, figures)
+        figures = measure_queue(build, size, options.rounds, size <= options.per_line_up_to)
+        measure_database(build, size, options.rounds, figures)
         row = {column: statistics.median(values) if values else None for column, values in figures.items()}
-        rows.append({"rules": size, **row})
+        table.append({"rules": size, **row})
         ratio = row["per line"] / row["commit"] if row["per line"] else None
         print(f"{size:>6}" + "".join(f"{row[column] * 1000:>14.1f}" if row[column] else f"{'-':>14}"
                                      for column in COLUMNS)
@@ -297,23 +226,25 @@ def main():
               + (f"  {ratio:>15.0f}" if ratio else f"  {'-':>15}"), flush=True)
 
     if options.csv:
-        writer = csv.DictWriter(results[options.csv], ["rules"] + COLUMNS)
-        writer.writeheader()
-        writer.writerows(rows)
+        with open(files[options.csv], "w", newline="") as output:
+            writer = csv.DictWriter(output, ["rules"] + COLUMNS, lineterminator="\n")
+            writer.writeheader()
+            writer.writerows(table)
     if options.svg:
-        plot(rows, results[options.svg])
+        with open(files[options.svg], "w") as output:
+            output.write(plot(table))
 
 
-def plot(rows, output):
+def plot(table):
     data = write_file("plot.dat", "\n".join(
-        " ".join(str(row[column]) if row[column] else "?" for column in ["rules"] + COLUMNS) for row in rows))
+        " ".join(str(row[column]) if row[column] else "?" for column in ["rules"] + COLUMNS) for row in table))
     curves = ", ".join(f"'{data}' using 1:{index + 2} with linespoints title '{column}'"
                        for index, column in enumerate(COLUMNS))
     script = f"""set terminal svg size 800,500 font 'sans,13' background 'white'
 set logscale xy; set xlabel 'rules'; set ylabel 'seconds'; set grid; set key left top
 set datafile missing '?'
 plot {curves}"""
-    output.write(subprocess.run(["gnuplot", "-"], input=script, capture_output=True, text=True, check=True).stdout)
+    return subprocess.run(["gnuplot", "-"], input=script, capture_output=True, text=True, check=True).stdout
 
 
 if __name__ == "__main__":

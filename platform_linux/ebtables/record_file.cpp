@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include <cerrno>
 #include <cstdio>
@@ -70,15 +71,16 @@ std::optional<std::string> RecordFile::read(std::string& reason) const
     } else if (!S_ISREG(status.st_mode) || status.st_size > maxSize) {
         reason = path() + " is no file of ours";
     } else if (reason = checkOwner(status, path()); reason.empty()) {
-        content.emplace(static_cast<std::size_t>(status.st_size), '\0');
+        std::string text(static_cast<std::size_t>(status.st_size), '\0');
         std::size_t got = 0;
-        while (got < content->size()) {
-            const ssize_t some = ::read(file, content->data() + got, content->size() - got);
+        while (got < text.size()) {
+            const ssize_t some = ::read(file, text.data() + got, text.size() - got);
             if (some <= 0)
                 break;
             got += static_cast<std::size_t>(some);
         }
-        content->resize(got); // a short one does not pass its checksum
+        text.resize(got); // a short one does not pass its checksum
+        content = std::move(text);
     }
     close(file);
     return content;

@@ -4,7 +4,7 @@ import os
 import signal
 import subprocess
 
-from lab import config, frames, kernel, machine, programs, waiting
+from lab import config, frames, kernel, machine, netfilter, programs, waiting
 from lab.frames import Frame
 
 MAC = "02:00:00:00:0a:01"
@@ -78,6 +78,26 @@ class Lifecycle(machine.Machine):
         self.waitForTables(tables)
         self.assertEqual(0, self.daemon.stop())
         self.assertEqual(kernel.untouched(), kernel.readTables())
+
+    def testANotificationWithoutAChangeStartsNothing(self):
+        def children():
+            # Page faults of the daemon's children that have ended: each process that it starts adds some.
+            with open(f"/proc/{self.daemon.pid}/stat", encoding="ascii") as stat:
+                return int(stat.read().rsplit(")", 1)[1].split()[8])
+
+        def notify(rowId):
+            commits = self.daemon.readLog().count("commitToSystem is called")
+            self.config.insert(config.RULES, Id=rowId, Enabled=0, RulePrio=1, InInterface="p1", Target="DROP")
+            waiting.until(lambda: self.daemon.readLog().count("commitToSystem is called") > commits, "a commit")
+
+        # A delivery begins when all that the one before it might start is over.
+        notify(101)
+        before = netfilter.generation(), children()
+        notify(102)
+        notify(103)
+        self.assertEqual(before, (netfilter.generation(), children()))
+        self.config.update(config.RULES, 101, Enabled=1)
+        waiting.until(lambda: netfilter.generation() > before[0] and children() > before[1], "both to count a change")
 
     def testTheServerDiesAndReturns(self):
         for number in (signal.SIGTERM, signal.SIGKILL):

@@ -18,25 +18,14 @@ import subprocess
 import sys
 import threading
 
-SKIP = 77
+from lab import sandbox
+
 ETH_P_ALL = 3
 SO_RCVBUFFORCE = 33
 ETHERTYPE = 0x88B5  # for local experiments
 ALLOWED = bytes.fromhex("02aa00000001")
 FORBIDDEN = bytes.fromhex("02aa00000002")
 WINDOW = 256  # frames under way: fewer than the kernel's queues hold, so that what is missing was filtered
-
-
-def inside_namespaces():
-    if os.environ.get("MOATKEEPER_TEST_INSIDE"):
-        return
-    if os.geteuid() != 0 or subprocess.run(["unshare", "--net", "--mount", "ip", "link", "add", "name", "probe", "type",
-                                           "bridge"],
-                                           capture_output=True).returncode != 0:
-        print("skipped: needs root and the kernel's bridge")
-        sys.exit(SKIP)
-    os.environ["MOATKEEPER_TEST_INSIDE"] = "1"
-    os.execvp("unshare", ["unshare", "--net", "--mount", "--propagation", "private", sys.executable] + sys.argv)
 
 
 def ip(arguments):
@@ -116,7 +105,8 @@ class Stream:
 
 class Driver:
     def __init__(self, program, record):
-        self._process = subprocess.Popen([program, record], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self._process = subprocess.Popen([program, record], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+                                         preexec_fn=sandbox.dieWithParent)
 
     def ask(self, command):
         self._process.stdin.write(command + "\n")
@@ -133,17 +123,20 @@ class Driver:
 
 
 def main():
-    inside_namespaces()
     parser = argparse.ArgumentParser()
     parser.add_argument("driver")
     parser.add_argument("--refills", type=int, default=20)
     parser.add_argument("--rules", type=int, default=4000)
     parser.add_argument("--frames", type=int, default=50_000)
     options = parser.parse_args()
-    program = open(options.driver, "rb")  # stays reachable under a private /run
-    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run"], check=True)
-    make_bridge()
-    driver = Driver(f"/proc/{os.getpid()}/fd/{program.fileno()}", "/run/record")
+    program = os.path.realpath(options.driver)
+    try:
+        sandbox.enter(os.path.dirname(os.path.realpath(__file__)), os.path.dirname(program))
+        make_bridge()
+    except (sandbox.Unavailable, subprocess.CalledProcessError) as reason:
+        print(f"skipped: {reason}")
+        sys.exit(sandbox.SKIPPED)
+    driver = Driver(program, "/run/record")
 
     total = refills = 0
     for policy in ("DROP", "ACCEPT"):

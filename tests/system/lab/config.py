@@ -46,9 +46,17 @@ class Config:
 
     def transact(self, *operations):
         """Carries out all operations or, raising Refused, none."""
+        self.send(*operations)
+        return self.receive()
+
+    def send(self, *operations):
+        """The first half of transact: does not wait for the answer."""
         self._number += 1
         request = {"method": "transact", "params": [DATABASE, *operations], "id": self._number}
         self._socket.sendall(json.dumps(request).encode())
+
+    def receive(self):
+        """The second half of transact."""
         reply = self._receive()
         results = reply["result"]
         problems = [result for result in results or [] if result and "error" in result]
