@@ -185,7 +185,11 @@ private:
                        (m_commands[i].kind == CommandKind::DeleteChain || reasons[i]->starts_with("Chain '"));
             };
             bool explained = std::ranges::any_of(said, [&](const Refused& r) { return reasons[r.index].has_value(); });
-            for (std::size_t i = 0; i < said.front().index && !explained; ++i)
+            // Of a jump to nowhere the tool does not say which one it is; it may be any behind the line that explains
+            // it.
+            const bool anywhere = said.front().reason.starts_with("Chain '");
+            const std::size_t end = anywhere ? reasons.size() : said.front().index;
+            for (std::size_t i = 0; i < end && !explained; ++i)
                 explained = noticedLate(i);
             if (explained) {
                 for (std::size_t i = 0; i < reasons.size(); ++i) {

@@ -86,15 +86,21 @@ class Limits(machine.Machine):
 
     def testEqualChainNamesShareOneChain(self):
         chain = "10p2p1MACblacklist"
+        both = kernel.expected(FORWARD=jumps("", chain) * 2,
+                               **{chain: [f"-s {MAC} -j DROP", f"-s {OTHER_MAC} -j DROP"]})
         self.configure({config.FILTERS: [filterRow(1, 10, "MAC", "blacklist"), filterRow(2, 10, "MAC", "blacklist")],
                         config.FILTER_RULES: [{"Id": 1, "BridgeFilterID": 1, "FilterMatch": MAC},
-                                              {"Id": 2, "BridgeFilterID": 2, "FilterMatch": OTHER_MAC}]},
-                       kernel.expected(FORWARD=jumps("", chain) * 2,
-                                       **{chain: [f"-s {MAC} -j DROP", f"-s {OTHER_MAC} -j DROP"]}))
-        # The way out: different priorities, and a restart for what the two have left behind.
+                                              {"Id": 2, "BridgeFilterID": 2, "FilterMatch": OTHER_MAC}]}, both)
+        with self.subTest("one of the two goes"):
+            self.config.delete(config.FILTERS, 2)
+            self.waitForTables(kernel.expected(FORWARD=jumps("", chain), **{chain: [f"-s {MAC} -j DROP"]}))
+            self.assertEqual(0, self.daemon.stop())
+            self.assertEqual(kernel.untouched(), kernel.readTables())
+            self.startDaemon()
+            self.config.insert(config.FILTERS, **filterRow(2, 10, "MAC", "blacklist"))
+            self.waitForTables(both)
+        # The way out: different priorities.
         self.config.update(config.FILTERS, 2, Prio=11)
-        self.assertEqual(0, self.daemon.stop())
-        self.startDaemon()
         other = "11p2p1MACblacklist"
         self.waitForTables(kernel.expected(FORWARD=jumps("", chain) + jumps("", other), **{
             chain: [f"-s {MAC} -j DROP"], other: [f"-s {OTHER_MAC} -j DROP"]}))
