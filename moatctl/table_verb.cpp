@@ -165,7 +165,7 @@ void describeColumns(CLI::App& app, const TableVerb& verb)
         CLI::Option* log = addFlag(app, "--log", "Log matching frames");
         addFlag(app, "--no-log", "Do not log matching frames")->excludes(log);
     }
-    CLI::Option* enabled = addFlag(app, "--enabled", "Put the row in force (so it is when nothing is said)");
+    CLI::Option* enabled = addFlag(app, "--enabled", "Put the row in force (a new one is, if nothing is said)");
     addFlag(app, "--disabled", "Keep the row without effect")->excludes(enabled);
 }
 

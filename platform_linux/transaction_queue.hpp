@@ -29,8 +29,8 @@ public:
     // Asks the tool which variant it is and reads what a killed process left. Changes nothing.
     explicit TransactionQueue(TransactionQueueOptions options = {});
 
-    // Carries out what is left, and takes out what a killed process left if no commit has done so. Takes at most the
-    // options' limits.afterStop for each of these, doubled.
+    // Carries out what is left, and takes out what a killed process left if no commit has done so. Each child process
+    // has 10 s for it, or limits.afterStop once a stop signal has come.
     ~TransactionQueue() override;
     TransactionQueue(const TransactionQueue&) = delete;
     TransactionQueue& operator=(const TransactionQueue&) = delete;
