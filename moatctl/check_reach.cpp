@@ -2,6 +2,7 @@
 #include "moatctl/shadow.hpp"
 
 #include <map>
+#include <tuple>
 #include <utility>
 
 namespace moatctl
@@ -46,12 +47,12 @@ void findUnreached(const BridgeModel& model, Findings& findings)
     const auto ports = [](const Row& filter) {
         return std::minmax(filter.text("InInterface"), filter.text("OutInterface"));
     };
-    std::map<std::string, const Row*> byForm;
+    std::map<std::tuple<std::string, std::string, std::string>, const Row*> byForm;
     for (const Row& filter : findings.configuration().rows(TableId::Filters)) {
         if (filter.integer("Enabled") == 0 || findings.hasError(filter))
             continue;
         const auto [first, second] = ports(filter);
-        const auto [known, isNew] = byForm.emplace(first + ' ' + second + ' ' + filter.text("MatchCriteria"), &filter);
+        const auto [known, isNew] = byForm.emplace(std::tuple(first, second, filter.text("MatchCriteria")), &filter);
         if (!isNew && known->second->text("Mode") != filter.text("Mode"))
             findings.warning(filter, "Mode",
                              inQuotes(filter.text("Mode")) + ": contradicts " + nameOf(*known->second) +

@@ -34,7 +34,7 @@ void compareRules(const ModelChain* wanted, const ebtables::Chain* held, std::ve
         }
         entries.push_back(std::move(entry));
     }
-    for (std::size_t i = 0; i < found.size(); ++i) {
+    for (std::size_t i = 0; wanted != nullptr && i < found.size(); ++i) {
         if (!found[i])
             entries.push_back({EntryState::Missing,
                                wanted->name,
