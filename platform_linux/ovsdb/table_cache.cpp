@@ -207,8 +207,9 @@ private:
     std::map<Uuid, const Row*> m_held;
 };
 
-// The rows after the changes, by ascending Id. A server keeps Ids unique; the UUID decides if one does not.
-std::vector<Row> changed(const Table& table, const std::vector<Row>& rows, const Changes& changes)
+// The rows after the changes, which are used up, by ascending Id. A server keeps Ids unique; the UUID decides if one
+// does not.
+std::vector<Row> changed(const Table& table, const std::vector<Row>& rows, Changes&& changes)
 {
     std::vector<Row> result;
     result.reserve(rows.size() + changes.rows.size());
