@@ -58,6 +58,7 @@ std::vector<Problem> checkConfiguration(const Configuration& configuration, cons
     findUnusable(expected, findings);
     findOddValues(expected, options, findings);
     findRefused(expected, applied, findings);
+    findFurtherValues(findings);
     findUnreached(applied.model, findings);
     findCutOff(expected, applied.model, findings);
     return findings.take();

@@ -45,6 +45,8 @@ void findUnusable(const Expected& expected, Findings& findings);
 void findOddValues(const Expected& expected, const CheckOptions& options, Findings& findings);
 // Lines that the tool would refuse.
 void findRefused(const Expected& expected, const Applied& applied, Findings& findings);
+// Of a row that is wrong, the other values that are: the daemon and the tool stop at the first.
+void findFurtherValues(Findings& findings);
 // Rules that no frame reaches.
 void findUnreached(const BridgeModel& model, Findings& findings);
 // Protocols that ports cannot do without and that would be dropped.

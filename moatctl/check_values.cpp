@@ -1,4 +1,5 @@
 #include "moatctl/check_parts.hpp"
+#include "moatctl/values.hpp"
 
 #include <algorithm>
 #include <array>
@@ -178,6 +179,20 @@ void findOddValues(const Expected& expected, const CheckOptions& options, Findin
         for (const Row& row : findings.configuration().rows(table.id)) {
             if (table.hasIds())
                 findOddSwitch(row, "Enabled", onlyOne ? "0" : "1", findings);
+        }
+    }
+}
+
+void findFurtherValues(Findings& findings)
+{
+    for (const TableInfo& table : allTables()) {
+        for (const Row& row : findings.configuration().rows(table.id)) {
+            if (!findings.hasError(row))
+                continue;
+            for (const ColumnInfo& column : table.columns) {
+                if (auto wrong = wrongValue(column, row.value(column.name)))
+                    findings.error(row, column.name, std::move(*wrong));
+            }
         }
     }
 }

@@ -22,6 +22,7 @@ struct Problem {
     std::int32_t id = 0;    // of the row; 0 when no row is concerned
     std::string column;     // "" when no column is concerned
     std::string text;       // the value and what was expected, one line
+    bool operator==(const Problem&) const = default;
 };
 
 // About a row, and a column of it unless that is empty; the place is taken from the row.

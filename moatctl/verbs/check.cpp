@@ -4,6 +4,7 @@
 #include "moatctl/output.hpp"
 #include "moatctl/verbs.hpp"
 
+#include <algorithm>
 #include <memory>
 #include <ostream>
 #include <utility>
@@ -45,9 +46,13 @@ ExitStatus check(Program& program, const Options& options)
     CheckOptions checkOptions;
     if (!options.elsewhere)
         checkOptions.interfaceExists = isInterfaceHere;
-    std::vector<Problem> problems = std::move(loaded.problems);
-    for (Problem& problem : checkConfiguration(loaded.configuration, checkOptions))
-        problems.push_back(std::move(problem));
+    std::vector<Problem> problems = loaded.problems;
+    for (Problem& problem : checkConfiguration(loaded.configuration, checkOptions)) {
+        // The reader of a file has told of some already.
+        if (std::ranges::find(loaded.problems, problem) == loaded.problems.end())
+            problems.push_back(std::move(problem));
+    }
+    std::ranges::stable_sort(problems, {}, &Problem::line);
 
     ExitStatus status = ExitStatus::Ok;
     for (const Problem& problem : problems) {

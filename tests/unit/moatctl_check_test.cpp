@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <initializer_list>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace
 {
@@ -222,7 +224,7 @@ TEST_F(Check, ChainNamesMustBeGoodAndTheirOwn)
         problems(),
         ElementsAre(
             HasSubstr("Id 2: its chain \"1eth1eth0macblacklist\" is that of MoatKeeperBridgeFilters Id 1 already"),
-            HasSubstr("Id 3: its chain would be called \"-1eth1eth0macblacklist\""),
+            HasSubstr("Id 3: its chain would be called \"-1eth1eth0macblacklist\""), HasSubstr("Id 3, Prio: -1"),
             HasSubstr("Id 5: its chain would be called \"5eth1lan-port-0001macblacklist\"")));
 }
 
@@ -289,6 +291,17 @@ TEST_F(Check, AClosedWayNeedsNoAddressResolution)
     EXPECT_THAT(problems(), IsEmpty());
     addRule(1, {{"Ethertype", text("IPv4")}, {"IPDstAddr", text("10.0.0.7")}}, "ACCEPT");
     EXPECT_THAT(problems(), ElementsAre(HasSubstr("ForwardingPolicy Id 1: drops ARP from eth0 to eth1")));
+}
+
+TEST_F(Check, EveryWrongValueOfARowIsReported)
+{
+    addRule(1, {{"RulePrio", number(0)}, {"SrcMAC", text("zz")}, {"VLANID", number(5000)}}, "DRO");
+    std::vector<std::string> columns;
+    for (const Problem& problem : checkConfiguration(configuration)) {
+        EXPECT_EQ(problem.severity, Severity::Error);
+        columns.push_back(problem.column);
+    }
+    EXPECT_THAT(columns, testing::UnorderedElementsAre("RulePrio", "SrcMAC", "VLANID", "Target"));
 }
 
 } // namespace
