@@ -66,6 +66,7 @@ def idleCalls(pid):
 
 
 def main(daemonPath, schema, runs=11):
+    daemonPath, schema = map(os.path.realpath, (daemonPath, schema))
     sandbox.enter(daemonPath, schema)
     folder = tempfile.mkdtemp()
     server = programs.startServer(schema, folder)
