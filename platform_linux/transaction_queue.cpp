@@ -269,6 +269,8 @@ private:
                 m_footprint.note(commands[i]);
             }
         }
+        if (outcome.done > outcome.refused.size())
+            noteCommit();
         if (outcome.cannotRun) {
             if (outcome.done > ahead)
                 m_waiting.dropFirst(outcome.done - ahead);
@@ -308,6 +310,13 @@ private:
         m_lastReason = reason;
     }
 
+    void noteCommit()
+    {
+        const std::string reason = m_record.noteCommit();
+        if (!reason.empty() && !std::exchange(m_toldNoTime, true))
+            warning(113, reason + "; the time of the last commit will not be known");
+    }
+
     void writeRecord(const Footprint& footprint)
     {
         if (!m_recording || footprint == m_recorded)
@@ -325,6 +334,7 @@ private:
     ebtables::RecordFile m_record;
     std::string m_namespace;
     bool m_recording = false;
+    bool m_toldNoTime = false;
     Footprint m_leftover;  // what a killed process left and nobody took out yet
     Footprint m_footprint; // what is in the tables of ours
     Footprint m_recorded;  // what the record says

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "platform/action_queue.hpp"
+#include "platform_linux/ebtables/record_file.hpp"
 #include "platform_linux/ebtables/tool.hpp"
 
 #include <chrono>
@@ -16,7 +17,8 @@ namespace zol::cfg
 struct TransactionQueueOptions {
     ebtables::ToolPaths tools;
     ebtables::RunLimits limits;
-    std::string recordFolder = "/run/moatkeeper";   // what is in the tables is written down here, for the next start
+    // What is in the tables is written down here, for the next start, and when that was last changed.
+    std::string recordFolder = ebtables::defaultRecordFolder;
     std::chrono::milliseconds firstPause{500};      // before the second try when the tool cannot run; doubles ...
     std::chrono::milliseconds longestPause{30'000}; // ... up to this
 };

@@ -1,13 +1,11 @@
 #include "moatctl/difference.hpp"
 #include "moatctl/load.hpp"
+#include "moatctl/time_stamp.hpp"
 #include "moatctl/verbs.hpp"
 #include "platform_linux/ovsdb/json.hpp"
 
-#include <array>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <ctime>
 #include <memory>
 #include <ostream>
 #include <unistd.h>
@@ -17,25 +15,6 @@ namespace moatctl
 
 namespace
 {
-
-// Local time with milliseconds and offset: 2026-01-31T12:00:00.123+01:00.
-std::string timeStamp()
-{
-    using namespace std::chrono;
-    const auto now = system_clock::now();
-    const std::time_t seconds = system_clock::to_time_t(floor<std::chrono::seconds>(now));
-    const auto milli = duration_cast<milliseconds>(now - floor<std::chrono::seconds>(now)).count();
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    std::array<char, 32> date{};
-    std::array<char, 16> offset{};
-    std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &local);
-    std::strftime(offset.data(), offset.size(), "%z", &local);
-    std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), "%s.%03d%.3s:%s", date.data(), static_cast<int>(milli), offset.data(),
-                  offset.data() + 3);
-    return text.data();
-}
 
 ovsdb::Json rowOf(const Row* row)
 {
@@ -79,7 +58,7 @@ ExitStatus monitor(Program& program, bool json)
         if (last == nullptr) {
             program.err << "watching the configuration\n" << std::flush;
         } else {
-            const std::string time = timeStamp();
+            const std::string time = timeStamp(std::chrono::system_clock::now());
             for (const Change& change : difference(*last, *current))
                 program.out << (json ? jsonLine(time, change) : time + ' ' + toText(change)) << '\n';
             program.out.flush();

@@ -2,19 +2,18 @@
 #include "moatctl/expected.hpp"
 #include "moatctl/load.hpp"
 #include "moatctl/output.hpp"
+#include "moatctl/time_stamp.hpp"
 #include "moatctl/verbs.hpp"
 #include "platform_linux/ebtables/line_parser.hpp"
+#include "platform_linux/ebtables/record_file.hpp"
 #include "platform_linux/ebtables/tool.hpp"
 
 #include <algorithm>
-#include <array>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <ostream>
-#include <sys/stat.h>
 #include <utility>
 
 namespace moatctl
@@ -68,18 +67,13 @@ std::optional<std::string> daemonPid(const std::string& pidFolder)
     return std::nullopt;
 }
 
-// When the daemon last wrote down which chains it keeps. Commits that change rules only do not touch that record.
 std::string lastCommit()
 {
-    struct stat record {
-    };
-    if (stat("/run/moatkeeper/tables", &record) != 0)
-        return "unknown";
-    std::tm time{};
-    localtime_r(&record.st_mtime, &time);
-    std::array<char, 64> text{};
-    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &time);
-    return std::string("not before ") + text.data();
+    std::string reason;
+    const auto time = ebtables::lastCommit(ebtables::defaultRecordFolder, reason);
+    if (!time)
+        return "unknown: " + reason;
+    return *time == ebtables::CommitTime() ? "never" : timeStamp(*time);
 }
 
 std::optional<ebtables::Table> readKernel(std::string& reason)

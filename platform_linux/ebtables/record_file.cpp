@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 namespace ebtables
 {
@@ -30,6 +31,19 @@ std::string checkOwner(const struct stat& status, const std::string& path)
     if ((status.st_mode & 022) != 0)
         return path + " can be written by others";
     return {};
+}
+
+// The lock's time of modification is that of the last commit: set without a write, and there also while nothing has to
+// be recorded. The kernel's own time for a file lags by some milliseconds.
+bool setTime(int lock, const timespec& time)
+{
+    const timespec times[] = {time, time};
+    return futimens(lock, times) == 0;
+}
+
+std::string lockIn(const std::string& folder)
+{
+    return folder + "/lock";
 }
 
 } // namespace
@@ -114,13 +128,33 @@ std::string RecordFile::remove() const
 
 bool RecordFile::lock()
 {
-    const std::string lockPath = m_folder + "/lock";
+    const std::string lockPath = lockIn(m_folder);
     if (m_lock < 0)
         m_lock = open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (m_lock < 0)
         return true; // no folder: nothing is recorded either, and the reason was told
-    m_locked = m_locked || flock(m_lock, LOCK_EX | LOCK_NB) == 0;
+    if (!m_locked && flock(m_lock, LOCK_EX | LOCK_NB) == 0) {
+        m_locked = true;
+        setTime(m_lock, {}); // ours has carried out nothing yet
+    }
     return m_locked;
+}
+
+std::string RecordFile::noteCommit() const
+{
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return !m_locked || setTime(m_lock, now) ? "" : failed("set the time of", lockIn(m_folder));
+}
+
+std::optional<CommitTime> lastCommit(const std::string& folder, std::string& reason)
+{
+    struct stat status;
+    if (lstat(lockIn(folder).c_str(), &status) != 0) {
+        reason = failed("look at", lockIn(folder));
+        return std::nullopt;
+    }
+    return CommitTime(std::chrono::seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec));
 }
 
 std::string networkNamespace()

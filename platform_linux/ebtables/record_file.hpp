@@ -1,12 +1,15 @@
 // A small file that only its owner may have written, replaced as a whole.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace ebtables
 {
+
+inline constexpr const char* defaultRecordFolder = "/run/moatkeeper";
 
 // The file "tables" and a lock in a folder of mode 0700. Nothing here throws but std::bad_alloc; the operations return
 // a reason, "" when all went well.
@@ -33,6 +36,9 @@ public:
     bool lock();
     int lockDescriptor() const { return m_lock; }
 
+    // Notes that something was carried out just now, for lastCommit.
+    std::string noteCommit() const;
+
     std::string path() const { return m_folder + "/tables"; }
 
 private:
@@ -40,6 +46,12 @@ private:
     int m_lock = -1;
     bool m_locked = false;
 };
+
+using CommitTime = std::chrono::sys_time<std::chrono::nanoseconds>;
+
+// When the process that holds the folder's lock, or last held it, last carried something out; the time's zero when it
+// has not yet. Nothing, and a reason, when that cannot be told.
+std::optional<CommitTime> lastCommit(const std::string& folder, std::string& reason);
 
 // Names the network namespace that this process is in.
 std::string networkNamespace();

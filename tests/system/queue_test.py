@@ -137,6 +137,54 @@ class QueueTest(unittest.TestCase):
             self.assertIn(part, log)
         self.assertEqual(log.count("refused"), 6, log)
 
+    def test_the_time_of_the_last_commit_is_kept(self):
+        lock = self.folder + "/record/lock"
+
+        def times(action):
+            """The time kept after the action, and those before and behind it."""
+            before = time.time_ns()
+            action()
+            return before, os.stat(lock).st_mtime_ns, time.time_ns()
+
+        queue = Queue(self.folder)
+        queue.send("state")
+        queue.answer("ready")
+        self.assertEqual(os.stat(lock).st_mtime_ns, 0, "nothing carried out yet")
+        queue.commit([])
+        queue.commit([mac_rule(1, "Missing")])
+        self.assertEqual(os.stat(lock).st_mtime_ns, 0, "nothing that could be carried out")
+        # Policies leave nothing to record, rules change nothing in the record: the time is kept all the same.
+        for lines in (["ebtables -P INPUT ACCEPT"], SETUP, [mac_rule(2), mac_rule(1, "Missing")], [mac_rule(1)]):
+            before, kept, after = times(lambda some=lines: queue.commit(some))
+            self.assertTrue(before <= kept <= after, f"{lines}: {before} {kept} {after}")
+        record = os.stat(self.folder + "/record/tables").st_mtime_ns
+        self.assertLess(record, before, "the record itself was not written again")
+        queue.send(*["add " + line for line in CLEANUP], "process")
+        before, kept, after = times(queue.finish)
+        self.assertTrue(before <= kept <= after, "the clean-up is a commit")
+        successor = Queue(self.folder)
+        successor.send("state")
+        successor.answer("ready")
+        self.assertEqual(os.stat(lock).st_mtime_ns, 0, "the successor has carried out nothing yet")
+        successor.finish()
+
+    def test_a_time_that_cannot_be_kept_costs_one_warning(self):
+        queue = Queue(self.folder)
+        queue.commit(SETUP)
+        lock = self.folder + "/record/lock"
+        queue.send("state")
+        queue.answer("ready")
+        if sh("chattr", "+i", lock, check=False).returncode != 0:
+            self.skipTest("no file here can be made immutable")
+        self.addCleanup(sh, "chattr", "-i", lock)
+        queue.commit([mac_rule(1)])
+        queue.commit([mac_rule(2)])
+        self.assertEqual(len([line for line in tables() if line.startswith("-A UserInputRules")]), 2)
+        self.assertEqual(queue.log().count("time of the last commit"), 1, queue.log())
+        sh("chattr", "-i", lock)
+        queue.send(*["add " + line for line in CLEANUP], "process")
+        queue.finish()
+
     def test_result_equals_line_by_line(self):
         for seed in range(25):
             rng = random.Random(seed)
