@@ -15,7 +15,8 @@ struct ZOL_Daemon {
     int parentPipe = -1;  // tells the waiting parent of a daemonized process that the PID file is written
 };
 
-// Prepares the record for a daemon called name with its PID file in the folder location.
+// Prepares the record for a daemon called name with its PID file in the folder location, which must exist. It must be
+// writable, too; of the system's usual folder for PID files only ZOL_Daemon_daemonize demands that.
 void ZOL_Daemon_construct(ZOL_Daemon& daemon, const char* name, const char* location);
 
 // True when the PID file names a process that is running and is this daemon. A number that another

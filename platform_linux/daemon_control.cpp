@@ -25,6 +25,10 @@ namespace
 
 constexpr const char* label = "daemonctl";
 
+// Where the PID file is when nobody says otherwise. In the foreground none is written, so that any user can run the
+// daemon there who may not write this folder.
+constexpr std::string_view usualLocation = "/var/run";
+
 // Ends the process. While somebody may be waiting at the terminal (a log in syslog already, but not yet
 // detached) the reason is written there, too.
 [[noreturn]] void fail(const ZOL_Daemon& daemon, int line, const std::string& text, bool alsoToTerminal = false)
@@ -99,13 +103,13 @@ bool isRunningInstance(pid_t pid, const std::string& daemonName)
     return other->name == own->name || other->name == daemonName.substr(0, kernelNameLength);
 }
 
-void requireWritableFolder(const ZOL_Daemon& daemon)
+void requireWritableFolder(const ZOL_Daemon& daemon, bool alsoToTerminal = false)
 {
-    if (access(daemon.location.c_str(), W_OK | X_OK) != 0)
+    if (faccessat(AT_FDCWD, daemon.location.c_str(), W_OK | X_OK, AT_EACCESS) != 0)
         fail(daemon, 30,
              VAStr("PID file folder %s: %s; expected a folder that can be written", daemon.location.c_str(),
                    std::strerror(errno)),
-             true);
+             alsoToTerminal);
 }
 
 // Waits in the process that was started until its daemon reports, and ends it.
@@ -147,6 +151,8 @@ void ZOL_Daemon_construct(ZOL_Daemon& daemon, const char* name, const char* loca
     if (!std::filesystem::is_directory(folder, error))
         fail(daemon, 20, VAStr("PID file folder %s: not a folder", location));
     daemon.location = folder;
+    if (location != usualLocation)
+        requireWritableFolder(daemon);
     daemon.pidFile = daemon.location + "/" + daemon.name + ".pid";
 }
 
@@ -158,7 +164,7 @@ bool ZOL_Daemon_occupiedPidFile(const ZOL_Daemon& daemon)
 
 void ZOL_Daemon_daemonize(ZOL_Daemon& daemon)
 {
-    requireWritableFolder(daemon); // while there is somebody to read it
+    requireWritableFolder(daemon, true); // while there is somebody to read it
 
     // Otherwise both processes would write what is buffered.
     std::cout.flush();

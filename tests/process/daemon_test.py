@@ -32,11 +32,14 @@ USAGE = """Usage: romswapd [options]
 REFUSED = "main:104: Another process is already running. Exiting...\n"
 EXITING = "main:149: run: exiting\n"
 STOP_SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGQUIT)
+# The permissions of files bind it, as they do an ordinary user.
+UNPRIVILEGED = ("setpriv", "--bounding-set=-dac_override,-dac_read_search",
+                "--inh-caps=-dac_override,-dac_read_search", DAEMON)
 
 
-def run(*options, **settings):
+def run(*options, command=(DAEMON,), **settings):
     """Runs the daemon to its end, which must come by itself."""
-    return subprocess.run([DAEMON, *options], capture_output=True, text=True, timeout=20, check=False,
+    return subprocess.run([*command, *options], capture_output=True, text=True, timeout=20, check=False,
                           stdin=subprocess.DEVNULL, **settings)
 
 
@@ -138,10 +141,33 @@ class PidFile(DaemonTest):
                          (1, f"daemonctl:20: PID file folder {SCHEMA}: not a folder\n"))
 
     def testFolderThatCannotBeWritten(self):
-        done = run("-b", "-p", "/proc/sys")
-        self.assertEqual(done.returncode, 1)
-        self.assertRegex(done.stderr, r"^daemonctl:(30|80): PID file (folder )?/proc/sys.*: .*; "
-                                      r"expected a folder that can be written\n$")
+        readOnly = pathlib.Path(self.folder, "read-only")
+        readOnly.mkdir()
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "ro", "tmpfs", readOnly], check=True)
+        self.addCleanup(subprocess.run, ["umount", readOnly], check=True)
+        for mode in ([], ["-b"]):
+            self.assertRefusesFolder(run(*mode, "-p", str(readOnly)), readOnly, "Read-only file system")
+
+    def testFolderWhosePermissionsForbidWriting(self):
+        os.chmod(self.folder, 0o555)
+        for mode in ([], ["-b"]):
+            done = run(*mode, "-p", self.folder, command=UNPRIVILEGED)
+            self.assertRefusesFolder(done, self.folder, "Permission denied")
+
+    def testTheUsualFolderNeedsToBeWritableInTheBackgroundOnly(self):
+        os.chmod("/run", 0o555)
+        self.addCleanup(os.chmod, "/run", 0o755)
+        for options in (["-b"], ["-p", "/run"], ["-b", "-p", "/run"]):
+            self.assertRefusesFolder(run(*options, command=UNPRIVILEGED), "/run", "Permission denied")
+        daemon = programs.Program(UNPRIVILEGED, os.path.join(self.folder, "daemon.log"))
+        self.addCleanup(lambda: daemon.isRunning() and daemon.stop(signal.SIGKILL))
+        waiting.until(lambda: handlesSignals(daemon.pid), "signal handlers")
+        self.assertEqual(daemon.stop(), 0)
+
+    def assertRefusesFolder(self, done, folder, reason):
+        self.assertEqual((done.returncode, done.stderr),
+                         (1, f"daemonctl:30: PID file folder {folder}: {reason}; "
+                             "expected a folder that can be written\n"))
 
     def testForegroundWritesNone(self):
         daemon = self.start()

@@ -187,13 +187,31 @@ TEST_F(DaemonControlDeathTest, AFileInPlaceOfTheFolderIsNamed)
                 "PID file folder .*/moatkeeper.pid: not a folder\n$");
 }
 
-TEST_F(DaemonControlDeathTest, AFolderThatCannotBeWrittenIsNamed)
+TEST_F(DaemonControlDeathTest, AFolderThatTheEffectiveUserCannotWriteIsNamed)
 {
+    constexpr uid_t ordinaryUser = 65534;
+    const uid_t self = geteuid();
+    if (self == 0 && (seteuid(ordinaryUser) != 0 || seteuid(self) != 0))
+        GTEST_SKIP() << "root alone exists here, and may write every folder";
+    fs::permissions(m_folder, fs::perms(0555));
     ZOL_Daemon daemon;
-    ZOL_Daemon_construct(daemon, "moatkeeper", "/proc/self"); // nobody can create a file there
-    EXPECT_EXIT(ZOL_Daemon_createPidFile(daemon), testing::ExitedWithCode(1),
-                "^daemonctl:80: PID file /proc/[0-9]+/moatkeeper.pid: create: .*; expected a folder that can be "
-                "written\n$");
+    const auto construct = [&] {
+        if (self == 0 && seteuid(ordinaryUser) != 0)
+            std::abort();
+        ZOL_Daemon_construct(daemon, "moatkeeper", m_folder.c_str());
+    };
+    EXPECT_EXIT(construct(), testing::ExitedWithCode(1),
+                "^daemonctl:30: PID file folder " + m_folder.string() +
+                    ": Permission denied; expected a folder that can be written\n$");
+    fs::permissions(m_folder, fs::perms(0755));
+}
+
+TEST_F(DaemonControlDeathTest, AFolderThatIsGoneWhenTheFileIsWrittenIsNamed)
+{
+    fs::remove(m_folder);
+    EXPECT_EXIT(ZOL_Daemon_createPidFile(m_daemon), testing::ExitedWithCode(1),
+                "^daemonctl:80: PID file .*/moatkeeper.pid: create: No such file or directory; expected a folder that "
+                "can be written\n$");
 }
 
 TEST_F(DaemonControlDeathTest, OfTwoThatStartTogetherOneGetsTheFile)
