@@ -14,7 +14,10 @@ import tempfile
 import threading
 import unittest
 
-from ovsdb_helpers import SCHEMA, Server, insert, wait_until
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
+
+from lab.config import Config, insert  # noqa: E402 pylint: disable=wrong-import-position
+from lab.programs import SCHEMA, startServer  # noqa: E402 pylint: disable=wrong-import-position
 
 MOATCTL = sys.argv[1]
 COMPLETION = sys.argv[2]
@@ -28,11 +31,17 @@ class Case(unittest.TestCase):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
-        self.server = Server(self.folder).start()
+        self.socket = self.folder / "config.sock"
+        self.server = startServer(SCHEMA, self.folder, socketPath=self.socket)
         self.addCleanup(self.server.stop)
 
+    def transact(self, *operations):
+        connection = Config(self.socket)
+        connection.transact(*operations)
+        connection.close()
+
     def command(self, *words, socket_path=None):
-        return [MOATCTL, "--server", socket_path or self.server.socket, *map(str, words)]
+        return [MOATCTL, "--server", str(socket_path or self.socket), *map(str, words)]
 
     def run_tool(self, *words, stdin="", **options):
         return subprocess.run(self.command(*words, **options), input=stdin, stdout=subprocess.PIPE,
@@ -226,7 +235,7 @@ class Show(Case):
         self.refused(BAD_INPUT, 'no table is called "rules"', "show", "rules")
 
     def test_values_of_others_are_quoted(self):
-        self.server.transact(insert("MoatKeeperInputPolicy", Id=1, Interface='a,"b\x1b\n', Policy="DROP"))
+        self.transact(insert("MoatKeeperInputPolicy", Id=1, Interface='a,"b\x1b\n', Policy="DROP"))
         rows = list(csv.DictReader(io.StringIO(self.ok("policy", "list", "--format=csv"), newline="")))
         self.assertEqual(rows[0]["Interface"], 'a,"b\x1b\n')
         self.assertEqual(self.rows("policy")[0]["Interface"], 'a,"b\x1b\n')
@@ -284,8 +293,8 @@ global set --input DROP --forward ACCEPT
     def test_round_trip_changes_nothing(self):
         self.fill()
         # A row of another client, with an unset column and a value that moatctl would not write.
-        self.server.transact(insert("MoatKeeperRuleset", Id=9, RulePrio=3, InInterface="eth0", SrcMAC="xyz",
-                                    Target="DROP"))
+        self.transact(insert("MoatKeeperRuleset", Id=9, RulePrio=3, InInterface="eth0", SrcMAC="xyz",
+                             Target="DROP"))
         first = self.ok("export")
         for how in ("--replace", "--merge"):
             done = self.run_tool("import", "-", how, stdin=first)
@@ -293,16 +302,13 @@ global set --input DROP --forward ACCEPT
             self.assertIn("warning: MoatKeeperRuleset Id 9, SrcMAC", done.stderr)
             self.assertIn("0 rows to add, 0 to remove, 0 to change", done.stderr)
         self.assertEqual(self.ok("export"), first)
-        empty = Server(self.folder, "second", self.folder / "second.sock")
-        empty.folder = self.folder / "x"
-        empty.folder.mkdir()
-        empty.start()
-        self.addCleanup(empty.stop)
+        empty = self.folder / "second.sock"
+        self.addCleanup(startServer(SCHEMA, self.folder, "second.db", empty).stop)
         self.ok("rule", "remove", "9")
         content = self.ok("export")
-        done = self.run_tool("import", "-", stdin=content, socket_path=empty.socket)
+        done = self.run_tool("import", "-", stdin=content, socket_path=empty)
         self.assertEqual(done.returncode, OK, done.stderr)
-        done = self.run_tool("export", socket_path=empty.socket)
+        done = self.run_tool("export", socket_path=empty)
         self.assertEqual(done.stdout, content)
 
     def test_replace_merge_and_dry_run(self):
@@ -459,18 +465,15 @@ class Servers(Case):
             thread.join()
 
     def test_other_schema(self):
-        schema = json.loads(SCHEMA.read_text())
+        schema = json.loads(pathlib.Path(SCHEMA).read_text(encoding="utf-8"))
         for name, change in (("version", lambda: schema.update(version="2.0.0")),
                              ("database", lambda: schema.update(name="another"))):
             change()
             folder = self.folder / name
             folder.mkdir()
             (folder / "schema").write_text(json.dumps(schema))
-            server = Server(folder)
-            server.create_database(folder / "schema")
-            server.start()
-            self.addCleanup(server.stop)
-            self.refused_by(server.socket, "2.0.0|moatkeeper")
+            self.addCleanup(startServer(folder / "schema", folder, socketPath=folder / "sock").stop)
+            self.refused_by(folder / "sock", "2.0.0|moatkeeper")
 
     def test_timeout_values(self):
         for value in ("0", "-1", "x", "nan", "1e9"):
@@ -513,7 +516,7 @@ class CommandLine(Case):
         self.assertEqual(self.words_after("rule", "list", "--format", ""), ["table", "json", "csv"])
         self.assertIn("lo", self.words_after("rule", "add", "--in", ""))
         self.assertEqual(self.words_after("show", "fil"), ["filter", "filter-rule"])
-        self.assertEqual(self.words_after("--server", SCHEMA.as_posix()[:-3]), [SCHEMA.as_posix()])
+        self.assertEqual(self.words_after("--server", SCHEMA[:-3]), [SCHEMA])
 
     def test_examples_are_right(self):
         """Each example of a verb that changes rows is carried out; some need rows to be there."""

@@ -22,7 +22,7 @@ class Config:
     def __init__(self, path=SOCKET):
         self._socket = socket.socket(socket.AF_UNIX)
         self._socket.settimeout(10)
-        self._socket.connect(path)
+        self._socket.connect(str(path))
         self._buffer = ""
         self._number = 0
 

@@ -7,8 +7,8 @@ import unittest
 
 from lab import config, kernel, programs, sandbox
 from lab.bridge import Bridge
+from lab.programs import SCHEMA
 
-SCHEMA = os.path.realpath(os.path.join(os.path.dirname(__file__), "../../../schema/moatkeeper.ovsschema"))
 FOLDER = "/tmp/machine"
 PORTS = ("p1", "p2", "p3")
 _options = argparse.Namespace()

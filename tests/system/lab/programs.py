@@ -1,12 +1,16 @@
 """Programs that a test starts and stops by their process id: the configuration server and the daemon."""
 
 import os
+import pathlib
+import re
 import signal
+import socket
 import subprocess
 
 from lab import sandbox, waiting
 
 SOCKET = "/tmp/cfgserver.socket"
+SCHEMA = os.path.realpath(os.path.join(os.path.dirname(__file__), "../../../schema/moatkeeper.ovsschema"))
 
 
 class Program:
@@ -51,14 +55,28 @@ class Program:
             return False
         waiting.until(found, lambda: f"'{text}' in {self.logPath}:\n{self.readLog()[-2000:]}", seconds)
 
+    def matching(self, pattern):
+        """The log's lines in which the regular expression is found."""
+        return [line for line in self.readLog().splitlines() if re.search(pattern, line)]
+
+    def waitForLines(self, pattern, count=1, seconds=10):
+        """Waits until that many lines match, and returns all that do."""
+        return waiting.until(lambda: len(lines := self.matching(pattern)) >= count and lines,
+                             lambda: f"{count} x '{pattern}' in {self.logPath}:\n{self.readLog()[-2000:]}", seconds)
+
+    def peakMemoryKb(self):
+        status = pathlib.Path(f"/proc/{self.pid}/status").read_text(encoding="ascii")
+        return int(re.search(r"VmHWM:\s+(\d+)", status)[1])
+
 
 def startServer(schema, folder, database="configuration.db", socketPath=SOCKET):
     """A configuration server on socketPath with its database in folder, made from the schema if it is not there."""
     path = os.path.join(folder, database)
     if not os.path.exists(path):
         subprocess.run(["ovsdb-tool", "create", path, schema], check=True)
+    name = os.path.join(folder, pathlib.Path(database).stem)
     server = Program(["ovsdb-server", "-vconsole:warn", "-vsyslog:off", "--no-chdir", f"--remote=punix:{socketPath}",
-                      f"--unixctl={folder}/server.ctl", path], os.path.join(folder, "server.log"))
+                      f"--unixctl={name}.ctl", path], f"{name}.log")
     waiting.until(lambda: _isConnected(socketPath) or not server.isRunning(), f"a server on {socketPath}")
     if not server.isRunning():
         raise RuntimeError(f"the configuration server ended: {server.readLog()}")
@@ -71,6 +89,5 @@ def startDaemon(binary, folder, *options):
 
 
 def _isConnected(path):
-    import socket  # pylint: disable=import-outside-toplevel
     with socket.socket(socket.AF_UNIX) as probe:
-        return probe.connect_ex(path) == 0
+        return probe.connect_ex(str(path)) == 0
