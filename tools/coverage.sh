@@ -23,5 +23,5 @@ for mode in '' --branches; do
 done
 for folder in daemon handler records platform_linux; do
     printf '\n%s\n' "$folder"
-    gcovr -r . --add-tracefile build/coverage/coverage.json --filter "$folder/" --print-summary --output /dev/null
+    gcovr -r . --add-tracefile build/coverage/coverage.json --filter "$folder/" --print-summary --output build/coverage/summary.txt
 done
