@@ -35,6 +35,13 @@ std::string_view withoutProgram(std::string_view line)
     return line;
 }
 
+bool speaksOfShortage(std::string_view line)
+{
+    static constexpr std::string_view signs[] = {"Cannot allocate memory", "No buffer space available",
+                                                 "Too many open files"};
+    return std::ranges::any_of(signs, [&](std::string_view sign) { return line.find(sign) != std::string_view::npos; });
+}
+
 } // namespace
 
 Messages parseMessages(int exitCode, std::string_view errors)
@@ -54,6 +61,7 @@ Messages parseMessages(int exitCode, std::string_view errors)
         if (messages.text.size() < 300)
             messages.text += (messages.text.empty() ? "" : " / ") + printable(line, 200);
 
+        messages.shortage = messages.shortage || speaksOfShortage(line);
         unsigned number = 0;
         std::string_view rest = line;
         if (exitCode == 4 && rest.starts_with("line ")) {

@@ -15,6 +15,7 @@ struct Messages {
     };
     std::vector<Line> lines; // as said, in the order said
     bool cut = false;        // more were refused than are listed
+    bool shortage = false;   // memory or buffers ran out: nothing is wrong with the lines
     std::string text;        // all of it as one printable line, at most 300 characters
 };
 

@@ -62,6 +62,8 @@ std::string cannotRunReason(const ToolPaths& paths, const RunResult& result)
         messages.text.find("must be root") != std::string::npos ||
         messages.text.find("not permitted") != std::string::npos)
         hint = "; run as root or with CAP_NET_ADMIN";
+    else if (messages.shortage)
+        hint = "; is there memory enough?";
     return paths.restore + " ended with status " + std::to_string(result.exitCode) + ": " +
            (messages.text.empty() ? "no message" : messages.text) + hint;
 }
@@ -89,6 +91,8 @@ public:
             if (result.end != RunResult::End::Exited)
                 return cannotRun(result);
             const Messages messages = parseMessages(result.exitCode, result.errors);
+            if (messages.shortage)
+                return cannotRun(result);
             std::vector<Refused> said = attribute(block, messages);
             if (said.empty()) {
                 const RunResult empty = runRestore(Block().text());
@@ -234,6 +238,8 @@ private:
                 return; // inconclusive: the next try of the whole tells
             }
             const Messages messages = parseMessages(result.exitCode, result.errors);
+            if (messages.shortage)
+                return;
             from = next;
             for (const Messages::Line& line : messages.lines) {
                 const std::optional<std::size_t> index = block.owner(line.number);
@@ -249,13 +255,15 @@ private:
     // The last resort: every command a transaction of its own.
     Outcome separately(const std::string& why)
     {
+        m_outcome.notAtomic = why.empty() ? "no message" : why;
         for (std::size_t i = 0; i < m_commands.size(); ++i) {
             if (m_dropped[i])
                 continue;
             Block block;
             block.add(m_commands[i], i);
             const RunResult result = runRestore(block.text());
-            if (result.end != RunResult::End::Exited) {
+            const Messages messages = parseMessages(result.exitCode, result.errors);
+            if (result.end != RunResult::End::Exited || (result.exitCode != 0 && messages.shortage)) {
                 std::erase_if(m_outcome.refused, [&](const Refused& refused) { return refused.index >= i; });
                 std::ranges::sort(m_outcome.refused, {}, &Refused::index);
                 m_outcome.cannotRun = true;
@@ -265,7 +273,6 @@ private:
                 return std::move(m_outcome);
             }
             if (result.exitCode != 0) {
-                const Messages messages = parseMessages(result.exitCode, result.errors);
                 drop(i, messages.text.empty() ? why : messages.text);
             }
         }
@@ -323,6 +330,8 @@ Outcome applyTransaction(const ToolPaths& paths, std::span<const Command> comman
         for (Refused& refused : part.refused)
             whole.refused.push_back({refused.index + whole.done, std::move(refused.reason)});
         whole.done += part.done;
+        if (!part.notAtomic.empty())
+            whole.notAtomic = std::move(part.notAtomic);
         whole.processes += part.processes;
         if (part.cannotRun) {
             whole.cannotRun = true;
@@ -348,10 +357,14 @@ Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands,
         }
         if (result.exitCode == 0)
             continue;
-        const std::string text = parseMessages(result.exitCode, result.errors).text;
-        if (text.find("ermission") != std::string::npos || text.find("not permitted") != std::string::npos) {
+        const Messages messages = parseMessages(result.exitCode, result.errors);
+        const std::string& text = messages.text;
+        const bool forbidden =
+            text.find("ermission") != std::string::npos || text.find("not permitted") != std::string::npos;
+        if (forbidden || messages.shortage) {
             outcome.cannotRun = true;
-            outcome.reason = paths.ebtables + ": " + text + "; run as root or with CAP_NET_ADMIN";
+            outcome.reason = paths.ebtables + ": " + text +
+                             (forbidden ? "; run as root or with CAP_NET_ADMIN" : "; is there memory enough?");
             return outcome;
         }
         outcome.refused.push_back({outcome.done, text.empty() ? "refused without a reason" : text});

@@ -24,6 +24,7 @@ struct Outcome {
     // What is left to do when the tool cannot run at all: nothing was applied from `done` on.
     bool cannotRun = false;
     std::string reason;           // why it cannot run, and what to do about it
+    std::string notAtomic;        // why the commands were carried out one by one; "": they were not
     bool stopped = false;         // cannotRun because a stop signal ended the wait
     std::size_t done = 0;         // commands carried out or refused, from the first on: all unless cannotRun
     std::vector<Refused> refused; // ascending by index
