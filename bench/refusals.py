@@ -3,7 +3,7 @@
 
 usage: refusals.py BUILD_FOLDER
 
-Runs in namespaces of its own; needs root. Medians of five.
+Runs in namespaces of its own; needs root. Medians of nine.
 """
 
 import os
@@ -23,7 +23,7 @@ def main():
     sandbox.enter(SOURCE, build)
     times = {kind: [] for kind in ("none", *refusals.REFUSED)}
     processes = {}
-    for _ in range(5):
+    for _ in range(9):
         for kind, spent in times.items():
             subprocess.run(["nft", "flush", "ruleset"], check=True)
             done = subprocess.run([f"{build}/tests/system/queue_driver", "--direct"], capture_output=True, text=True,

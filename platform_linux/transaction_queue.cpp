@@ -1,14 +1,14 @@
 #include "platform_linux/transaction_queue.hpp"
 
 #include "platform/sysloglevel.h"
+#include "platform_linux/command_batch.hpp"
 #include "platform_linux/ebtables/footprint.hpp"
 #include "platform_linux/ebtables/line_parser.hpp"
 #include "platform_linux/ebtables/record_file.hpp"
 #include "platform_linux/ebtables/transaction.hpp"
 
 #include <algorithm>
-#include <set>
-#include <string_view>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -45,71 +45,6 @@ void error(int line, const std::string& text)
     ZOL_Sysloglevel_error(logModule(), label, line, text);
 }
 
-// Commands and, for log lines, the text of the line that each came from.
-struct Batch {
-    std::vector<Command> commands;
-    std::vector<std::size_t> lineOf; // a command's index in lines
-    std::vector<std::string> lines;
-
-    void clear() { *this = Batch(); }
-
-    void append(Batch&& other)
-    {
-        if (commands.empty()) {
-            *this = std::exchange(other, Batch());
-            return;
-        }
-        const std::size_t offset = lines.size();
-        std::ranges::move(other.commands, std::back_inserter(commands));
-        std::ranges::move(other.lines, std::back_inserter(lines));
-        for (const std::size_t line : other.lineOf)
-            lineOf.push_back(line + offset);
-        other.clear();
-    }
-
-    void dropFirst(std::size_t count)
-    {
-        commands.erase(commands.begin(), commands.begin() + static_cast<std::ptrdiff_t>(count));
-        lineOf.erase(lineOf.begin(), lineOf.begin() + static_cast<std::ptrdiff_t>(count));
-    }
-
-    // Leaves out what a later flush of the same chain undoes anyway, so that what waits while the tool cannot run does
-    // not grow without end. Jumps stay: whether a chain can be deleted may depend on them.
-    void compact()
-    {
-        std::set<std::string> flushedLater;
-        std::vector<bool> keep(commands.size(), true);
-        for (std::size_t i = commands.size(); i-- > 0;) {
-            const Command& command = commands[i];
-            switch (command.kind) {
-            case CommandKind::Flush:
-                keep[i] = flushedLater.insert(command.chain).second;
-                break;
-            case CommandKind::DeleteChain:
-                flushedLater.insert(command.chain);
-                break;
-            case CommandKind::NewChain:
-                flushedLater.erase(command.chain);
-                break;
-            case CommandKind::Policy:
-                break;
-            default:
-                keep[i] = !flushedLater.contains(command.chain) || !ebtables::isStandardTarget(command.rule.target);
-            }
-        }
-        Batch kept;
-        for (std::size_t i = 0; i < commands.size(); ++i) {
-            if (!keep[i])
-                continue;
-            if (kept.lineOf.empty() || i == 0 || lineOf[i] != lineOf[i - 1] || !keep[i - 1])
-                kept.lines.push_back(lines[lineOf[i]]);
-            kept.lineOf.push_back(kept.lines.size() - 1);
-            kept.commands.push_back(std::move(commands[i]));
-        }
-        *this = std::move(kept);
-    }
-};
-
 } // namespace
 
 class TransactionQueue::State
@@ -132,22 +67,18 @@ public:
         }
         if (parsed.commands.empty())
             return;
-        for (Command& command : parsed.commands) {
-            m_open.commands.push_back(std::move(command));
-            m_open.lineOf.push_back(m_open.lines.size());
-        }
-        m_open.lines.push_back(line);
+        m_queued.add(std::move(parsed.commands), line);
     }
 
     int closeGroup()
     {
-        m_waiting.append(std::move(m_open));
+        m_closed = m_queued.commands().size();
         return std::exchange(m_groupRefused, false) ? -1 : 0;
     }
 
     void deliver()
     {
-        if (m_waiting.commands.empty() || (m_nextTry && Clock::now() < *m_nextTry))
+        if (m_closed == 0 || (m_nextTry && Clock::now() < *m_nextTry))
             return;
         carryOut();
     }
@@ -155,17 +86,17 @@ public:
     void finish()
     {
         closeGroup();
-        if (m_waiting.commands.empty() && m_leftover.empty())
+        if (m_closed == 0 && m_leftover.empty())
             return;
         m_options.limits.time = std::min(m_options.limits.time, lastMoments);
         carryOut();
-        if (!m_waiting.commands.empty())
+        if (m_closed > 0)
             error(102, "moatkeeper's rules stay in the bridge tables; the next start takes them out");
     }
 
     std::optional<std::chrono::milliseconds> retryIn() const
     {
-        if (!m_nextTry || m_waiting.commands.empty())
+        if (!m_nextTry || m_closed == 0)
             return std::nullopt;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_nextTry - Clock::now());
         return std::max(left, std::chrono::milliseconds(0));
@@ -228,12 +159,12 @@ private:
         std::optional<std::vector<Command>> before = undoLeftover(reason);
         if (!before)
             return cannotRun(reason);
-        if (!before->empty()) {
-            m_batch = std::move(*before);
-            m_batch.insert(m_batch.end(), m_waiting.commands.begin(), m_waiting.commands.end());
+        std::span<const Command> commands = m_queued.commands().first(m_closed);
+        const std::size_t ahead = before->size();
+        if (ahead > 0) {
+            before->insert(before->end(), commands.begin(), commands.end());
+            commands = *before;
         }
-        const std::size_t ahead = m_batch.size() - (m_batch.empty() ? 0 : m_waiting.commands.size());
-        const std::vector<Command>& commands = ahead > 0 ? m_batch : m_waiting.commands;
 
         Footprint united = m_footprint;
         {
@@ -255,10 +186,9 @@ private:
         const ebtables::Outcome outcome = legacy ? ebtables::applyOneByOne(m_options.tools, commands, limits)
                                                  : ebtables::applyTransaction(m_options.tools, commands, limits);
         finishOutcome(outcome, commands, ahead);
-        m_batch = {};
     }
 
-    void finishOutcome(const ebtables::Outcome& outcome, const std::vector<Command>& commands, std::size_t ahead)
+    void finishOutcome(const ebtables::Outcome& outcome, std::span<const Command> commands, std::size_t ahead)
     {
         if (!outcome.notAtomic.empty())
             warning(113, "this commit was not one transaction: " + outcome.notAtomic);
@@ -275,18 +205,24 @@ private:
             noteCommit();
         if (outcome.cannotRun) {
             if (outcome.done > ahead)
-                m_waiting.dropFirst(outcome.done - ahead);
+                dropClosed(outcome.done - ahead);
             if (outcome.done >= ahead)
                 m_leftover = Footprint();
             return cannotRun(outcome.reason);
         }
         m_leftover = Footprint();
-        m_waiting.clear();
+        dropClosed(m_closed);
         writeRecord(m_footprint);
         m_nextTry.reset();
         m_pause = std::chrono::milliseconds(0);
         if (!std::exchange(m_lastReason, "").empty())
             info(108, "the bridge tables can be changed again; everything that waited is carried out");
+    }
+
+    void dropClosed(std::size_t count)
+    {
+        m_queued.dropFirst(count);
+        m_closed -= count;
     }
 
     void logRefused(const Command& command, std::size_t index, std::size_t ahead, const std::string& reason) const
@@ -295,7 +231,7 @@ private:
             warning(109, "cannot take out what a killed process left, \"" + toText(command) + "\": " + reason);
             return;
         }
-        const std::string& line = m_waiting.lines[m_waiting.lineOf[index - ahead]];
+        const std::string line(m_queued.line(index - ahead));
         const std::string whole = "ebtables " + toText(command);
         error(110, "the tool refused \"" + line + '"' +
                        (line.find(';') == std::string::npos ? "" : ", of it \"" + whole + '"') + ": " + reason);
@@ -306,7 +242,7 @@ private:
         const auto longest = m_options.longestPause;
         m_pause = m_pause.count() == 0 ? m_options.firstPause : std::min(2 * m_pause, longest);
         m_nextTry = Clock::now() + m_pause;
-        m_waiting.compact();
+        m_closed = m_queued.compact(m_closed);
         if (m_lastReason != reason)
             error(111, "the bridge tables cannot be changed: " + reason + ". Nothing is lost; it is tried again");
         m_lastReason = reason;
@@ -340,9 +276,8 @@ private:
     Footprint m_leftover;  // what a killed process left and nobody took out yet
     Footprint m_footprint; // what is in the tables of ours
     Footprint m_recorded;  // what the record says
-    Batch m_open;          // the group that process has not closed
-    Batch m_waiting;       // closed groups
-    std::vector<Command> m_batch;
+    CommandBatch m_queued;
+    std::size_t m_closed = 0; // so many of the commands queued are in groups that process has closed
     bool m_groupRefused = false;
     std::string m_lastReason;
     std::chrono::milliseconds m_pause{0};

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <bit>
+#include <charconv>
 #include <string_view>
 
 namespace ebtables
@@ -11,163 +12,238 @@ namespace ebtables
 namespace
 {
 
-void add(std::string& text, const char* option, bool negated, const std::string& value)
+// All of these append to the one text: thousands of rules are written for one commit.
+
+constexpr std::string_view hexDigits = "0123456789abcdef";
+
+void addOption(std::string& text, std::string_view option, bool negated)
 {
     text += option;
     text += negated ? " ! " : " ";
-    text += value;
-    text += ' ';
 }
 
-// By hand where thousands are written for one commit: printf and what is made of it cost more than the rest.
-constexpr std::string_view hexDigits = "0123456789abcdef";
-
-std::string hex(unsigned number)
+void addNumber(std::string& text, unsigned number)
 {
-    std::string text = "0x";
+    std::array<char, 12> digits;
+    const auto [end, error] = std::to_chars(digits.data(), digits.data() + digits.size(), number);
+    text.append(digits.data(), end);
+}
+
+void addHex(std::string& text, unsigned number)
+{
+    text += "0x";
     for (const unsigned shift : {12U, 8U, 4U, 0U})
         text += hexDigits[number >> shift & 0xfU];
-    return text;
 }
 
-std::string mac(const std::array<std::uint8_t, 6>& a)
+void addMac(std::string& text, const std::array<std::uint8_t, 6>& mac)
 {
-    std::string text;
-    for (const std::uint8_t byte : a) {
-        if (!text.empty())
+    for (std::size_t i = 0; i < mac.size(); ++i) {
+        if (i > 0)
             text += ':';
-        text += hexDigits[byte >> 4U];
-        text += hexDigits[byte & 0xfU];
+        text += hexDigits[mac[i] >> 4U];
+        text += hexDigits[mac[i] & 0xfU];
     }
-    return text;
 }
 
-template <std::size_t N>
-std::string address(const std::array<std::uint8_t, N>& bytes)
+void addAddress(std::string& text, const std::array<std::uint8_t, 4>& address)
 {
-    if constexpr (N == 4) {
-        std::string text = std::to_string(bytes[0]);
-        for (std::size_t i = 1; i < N; ++i)
-            text.append(1, '.').append(std::to_string(bytes[i]));
-        return text;
+    for (std::size_t i = 0; i < address.size(); ++i) {
+        if (i > 0)
+            text += '.';
+        addNumber(text, address[i]);
     }
-    char text[INET6_ADDRSTRLEN];
-    return inet_ntop(AF_INET6, bytes.data(), text, sizeof text) != nullptr ? text : "";
 }
 
+void addAddress(std::string& text, const std::array<std::uint8_t, 16>& address)
+{
+    std::array<char, INET6_ADDRSTRLEN> written;
+    if (inet_ntop(AF_INET6, address.data(), written.data(), written.size()) != nullptr)
+        text += written.data();
+}
+
+// How many ones the mask begins with when there are only zeros behind them.
 template <std::size_t N>
-std::string network(const NetworkMatch<N>& match)
+std::optional<unsigned> prefixLength(const std::array<std::uint8_t, N>& mask)
 {
     unsigned ones = 0;
     bool ended = false;
-    bool contiguous = true;
-    for (const std::uint8_t byte : match.mask) {
-        const auto leading = static_cast<unsigned>(std::countl_one(byte));
-        contiguous = contiguous && (ended ? byte == 0 : std::popcount(byte) == static_cast<int>(leading));
+    for (const std::uint8_t byte : mask) {
+        const int leading = std::countl_one(byte);
+        if (ended ? byte != 0 : std::popcount(byte) != leading)
+            return std::nullopt;
         ended = ended || leading < 8;
-        ones += leading;
+        ones += static_cast<unsigned>(leading);
     }
-    if (contiguous && ones == 8 * N)
-        return address(match.address);
-    return address(match.address) + '/' + (contiguous ? std::to_string(ones) : address(match.mask));
+    return ones;
 }
 
-std::string range(const RangeMatch& match)
+void addInterface(std::string& text, std::string_view option, const std::optional<InterfaceMatch>& match)
 {
-    return match.first == match.last ? std::to_string(match.first)
-                                     : std::to_string(match.first) + ':' + std::to_string(match.last);
+    if (!match)
+        return;
+    addOption(text, option, match->negated);
+    text += match->name;
+    text += match->prefix ? "+ " : " ";
 }
 
-std::string interface(const InterfaceMatch& match)
+void addMacMatch(std::string& text, std::string_view option, const std::optional<MacMatch>& match)
 {
-    return match.prefix ? match.name + '+' : match.name;
+    if (!match)
+        return;
+    addOption(text, option, match->negated);
+    addMac(text, match->address);
+    if (match->mask != MacMatch().mask) {
+        text += '/';
+        addMac(text, match->mask);
+    }
+    text += ' ';
 }
 
-std::string macMatch(const MacMatch& match)
+void addEthertype(std::string& text, std::string_view option, const std::optional<EthertypeMatch>& match)
 {
-    const MacMatch exact;
-    return match.mask == exact.mask ? mac(match.address) : mac(match.address) + '/' + mac(match.mask);
+    if (!match)
+        return;
+    addOption(text, option, match->negated);
+    if (match->lengthField)
+        text += "LENGTH";
+    else
+        addHex(text, match->number);
+    text += ' ';
+}
+
+template <std::size_t N>
+void addNetwork(std::string& text, std::string_view option, const std::optional<NetworkMatch<N>>& match)
+{
+    if (!match)
+        return;
+    addOption(text, option, match->negated);
+    addAddress(text, match->address);
+    const std::optional<unsigned> ones = prefixLength(match->mask);
+    if (ones != 8 * N) {
+        text += '/';
+        if (ones)
+            addNumber(text, *ones);
+        else
+            addAddress(text, match->mask);
+    }
+    text += ' ';
+}
+
+void addRange(std::string& text, std::string_view option, const std::optional<RangeMatch>& match)
+{
+    if (!match)
+        return;
+    addOption(text, option, match->negated);
+    addNumber(text, match->first);
+    if (match->first != match->last) {
+        text += ':';
+        addNumber(text, match->last);
+    }
+    text += ' ';
 }
 
 template <std::size_t N>
 void addIp(std::string& text, const IpMatches<N>& ip)
 {
     constexpr bool four = N == 4;
-    if (ip.source)
-        add(text, four ? "--ip-src" : "--ip6-src", ip.source->negated, network(*ip.source));
-    if (ip.destination)
-        add(text, four ? "--ip-dst" : "--ip6-dst", ip.destination->negated, network(*ip.destination));
-    if (ip.protocol)
-        add(text, four ? "--ip-proto" : "--ip6-proto", ip.protocol->negated, range(*ip.protocol));
-    if (ip.sourcePort)
-        add(text, four ? "--ip-sport" : "--ip6-sport", ip.sourcePort->negated, range(*ip.sourcePort));
-    if (ip.destinationPort)
-        add(text, four ? "--ip-dport" : "--ip6-dport", ip.destinationPort->negated, range(*ip.destinationPort));
+    addNetwork(text, four ? "--ip-src" : "--ip6-src", ip.source);
+    addNetwork(text, four ? "--ip-dst" : "--ip6-dst", ip.destination);
+    addRange(text, four ? "--ip-proto" : "--ip6-proto", ip.protocol);
+    addRange(text, four ? "--ip-sport" : "--ip6-sport", ip.sourcePort);
+    addRange(text, four ? "--ip-dport" : "--ip6-dport", ip.destinationPort);
+}
+
+void addLog(std::string& text, const LogOptions& log)
+{
+    text += "--log-level ";
+    addNumber(text, static_cast<unsigned>(log.level));
+    text += ' ';
+    if (!log.prefix.empty())
+        text.append("--log-prefix \"").append(log.prefix).append("\" ");
+    text += log.ip ? "--log-ip " : "";
+    text += log.arp ? "--log-arp " : "";
+    text += log.ip6 ? "--log-ip6 " : "";
 }
 
 } // namespace
 
-bool isBuiltIn(const std::string& chain)
+bool isBuiltIn(std::string_view chain)
 {
     return chain == "INPUT" || chain == "FORWARD" || chain == "OUTPUT";
 }
 
-bool isStandardTarget(const std::string& target)
+bool isStandardTarget(std::string_view target)
 {
     return target == "ACCEPT" || target == "DROP" || target == "RETURN" || target == "CONTINUE";
+}
+
+void appendText(std::string& text, const Rule& rule)
+{
+    addInterface(text, "-i", rule.in);
+    addInterface(text, "-o", rule.out);
+    addMacMatch(text, "-d", rule.destination);
+    addMacMatch(text, "-s", rule.source);
+    addEthertype(text, "-p", rule.ethertype);
+    addIp(text, rule.ip);
+    addIp(text, rule.ip6);
+    addRange(text, "--vlan-id", rule.vlan.id);
+    addRange(text, "--vlan-prio", rule.vlan.priority);
+    addEthertype(text, "--vlan-encap", rule.vlan.encapsulated);
+    if (rule.log)
+        addLog(text, *rule.log);
+    text += "-j ";
+    text += rule.target;
+}
+
+void appendText(std::string& text, const Command& command)
+{
+    const auto add = [&](std::string_view option) {
+        text += option;
+        text += command.chain;
+    };
+    switch (command.kind) {
+    case CommandKind::Append:
+        add("-A ");
+        appendText(text += ' ', command.rule);
+        break;
+    case CommandKind::Insert:
+        add("-I ");
+        addNumber(text += ' ', command.position);
+        appendText(text += ' ', command.rule);
+        break;
+    case CommandKind::Delete:
+        add("-D ");
+        appendText(text += ' ', command.rule);
+        break;
+    case CommandKind::NewChain:
+        add("-N ");
+        break;
+    case CommandKind::DeleteChain:
+        add("-X ");
+        break;
+    case CommandKind::Flush:
+        add("-F ");
+        break;
+    case CommandKind::Policy:
+        add("-P ");
+        text.append(1, ' ').append(command.policy);
+        break;
+    }
 }
 
 std::string toText(const Rule& rule)
 {
     std::string text;
-    if (rule.in)
-        add(text, "-i", rule.in->negated, interface(*rule.in));
-    if (rule.out)
-        add(text, "-o", rule.out->negated, interface(*rule.out));
-    if (rule.destination)
-        add(text, "-d", rule.destination->negated, macMatch(*rule.destination));
-    if (rule.source)
-        add(text, "-s", rule.source->negated, macMatch(*rule.source));
-    if (rule.ethertype)
-        add(text, "-p", rule.ethertype->negated, rule.ethertype->lengthField ? "LENGTH" : hex(rule.ethertype->number));
-    addIp(text, rule.ip);
-    addIp(text, rule.ip6);
-    if (rule.vlan.id)
-        add(text, "--vlan-id", rule.vlan.id->negated, range(*rule.vlan.id));
-    if (rule.vlan.priority)
-        add(text, "--vlan-prio", rule.vlan.priority->negated, range(*rule.vlan.priority));
-    if (rule.vlan.encapsulated)
-        add(text, "--vlan-encap", rule.vlan.encapsulated->negated, hex(rule.vlan.encapsulated->number));
-    if (rule.log) {
-        add(text, "--log-level", false, std::to_string(rule.log->level));
-        if (!rule.log->prefix.empty())
-            add(text, "--log-prefix", false, '"' + rule.log->prefix + '"');
-        text += rule.log->ip ? "--log-ip " : "";
-        text += rule.log->arp ? "--log-arp " : "";
-        text += rule.log->ip6 ? "--log-ip6 " : "";
-    }
-    return text + "-j " + rule.target;
+    appendText(text, rule);
+    return text;
 }
 
 std::string toText(const Command& command)
 {
-    switch (command.kind) {
-    case CommandKind::Append:
-        return "-A " + command.chain + ' ' + toText(command.rule);
-    case CommandKind::Insert:
-        return "-I " + command.chain + ' ' + std::to_string(command.position) + ' ' + toText(command.rule);
-    case CommandKind::Delete:
-        return "-D " + command.chain + ' ' + toText(command.rule);
-    case CommandKind::NewChain:
-        return "-N " + command.chain;
-    case CommandKind::DeleteChain:
-        return "-X " + command.chain;
-    case CommandKind::Flush:
-        return "-F " + command.chain;
-    case CommandKind::Policy:
-        return "-P " + command.chain + ' ' + command.policy;
-    }
-    return {};
+    std::string text;
+    appendText(text, command);
+    return text;
 }
 
 } // namespace ebtables

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace ebtables
 {
@@ -126,16 +127,18 @@ struct Command {
 };
 
 // INPUT, FORWARD and OUTPUT: the chains that frames enter without a jump.
-bool isBuiltIn(const std::string& chain);
+bool isBuiltIn(std::string_view chain);
 
 // ACCEPT, DROP, RETURN and CONTINUE: the targets that are no chains.
-bool isStandardTarget(const std::string& target);
+bool isStandardTarget(std::string_view target);
 
 // The rule's options as the tool takes them, without chain: "-i eth0 -p 0x800 --ip-source 10.0.0.0/24 -j DROP".
 // Numbers instead of names, so that the tool need not look them up. parseRule gives back an equal rule.
 std::string toText(const Rule& rule);
+void appendText(std::string& text, const Rule& rule);
 
 // The command as a line of ebtables-restore, without a newline: "-A FORWARD -i eth0 -j ACCEPT".
 std::string toText(const Command& command);
+void appendText(std::string& text, const Command& command);
 
 } // namespace ebtables

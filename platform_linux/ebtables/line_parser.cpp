@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <forward_list>
 #include <span>
 #include <utility>
 
@@ -15,8 +16,9 @@ namespace ebtables
 namespace
 {
 
+// A word of a line, without its quotes: a view of the line or of SplitLine::joined.
 struct Word {
-    std::string text;
+    std::string_view text;
     bool quoted = false;
     bool is(std::string_view plain) const { return !quoted && text == plain; }
 };
@@ -57,64 +59,110 @@ Kind kindOf(char c)
     return kinds[static_cast<unsigned char>(c)];
 }
 
+using Words = std::vector<Word>;
+
+struct SplitLine {
+    std::vector<Words> commands;           // none of them empty
+    std::forward_list<std::string> joined; // words such as a"b"c, of which the line has only the pieces
+};
+
 // Splits into commands at `;` and each command into words at blanks.
-std::vector<std::vector<Word>> split(std::string_view line)
+class Splitter
 {
-    if (line.size() > maxLine)
-        refuse(line.substr(0, 40), "", "a line of at most " + std::to_string(maxLine) + " bytes");
-    std::vector<std::vector<Word>> commands(1);
-    std::optional<Word> word;
-    const auto endWord = [&] {
-        if (word)
-            commands.back().push_back(std::move(*word));
-        word.reset();
-    };
-    bool quotes = false;
-    const auto belongsToWord = [&](char c) {
+public:
+    explicit Splitter(std::string_view line) : m_line(line)
+    {
+        if (line.size() > maxLine)
+            refuse(line.substr(0, 40), "", "a line of at most " + std::to_string(maxLine) + " bytes");
+    }
+
+    SplitLine split()
+    {
+        beginCommand();
+        while (m_at < m_line.size()) {
+            if (belongsToWord(m_line[m_at]))
+                takeRun();
+            else
+                takeSpecial(m_line[m_at]);
+        }
+        if (m_inQuotes)
+            refuse(m_word->text, "", "a closing double quote");
+        endWord();
+        std::erase_if(m_result.commands, [](const Words& words) { return words.empty(); });
+        return std::move(m_result);
+    }
+
+private:
+    void beginCommand() { m_result.commands.emplace_back().reserve(usualWords); }
+
+    void endWord()
+    {
+        if (m_word)
+            m_result.commands.back().push_back(*m_word);
+        m_word.reset();
+    }
+
+    bool belongsToWord(char c) const
+    {
         const Kind kind = kindOf(c);
         return kind == Kind::Plain ||
-               (quotes && (kind == Kind::Blank || kind == Kind::Separator || kind == Kind::Shell));
-    };
-    for (std::size_t i = 0; i < line.size();) {
-        const auto context = [&] { return (word ? word->text : std::string()) + std::string(line.substr(i, 20)); };
-        if (belongsToWord(line[i])) {
-            if (!word)
-                word.emplace();
-            const auto* const begin = line.data() + i;
-            const auto* const end = std::find_if_not(begin, line.data() + line.size(), belongsToWord);
-            word->text.append(begin, end);
-            i += static_cast<std::size_t>(end - begin);
-            continue;
-        }
-        switch (kindOf(line[i])) {
+               (m_inQuotes && (kind == Kind::Blank || kind == Kind::Separator || kind == Kind::Shell));
+    }
+
+    // The characters up to the next special one belong to the word.
+    void takeRun()
+    {
+        const std::size_t begin = m_at;
+        while (m_at < m_line.size() && belongsToWord(m_line[m_at]))
+            ++m_at;
+        const std::string_view run = m_line.substr(begin, m_at - begin);
+        if (!m_word)
+            m_word.emplace();
+        m_word->text = m_word->text.empty() ? run : join(m_word->text, run);
+    }
+
+    std::string_view join(std::string_view left, std::string_view right)
+    {
+        std::string& joined = m_result.joined.emplace_front(left);
+        return joined += right;
+    }
+
+    void takeSpecial(char c)
+    {
+        switch (kindOf(c)) {
         case Kind::Unprintable:
             refuse(context(), "", "printable ASCII characters only");
         case Kind::Shell:
         case Kind::ShellInQuotes:
             refuse(context(), "", shellExpected);
         case Kind::Quote:
-            if (!word)
-                word.emplace();
-            word->quoted = true;
-            quotes = !quotes;
+            if (!m_word)
+                m_word.emplace();
+            m_word->quoted = true;
+            m_inQuotes = !m_inQuotes;
             break;
         case Kind::Separator:
             endWord();
-            commands.emplace_back();
+            beginCommand();
             break;
         case Kind::Blank:
         case Kind::Plain:
             endWord();
             break;
         }
-        ++i;
+        ++m_at;
     }
-    if (quotes)
-        refuse(word->text, "", "a closing double quote");
-    endWord();
-    std::erase_if(commands, [](const auto& words) { return words.empty(); });
-    return commands;
-}
+
+    std::string context() const { return std::string(m_word ? m_word->text : "").append(m_line.substr(m_at, 20)); }
+
+    static constexpr std::size_t usualWords = 24;
+
+    std::string_view m_line;
+    std::size_t m_at = 0;
+    bool m_inQuotes = false;
+    std::optional<Word> m_word; // the one that is being read
+    SplitLine m_result;
+};
 
 enum class Option {
     In,
@@ -250,7 +298,7 @@ private:
     }
 
     // The option's value; "!" before it negates.
-    const std::string& value(const char* expected, bool mayNegate = true)
+    std::string_view value(const char* expected, bool mayNegate = true)
     {
         if (m_next < m_words.size() && m_words[m_next].is("!")) {
             if (m_negated || !mayNegate)
@@ -272,7 +320,7 @@ private:
     template <typename Match>
     void take(std::optional<Match>& match, std::optional<Match> (*parser)(std::string_view), const char* expected)
     {
-        const std::string& word = value(expected);
+        const std::string_view word = value(expected);
         match = parser(word);
         if (!match)
             refuse(word, m_option, expected);
@@ -293,7 +341,7 @@ private:
 
     void takeDecimal(std::optional<RangeMatch>& match, unsigned largest, const char* expected)
     {
-        const std::string& word = value(expected);
+        const std::string_view word = value(expected);
         match = parseDecimal(word, largest);
         if (!match)
             refuse(word, m_option, expected);
@@ -312,7 +360,7 @@ private:
     void takeTarget()
     {
         constexpr const char* expected = "ACCEPT, DROP, RETURN, CONTINUE or a chain name of at most 28 characters";
-        const std::string& word = value(expected, false);
+        const std::string_view word = value(expected, false);
         static constexpr std::string_view extensions[] = {"mark", "snat", "dnat", "redirect", "arpreply", "standard"};
         if (!isChainName(word) || word.size() > maxJumpTarget || isBuiltIn(word) ||
             std::ranges::find(extensions, word) != std::end(extensions))
@@ -323,7 +371,7 @@ private:
     void takePrefix()
     {
         constexpr const char* expected = "a text of at most 29 characters";
-        const std::string& word = value(expected, false);
+        const std::string_view word = value(expected, false);
         if (word.size() > maxLogPrefix)
             refuse(word, m_option, expected);
         log().prefix = word;
@@ -332,7 +380,7 @@ private:
     void takeLevel()
     {
         constexpr const char* expected = "emerg, alert, crit, error, warning, notice, info, debug or 0 to 7";
-        const std::string& word = value(expected, false);
+        const std::string_view word = value(expected, false);
         log().level = logLevel(word);
         if (log().level < 0)
             refuse(word, m_option, expected);
@@ -437,7 +485,7 @@ private:
     std::span<const Word> m_words;
     const std::string& m_chain;
     std::size_t m_next = 0;
-    std::string m_option;
+    std::string_view m_option;
     bool m_negated = false;
     unsigned m_seen = 0;
     Rule m_rule;
@@ -453,24 +501,24 @@ constexpr std::pair<std::string_view, CommandKind> commandNames[] = {
     {"-P", CommandKind::Policy},      {"--policy", CommandKind::Policy},
 };
 
-const std::string& chainWord(std::span<const Word> words, const std::string& option)
+std::string_view chainWord(std::span<const Word> words, std::string_view option)
 {
     if (words.empty() || !isChainName(words.front().text))
         refuse(words.empty() ? "" : words.front().text, option, chainExpected);
     return words.front().text;
 }
 
-void expectEnd(std::span<const Word> words, const std::string& option)
+void expectEnd(std::span<const Word> words, std::string_view option)
 {
     if (!words.empty())
         refuse(words.front().text, option, "nothing behind it");
 }
 
-void parsePolicy(Command& command, std::span<const Word> words, const std::string& option)
+void parsePolicy(Command& command, std::span<const Word> words, std::string_view option)
 {
     const bool builtIn = isBuiltIn(command.chain);
     const char* expected = builtIn ? "the policy ACCEPT or DROP" : "the policy ACCEPT, DROP or RETURN";
-    const std::string word = words.empty() ? "" : words.front().text;
+    const std::string_view word = words.empty() ? "" : words.front().text;
     if (word != "ACCEPT" && word != "DROP" && (builtIn || word != "RETURN"))
         refuse(word, option, expected);
     command.policy = word;
@@ -488,7 +536,7 @@ Command parseCommand(std::span<const Word> words)
             : std::ranges::find_if(commandNames, [&](const auto& name) { return words.front().is(name.first); });
     if (found == std::end(commandNames))
         refuse(words.empty() ? "" : words.front().text, "", "one of -A, -I, -D, -N, -X, -F, -P");
-    const std::string option = words.front().text;
+    const std::string_view option = words.front().text;
     words = words.subspan(1);
 
     Command command;
@@ -553,7 +601,8 @@ ParsedLine parseLine(std::string_view line)
 {
     ParsedLine result;
     try {
-        for (const std::vector<Word>& words : split(line))
+        const SplitLine split = Splitter(line).split();
+        for (const Words& words : split.commands)
             result.commands.push_back(parseCommand(words));
     } catch (Refuse& refusal) {
         result.commands.clear();
@@ -565,11 +614,10 @@ ParsedLine parseLine(std::string_view line)
 std::optional<Rule> parseRule(std::string_view options, const std::string& chain, LineError* error)
 {
     try {
-        const std::vector<std::vector<Word>> commands = split(options);
-        if (commands.size() > 1)
+        const SplitLine split = Splitter(options).split();
+        if (split.commands.size() > 1)
             refuse(";", "", "one rule");
-        return RuleParser(commands.empty() ? std::span<const Word>() : std::span<const Word>(commands.front()), chain)
-            .parse();
+        return RuleParser(split.commands.empty() ? Words() : split.commands.front(), chain).parse();
     } catch (Refuse& refusal) {
         if (error != nullptr)
             *error = std::move(refusal.error);

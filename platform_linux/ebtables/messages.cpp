@@ -11,8 +11,8 @@ namespace ebtables
 namespace
 {
 
-// The tool lists at most this many refused lines for sure; beyond that its buffer may be full.
-constexpr std::size_t certainlyListed = 12;
+// The tool has room for a list of about so many bytes. What is beyond is cut off, now and then without a trace.
+constexpr std::size_t listRoom = 1020;
 
 constexpr const char* noReason = "refused without a reason";
 
@@ -48,6 +48,8 @@ Messages parseMessages(int exitCode, std::string_view errors)
 {
     Messages messages;
     std::string previous;
+    const std::string_view list = withoutProgram(errors.substr(0, errors.find_last_not_of('\n') + 1));
+    messages.cut = exitCode == 4 && list.size() >= listRoom;
     while (!errors.empty()) {
         const std::size_t end = errors.find('\n');
         const bool complete = end != std::string_view::npos;
@@ -84,7 +86,6 @@ Messages parseMessages(int exitCode, std::string_view errors)
         }
         previous = printable(line);
     }
-    messages.cut = messages.cut || (exitCode == 4 && messages.lines.size() >= certainlyListed);
     return messages;
 }
 

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -14,7 +15,11 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <list>
 #include <optional>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 namespace ebtables
@@ -144,6 +149,19 @@ private:
     posix_spawn_file_actions_t m_actions;
 };
 
+// A thread enters the new namespace and starts the child there; ours stays where it is.
+int spawnElsewhere(const SpawnPlan& plan, pid_t& child, const std::string& path,
+                   const std::vector<std::string>& arguments)
+{
+    int error = 0;
+    try {
+        std::thread([&] { error = unshare(CLONE_NEWNET) == 0 ? plan.spawn(child, path, arguments) : errno; }).join();
+    } catch (const std::system_error& failure) {
+        error = failure.code().value();
+    }
+    return error;
+}
+
 std::string notStarted(const std::string& path, int error)
 {
     std::string hint;
@@ -156,8 +174,101 @@ std::string notStarted(const std::string& path, int error)
     return "cannot start " + path + ": " + std::strerror(error) + hint;
 }
 
-// Waits for the child, reading its output. Returns false when it had to be killed: result.end says why.
-void attend(int process, Pipe& output, Pipe& errors, const RunLimits& limits, RunResult& result)
+// A child process with its standard streams. It has ended, or was never started, when this is destroyed.
+class Child
+{
+public:
+    Child(const std::string& path, const std::vector<std::string>& arguments, std::string_view input, int keepOpen,
+          Network network)
+        : m_path(path)
+    {
+        const Descriptor stdIn = memoryFile(input);
+        if (stdIn.get() < 0 || !m_output.make() || !m_errors.make()) {
+            notStarted(errno);
+            return;
+        }
+        {
+            const SpawnPlan plan(stdIn.get(), m_output.write.get(), m_errors.write.get(), keepOpen);
+            const int error = network == Network::Ours ? plan.spawn(m_pid, path, arguments)
+                                                       : spawnElsewhere(plan, m_pid, path, arguments);
+            if (error != 0) {
+                notStarted(error);
+                return;
+            }
+        }
+        m_output.write.reset();
+        m_errors.write.reset();
+        m_running = true;
+        m_process.reset(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
+        if (m_process.get() < 0) // never seen: the child is ours, only descriptors can be short
+            stop(RunResult::End::Killed, " was killed: it could not be watched");
+    }
+    Child(Child&&) = delete;
+    ~Child()
+    {
+        if (m_running)
+            stop(RunResult::End::Stopped, "");
+    }
+
+    bool running() const { return m_running; }
+
+    // What to wait for: its end, and anything that it writes.
+    std::array<pollfd, 3> wanted() const
+    {
+        return {{{m_process.get(), POLLIN, 0}, {m_output.read.get(), POLLIN, 0}, {m_errors.read.get(), POLLIN, 0}}};
+    }
+
+    // Takes in what it wrote, and its end when it has ended.
+    void attend(bool ended)
+    {
+        drain(m_output.read, m_result.output, maxOutput);
+        drain(m_errors.read, m_result.errors, maxErrors);
+        if (ended)
+            reap();
+    }
+
+    // Kills it; how and why are for the result.
+    void stop(RunResult::End how, const std::string& why)
+    {
+        kill(m_pid, SIGKILL);
+        reap();
+        m_result.end = how;
+        m_result.reason = m_path + why;
+    }
+
+    RunResult takeResult() { return std::move(m_result); }
+
+private:
+    void reap()
+    {
+        int status = 0;
+        while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        m_running = false;
+        attend(false);
+        if (WIFSIGNALED(status)) {
+            m_result.end = RunResult::End::Killed;
+            m_result.reason = m_path + " was killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
+                              strsignal(WTERMSIG(status)) + "); is there memory enough?";
+        } else {
+            m_result.end = RunResult::End::Exited;
+            m_result.exitCode = WEXITSTATUS(status);
+        }
+    }
+
+    void notStarted(int error) { m_result.reason = ebtables::notStarted(m_path, error); }
+
+    const std::string& m_path;
+    pid_t m_pid = -1;
+    bool m_running = false;
+    Descriptor m_process; // a pidfd
+    Pipe m_output;
+    Pipe m_errors;
+    RunResult m_result;
+};
+
+// Waits for all the children, reading their output. One that does not end in time is killed.
+void attend(std::list<Child>& children, const RunLimits& limits)
 {
     sigset_t mask;
     sigprocmask(SIG_SETMASK, nullptr, &mask);
@@ -167,84 +278,56 @@ void attend(int process, Pipe& output, Pipe& errors, const RunLimits& limits, Ru
     Clock::time_point deadline = Clock::now() + limits.time;
     bool stopped = false;
     for (;;) {
+        std::vector<Child*> running;
+        std::vector<pollfd> wanted;
+        for (Child& child : children) {
+            if (!child.running())
+                continue;
+            running.push_back(&child);
+            std::ranges::copy(child.wanted(), std::back_inserter(wanted));
+        }
+        if (running.empty())
+            return;
         const auto left = deadline - Clock::now();
         if (left <= Clock::duration::zero()) {
-            syscall(SYS_pidfd_send_signal, process, SIGKILL, nullptr, 0);
-            result.end = stopped ? RunResult::End::Stopped : RunResult::End::TimedOut;
+            for (Child* child : running)
+                stopped
+                    ? child->stop(RunResult::End::Stopped, " was killed because moatkeeper is to stop")
+                    : child->stop(RunResult::End::TimedOut,
+                                  " did not end within " + std::to_string(limits.time.count()) + " ms and was killed");
             return;
         }
         const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
         const timespec wait{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
-        pollfd wanted[] = {{process, POLLIN, 0}, {output.read.get(), POLLIN, 0}, {errors.read.get(), POLLIN, 0}};
-        const int ready = ppoll(wanted, 3, &wait, &mask);
+        const int ready = ppoll(wanted.data(), wanted.size(), &wait, &mask);
         if (ready < 0 && errno == EINTR && !stopped) {
             stopped = true;
             deadline = std::min(deadline, Clock::now() + limits.afterStop);
         }
-        drain(output.read, result.output, maxOutput);
-        drain(errors.read, result.errors, maxErrors);
-        if (ready > 0 && wanted[0].revents != 0) {
-            result.end = RunResult::End::Exited;
-            return;
-        }
+        for (std::size_t i = 0; i < running.size(); ++i)
+            running[i]->attend(ready > 0 && wanted[3 * i].revents != 0);
     }
 }
 
 } // namespace
 
-RunResult run(const std::string& path, const std::vector<std::string>& arguments, std::string_view input,
+std::vector<RunResult> runTogether(const std::string& path, const std::vector<std::string>& arguments,
+                                   std::span<const std::string> inputs, const RunLimits& limits, Network network)
+{
+    std::list<Child> children;
+    for (const std::string& input : inputs)
+        children.emplace_back(path, arguments, input, limits.keepOpen, network);
+    attend(children, limits);
+    std::vector<RunResult> results;
+    for (Child& child : children)
+        results.push_back(child.takeResult());
+    return results;
+}
+
+RunResult run(const std::string& path, const std::vector<std::string>& arguments, const std::string& input,
               const RunLimits& limits)
 {
-    RunResult result;
-    const auto fail = [&](int error) {
-        result.reason = notStarted(path, error);
-        return result;
-    };
-    const Descriptor stdIn = memoryFile(input);
-    Pipe output;
-    Pipe errors;
-    if (stdIn.get() < 0 || !output.make() || !errors.make())
-        return fail(errno);
-
-    pid_t child = -1;
-    {
-        const SpawnPlan plan(stdIn.get(), output.write.get(), errors.write.get(), limits.keepOpen);
-        if (const int error = plan.spawn(child, path, arguments); error != 0)
-            return fail(error);
-    }
-    output.write.reset();
-    errors.write.reset();
-
-    const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-    if (process.get() >= 0) {
-        attend(process.get(), output, errors, limits, result);
-    } else {
-        kill(child, SIGKILL); // never seen: we own the child, only descriptors can be short
-        result.end = RunResult::End::Killed;
-    }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    drain(output.read, result.output, maxOutput);
-    drain(errors.read, result.errors, maxErrors);
-
-    switch (result.end) {
-    case RunResult::End::TimedOut:
-        result.reason = path + " did not end within " + std::to_string(limits.time.count()) + " ms and was killed";
-        break;
-    case RunResult::End::Stopped:
-        result.reason = path + " was killed because moatkeeper is to stop";
-        break;
-    default:
-        if (WIFSIGNALED(status)) {
-            result.end = RunResult::End::Killed;
-            result.reason = path + " was killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
-                            strsignal(WTERMSIG(status)) + "); is there memory enough?";
-        } else {
-            result.exitCode = WEXITSTATUS(status);
-        }
-    }
-    return result;
+    return std::move(runTogether(path, arguments, {&input, 1}, limits, Network::Ours).front());
 }
 
 ToolVersion detect(const ToolPaths& paths, const RunLimits& limits)

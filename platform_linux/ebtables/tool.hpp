@@ -6,8 +6,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace ebtables
@@ -44,8 +44,17 @@ struct RunResult {
 
 // Starts the program at path with these arguments (without the program's name), input as its standard input, and waits
 // for it. Never throws but std::bad_alloc.
-RunResult run(const std::string& path, const std::vector<std::string>& arguments, std::string_view input,
+RunResult run(const std::string& path, const std::vector<std::string>& arguments, const std::string& input,
               const RunLimits& limits = {});
+
+enum class Network {
+    Ours,       // the one that we are in
+    OneOfItsOwn // a new, empty one, which is gone with the process; needs CAP_SYS_ADMIN
+};
+
+// The same for several processes of the program at a time, one for each input. The limits are for all of them together.
+std::vector<RunResult> runTogether(const std::string& path, const std::vector<std::string>& arguments,
+                                   std::span<const std::string> inputs, const RunLimits& limits, Network network);
 
 enum class Variant {
     NfTables, // whole transactions

@@ -3,6 +3,8 @@
 #include "platform_linux/ebtables/line_parser.hpp"
 #include "platform_linux/ebtables/messages.hpp"
 #include "platform_linux/ebtables/model.hpp"
+#include "platform_linux/ebtables/restore_block.hpp"
+#include "platform_linux/ebtables/trial.hpp"
 
 #include <algorithm>
 #include <string_view>
@@ -16,41 +18,6 @@ namespace
 {
 
 constexpr unsigned maxTries = 200; // then the commands are carried out one by one
-
-// A block for ebtables-restore; remembers which command each of its lines belongs to.
-class Block
-{
-public:
-    Block() { m_text = "*filter\n"; }
-
-    void add(const Command& command, std::size_t index)
-    {
-        if (command.kind == CommandKind::DeleteChain) // the tool deletes empty chains only
-            addLine("-F " + command.chain, index);
-        addLine(toText(command), index);
-    }
-
-    void addLine(const std::string& line, std::size_t index)
-    {
-        m_text += line;
-        m_text += '\n';
-        m_owners.push_back(index);
-    }
-
-    std::string text() const { return m_text + "COMMIT\n"; }
-
-    // The command that line K (as the tool counts) belongs to.
-    std::optional<std::size_t> owner(unsigned line) const
-    {
-        return line >= 2 && line - 2 < m_owners.size() ? std::optional(m_owners[line - 2]) : std::nullopt;
-    }
-
-    bool isCommit(unsigned line) const { return line == m_owners.size() + 2; }
-
-private:
-    std::string m_text;
-    std::vector<std::size_t> m_owners;
-};
 
 std::string cannotRunReason(const ToolPaths& paths, const RunResult& result)
 {
@@ -80,7 +47,7 @@ public:
     Outcome apply()
     {
         for (unsigned tries = 0; tries < maxTries; ++tries) {
-            Block block;
+            RestoreBlock block;
             for (std::size_t i = 0; i < m_commands.size(); ++i) {
                 if (!m_dropped[i])
                     block.add(m_commands[i], i);
@@ -95,14 +62,14 @@ public:
                 return cannotRun(result);
             std::vector<Refused> said = attribute(block, messages);
             if (said.empty()) {
-                const RunResult empty = runRestore(Block().text());
+                const RunResult empty = runRestore(RestoreBlock().text());
                 if (empty.end != RunResult::End::Exited || empty.exitCode != 0)
                     return cannotRun(empty);
                 return separately(messages.text);
             }
-            dropWithForetold(said);
-            if (messages.cut)
-                tryRules(said.back().index + 1);
+            const bool explained = dropWithForetold(said);
+            if (messages.cut && !explained)
+                dropRefusedElsewhere(said);
         }
         return separately("too many refusals");
     }
@@ -139,7 +106,7 @@ private:
     }
 
     // Which commands the messages are about, ascending.
-    std::vector<Refused> attribute(const Block& block, const Messages& messages) const
+    std::vector<Refused> attribute(const RestoreBlock& block, const Messages& messages) const
     {
         std::vector<Refused> said;
         for (const Messages::Line& line : messages.lines) {
@@ -172,8 +139,8 @@ private:
     }
 
     // Drops what the tool named. When the tables explain one of these, everything else that they explain goes as well:
-    // the tool would name it next.
-    void dropWithForetold(const std::vector<Refused>& said)
+    // the tool would name it next. Returns whether they do.
+    bool dropWithForetold(const std::vector<Refused>& said)
     {
         if (!m_tableRead) {
             m_table = readTable(m_paths, nullptr, m_limits);
@@ -200,56 +167,21 @@ private:
                     if (reasons[i])
                         drop(i, *reasons[i]);
                 }
-                return;
+                return true;
             }
         }
         for (const Refused& refused : said)
             drop(refused.index, refused.reason);
+        return false;
     }
 
-    // The kernel refused more rules than the tool listed. Whether it takes a rule hardly ever depends on its chain, so
-    // the others are put, in small blocks, into a chain of their own; a last line that the kernel always refuses keeps
-    // all of it from being committed.
-    void tryRules(std::size_t from)
+    // The tool had no room to list all the rules that the kernel refuses.
+    void dropRefusedElsewhere(std::span<const Refused> listed)
     {
-        constexpr std::size_t blockSize = 128;
-        constexpr const char* trialChain = "moatkeeper-trial";
-        constexpr const char* alwaysRefused = "-A moatkeeper-trial -p 0x0800 --ip-proto 1 --ip-dport 1 -j CONTINUE";
-        while (from < m_commands.size()) {
-            Block block;
-            const std::size_t sentinel = m_commands.size();
-            block.addLine(std::string("-N ") + trialChain, sentinel);
-            std::size_t next = from;
-            for (std::size_t taken = 0; next < m_commands.size() && taken < blockSize; ++next) {
-                const Command& command = m_commands[next];
-                if (m_dropped[next] || (command.kind != CommandKind::Append && command.kind != CommandKind::Insert))
-                    continue;
-                Rule rule = command.rule;
-                if (!isStandardTarget(rule.target))
-                    rule.target = "CONTINUE";
-                block.addLine(std::string("-A ") + trialChain + ' ' + toText(rule), next);
-                ++taken;
-            }
-            block.addLine(alwaysRefused, sentinel);
-            const RunResult result = runRestore(block.text());
-            if (result.end != RunResult::End::Exited || result.exitCode != 4) {
-                if (result.exitCode == 0)
-                    runRestore(std::string("*filter\n-F ") + trialChain + "\n-X " + trialChain + "\nCOMMIT\n");
-                return; // inconclusive: the next try of the whole tells
-            }
-            const Messages messages = parseMessages(result.exitCode, result.errors);
-            if (messages.shortage)
-                return;
-            from = next;
-            for (const Messages::Line& line : messages.lines) {
-                const std::optional<std::size_t> index = block.owner(line.number);
-                if (!index || *index == sentinel)
-                    continue;
-                drop(*index, line.reason);
-                if (messages.cut)
-                    from = *index + 1;
-            }
-        }
+        const Trial trial = tryElsewhere(m_paths, m_commands, listed, m_dropped, m_limits);
+        m_outcome.processes += trial.processes;
+        for (const Refused& refused : trial.refused)
+            drop(refused.index, refused.reason);
     }
 
     // The last resort: every command a transaction of its own.
@@ -259,7 +191,7 @@ private:
         for (std::size_t i = 0; i < m_commands.size(); ++i) {
             if (m_dropped[i])
                 continue;
-            Block block;
+            RestoreBlock block;
             block.add(m_commands[i], i);
             const RunResult result = runRestore(block.text());
             const Messages messages = parseMessages(result.exitCode, result.errors);

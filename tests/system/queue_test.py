@@ -223,7 +223,7 @@ class QueueTest(unittest.TestCase):
 
     def test_many_refusals_take_few_processes(self):
         """How long they take is measured by bench/refusals.py."""
-        for kind, most in (("none", 1), ("chain", 5), ("jump", 5), ("delete", 5), ("kernel", None)):
+        for kind, most in (("none", 1), ("chain", 5), ("jump", 5), ("delete", 5), ("kernel", 40)):
             with self.subTest(kind):
                 sh("nft", "flush", "ruleset")
                 lines = refusals.lines(4000, kind)
@@ -232,9 +232,30 @@ class QueueTest(unittest.TestCase):
                 in_kernel = sum(1 for line in tables() if line.startswith("-A U"))
                 self.assertEqual(in_kernel, 4000 if kind == "none" else 3600, out)
                 self.assertEqual(int(fields["refused"]), 0 if kind == "none" else 400)
-                # Of what the kernel itself refuses, only the result is fixed: it is told 16 rules at a time.
-                if most is not None:
-                    self.assertLessEqual(int(fields["processes"]), most, out)
+                self.assertLessEqual(int(fields["processes"]), most, out)
+
+    def check_kernel_refusals(self, count, refused, *wrapper):
+        sh("nft", "flush", "ruleset")
+        lines = ["ebtables -N U"] + ["kernel-refuses U" if i in refused else mac_rule(i, "U")
+                                     for i in range(count)]
+        out = sh(*wrapper, DRIVER, "--direct", text_in="\n".join(lines) + "\n").stdout
+        fields = dict(field.split("=") for field in out.split())
+        self.assertEqual(int(fields["refused"]), len(refused), out)
+        expected = [mac_rule(i, "U").removeprefix("ebtables ") for i in range(count) if i not in refused]
+        self.assertEqual([line for line in tables() if line.startswith("-A")], expected)
+        return int(fields["processes"])
+
+    def test_all_rules_that_the_kernel_refuses_are_found_and_no_other(self):
+        some = random.Random(3).sample(range(1000), 60)
+        for name, refused in (("first", range(300)), ("last", range(700, 1000)), ("some", some),
+                              ("half", range(0, 1000, 2)), ("all", range(1000)), ("sixteen", range(500, 516)),
+                              ("seventeen", range(500, 517))):
+            with self.subTest(name):
+                processes = self.check_kernel_refusals(1000, set(refused))
+                self.assertLess(processes, 8 + len(refused) / 10)
+
+    def test_refusals_are_found_where_no_namespace_can_be_made(self):
+        self.check_kernel_refusals(200, set(range(0, 200, 4)), "setpriv", "--bounding-set=-sys_admin")
 
     def test_missing_tool_loses_nothing(self):
         tools = self.tools()
