@@ -191,7 +191,7 @@ private:
     void finishOutcome(const ebtables::Outcome& outcome, std::span<const Command> commands, std::size_t ahead)
     {
         if (!outcome.notAtomic.empty())
-            warning(113, "this commit was not one transaction: " + outcome.notAtomic);
+            warning(114, "this commit was not one transaction: " + outcome.notAtomic);
         auto refused = outcome.refused.begin();
         for (std::size_t i = 0; i < outcome.done; ++i) {
             if (refused != outcome.refused.end() && refused->index == i) {

@@ -210,8 +210,8 @@ class Failures(rehearsal.Rehearsal):
         self.config.update(config.RULES, 1, InInterface="p9")
         batches = tool.waitForBatches(6)[1:]
         self.assertEqual(batches, [CHANGED, [], *([line] for line in CHANGED)])
-        self.assertEqual(self.daemon.waitForLines("^queue:113:"), [
-            "queue:113: this commit was not one transaction: sendmsg() failed: Message too long / line 5 failed: "
+        self.assertEqual(self.daemon.waitForLines("^queue:114:"), [
+            "queue:114: this commit was not one transaction: sendmsg() failed: Message too long / line 5 failed: "
             "Message too long."])
         self.assertEqual(self.daemon.stop(), 0)
 

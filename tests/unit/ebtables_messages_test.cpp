@@ -53,13 +53,14 @@ TEST(MessagesTest, ALineThatIsCutOffIsNotBelieved)
     }
 }
 
-TEST(MessagesTest, AListAsLongAsTheToolsBufferMayBeIncomplete)
+TEST(MessagesTest, AListThatFillsTheToolsBufferMayBeIncomplete)
 {
     std::string text;
-    for (int number = 2; number < 2 + 11; ++number)
-        text += "line " + std::to_string(number) + ": no\n";
+    for (int number = 0; number < 10; ++number)
+        text += "line 1" + std::to_string(number) + ": " + std::string(90, 'x') + '\n'; // 100 bytes
     EXPECT_FALSE(parseMessages(4, text).cut);
-    EXPECT_TRUE(parseMessages(4, text + "line 13: no\n").cut);
+    EXPECT_TRUE(parseMessages(4, text + "line 20: " + std::string(20, 'x') + '\n').cut);
+    EXPECT_FALSE(parseMessages(1, text + text).cut);
 }
 
 TEST(MessagesTest, TheParserNamesTheLineBehindTheReason)
