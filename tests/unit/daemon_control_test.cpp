@@ -187,7 +187,7 @@ TEST_F(DaemonControlDeathTest, AFileInPlaceOfTheFolderIsNamed)
                 "PID file folder .*/moatkeeper.pid: not a folder\n$");
 }
 
-TEST_F(DaemonControlDeathTest, AFolderThatTheEffectiveUserCannotWriteIsNamed)
+TEST_F(DaemonControlDeathTest, AFolderThatTheUserCannotWriteIsNamed)
 {
     constexpr uid_t ordinaryUser = 65534;
     const uid_t self = geteuid();
@@ -196,8 +196,9 @@ TEST_F(DaemonControlDeathTest, AFolderThatTheEffectiveUserCannotWriteIsNamed)
     fs::permissions(m_folder, fs::perms(0555));
     ZOL_Daemon daemon;
     const auto construct = [&] {
-        if (self == 0 && seteuid(ordinaryUser) != 0)
+        if (self == 0 && setresuid(ordinaryUser, ordinaryUser, ordinaryUser) != 0)
             std::abort();
+        prctl(PR_SET_DUMPABLE, 1); // the search for leaks at the end needs it
         ZOL_Daemon_construct(daemon, "moatkeeper", m_folder.c_str());
     };
     EXPECT_EXIT(construct(), testing::ExitedWithCode(1),
