@@ -203,7 +203,7 @@ TEST_F(DaemonControlDeathTest, AFolderThatTheUserCannotWriteIsNamed)
     };
     EXPECT_EXIT(construct(), testing::ExitedWithCode(1),
                 "^daemonctl:30: PID file folder " + m_folder.string() +
-                    ": Permission denied; expected a folder that can be written\n$");
+                    ": Permission denied; expected a folder that can be written\n");
     fs::permissions(m_folder, fs::perms(0755));
 }
 
