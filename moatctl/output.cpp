@@ -35,6 +35,14 @@ std::string visible(std::string text)
     return result;
 }
 
+std::string textOf(const Cell& cell)
+{
+    if (const auto* value = std::get_if<tessera::Value>(&cell))
+        return toText(*value);
+    const auto* number = std::get_if<std::uint64_t>(&cell);
+    return number != nullptr ? std::to_string(*number) : std::string();
+}
+
 // Characters of UTF-8 text, not bytes.
 std::size_t width(std::string_view text)
 {
@@ -64,11 +72,11 @@ void writeTable(std::ostream& out, const Sheet& sheet, bool headings, bool colou
     };
     if (headings)
         measure(sheet.headings);
-    for (const std::vector<tessera::Value>& row : sheet.rows) {
+    for (const std::vector<Cell>& row : sheet.rows) {
         std::vector<std::string>& cells = lines.emplace_back();
         cells.reserve(row.size());
-        for (const tessera::Value& value : row)
-            cells.push_back(visible(toText(value)));
+        for (const Cell& cell : row)
+            cells.push_back(visible(textOf(cell)));
         measure(cells);
     }
     if (headings) {
@@ -93,13 +101,16 @@ void writeCsv(std::ostream& out, const Sheet& sheet, bool headings, bool withNam
     };
     if (headings)
         writeRow(withName ? "Table" : "", sheet.headings, [](const std::string& text) { return text; });
-    for (const std::vector<tessera::Value>& row : sheet.rows)
-        writeRow(withName ? csvField(sheet.name) : "", row, [](const tessera::Value& value) { return toText(value); });
+    for (const std::vector<Cell>& row : sheet.rows)
+        writeRow(withName ? csvField(sheet.name) : "", row, [](const Cell& cell) { return textOf(cell); });
 }
 
-std::string jsonText(const tessera::Value& value)
+std::string jsonText(const Cell& cell)
 {
-    return value.isText() ? ovsdb::toText(ovsdb::Json(value.getText())) : std::to_string(value.getInteger());
+    if (std::holds_alternative<std::monostate>(cell))
+        return "null";
+    const auto* value = std::get_if<tessera::Value>(&cell);
+    return value != nullptr && value->isText() ? ovsdb::toText(ovsdb::Json(value->getText())) : textOf(cell);
 }
 
 void writeJson(std::ostream& out, const std::vector<Sheet>& sheets)
@@ -110,7 +121,7 @@ void writeJson(std::ostream& out, const std::vector<Sheet>& sheets)
         for (const std::string& heading : sheet.headings)
             names.push_back(ovsdb::toText(ovsdb::Json(heading)) + ": ");
         out << "  " << ovsdb::toText(ovsdb::Json(sheet.name)) << ": [";
-        for (const std::vector<tessera::Value>& row : sheet.rows) {
+        for (const std::vector<Cell>& row : sheet.rows) {
             out << (&row == &sheet.rows.front() ? "\n    {" : ",\n    {");
             for (std::size_t i = 0; i < row.size(); ++i)
                 out << (i == 0 ? "" : ", ") << names[i] << jsonText(row[i]);

@@ -5,9 +5,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
 #include <iosfwd>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 namespace moatctl
@@ -23,11 +25,14 @@ struct OutputStyle {
 // --format and --no-headings; the style must outlive the parsing.
 void addOutputOptions(CLI::App& app, OutputStyle& style);
 
+// A value of the configuration, a larger number, or nothing (null in JSON, else empty).
+using Cell = std::variant<std::monostate, tessera::Value, std::uint64_t>;
+
 struct Sheet {
     std::string name;  // in JSON and CSV
     std::string title; // above the table
     std::vector<std::string> headings;
-    std::vector<std::vector<tessera::Value>> rows; // as many values as headings
+    std::vector<std::vector<Cell>> rows; // as many cells as headings
 };
 
 // Table: a title when there are several sheets, headings, aligned columns; bytes that a terminal would obey are made

@@ -49,10 +49,10 @@ Sheet sheetOf(const Configuration& configuration, TableId id, Format format)
         sheet.headings.emplace_back(people ? table.columns[i].heading : table.columns[i].name);
     sheet.rows.reserve(rows.size());
     for (const Row* row : rows) {
-        std::vector<tessera::Value>& cells = sheet.rows.emplace_back();
+        std::vector<Cell>& cells = sheet.rows.emplace_back();
         cells.reserve(shown.size());
         for (const std::size_t i : shown)
-            cells.push_back(people ? forPeople(table.columns[i], row->values[i]) : row->values[i]);
+            cells.emplace_back(people ? forPeople(table.columns[i], row->values[i]) : row->values[i]);
     }
     return sheet;
 }

@@ -108,16 +108,15 @@ Sheet entriesSheet(const std::vector<Entry>& entries, bool compared)
     Sheet sheet{"rules", "Rules", {"CHAIN", "RULE", "STATE", "FRAMES", "BYTES", "TABLE", "ID", "TEXT"}, {}};
     using tessera::Value;
     for (const Entry& entry : entries) {
-        const auto counter = [&](std::uint64_t ebtables::Counters::*which) {
-            return Value(entry.counters ? std::to_string((*entry.counters).*which) : std::string());
-        };
+        const auto number = [](bool known, std::uint64_t value) { return known ? Cell(value) : Cell(); };
+        const ebtables::Counters counters = entry.counters.value_or(ebtables::Counters());
         const bool hasId = entry.origin != nullptr && entry.origin->table->hasIds();
-        sheet.rows.push_back({Value(entry.chain),
-                              Value(entry.position != 0 ? std::to_string(entry.position) : std::string("-")),
+        sheet.rows.push_back({Value(entry.chain), number(entry.position != 0, entry.position),
                               Value(std::string(compared ? nameOf(entry.state) : "unknown")),
-                              counter(&ebtables::Counters::packets), counter(&ebtables::Counters::bytes),
-                              Value(entry.origin != nullptr ? std::string(entry.origin->table->name()) : std::string()),
-                              Value(hasId ? std::to_string(entry.origin->id()) : std::string()), Value(entry.text)});
+                              number(entry.counters.has_value(), counters.packets),
+                              number(entry.counters.has_value(), counters.bytes),
+                              entry.origin != nullptr ? Cell(Value(std::string(entry.origin->table->name()))) : Cell(),
+                              hasId ? Cell(Value(entry.origin->id())) : Cell(), Value(entry.text)});
     }
     return sheet;
 }

@@ -212,6 +212,7 @@ TEST(Output, SheetsInThreeForms)
     const std::vector<Sheet> sheets{
         {"one", "First", {"A", "B"}, {{tessera::Value(1), text("\xc3\xa4\x1b")}, {tessera::Value(22), text("")}}},
         {"two", "Second", {"C"}, {}}};
+    const std::vector<Sheet> numbers{{"n", "", {"A", "B"}, {{std::uint64_t{18446744073709551615U}, Cell()}}}};
     const auto written = [&sheets](Format format, bool headings) {
         std::ostringstream out;
         writeSheets(out, sheets, {format, headings}, false);
@@ -223,6 +224,12 @@ TEST(Output, SheetsInThreeForms)
     EXPECT_EQ(ovsdb::toText(ovsdb::parseJson(written(Format::Json, true))),
               ovsdb::toText(ovsdb::parseJson(
                   "{\"one\":[{\"A\":1,\"B\":\"\xc3\xa4\\u001b\"},{\"A\":22,\"B\":\"\"}],\"two\":[]}")));
+    std::ostringstream json;
+    writeSheets(json, numbers, {Format::Json, true}, false);
+    EXPECT_NE(json.str().find("{\"A\": 18446744073709551615, \"B\": null}"), std::string::npos) << json.str();
+    std::ostringstream csv;
+    writeSheets(csv, numbers, {Format::Csv, false}, false);
+    EXPECT_EQ(csv.str(), "18446744073709551615,\r\n");
 }
 
 TEST(Values, FromPersonToTable)
