@@ -30,7 +30,8 @@ void Findings::add(Severity severity, TableId table, std::string text)
     problem.file = m_configuration.file;
     problem.table = tableInfo(table).name();
     problem.text = std::move(text);
-    m_problems.push_back(std::move(problem));
+    if (std::ranges::find(m_problems, problem) == m_problems.end())
+        m_problems.push_back(std::move(problem));
 }
 
 std::vector<Problem> Findings::take()
@@ -52,15 +53,28 @@ std::string nameOf(const Row& row)
 
 std::vector<Problem> checkConfiguration(const Configuration& configuration, const CheckOptions& options)
 {
+    std::size_t done = 0;
+    const auto step = [&] {
+        constexpr std::size_t steps = 7;
+        if (options.onProgress)
+            options.onProgress(++done, steps);
+    };
     const Expected expected = expectedOf(configuration);
+    step();
     const Applied applied = apply(expected);
+    step();
     Findings findings(configuration);
     findUnusable(expected, findings);
     findOddValues(expected, options, findings);
+    step();
     findRefused(expected, applied, findings);
-    findFurtherValues(findings);
+    step();
+    findFurtherValues(expected, findings);
+    step();
     findUnreached(applied.model, findings);
+    step();
     findCutOff(expected, applied.model, findings);
+    step();
     return findings.take();
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <set>
 #include <span>
 #include <utility>
@@ -114,9 +115,21 @@ std::string nameOf(const Way& way)
 class Examiner
 {
 public:
-    Examiner(const BridgeModel& model, Findings& findings) : m_model(model), m_findings(findings)
+    Examiner(const BridgeModel& model, Findings& findings) : m_model(model), m_findings(findings) {}
+
+    // What follows is about this way. Ways in by the same port are to be entered one after the other.
+    void enter(const Way& way)
     {
-        for (const ModelChain& chain : model.chains()) {
+        const auto fits = [](const std::optional<ebtables::InterfaceMatch>& match, const std::string& port) {
+            return !match || (!port.empty() && matchesPort(*match, port));
+        };
+        if (!m_in || m_way.in != way.in)
+            m_in = m_model.restrictedTo([&](const ebtables::Rule& rule) { return fits(rule.in, way.in); });
+        m_here = m_in->restrictedTo([&](const ebtables::Rule& rule) { return fits(rule.out, way.out); });
+        m_way = way;
+        m_ruleCount = 0;
+        m_openers.clear();
+        for (const ModelChain& chain : m_here.chains()) {
             for (const ModelRule& rule : chain.rules) {
                 ++m_ruleCount;
                 if (rule.rule.target == "ACCEPT" || rule.rule.target == "RETURN")
@@ -126,26 +139,22 @@ public:
     }
 
     // Whether some packet of the ethertype gets through.
-    bool isOpen(const Way& way, std::uint16_t type)
+    bool isOpen(std::uint16_t type)
     {
         const Frame plain = packet(type);
-        if (fateOf(plain, way).first == Fate::Accept)
+        if (fateOf(plain).first == Fate::Accept)
             return true;
         return std::ranges::any_of(m_openers, [&](const ebtables::Rule* opener) {
-            const auto fits = [](const std::optional<ebtables::InterfaceMatch>& match, const std::string& port) {
-                return !match || (!port.empty() && matchesPort(*match, port));
-            };
-            return m_walked < mostWork && fits(opener->in, way.in) && fits(opener->out, way.out) &&
-                   fateOf(fitted(plain, *opener), way).first == Fate::Accept;
+            return m_walked < mostWork && fateOf(fitted(plain, *opener)).first == Fate::Accept;
         });
     }
 
     // Remembers who drops the frame, if it is dropped.
-    void examine(Frame frame, const Way& way, const char* protocol, const char* consequence)
+    void examine(Frame frame, const char* protocol, const char* consequence)
     {
-        const auto [fate, by] = fateOf(std::move(frame), way);
+        const auto [fate, by] = fateOf(std::move(frame));
         if (fate == Fate::Drop)
-            m_dropped[{protocol, consequence, by, way.out.empty()}].push_back(nameOf(way));
+            m_dropped[{protocol, consequence, by, m_way.out.empty()}].push_back(nameOf(m_way));
     }
 
     void report()
@@ -181,18 +190,21 @@ private:
         }
     };
 
-    std::pair<Fate, const Row*> fateOf(Frame frame, const Way& way)
+    std::pair<Fate, const Row*> fateOf(Frame frame)
     {
         m_walked += m_ruleCount;
-        frame.in = way.in;
-        frame.out = way.out;
-        const Walk walked = walk(m_model, frame);
+        frame.in = m_way.in;
+        frame.out = m_way.out;
+        const Walk walked = walk(m_here, frame);
         const Step& last = walked.steps.back();
         return {walked.fate, last.rule != nullptr ? last.rule->origin : last.chain->policyOrigin};
     }
 
     const BridgeModel& m_model;
     Findings& m_findings;
+    std::optional<BridgeModel> m_in; // the rules about the port that the way leads in by
+    BridgeModel m_here;              // and of them those about the port that it leads out by
+    Way m_way;
     std::vector<const ebtables::Rule*> m_openers;
     std::size_t m_ruleCount = 0;
     std::size_t m_walked = 0;
@@ -234,16 +246,17 @@ void findCutOff(const Expected& expected, const BridgeModel& model, Findings& fi
 {
     Examiner examiner(model, findings);
     for (const Way& way : waysIn(expected)) {
+        examiner.enter(way);
         // Address resolution serves packets that may pass; a way that is closed to them does not need it.
-        if (examiner.isOpen(way, ethertype::ip4))
-            examiner.examine(arpRequest(), way, "ARP", "IPv4 is let through but stations will not find each other");
-        if (examiner.isOpen(way, ethertype::ip6))
-            examiner.examine(neighbourSolicitation(), way, "neighbour discovery",
+        if (examiner.isOpen(ethertype::ip4))
+            examiner.examine(arpRequest(), "ARP", "IPv4 is let through but stations will not find each other");
+        if (examiner.isOpen(ethertype::ip6))
+            examiner.examine(neighbourSolicitation(), "neighbour discovery",
                              "IPv6 is let through but stations will not find each other");
         if (!way.out.empty())
             continue;
-        examiner.examine(spanningTree(), way, "spanning tree frames", "01:80:c2:00:00:00; loops may go unnoticed");
-        examiner.examine(portAuthentication(), way, "802.1X frames", "EAPOL, 0x888e; stations cannot authenticate");
+        examiner.examine(spanningTree(), "spanning tree frames", "01:80:c2:00:00:00; loops may go unnoticed");
+        examiner.examine(portAuthentication(), "802.1X frames", "EAPOL, 0x888e; stations cannot authenticate");
     }
     examiner.report();
 }

@@ -109,9 +109,11 @@ void refusedByKernel(const RefusedLine& refused, const Expected& expected, Findi
         const std::string start = "ebtables -N " + refused.command->chain + ";";
         const auto first = std::ranges::find_if(expected.lines,
                                                 [&](const ExpectedLine& line) { return line.text.starts_with(start); });
-        return findings.error(row, "",
+        // Of the two, the one that stands in the file is to be changed.
+        const bool isFirst = row.line == 0 && first->origin->line != 0;
+        return findings.error(isFirst ? *first->origin : row, "",
                               "its chain " + inQuotes(refused.command->chain) + " is that of " +
-                                  nameOf(*first->origin) + " already: expected another Prio");
+                                  nameOf(isFirst ? row : *first->origin) + " already: expected another Prio");
     }
     if (row.table->id == TableId::FilterRules)
         return findings.error(row, "BridgeFilterID",

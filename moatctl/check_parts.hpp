@@ -22,7 +22,7 @@ public:
     // column: empty when the whole row is meant. A second error about the same place says nothing new and is left out.
     void error(const Row& row, std::string_view column, std::string text);
     void warning(const Row& row, std::string_view column, std::string text);
-    // About a table as a whole.
+    // About a table as a whole. Said once.
     void add(Severity severity, TableId table, std::string text);
 
     bool hasError(const Row& row) const { return m_wrongRows.contains(&row); }
@@ -45,8 +45,9 @@ void findUnusable(const Expected& expected, Findings& findings);
 void findOddValues(const Expected& expected, const CheckOptions& options, Findings& findings);
 // Lines that the tool would refuse.
 void findRefused(const Expected& expected, const Applied& applied, Findings& findings);
-// Of a row that is wrong, the other values that are: the daemon and the tool stop at the first.
-void findFurtherValues(Findings& findings);
+// Values that the daemon and the tool did not come to: they stop at the first that is wrong, and do not look at rows
+// that are not in force.
+void findFurtherValues(const Expected& expected, Findings& findings);
 // Rules that no frame reaches.
 void findUnreached(const BridgeModel& model, Findings& findings);
 // Protocols that ports cannot do without and that would be dropped.

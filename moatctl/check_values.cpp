@@ -21,14 +21,14 @@ void badReference(const Row& row, Findings& findings)
 {
     const std::int32_t id = row.integer("BridgeFilterID");
     const Row* filter = findings.configuration().find(TableId::Filters, id);
-    std::string text = std::to_string(id) + ": ";
+    const std::string value = std::to_string(id) + ": ";
     if (filter == nullptr)
-        text += "there is no such filter; expected the Id of a filter";
+        findings.error(row, "BridgeFilterID", value + "there is no such filter; expected the Id of a filter");
     else if (filter->integer("Enabled") == 0)
-        text += "that filter is disabled, so the rule is not in force; expected an enabled filter";
+        findings.warning(row, "BridgeFilterID", value + "that filter is disabled, so the rule is not in force either");
     else
-        text += "that filter cannot be used (see there); expected a filter without errors";
-    findings.error(row, "BridgeFilterID", text);
+        findings.error(row, "BridgeFilterID",
+                       value + "that filter cannot be used (see there); expected a filter without errors");
 }
 
 // Messages of the daemon and the column that they are about.
@@ -87,8 +87,8 @@ void findOddSwitch(const Row& row, std::string_view column, std::string_view cou
 {
     const std::int32_t value = row.integer(column);
     if (value != 0 && value != 1)
-        findings.warning(row, column,
-                         expectedInstead(row, column) + "; the daemon takes it for " + std::string(countsAs));
+        findings.error(row, column,
+                       expectedInstead(row, column) + "; the daemon takes it for " + std::string(countsAs));
 }
 
 std::string lowerCase(std::string_view text)
@@ -183,15 +183,22 @@ void findOddValues(const Expected& expected, const CheckOptions& options, Findin
     }
 }
 
-void findFurtherValues(Findings& findings)
+void findFurtherValues(const Expected& expected, Findings& findings)
 {
+    const std::set<const Row*> used(expected.used.begin(), expected.used.end());
     for (const TableInfo& table : allTables()) {
         for (const Row& row : findings.configuration().rows(table.id)) {
-            if (!findings.hasError(row))
-                continue;
             for (const ColumnInfo& column : table.columns) {
                 if (auto wrong = wrongValue(column, row.value(column.name)))
                     findings.error(row, column.name, std::move(*wrong));
+            }
+            if (!table.hasIds() || used.contains(&row) || findings.hasError(row))
+                continue;
+            for (Problem& problem : checkRow(findings.configuration(), row)) {
+                if (problem.severity == Severity::Error)
+                    findings.error(row, problem.column, std::move(problem.text));
+                else
+                    findings.warning(row, problem.column, std::move(problem.text));
             }
         }
     }

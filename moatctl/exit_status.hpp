@@ -9,7 +9,7 @@ namespace moatctl
 
 enum class ExitStatus {
     Ok = 0,       // done; check found nothing
-    Warnings = 1, // check found warnings
+    Warnings = 1, // check found warnings; status found something amiss
     BadInput = 2, // the command line, a file or a configuration has errors; nothing was changed
     Server = 3,   // the server cannot be reached, does not answer in time, has another schema or refused the request
     Conflict = 4, // a row is missing, is there already, is in use, or others kept changing it; nothing was changed

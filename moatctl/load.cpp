@@ -47,6 +47,7 @@ public:
         try {
             parse(ovsdb::parseJson(text, {.comments = true}));
         } catch (const ovsdb::JsonError& error) {
+            m_result.readable = false;
             report(error.offset(), "", 0, "", error.what());
         }
     }

@@ -20,6 +20,7 @@ Configuration toConfiguration(const ovsdb::TableCache& cache);
 struct LoadedFile {
     Configuration configuration;   // what could be read
     std::vector<Problem> problems; // form: bad JSON, unknown tables and columns, wrong kinds, an Id used twice
+    bool readable = true;          // false: no JSON, so that there is nothing more to say of it
 };
 
 // A JSON object with a list of rows per table, as `moatctl export` writes it; // and /* */ comments are allowed.

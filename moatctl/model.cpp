@@ -90,6 +90,25 @@ ModelChain* BridgeModel::find(std::string_view chain)
     return const_cast<ModelChain*>(std::as_const(*this).find(chain));
 }
 
+BridgeModel BridgeModel::restrictedTo(const std::function<bool(const ebtables::Rule&)>& keep) const
+{
+    BridgeModel result;
+    for (std::size_t i = 0; i < result.m_chains.size(); ++i) { // grows
+        const ModelChain& whole = *find(result.m_chains[i].name);
+        ModelChain kept{whole.name, whole.policy, whole.policyOrigin, {}};
+        for (const ModelRule& rule : whole.rules) {
+            if (!keep(rule.rule))
+                continue;
+            kept.rules.push_back(rule);
+            const std::string& target = rule.rule.target;
+            if (!ebtables::isStandardTarget(target) && result.find(target) == nullptr)
+                result.m_chains.push_back({target, {}, nullptr, {}});
+        }
+        result.m_chains[i] = std::move(kept);
+    }
+    return result;
+}
+
 std::optional<std::string> BridgeModel::apply(const Command& command, const Row* origin)
 {
     ModelChain* chain = find(command.chain);

@@ -5,6 +5,7 @@
 #include "platform_linux/ebtables/command.hpp"
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,6 +40,9 @@ public:
     // In the order of their creation, the built-in ones first.
     const std::vector<ModelChain>& chains() const { return m_chains; }
     const ModelChain* find(std::string_view chain) const;
+
+    // With the rules that `keep` wants, and without the chains that no rule leads to any more.
+    BridgeModel restrictedTo(const std::function<bool(const ebtables::Rule&)>& keep) const;
 
 private:
     ModelChain* find(std::string_view chain);

@@ -1,42 +1,34 @@
-// Says on a terminal what long work is at; silent elsewhere.
+// Says on a terminal how far long work has come; silent elsewhere, and while the work is short.
 #pragma once
 
 #include "moatctl/verb.hpp"
 
-#include <ostream>
+#include <chrono>
+#include <cstddef>
 #include <string>
 
 namespace moatctl
 {
 
+// One line on standard error, written over and over. Before anything else goes there, clear() is to be called.
 class Progress
 {
 public:
-    explicit Progress(Program& program) : m_program(program) {}
+    explicit Progress(Program& program);
     ~Progress() { clear(); }
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    // Takes the place of what was said before.
-    void say(const std::string& text)
-    {
-        if (!m_program.errIsTerminal)
-            return;
-        clear();
-        m_program.err << text << "..." << std::flush;
-        m_said = true;
-    }
-    // Before anything else is written.
-    void clear()
-    {
-        if (m_said)
-            m_program.err << "\r\033[K" << std::flush;
-        m_said = false;
-    }
+    // "what: 40%", or while the total is not known "what".
+    void show(const std::string& what, std::size_t done = 0, std::size_t total = 0);
+    void clear();
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     Program& m_program;
-    bool m_said = false;
+    Clock::time_point m_next; // not shown before
+    bool m_shown = false;
 };
 
 } // namespace moatctl

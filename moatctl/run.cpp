@@ -15,7 +15,7 @@ constexpr double longestTimeout = 3600;
 
 constexpr const char* closingText = R"(Exit status:
   0  done; check found nothing
-  1  check found warnings
+  1  check found warnings; status found something amiss
   2  the command line, a file or a configuration has errors; nothing was changed
   3  the server cannot be reached, does not answer in time or has another schema
   4  a row is missing, is there already, is in use, or others kept changing it

@@ -1,10 +1,10 @@
 #include "moatctl/shadow.hpp"
 
-#include "moatctl/cover.hpp"
+#include "moatctl/cover_index.hpp"
 
 #include <algorithm>
-#include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -16,141 +16,6 @@ namespace
 {
 
 using ebtables::Rule;
-
-// Earlier rules that may cover a given one are found by their values, not one by one. Rules of the same form (the
-// same matches with the same masks) have keys made of the same parts, and one covers another only if the other, cut
-// down to that form, has the same key. Matches that are negated or no single value take no part in keys.
-class Form
-{
-public:
-    static Form of(const Conjunction& conjunction)
-    {
-        Form form;
-        Parts parts(conjunction);
-        parts.visit([&](bool exact, std::string_view mask, std::string_view) {
-            form.m_masks.push_back(exact ? std::optional(std::string(mask)) : std::nullopt);
-        });
-        return form;
-    }
-
-    // Nothing when the conjunction is wider than the form, so that no rule of this form covers it.
-    std::optional<std::string> keyOf(const Conjunction& conjunction) const
-    {
-        std::string key;
-        bool narrow = true;
-        std::size_t part = 0;
-        Parts(conjunction).visit([&](bool exact, std::string_view mask, std::string_view value) {
-            const std::optional<std::string>& wanted = m_masks[part++];
-            if (!wanted)
-                return;
-            if (!exact || mask.size() != wanted->size()) {
-                narrow = false;
-                return;
-            }
-            for (std::size_t i = 0; i < mask.size(); ++i)
-                narrow = narrow && ((*wanted)[i] & ~mask[i]) == 0;
-            // A name has no mask.
-            for (std::size_t i = 0; i < value.size(); ++i)
-                key += mask.empty() ? value[i] : static_cast<char>(value[i] & (*wanted)[i]);
-            key += '\0';
-        });
-        return narrow ? std::optional(key) : std::nullopt;
-    }
-
-    auto operator<=>(const Form&) const = default;
-
-private:
-    // A conjunction as values with masks, always the same number of them in the same order.
-    class Parts
-    {
-    public:
-        explicit Parts(const Conjunction& conjunction) : m_conjunction(conjunction) {}
-
-        template <typename Visitor>
-        void visit(const Visitor& visitor)
-        {
-            name(
-                [](const Rule& rule) -> auto& { return rule.in; }, visitor);
-            name(
-                [](const Rule& rule) -> auto& { return rule.out; }, visitor);
-            masked(
-                [](const Rule& rule) -> auto& { return rule.source; }, visitor);
-            masked(
-                [](const Rule& rule) -> auto& { return rule.destination; }, visitor);
-            masked(
-                [](const Rule& rule) -> auto& { return rule.ip.source; }, visitor);
-            masked(
-                [](const Rule& rule) -> auto& { return rule.ip.destination; }, visitor);
-            masked(
-                [](const Rule& rule) -> auto& { return rule.ip6.source; }, visitor);
-            masked(
-                [](const Rule& rule) -> auto& { return rule.ip6.destination; }, visitor);
-            number(
-                [](const Rule& rule) -> auto& { return rule.vlan.id; }, visitor);
-            number(
-                [](const Rule& rule) -> auto& { return rule.ip.protocol; }, visitor);
-            number(
-                [](const Rule& rule) -> auto& { return rule.ip.destinationPort; }, visitor);
-            number(
-                [](const Rule& rule) -> auto& { return rule.ip6.protocol; }, visitor);
-            number(
-                [](const Rule& rule) -> auto& { return rule.ip6.destinationPort; }, visitor);
-            type(
-                [](const Rule& rule) -> auto& { return rule.ethertype; }, visitor);
-            type(
-                [](const Rule& rule) -> auto& { return rule.vlan.encapsulated; }, visitor);
-        }
-
-    private:
-        // The first match of the kind that is not negated.
-        template <typename Of>
-        auto find(const Of& of) const
-        {
-            const auto positive = [&](const Rule* rule) { return of(*rule) && !of(*rule)->negated; };
-            const auto found = std::ranges::find_if(m_conjunction, positive);
-            return found != m_conjunction.end() ? &*of(**found) : nullptr;
-        }
-
-        template <typename Of, typename Visitor>
-        void name(const Of& of, const Visitor& visitor) const
-        {
-            const auto* match = find(of);
-            const bool exact = match != nullptr && !match->prefix;
-            visitor(exact, "", exact ? std::string_view(match->name) : std::string_view());
-        }
-
-        template <typename Of, typename Visitor>
-        void masked(const Of& of, const Visitor& visitor) const
-        {
-            const auto* match = find(of);
-            if (match == nullptr)
-                return visitor(false, "", "");
-            const std::string mask(match->mask.begin(), match->mask.end());
-            const std::string address(match->address.begin(), match->address.end());
-            visitor(true, mask, address);
-        }
-
-        template <typename Of, typename Visitor>
-        void number(const Of& of, const Visitor& visitor) const
-        {
-            const auto* match = find(of);
-            const bool exact = match != nullptr && match->first == match->last;
-            visitor(exact, "", exact ? std::to_string(match->first) : std::string());
-        }
-
-        template <typename Of, typename Visitor>
-        void type(const Of& of, const Visitor& visitor) const
-        {
-            const auto* match = find(of);
-            const bool exact = match != nullptr && !match->lengthField;
-            visitor(exact, "", exact ? std::to_string(match->number) : std::string());
-        }
-
-        const Conjunction& m_conjunction;
-    };
-
-    std::vector<std::optional<std::string>> m_masks;
-};
 
 class Finder
 {
@@ -242,8 +107,7 @@ private:
         decider.onlyReturns = rule != nullptr && rule->rule.target == "RETURN" && m_stack.size() > 1;
         decider.rule = rule;
         decider.chain = &chain;
-        const Form form = Form::of(m_path);
-        m_index[form][*form.keyOf(m_path)].push_back(m_deciders.size());
+        m_index.add(m_path, m_deciders.size());
         m_deciders.push_back(std::move(decider));
     }
 
@@ -251,22 +115,14 @@ private:
     const Decider* findDecider() const
     {
         std::size_t first = m_deciders.size();
-        for (const auto& [form, byKey] : m_index) {
-            const std::optional<std::string> key = form.keyOf(m_path);
-            if (!key)
-                continue;
-            const auto bucket = byKey.find(*key);
-            if (bucket == byKey.end())
-                continue;
-            for (const std::size_t candidate : bucket->second) {
+        m_index.find(m_path, [&](std::span<const std::size_t> candidates) {
+            for (const std::size_t candidate : candidates) {
                 if (candidate >= first)
-                    break;
-                if (takesAll(m_deciders[candidate])) {
+                    return;
+                if (takesAll(m_deciders[candidate]))
                     first = candidate;
-                    break;
-                }
             }
-        }
+        });
         return first < m_deciders.size() ? &m_deciders[first] : nullptr;
     }
 
@@ -290,7 +146,7 @@ private:
     const BridgeModel& m_model;
     std::vector<Invocation> m_invocations;
     std::vector<Decider> m_deciders;
-    std::map<Form, std::unordered_map<std::string, std::vector<std::size_t>>> m_index;
+    CoverIndex m_index;               // of the deciders' paths
     std::vector<std::size_t> m_stack; // invocations on the way
     Conjunction m_path;               // the jumps on the way and the rule
     // Nothing: reached on some way.

@@ -43,7 +43,7 @@ void takeColumns(const TableVerb& verb, const Given& given, Row& row)
         row.set("Enabled", given.has("--enabled") ? 1 : 0);
 }
 
-// Before the check of the values, which would name the column and not the option.
+// With the names of options, where a check of the row would name columns.
 void requireOptions(const TableVerb& verb, const Row& row)
 {
     const auto missing = [&](std::string_view column) { return row.text(column).empty(); };
@@ -77,6 +77,49 @@ const Row* findEqual(const Configuration& configuration, Row row, const std::str
     return it != rows.end() ? &*it : nullptr;
 }
 
+// What can be found wrong without a look at the server.
+
+void checkIds(const Given& given)
+{
+    for (const char* option : {"ID", "--id", "--before", "--after"}) {
+        if (given.has(option))
+            given.ids(option);
+    }
+}
+
+void checkAdd(const TableVerb& verb, const Given& given)
+{
+    checkIds(given);
+    Row row(tableInfo(verb.table));
+    // These are found later when they are not given.
+    row.set("Id", 1);
+    if (const std::string priority = priorityColumn(verb); !priority.empty())
+        row.set(priority, 1);
+    takeColumns(verb, given, row);
+    if (verb.complete)
+        verb.complete(given, row);
+    requireOptions(verb, row);
+    if (verb.table != TableId::FilterRules) // these depend on their filter
+        requireGood({}, row);
+}
+
+void checkSet(const TableVerb& verb, const Given& given)
+{
+    checkIds(given);
+    if (!given.hasOtherThan({"ID", "--if-exists"}))
+        throw Failure(ExitStatus::BadInput, "expected something to change: see moatctl " +
+                                                std::string(tableInfo(verb.table).word) + " set --help");
+    Row row(tableInfo(verb.table));
+    takeColumns(verb, given, row);
+    if (verb.complete)
+        verb.complete(given, row);
+}
+
+void checkRows(const TableVerb&, const Given& given)
+{
+    checkIds(given);
+}
+
 void addRow(const TableVerb& verb, const Given& given, Editor& editor)
 {
     Configuration& configuration = editor.configuration;
@@ -97,7 +140,6 @@ void addRow(const TableVerb& verb, const Given& given, Editor& editor)
     }
     if (verb.arrange)
         verb.arrange(given, editor, row, true);
-    requireOptions(verb, row);
     requireGood(configuration, row);
     const std::int32_t id = row.id();
     if (!configuration.add(std::move(row)))
@@ -169,11 +211,13 @@ void describeColumns(CLI::App& app, const TableVerb& verb)
     addFlag(app, "--disabled", "Keep the row without effect")->excludes(enabled);
 }
 
-void onEdit(CLI::App& app, Program& program, const Shared& verb,
+void onEdit(CLI::App& app, Program& program, const Shared& verb, void (*check)(const TableVerb&, const Given&),
             void (*change)(const TableVerb&, const Given&, Editor&))
 {
-    app.callback([&app, &program, verb, change] {
-        program.edit = [verb, change, given = Given(app)](Editor& editor) { change(*verb, given, editor); };
+    app.callback([&app, &program, verb, check, change] {
+        const Given given(app);
+        check(*verb, given);
+        program.edit = [verb, change, given](Editor& editor) { change(*verb, given, editor); };
     });
 }
 
@@ -202,6 +246,12 @@ Given::Given(const CLI::App& app)
         if (option->count() != 0)
             m_values.emplace(option->get_name(), option->results());
     }
+}
+
+bool Given::hasOtherThan(std::initializer_list<std::string_view> options) const
+{
+    return std::ranges::any_of(
+        m_values, [&](const auto& value) { return std::ranges::find(options, value.first) == options.end(); });
 }
 
 std::int32_t Given::id(const std::string& option) const
@@ -275,12 +325,12 @@ void addTableVerb(CLI::App& root, Program& program, const TableVerb& description
     if (verb->describeRemove)
         verb->describeRemove(*remove);
 
-    onEdit(*add, program, verb, addRow);
-    onEdit(*set, program, verb, setRow);
-    onEdit(*remove, program, verb, removeRows);
-    onEdit(*enable, program, verb,
+    onEdit(*add, program, verb, checkAdd, addRow);
+    onEdit(*set, program, verb, checkSet, setRow);
+    onEdit(*remove, program, verb, checkRows, removeRows);
+    onEdit(*enable, program, verb, checkRows,
            [](const auto& v, const auto& given, auto& editor) { switchRows(v, given, editor, true); });
-    onEdit(*disable, program, verb,
+    onEdit(*disable, program, verb, checkRows,
            [](const auto& v, const auto& given, auto& editor) { switchRows(v, given, editor, false); });
     addList(*parent, program, verb->table);
 }

@@ -5,6 +5,7 @@
 #include "moatctl/verb.hpp"
 
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <string>
@@ -23,6 +24,7 @@ public:
     bool has(const std::string& option) const { return m_values.contains(option); }
     const std::vector<std::string>& values(const std::string& option) const { return m_values.at(option); }
     const std::string& value(const std::string& option) const { return m_values.at(option).front(); }
+    bool hasOtherThan(std::initializer_list<std::string_view> options) const;
     // The value as an Id. Throws Failure(BadInput).
     std::int32_t id(const std::string& option) const;
     std::vector<std::int32_t> ids(const std::string& option) const;

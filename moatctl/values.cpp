@@ -28,6 +28,12 @@ bool isNetwork(std::string_view text)
     return ebtables::parseNetwork<4>(text).has_value() || ebtables::parseNetwork<16>(text).has_value();
 }
 
+// The daemon hands values on as they are, so that "! " in front means everything else.
+std::string_view withoutNot(std::string_view text)
+{
+    return text.substr(text.starts_with("! ") ? 2 : 0);
+}
+
 bool isVlanMatch(std::string_view text)
 {
     const auto number = parseNumber(text);
@@ -48,15 +54,15 @@ bool isGood(ValueKind kind, const tessera::Value& value)
     case ValueKind::RulePriority:
         return number != 0;
     case ValueKind::Interface:
-        return text.empty() || ebtables::parseInterface(text).has_value();
+        return text.empty() || ebtables::parseInterface(withoutNot(text)).has_value();
     case ValueKind::Mac:
-        return text.empty() || ebtables::parseMac(text).has_value();
+        return text.empty() || ebtables::parseMac(withoutNot(text)).has_value();
     case ValueKind::VlanId:
         return between(number, -1, largestVlan);
     case ValueKind::Ethertype:
-        return text.empty() || ebtables::parseEthertype(text).has_value();
+        return text.empty() || ebtables::parseEthertype(withoutNot(text)).has_value();
     case ValueKind::Network:
-        return text.empty() || isNetwork(text);
+        return text.empty() || isNetwork(withoutNot(text));
     case ValueKind::Protocol:
         return text.empty() || text == "TCP" || text == "UDP";
     case ValueKind::Port:
@@ -69,7 +75,8 @@ bool isGood(ValueKind kind, const tessera::Value& value)
     case ValueKind::Mode:
         return text == "blacklist" || text == "whitelist";
     case ValueKind::FilterMatch:
-        return ebtables::parseMac(text).has_value() || isNetwork(text) || isVlanMatch(text);
+        return ebtables::parseMac(withoutNot(text)).has_value() || isNetwork(withoutNot(text)) ||
+               isVlanMatch(withoutNot(text));
     }
     return false;
 }
@@ -108,15 +115,17 @@ public:
         }
         if (m_row.table->id == TableId::Rules && m_problems.empty())
             checkRule();
+        if (m_row.table->id == TableId::Filters && m_problems.empty())
+            checkFilter();
         if (m_row.table->id == TableId::FilterRules && m_problems.empty())
             checkFilterRule();
         return std::move(m_problems);
     }
 
 private:
-    void report(std::string_view column, std::string text)
+    void report(std::string_view column, std::string text, Severity severity = Severity::Error)
     {
-        m_problems.push_back(problemAt(Severity::Error, m_configuration, m_row, column, std::move(text)));
+        m_problems.push_back(problemAt(severity, m_configuration, m_row, column, std::move(text)));
     }
 
     void checkRule()
@@ -124,30 +133,42 @@ private:
         const std::string& ethertype = m_row.text("Ethertype");
         const bool tagged = m_row.integer("VLANID") != -1;
         const bool ip = isIpv4(ethertype) || isIpv6(ethertype);
-        if (tagged && !ethertype.empty() && !ebtables::parseEncapsulated(ethertype))
+        if (tagged && !ethertype.empty() && !ebtables::parseEncapsulated(withoutNot(ethertype)))
             report("Ethertype", inQuotes(ethertype) + ": expected the protocol behind a VLAN tag, a name or a number");
         for (const char* column : {"IPSrcAddr", "IPDstAddr", "IPProto", "IPPort"}) {
             const tessera::Value& value = m_row.value(column);
             if (value == m_row.table->defaultOf(m_row.table->at(column)))
                 continue;
             if (tagged)
-                report(column, inQuotes(value) + ": has no effect in a rule with a VLAN: expected no value");
+                report(column, inQuotes(value) + ": has no effect in a rule with a VLAN: expected no value",
+                       Severity::Warning);
             else if (!ip)
-                report(column, inQuotes(value) + ": has no effect unless the ethertype is IPv4 or IPv6, found " +
-                                   (ethertype.empty() ? "none" : inQuotes(ethertype)));
+                report(column,
+                       inQuotes(value) + ": has no effect unless the ethertype is IPv4 or IPv6, found " +
+                           (ethertype.empty() ? "none" : inQuotes(ethertype)),
+                       Severity::Warning);
         }
         if (tagged || !ip)
             return;
         for (const char* column : {"IPSrcAddr", "IPDstAddr"}) {
-            const std::string& address = m_row.text(column);
+            const std::string_view address = withoutNot(m_row.text(column));
             const bool fits = isIpv4(ethertype) ? ebtables::parseNetwork<4>(address).has_value()
                                                 : ebtables::parseNetwork<16>(address).has_value();
             if (!address.empty() && !fits)
-                report(column, inQuotes(address) + ": expected an " + (isIpv4(ethertype) ? "IPv4" : "IPv6") +
-                                   " address, as the ethertype says");
+                report(column, inQuotes(m_row.value(column)) + ": expected an " +
+                                   (isIpv4(ethertype) ? "IPv4" : "IPv6") + " address, as the ethertype says");
         }
         if (m_row.integer("IPPort") != 0 && m_row.text("IPProto").empty())
             report("IPPort", std::to_string(m_row.integer("IPPort")) + ": expected a protocol, TCP or UDP, with it");
+    }
+
+    // Its chain is named after the ports.
+    void checkFilter()
+    {
+        for (const char* column : {"InInterface", "OutInterface"}) {
+            if (m_row.text(column).starts_with('!'))
+                report(column, inQuotes(m_row.value(column)) + ": expected the name of one interface");
+        }
     }
 
     void checkFilterRule()
@@ -158,12 +179,12 @@ private:
             report("BridgeFilterID", std::to_string(id) + ": there is no such filter");
             return;
         }
-        const std::string& match = m_row.text("FilterMatch");
+        const std::string_view match = withoutNot(m_row.text("FilterMatch"));
         const std::string criteria = changedCase(filter->text("MatchCriteria"), std::tolower);
         const auto expect = [&](bool good, const char* expected) {
             if (!good)
-                report("FilterMatch",
-                       inQuotes(match) + ": expected " + expected + ", as filter " + std::to_string(id) + " says");
+                report("FilterMatch", inQuotes(m_row.value("FilterMatch")) + ": expected " + expected + ", as filter " +
+                                          std::to_string(id) + " says");
         };
         if (criteria == "mac")
             expect(ebtables::parseMac(match).has_value(), "a MAC address");

@@ -16,7 +16,8 @@ namespace moatctl
 std::optional<std::string> wrongValue(const ColumnInfo& column, const tessera::Value& value);
 
 // All that is wrong with a row: each value in itself, values that exclude each other (a port without a protocol, an
-// address of another family than the ethertype), and what the filter of a filter rule says about it.
+// address of another family than the ethertype), and what the filter of a filter rule says about it. Warnings: values
+// without effect.
 std::vector<Problem> checkRow(const Configuration& configuration, const Row& row);
 
 // A value as a person writes it in the form in which the table holds it: "tcp" becomes "TCP", "ipv4" and "0x0800"

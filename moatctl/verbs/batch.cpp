@@ -35,6 +35,7 @@ public:
 
     void apply(Editor& editor)
     {
+        m_mistakes = m_wrongLines;
         for (const Step& step : m_steps) {
             try {
                 step.edit(editor);
@@ -43,6 +44,14 @@ public:
             }
         }
         stopAtMistakes();
+    }
+
+    // When the server could not be read: what is wrong with the lines whatever it holds. Throws Failure when there is
+    // something.
+    void stopAtWrongLines(const ovsdb::Error& error)
+    {
+        m_mistakes = m_wrongLines;
+        stopAtMistakes(std::string(" (and ") + error.what() + ')');
     }
 
 private:
@@ -64,7 +73,7 @@ private:
     {
         SplitLine split = splitLine(line);
         if (!split.error.empty()) {
-            m_mistakes.push_back({number, ExitStatus::BadInput, split.error});
+            m_wrongLines.push_back({number, ExitStatus::BadInput, split.error});
             return;
         }
         if (split.words.empty())
@@ -76,18 +85,18 @@ private:
             if (inner.edit)
                 m_steps.push_back({number, inner.edit});
             else
-                m_mistakes.push_back(
+                m_wrongLines.push_back(
                     {number, ExitStatus::BadInput, "changes nothing: expected a verb that changes rows"});
         } catch (const CLI::Success&) {
-            m_mistakes.push_back({number, ExitStatus::BadInput, "--help has no place in a batch"});
+            m_wrongLines.push_back({number, ExitStatus::BadInput, "--help has no place in a batch"});
         } catch (const CLI::ParseError& error) {
-            m_mistakes.push_back({number, ExitStatus::BadInput, oneLine(error.what())});
+            m_wrongLines.push_back({number, ExitStatus::BadInput, oneLine(error.what())});
         } catch (const Failure& failure) {
-            m_mistakes.push_back({number, failure.status(), failure.what()});
+            m_wrongLines.push_back({number, failure.status(), failure.what()});
         }
     }
 
-    void stopAtMistakes()
+    void stopAtMistakes(const std::string& more = {})
     {
         if (m_mistakes.empty())
             return;
@@ -96,13 +105,14 @@ private:
             m_program.err << m_name << ':' << mistake.line << ": error: " << mistake.text << '\n';
         throw Failure(m_mistakes.front().status, m_name + ": " + std::to_string(m_mistakes.size()) +
                                                      (m_mistakes.size() == 1 ? " line is" : " lines are") +
-                                                     " wrong; nothing was changed");
+                                                     " wrong; nothing was changed" + more);
     }
 
     Program& m_program;
     std::string m_name;
     std::vector<Step> m_steps;
-    std::vector<Mistake> m_mistakes;
+    std::vector<Mistake> m_wrongLines; // in themselves
+    std::vector<Mistake> m_mistakes;   // these, and lines that do not fit the server's rows
 };
 
 } // namespace
@@ -116,8 +126,13 @@ void addBatch(CLI::App& root, Program& program)
         ->capture_default_str();
     app->callback([&program, file] {
         program.action = [&program, file] {
-            auto batch = std::make_shared<Batch>(program, *file);
-            return applyEdit(program, [batch](Editor& editor) { batch->apply(editor); });
+            Batch batch(program, *file);
+            try {
+                return applyEdit(program, [&batch](Editor& editor) { batch.apply(editor); });
+            } catch (const ovsdb::Error& error) {
+                batch.stopAtWrongLines(error);
+                throw;
+            }
         };
     });
 }

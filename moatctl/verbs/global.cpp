@@ -8,20 +8,24 @@ namespace moatctl
 namespace
 {
 
-void setGlobal(const Given& given, Editor& editor)
+void takePolicies(const Given& given, Row& row)
 {
-    const TableInfo& table = tableInfo(TableId::Global);
-    if (editor.configuration.find(TableId::Global, 0) == nullptr)
-        editor.configuration.add(Row(table));
-    Row& row = *editor.configuration.find(TableId::Global, 0);
-    const auto take = [&](const std::string& option, const char* column) {
-        if (given.has(option))
-            row.values[table.at(column)] = fromPerson(table.columns[table.at(column)], given.value(option), option);
-    };
     if (!given.has("--input") && !given.has("--forward"))
         throw Failure(ExitStatus::BadInput, "expected --input or --forward");
+    const auto take = [&](const std::string& option, const char* column) {
+        const std::size_t index = row.table->at(column);
+        if (given.has(option))
+            row.values[index] = fromPerson(row.table->columns[index], given.value(option), option);
+    };
     take("--input", "GlobalInputPolicy");
     take("--forward", "GlobalForwardingPolicy");
+}
+
+void setGlobal(const Given& given, Editor& editor)
+{
+    if (editor.configuration.find(TableId::Global, 0) == nullptr)
+        editor.configuration.add(Row(tableInfo(TableId::Global)));
+    takePolicies(given, *editor.configuration.find(TableId::Global, 0));
 }
 
 } // namespace
@@ -34,8 +38,12 @@ void addGlobal(CLI::App& root, Program& program)
     CLI::App* set = addSubcommand(*global, "set", "Change the global policies", example);
     addValueOption(*set, "--input", "ACCEPT|DROP", "For frames to the device itself");
     addValueOption(*set, "--forward", "ACCEPT|DROP", "For frames between ports");
-    set->callback(
-        [set, &program] { program.edit = [given = Given(*set)](Editor& editor) { setGlobal(given, editor); }; });
+    set->callback([set, &program] {
+        const Given given(*set);
+        Row probe(tableInfo(TableId::Global));
+        takePolicies(given, probe); // what is wrong is told without the server
+        program.edit = [given](Editor& editor) { setGlobal(given, editor); };
+    });
 }
 
 } // namespace moatctl

@@ -1,11 +1,12 @@
+#include "moatctl/check_change.hpp"
 #include "moatctl/difference.hpp"
 #include "moatctl/edit.hpp"
 #include "moatctl/load.hpp"
 #include "moatctl/progress.hpp"
-#include "moatctl/values.hpp"
 #include "moatctl/verbs.hpp"
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <ostream>
 
@@ -19,6 +20,7 @@ struct Options {
     std::string file;
     bool replace = false;
     bool dryRun = false;
+    bool elsewhere = false;
 };
 
 std::string counted(std::size_t count, const char* what)
@@ -32,22 +34,55 @@ public:
     Import(Program& program, const Options& options)
         : m_program(program), m_progress(program), m_replace(options.replace)
     {
-        m_progress.say("reading " + nameOf(options.file));
         m_file = parseConfiguration(readText(program, options.file), nameOf(options.file));
+        if (!m_file.readable)
+            refuse(m_file.problems);
+        if (!options.elsewhere)
+            m_checkOptions.interfaceExists = isInterfaceHere;
+        m_checkOptions.onProgress = [this](std::size_t done, std::size_t total) {
+            m_progress.show("checking", done, total);
+        };
+        program.server.onProgress = [this](std::size_t sent, std::size_t all) {
+            if (m_sending.empty())
+                m_progress.show("reading the server's configuration");
+            else if (sent < all)
+                m_progress.show("sending " + m_sending, sent, all);
+            else
+                m_progress.show("waiting until the server has stored " + m_sending);
+        };
     }
 
     // Turns the server's configuration into the wanted one, after showing how they differ.
     void apply(Editor& editor)
     {
+        m_metServer = true;
+        m_sending.clear();
         const Configuration before = editor.configuration;
         merge(editor.configuration);
         check(before, editor.configuration);
         show(difference(before, editor.configuration));
     }
 
+    // When the server could not be read: what is wrong with the file whatever the server holds. Throws Failure when
+    // there is something.
+    void checkWithoutServer(const ovsdb::Error& error)
+    {
+        if (m_metServer)
+            return;
+        std::vector<Problem> problems = m_file.problems;
+        std::ranges::copy_if(
+            checkChange({}, m_file.configuration), std::back_inserter(problems), [&](const Problem& problem) {
+                // The server may have the filter.
+                return problem.severity == Severity::Error && (m_replace || problem.column != "BridgeFilterID");
+            });
+        if (!problems.empty())
+            refuse(std::move(problems), std::string(" (and ") + error.what() + ')');
+    }
+
 private:
     void merge(Configuration& configuration) const
     {
+        configuration.file = m_file.configuration.file;
         for (const TableInfo& table : allTables()) {
             if (m_replace)
                 configuration.clear(table.id);
@@ -60,31 +95,30 @@ private:
         }
     }
 
-    // The rows of the file, as they stand in the result: a filter may be there already.
     void check(const Configuration& before, const Configuration& after)
     {
         std::vector<Problem> problems = m_file.problems;
-        for (const TableInfo& table : allTables()) {
-            const std::vector<Row>& rows = m_file.configuration.rows(table.id);
-            if (!rows.empty())
-                m_progress.say("checking " + counted(rows.size(), "row") + " of " + std::string(table.name()));
-            for (const Row& row : rows) {
-                const Row* present = before.find(table.id, row.id());
-                for (Problem& problem : checkRow(after, row)) {
-                    problem.file = m_file.configuration.file;
-                    // What stands on the server already is no reason to refuse the rest.
-                    if (present != nullptr && *present == row)
-                        problem.severity = Severity::Warning;
-                    problems.push_back(std::move(problem));
-                }
-            }
-        }
+        std::ranges::move(checkChange(before, after, m_checkOptions), std::back_inserter(problems));
         m_progress.clear();
+        if (std::ranges::any_of(problems, isError))
+            refuse(std::move(problems));
+        writeSorted(std::move(problems));
+    }
+
+    static bool isError(const Problem& problem) { return problem.severity == Severity::Error; }
+
+    void writeSorted(std::vector<Problem> problems)
+    {
         std::ranges::stable_sort(problems, {}, &Problem::line);
-        const std::size_t errors = writeProblems(m_program.err, problems);
-        if (errors != 0)
-            throw Failure(ExitStatus::BadInput,
-                          m_file.configuration.file + ": " + counted(errors, "error") + "; nothing was changed");
+        writeProblems(m_program.err, problems);
+    }
+
+    [[noreturn]] void refuse(std::vector<Problem> problems, const std::string& more = {})
+    {
+        const auto errors = static_cast<std::size_t>(std::ranges::count_if(problems, isError));
+        writeSorted(std::move(problems));
+        throw Failure(ExitStatus::BadInput,
+                      m_file.configuration.file + ": " + counted(errors, "error") + "; nothing was changed" + more);
     }
 
     void show(const std::vector<Change>& changes)
@@ -99,24 +133,31 @@ private:
         m_program.out.flush();
         m_program.err << counted(added, "row") << " to add, " << removed << " to remove, "
                       << changes.size() - added - removed << " to change\n";
-        if (!changes.empty())
-            m_progress.say("sending " + counted(changes.size(), "change"));
+        m_sending = counted(changes.size(), "change");
     }
 
     Program& m_program;
     Progress m_progress;
     bool m_replace;
+    CheckOptions m_checkOptions;
     LoadedFile m_file;
+    bool m_metServer = false;
+    std::string m_sending; // what is being sent, in words; empty before
 };
 
 ExitStatus import(Program& program, const Options& options)
 {
-    const auto work = std::make_shared<Import>(program, options);
-    if (!options.dryRun)
-        return applyEdit(program, [work](Editor& editor) { work->apply(editor); });
-    ovsdb::Client client = program.connect();
-    Editor editor(loadFromServer(client));
-    work->apply(editor);
+    Import work(program, options);
+    try {
+        if (!options.dryRun)
+            return applyEdit(program, [&work](Editor& editor) { work.apply(editor); });
+        ovsdb::Client client = program.connect();
+        Editor editor(loadFromServer(client));
+        work.apply(editor);
+    } catch (const ovsdb::Error& error) {
+        work.checkWithoutServer(error);
+        throw;
+    }
     return ExitStatus::Ok;
 }
 
@@ -132,6 +173,8 @@ void addImport(CLI::App& root, Program& program)
     CLI::Option* replace = app->add_flag("--replace", options->replace, "Remove every row that is not in the file");
     addFlag(*app, "--merge", "Leave the rows that are not in the file (so it is when nothing is said)")
         ->excludes(replace);
+    app->add_flag("--elsewhere", options->elsewhere,
+                  "The configuration is for another device: do not look for its interfaces on this machine");
     app->add_flag("--dry-run", options->dryRun, "Check the file and show what would change, without doing it");
     app->callback([&program, options] { program.action = [&program, options] { return import(program, *options); }; });
 }

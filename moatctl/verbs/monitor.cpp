@@ -66,7 +66,13 @@ ExitStatus monitor(Program& program, bool json)
         last = std::move(current);
         return program.out.good();
     };
-    client.watch(ovsdb::Client::allTableNames(), onChange);
+    const auto onConnection = [&](const ovsdb::Error* lost) {
+        program.err << timeStamp(std::chrono::system_clock::now()) << ' '
+                    << (lost != nullptr ? std::string(lost->what()) + "; trying again" : std::string("connected again"))
+                    << '\n'
+                    << std::flush;
+    };
+    client.watch(ovsdb::Client::allTableNames(), onChange, {}, onConnection);
     return ExitStatus::Ok;
 }
 
@@ -75,7 +81,9 @@ ExitStatus monitor(Program& program, bool json)
 void addMonitor(CLI::App& root, Program& program)
 {
     auto format = std::make_shared<std::string>("text");
-    CLI::App* app = addSubcommand(root, "monitor", "Show changes with the time as they happen, until interrupted",
+    CLI::App* app = addSubcommand(root, "monitor",
+                                  "Show changes with the time as they happen, until interrupted; a server that goes "
+                                  "away is waited for",
                                   "monitor --format=json");
     app->add_option("--format", *format, "Form of a change: a line for people, or a JSON object on a line")
         ->check(CLI::IsMember({"text", "json"}).description(""))

@@ -5,10 +5,14 @@
 #include "platform_linux/ovsdb/schema_check.hpp"
 #include "platform_linux/ovsdb/subscription.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <poll.h>
 #include <stdexcept>
+#include <thread>
+#include <typeindex>
+#include <typeinfo>
 #include <utility>
 
 namespace ovsdb
@@ -18,6 +22,8 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr int progressInterval = 100; // milliseconds
 
 Outcome outcomeOf(const Json& result)
 {
@@ -61,6 +67,7 @@ public:
         if (m_subscribed) // its changes would come in between
             connect();
         const std::int64_t id = m_session->request(method, std::move(params));
+        m_requestSize = m_session->output().size();
         const RpcMessage answer = receive(deadline());
         if (answer.id != id)
             throw ProtocolError("unexpected notification \"" + answer.method.substr(0, 64) + "\"");
@@ -69,8 +76,8 @@ public:
         return answer.result;
     }
 
-    // Subscribes and waits for the first state.
-    void start(Subscription& subscription)
+    // Subscribes and waits for the first state. Returns the tables that differ from what was known before.
+    std::set<std::string> start(Subscription& subscription)
     {
         if (m_subscribed) // the changes of an earlier subscription would come in between
             connect();
@@ -78,8 +85,28 @@ public:
         subscription.begin(*m_session);
         const auto end = deadline();
         for (;;) {
-            if (subscription.handle(receive(end), *m_session).synchronised)
-                return;
+            Subscription::Progress progress = subscription.handle(receive(end), *m_session);
+            if (progress.synchronised)
+                return std::move(progress.changedTables);
+        }
+    }
+
+    // Connects and subscribes again, however long that takes. Nothing when keepGoing says no.
+    std::optional<std::set<std::string>> restart(Subscription& subscription, std::type_index told,
+                                                 const std::function<bool()>& keepGoing,
+                                                 const OnConnection& onConnection)
+    {
+        for (;;) {
+            std::this_thread::sleep_for(reconnectInterval);
+            if (keepGoing && !keepGoing())
+                return std::nullopt;
+            try {
+                connect();
+                return start(subscription);
+            } catch (const Error& error) {
+                if (std::exchange(told, typeid(error)) != typeid(error))
+                    onConnection(&error);
+            }
         }
     }
 
@@ -134,6 +161,11 @@ private:
                 throw TimeoutError("no answer from the configuration server within " +
                                    std::to_string(m_options.timeout.count()) + " ms");
             wait = static_cast<int>(left.count());
+            if (m_options.onProgress) {
+                m_options.onProgress(m_requestSize - std::min(m_requestSize, m_session->output().size()),
+                                     m_requestSize);
+                wait = std::min(wait, progressInterval);
+            }
         }
         pollfd event{.fd = m_connection->descriptor(), .events = POLLIN, .revents = 0};
         if (!m_session->output().empty())
@@ -151,6 +183,7 @@ private:
     std::optional<RpcSession> m_session;
     std::string m_schemaVersion;
     bool m_subscribed = false;
+    std::size_t m_requestSize = 0;
 };
 
 Client::Client(ClientOptions options) : m_state(std::make_unique<State>(std::move(options))) {}
@@ -229,16 +262,31 @@ TransactionResult Client::transact(const std::vector<Json>& operations)
 }
 
 void Client::watch(const std::vector<std::string>& tableNames, const OnChange& onChange,
-                   const std::function<bool()>& keepGoing)
+                   const std::function<bool()>& keepGoing, const OnConnection& onConnection)
 {
     Subscription subscription(tableNames);
     m_state->start(subscription);
     if (!onChange(subscription.tables(), {tableNames.begin(), tableNames.end()}))
         return;
-    while (const auto message = m_state->follow(keepGoing)) {
-        const auto changed = m_state->handle(*message, subscription);
-        if (!changed.empty() && !onChange(subscription.tables(), changed))
+    for (;;) {
+        try {
+            while (const auto message = m_state->follow(keepGoing)) {
+                const auto changed = m_state->handle(*message, subscription);
+                if (!changed.empty() && !onChange(subscription.tables(), changed))
+                    return;
+            }
             return;
+        } catch (const Error& error) {
+            if (!onConnection)
+                throw;
+            onConnection(&error);
+            const auto changed = m_state->restart(subscription, typeid(error), keepGoing, onConnection);
+            if (!changed)
+                return;
+            onConnection(nullptr);
+            if (!changed->empty() && !onChange(subscription.tables(), *changed))
+                return;
+        }
     }
 }
 

@@ -1,10 +1,12 @@
 // A blocking client of the configuration server, for command-line tools.
 #pragma once
 
+#include "platform_linux/ovsdb/error.hpp"
 #include "platform_linux/ovsdb/operations.hpp"
 #include "platform_linux/ovsdb/table_cache.hpp"
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <set>
@@ -18,6 +20,8 @@ struct ClientOptions {
     std::string socketPath{defaultSocketPath};
     // For each answer. A server that is not there is an error at once.
     std::chrono::milliseconds timeout{5000};
+    // Called now and then while an answer is waited for, with how much of the request is sent; may be empty.
+    std::function<void(std::size_t sentBytes, std::size_t allBytes)> onProgress{};
 };
 
 // One connection. Every operation waits for its answer, for the timeout at most.
@@ -49,8 +53,14 @@ public:
     // returns false. Waits for changes without a limit; interrupted by a signal with a handler, it asks again:
     // keepGoing is called after every wake-up (may be empty), false ends the watch.
     using OnChange = std::function<bool(const TableCache& state, const std::set<std::string>& changedTables)>;
+    //
+    // With onConnection, no error ends the watch once the first state is there: it is called with the error (and again
+    // when attempts to reconnect fail in another way), then with null as soon as the server is back; changes made in
+    // between are called back next, as one. Tries again every reconnectInterval, for ever.
+    using OnConnection = std::function<void(const Error* lost)>;
+    static constexpr std::chrono::milliseconds reconnectInterval{500};
     void watch(const std::vector<std::string>& tableNames, const OnChange& onChange,
-               const std::function<bool()>& keepGoing = {});
+               const std::function<bool()>& keepGoing = {}, const OnConnection& onConnection = {});
 
     static std::vector<std::string> allTableNames();
 

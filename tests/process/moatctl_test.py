@@ -12,11 +12,13 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
 
 from lab.config import Config, insert  # noqa: E402 pylint: disable=wrong-import-position
+from lab.fake_server import FakeServer  # noqa: E402 pylint: disable=wrong-import-position
 from lab.programs import SCHEMA, startServer  # noqa: E402 pylint: disable=wrong-import-position
 
 MOATCTL = sys.argv[1]
@@ -32,7 +34,10 @@ class Case(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
         self.socket = self.folder / "config.sock"
-        self.server = startServer(SCHEMA, self.folder, socketPath=self.socket)
+        self.start_server()
+
+    def start_server(self, schema=SCHEMA, **options):
+        self.server = startServer(schema, self.folder, **{"socketPath": self.socket, **options})
         self.addCleanup(self.server.stop)
 
     def transact(self, *operations):
@@ -348,7 +353,7 @@ global set --input DROP --forward ACCEPT
     {"Id": 1, "BridgeFilterID": 5, "FilterMatch": "1"}],
   "Rules": []
 }''')
-        done = self.run_tool("import", path)
+        done = self.run_tool("import", path, "--elsewhere")
         self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""))
         places = [re.match(rf"{path}:(\d+): error: (\S*?)(?: Id (\d))?(?:, (\w+))?: ", line).groups()
                   for line in done.stderr.splitlines()[:-2]]
@@ -361,6 +366,71 @@ global set --input DROP --forward ACCEPT
         self.assertIn("9 errors; nothing was changed", done.stderr)
         self.assertEqual(self.rows("rule"), [])
 
+    def told(self, stderr, place):
+        """(line, severity, table, Id, text) of each problem; the line is empty when no file is named."""
+        return [match.groups() for match in re.finditer(
+            rf"^(?:{place}:(\d+): )?(error|warning): (?:MoatKeeper(\w*)(?: Id (\d+))?(?:, \w+)?: )?(.*)$", stderr, re.M)]
+
+    def test_the_result_is_checked_as_a_whole(self):
+        self.ok("batch", stdin='''global set --input ACCEPT --forward ACCEPT
+filter add --id 1 --between eth0 eth1 --match mac --mode blacklist --priority 10
+filter-rule add --id 1 --filter 1 --match 00:11:22:33:44:55
+rule add --id 1 --priority 5 --in eth0 --out eth1 --src-mac 00:11:22:33:44:55 --drop
+rule add --id 9 --priority 50 --in eth5 --out eth6 --drop
+rule add --id 10 --priority 60 --in eth5 --out eth6 --drop
+''')
+        before = self.ok("export")
+        text = '''{
+"MoatKeeperBridgeFilters": [
+  {"Id": 1, "Prio": 10, "InInterface": "eth0", "OutInterface": "eth1", "MatchCriteria": "vlan", "Mode": "blacklist"},
+  {"Id": 2, "Prio": 10, "InInterface": "eth0", "OutInterface": "eth1", "MatchCriteria": "vlan", "Mode": "blacklist"}],
+"MoatKeeperBridgeFilterRules": [
+  {"Id": 2, "BridgeFilterID": 7, "FilterMatch": "100"},
+  {"Id": 3, "BridgeFilterID": 1, "FilterMatch": "100"}],
+"MoatKeeperRuleset": [
+  {"Id": 2, "RulePrio": 7, "InInterface": "eth0", "OutInterface": "eth1", "Target": "DROP", "IPPort": 80,
+   "Ethertype": "IPv4"},
+  {"Id": 3, "RulePrio": 8, "InInterface": "eth0", "OutInterface": "eth1", "Target": "ACCEPT",
+   "SrcMAC": "00:11:22:33:44:55"}]
+}'''
+        done = self.run_tool("import", "-", "--elsewhere", stdin=text)
+        self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""))
+        told = self.told(done.stderr, "standard input")
+        self.assertEqual([problem[:4] for problem in told], [
+            (None, "error", "BridgeFilterRules", "1"), ("4", "error", "BridgeFilters", "2"),
+            ("6", "error", "BridgeFilterRules", "2"), ("9", "error", "Ruleset", "2"),
+            ("11", "warning", "Ruleset", "3")])
+        for problem, pattern in zip(told, ("expected a VLAN id", "is that of MoatKeeperBridgeFilters Id 1",
+                                           "7: there is no such filter", "a port needs an IPProto",
+                                           "contradicts MoatKeeperRuleset Id 1")):
+            self.assertIn(pattern, problem[4])
+        self.assertIn("standard input: 4 errors; nothing was changed\n", done.stderr)
+        self.assertEqual(self.ok("export"), before)
+
+    def test_warnings_do_not_stop_an_import(self):
+        text = '''{"MoatKeeperRuleset": [
+{"Id": 1, "RulePrio": 1, "InInterface": "nosuchport", "OutInterface": "eth1", "Target": "DROP"},
+{"Id": 2, "RulePrio": 2, "InInterface": "nosuchport", "OutInterface": "eth1", "Target": "DROP"}]}'''
+        done = self.run_tool("import", "-", "--elsewhere", "--dry-run", stdin=text)
+        self.assertEqual(done.returncode, OK)
+        self.assertEqual(self.told(done.stderr, "standard input")[-1][:4], ("3", "warning", "Ruleset", "2"))
+        self.assertNotIn("no such interface", done.stderr)
+        self.assertEqual(self.rows("rule"), [])
+        done = self.run_tool("import", "-", stdin=text)
+        self.assertEqual(done.returncode, OK)
+        self.assertIn("standard input:3: warning: MoatKeeperRuleset Id 2: the same as", done.stderr)
+        self.assertIn('standard input:2: warning: MoatKeeperRuleset Id 1, InInterface: "nosuchport": this machine has no',
+                      done.stderr)
+        self.assertEqual(len(self.rows("rule")), 2)
+        # Once they are there, they are none of the next import's business.
+        done = self.run_tool("import", "-", "--replace", stdin=text)
+        self.assertEqual((done.returncode, done.stderr), (OK, "0 rows to add, 0 to remove, 0 to change\n"))
+        # A file need not have all tables.
+        self.ok("global", "set", "--input", "ACCEPT")
+        done = self.run_tool("import", "-", "--replace", stdin="{}")
+        self.assertEqual(done.returncode, OK)
+        self.assertRegex(done.stderr, "^warning: MoatKeeper: there is no row: .+\n0 rows to add, 3 to remove, ")
+
     def test_what_is_no_configuration(self):
         for text, pattern in (("", ":1: error: "), ("{", "error"), ("[]", "expected an object"),
                               ('{"MoatKeeper": 1}', "MoatKeeper: expected a list"), ('{"MoatKeeper": [1]}', "a row"),
@@ -370,6 +440,72 @@ global set --input DROP --forward ACCEPT
             self.assertRegex(done.stderr, pattern)
         self.refused(BAD_INPUT, "cannot be read", "import", self.folder / "absent")
         self.refused(BAD_INPUT, "cannot be read", "import", self.folder)
+
+
+class Terminal(Case):
+    """What long work says of itself, on a terminal and elsewhere."""
+
+    def run_slowly(self, stderr):
+        """An import at a server that takes half a second for the first part of the request, and as long to answer."""
+        rows = [{"Id": number, "RulePrio": number, "InInterface": "eth0", "OutInterface": "eth1", "Target": "DROP",
+                 "SrcMAC": f"02:00:00:00:{number >> 8:02x}:{number & 255:02x}"} for number in range(1, 3001)]
+        path = self.folder / "rules.json"
+        path.write_text(json.dumps({"MoatKeeperRuleset": rows}))
+
+        def serve(peer):
+            peer.connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            peer.answerSchema()
+            peer.reply(peer.expect("transact"), [{"rows": []} for _ in range(6)])
+            peer.text = peer.connection.recv(1).decode()
+            time.sleep(0.5)
+            request = peer.expect("transact")
+            time.sleep(0.5)
+            peer.reply(request, [{"uuid": ["uuid", "11111111-1111-1111-1111-111111111111"]}
+                                 for _ in request["params"][1:]])
+        slow = FakeServer(self.folder / "slow", serve)
+        self.addCleanup(slow.close)
+        process = subprocess.Popen(self.command("import", path, "--elsewhere", socket_path=slow.path),
+                                   stdout=subprocess.DEVNULL, stderr=stderr)
+        return process
+
+    def test_progress_on_a_terminal(self):
+        ours, theirs = os.openpty()
+        process = self.run_slowly(theirs)
+        os.close(theirs)
+        text = b""
+        try:
+            while data := os.read(ours, 65536):
+                text += data
+        except OSError:  # the other end is closed
+            pass
+        os.close(ours)
+        self.assertEqual(process.wait(10), OK, text)
+        text = text.decode()
+        shown = [int(number) for number in re.findall(r"sending 3000 changes: (\d+)%", text)]
+        self.assertTrue(shown and shown == sorted(shown) and 0 < shown[-1] < 100, text)
+        self.assertIn("waiting until the server has stored 3000 changes", text)
+        # Each line is taken away before the next is written; in the end the screen shows the summary only.
+        screen = ""
+        for part in re.split(r"(\r\x1b\[K|\r\n)", text):
+            screen = (screen.rpartition("\n")[0] + "\n" if "\n" in screen else "") if part == "\r\x1b[K" \
+                else screen + part.replace("\r\n", "\n")
+        self.assertEqual(screen.splitlines()[-1], "3000 rows to add, 0 to remove, 0 to change")
+        self.assertNotIn("%", screen)
+
+    def test_no_progress_elsewhere(self):
+        process = self.run_slowly(subprocess.PIPE)
+        self.assertEqual(process.stderr.read().decode().splitlines()[-1], "3000 rows to add, 0 to remove, 0 to change")
+        process.stderr.close()
+        self.assertEqual(process.wait(10), OK)
+
+    def test_short_work_says_nothing(self):
+        ours, theirs = os.openpty()
+        done = subprocess.run(self.command("import", "-", "--elsewhere"), input=b'{"MoatKeeper": [{}]}', stderr=theirs,
+                              stdout=subprocess.DEVNULL, timeout=60, check=False)
+        os.close(theirs)
+        self.assertEqual(os.read(ours, 65536), b"1 row to add, 0 to remove, 0 to change\r\n")
+        os.close(ours)
+        self.assertEqual(done.returncode, OK)
 
 
 class Concurrency(Case):
@@ -423,9 +559,70 @@ class Monitor(Case):
         self.assertEqual((change["change"], change["table"], change["id"], change["before"]),
                          ("added", "MoatKeeperInputPolicy", 1, None))
         self.assertEqual(change["after"]["Interface"], "eth0")
+
+    TIME = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d "
+
+    def change_unseen(self, *words):
+        """Changes the database while the server that is watched is stopped."""
+        elsewhere = self.folder / "elsewhere"
+        self.start_server(socketPath=elsewhere)
+        done = self.run_tool(*words, socket_path=elsewhere)
+        self.assertEqual(done.returncode, OK, done.stderr)
         self.server.stop()
-        self.assertEqual(process.wait(10), NO_SERVER)
-        self.assertRegex(process.stderr.read(), "^moatctl: .+\n$")
+
+    def test_a_server_that_goes_away_is_waited_for(self):
+        process = self.watch()
+        self.ok("rule", "add", "--in", "eth0", "--drop")
+        self.assertIn("+ MoatKeeperRuleset Id 1:", process.stdout.readline())
+        for number, how in ((2, signal.SIGTERM), (3, signal.SIGKILL)):
+            self.server.stop(how)
+            self.assertRegex(process.stderr.readline(), self.TIME + "connection .+; trying again$")
+            self.change_unseen("rule", "add", "--in", f"eth{number}", "--drop")
+            self.change_unseen("rule", "set", "1", "--vlan", number)
+            self.start_server()
+            self.assertRegex(process.stderr.readline(), self.TIME + "connected again$")
+            seen = [process.stdout.readline(), process.stdout.readline()]
+            self.assertRegex(seen[0], self.TIME + f"~ MoatKeeperRuleset Id 1: VLANID -?\\d+ -> {number}$")
+            self.assertRegex(seen[1], self.TIME + rf"\+ MoatKeeperRuleset Id {number}: ")
+            self.ok("rule", "set", number, "--log")
+            self.assertIn(f"~ MoatKeeperRuleset Id {number}: EnableLogging 0 -> 1", process.stdout.readline())
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(10), OK)
+        self.assertEqual((process.stdout.read(), process.stderr.read()), ("", ""))
+
+    def test_nothing_changed_meanwhile(self):
+        process = self.watch("--format=json")
+        self.server.stop()
+        process.stderr.readline()
+        self.start_server()
+        self.assertRegex(process.stderr.readline(), "connected again$")
+        self.ok("policy", "add", "--in", "eth0", "--drop")
+        self.assertEqual(json.loads(process.stdout.readline())["table"], "MoatKeeperInputPolicy")
+
+    def test_the_server_returns_with_another_schema(self):
+        process = self.watch()
+        self.server.stop()
+        self.assertRegex(process.stderr.readline(), "trying again$")
+        schema = json.loads(pathlib.Path(SCHEMA).read_text(encoding="utf-8"))
+        schema["version"] = "2.0.0"
+        (self.folder / "schema").write_text(json.dumps(schema))
+        self.start_server(self.folder / "schema", database="other.db")
+        self.assertRegex(process.stderr.readline(), r"2\.0\.0.*; trying again$")
+        self.server.stop()
+        self.assertRegex(process.stderr.readline(), "no configuration server.*; trying again$")
+        self.start_server()
+        self.assertRegex(process.stderr.readline(), "connected again$")
+        self.ok("policy", "add", "--in", "eth0", "--drop")
+        self.assertIn("+ MoatKeeperInputPolicy Id 1", process.stdout.readline())
+
+    def test_a_signal_ends_the_wait_for_the_server(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            process = self.watch()
+            self.server.stop()
+            self.assertRegex(process.stderr.readline(), "trying again$")
+            process.send_signal(number)
+            self.assertEqual(process.wait(10), OK)
+            self.start_server()
 
 
 class Servers(Case):
@@ -445,7 +642,57 @@ class Servers(Case):
         with socket.socket(socket.AF_UNIX) as listener:
             listener.bind(path)
             listener.listen()
-            self.refused_by(path, "no answer .* within 200 ms", "--timeout", "0.2", "show")
+            for words in (("show",), ("monitor",), ("check",), ("import", self.file("{}")), ("batch", self.file("")),
+                          ("rule", "add", "--in", "eth0", "--drop")):
+                self.refused_by(path, "no answer .* within 200 ms", "--timeout", "0.2", *words)
+
+    def file(self, text):
+        path = self.folder / f"file{len(list(self.folder.iterdir()))}"
+        path.write_text(text)
+        return path
+
+    def test_mistakes_are_told_without_a_server(self):
+        absent = str(self.folder / "absent")
+        batch = self.file('rule add --in eth0 --drop\nrule add --in eth0 --drop --vlan 5000\nrule fly\n"\n'
+                          'rule remove 7\nrule set 7 --src-mac zz\nrule add --in eth0\nglobal set --input no\n'
+                          'filter-rule add --filter 9 --match x\npolicy remove 0\nfilter add --between a --match mac\n')
+        done = self.run_tool("batch", batch, socket_path=absent)
+        self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""))
+        lines = done.stderr.splitlines()
+        self.assertEqual([re.match(rf"{batch}:(\d+): error: ", line).group(1) for line in lines[:-1]],
+                         ["2", "3", "4", "6", "7", "8", "9", "10", "11"])
+        self.assertRegex(lines[-1], "^moatctl: .*9 lines are wrong; nothing was changed .and no configuration server at")
+        self.refused_by(absent, "no configuration server", "batch", self.file("rule remove 7\n"))
+
+        broken = self.file('{"MoatKeeperRuleset": [\n{"Id": 1,\n]}')
+        done = self.run_tool("import", broken, socket_path=absent)
+        self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""))
+        self.assertRegex(done.stderr, f"^{broken}:3: error: .+\nmoatctl: {broken}: 1 error; nothing was changed\n$")
+        wrong = self.file('''{"MoatKeeperRuleset": [
+  {"Id": 1, "RulePrio": 1, "InInterface": "eth0", "Target": "DROP", "SrcMAC": "zz"},
+  {"Id": 2, "RulePrio": 1, "InInterface": "eth0"}],
+"MoatKeeperBridgeFilterRules": [
+  {"Id": 1, "BridgeFilterID": 5, "FilterMatch": "1"}]}''')
+        done = self.run_tool("import", wrong, socket_path=absent)
+        self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""))
+        self.assertEqual(re.findall(r":(\d+): error: \S+ Id (\d), (\w+): ", done.stderr),
+                         [("2", "1", "SrcMAC"), ("3", "2", "Target")])
+        self.assertRegex(done.stderr, "2 errors; nothing was changed .and no configuration server at ")
+        done = self.run_tool("import", wrong, "--replace", socket_path=absent)
+        self.assertIn(":5: error: MoatKeeperBridgeFilterRules Id 1, BridgeFilterID: 5: there is no such filter",
+                      done.stderr)
+        self.refused_by(absent, "no configuration server", "import", self.file("{}"))
+
+    def test_values_are_checked_without_a_server(self):
+        absent = str(self.folder / "absent")
+        for words, pattern in ((("rule", "add", "--in", "eth0", "--drop", "--src-mac", "zz"), "--src-mac"),
+                               (("rule", "set", "1", "--vlan", "5000"), "--vlan"),
+                               (("rule", "add", "--in", "e", "--drop", "--port", "80", "--ethertype", "IPv4"), "IPPort"),
+                               (("rule", "remove", "0"), "ID"), (("rule", "set", "1"), "something to change"),
+                               (("global", "set", "--input", "no"), "--input")):
+            done = self.run_tool(*words, socket_path=absent)
+            self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (BAD_INPUT, "", 1), done.stderr)
+            self.assertRegex(done.stderr, pattern)
 
     def test_other_protocol(self):
         path = str(self.folder / "other")

@@ -1,8 +1,10 @@
-#include "moatctl/check.hpp"
+#include "moatctl/check_change.hpp"
+#include "moatctl/values.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -107,8 +109,7 @@ TEST_F(Check, FindsNothingInWhatIsInOrder)
 TEST_F(Check, WantsTheGlobalPolicies)
 {
     configuration.clear(TableId::Global);
-    EXPECT_THAT(problems(), ElementsAre(HasSubstr("error: MoatKeeper: there is no row"),
-                                        HasSubstr("error: MoatKeeper: there is no row")));
+    EXPECT_THAT(problems(), ElementsAre(HasSubstr("error: MoatKeeper: there is no row")));
     add(TableId::Global, 0, {{"GlobalInputPolicy", text("accept")}, {"GlobalForwardingPolicy", text("DROP")}});
     EXPECT_THAT(problems(),
                 ElementsAre(HasSubstr("error: MoatKeeper, GlobalInputPolicy: \"accept\": expected ACCEPT or DROP")));
@@ -144,6 +145,28 @@ TEST_F(Check, ValuesAtTheBoundsAreFine)
     addRule(5, {{"Ethertype", text("IPv4")}, {"IPProto", text("UDP")}, {"IPPort", number(65535)}});
     addRule(6, {{"OutInterface", text("! eth1")}});
     EXPECT_THAT(problems(), IsEmpty());
+}
+
+TEST_F(Check, ValuesMayBeNegated)
+{
+    addRule(1, {{"InInterface", text("! eth2")}, {"SrcMAC", text("! 02:00:00:00:00:01")}});
+    addRule(2, {{"DstMAC", text("! 02:00:00:00:00:01/ff:ff:ff:00:00:00")}, {"Ethertype", text("! ARP")}});
+    addRule(3, {{"Ethertype", text("IPv4")}, {"IPSrcAddr", text("! 10.0.0.0/8")}});
+    addRule(4, {{"Ethertype", text("IPv6")}, {"IPDstAddr", text("! fe80::/10")}});
+    addFilter(1, {});
+    addFilterRule(1, 1, "! 02:00:00:00:00:01");
+    addFilter(2, {{"MatchCriteria", text("vlan")}});
+    addFilterRule(2, 2, "! 100");
+    addFilter(3, {{"MatchCriteria", text("ipv4")}, {"InInterface", text("eth5")}});
+    addFilterRule(3, 3, "! 10.0.0.1");
+    EXPECT_THAT(problems(), IsEmpty());
+    for (const TableInfo& table : allTables()) {
+        for (const Row& row : configuration.rows(table.id))
+            EXPECT_THAT(checkRow(configuration, row), IsEmpty()) << table.name() << ' ' << row.id();
+    }
+    addFilter(4, {{"InInterface", text("! eth0")}});
+    EXPECT_THAT(problems(), testing::Contains(HasSubstr("error: MoatKeeperBridgeFilters Id 4")));
+    EXPECT_THAT(checkRow(configuration, *configuration.find(TableId::Filters, 4)), testing::SizeIs(1));
 }
 
 TEST_F(Check, APortNeedsAProtocol)
@@ -192,7 +215,8 @@ TEST_F(Check, FollowsReferencesToFilters)
     addFilterRule(3, 3, "02:00:00:00:00:01");
     addFilterRule(4, 4, "02:00:00:00:00:01");
     EXPECT_THAT(problems(), ElementsAre(HasSubstr("BridgeFilters Id 2, Mode"),
-                                        HasSubstr("FilterRules Id 1, BridgeFilterID: 1: that filter is disabled"),
+                                        HasSubstr("warning: MoatKeeperBridgeFilterRules Id 1, BridgeFilterID: 1: that "
+                                                  "filter is disabled"),
                                         HasSubstr("FilterRules Id 2, BridgeFilterID: 2: that filter cannot be used"),
                                         HasSubstr("FilterRules Id 4, BridgeFilterID: 4: there is no such filter")));
 }
@@ -267,9 +291,11 @@ TEST_F(Check, SwitchesAreZeroOrOne)
 {
     add(TableId::InputPolicies, 1, {{"Enabled", number(2)}, {"Interface", text("eth0")}, {"Policy", text("DROP")}});
     addRule(1, {{"EnableLogging", number(2)}});
-    EXPECT_THAT(problems(),
-                ElementsAre(HasSubstr("InputPolicy Id 1, Enabled: 2: expected 0 or 1; the daemon takes it for 0"),
-                            HasSubstr("Ruleset Id 1, EnableLogging: 2")));
+    EXPECT_THAT(
+        problems(),
+        ElementsAre(
+            HasSubstr("error: MoatKeeperInputPolicy Id 1, Enabled: 2: expected 0 or 1; the daemon takes it for 0"),
+            HasSubstr("Ruleset Id 1, EnableLogging: 2")));
 }
 
 TEST_F(Check, SaysWhatWouldBeCutOff)
@@ -302,6 +328,135 @@ TEST_F(Check, EveryWrongValueOfARowIsReported)
         columns.push_back(problem.column);
     }
     EXPECT_THAT(columns, testing::UnorderedElementsAre("RulePrio", "SrcMAC", "VLANID", "Target"));
+}
+
+TEST_F(Check, LooksAtRowsThatAreNotInForce)
+{
+    addRule(1, {{"Enabled", number(0)}, {"SrcMAC", text("zz")}});
+    addRule(2, {{"Enabled", number(0)}, {"Ethertype", text("IPv4")}, {"IPPort", number(80)}});
+    addRule(3, {{"Enabled", number(0)}, {"VLANID", number(5)}, {"IPSrcAddr", text("10.0.0.1")}});
+    addRule(4, {{"Enabled", number(0)}, {"SrcMAC", text("02:00:00:00:00:01")}});
+    addRule(5, {{"VLANID", number(5)}, {"IPProto", text("tcp")}}); // not looked at, and wrong all the same
+    addFilter(1, {{"Enabled", number(0)}});
+    addFilterRule(1, 1, "10.0.0.1");
+    add(TableId::FilterRules, 2,
+        {{"Enabled", number(0)}, {"BridgeFilterID", number(9)}, {"FilterMatch", text("10.0.0.1")}});
+    EXPECT_THAT(problems(),
+                ElementsAre(HasSubstr("error: MoatKeeperRuleset Id 1, SrcMAC: \"zz\""),
+                            HasSubstr("error: MoatKeeperRuleset Id 2, IPPort: 80: expected a protocol"),
+                            HasSubstr("warning: MoatKeeperRuleset Id 3, IPSrcAddr: \"10.0.0.1\": has no effect"),
+                            HasSubstr("warning: MoatKeeperRuleset Id 5, IPProto: \"tcp\": not looked at"),
+                            HasSubstr("error: MoatKeeperRuleset Id 5, IPProto: \"tcp\": expected TCP or UDP"),
+                            HasSubstr("warning: MoatKeeperBridgeFilterRules Id 1, BridgeFilterID: 1: that filter is"),
+                            HasSubstr("error: MoatKeeperBridgeFilterRules Id 1, FilterMatch: \"10.0.0.1\": expected a "
+                                      "MAC address, as filter 1 says"),
+                            HasSubstr("error: MoatKeeperBridgeFilterRules Id 2, BridgeFilterID: 9: there is no such")));
+}
+
+// What importing a file would make wrong. Rows with a line stand in the file.
+class CheckAChange : public Check
+{
+protected:
+    CheckAChange() { configuration.file = "f.json"; }
+
+    // Goes on with a copy: rows added or changed from now on are the file's.
+    void fileBegins() { before = configuration; }
+
+    void inFile(TableId table, std::int32_t id, std::uint32_t line, Columns columns = {})
+    {
+        Row& row = *configuration.find(table, id);
+        row.line = line;
+        for (const auto& [column, value] : columns)
+            row.values[row.table->at(column)] = value;
+    }
+
+    std::vector<std::string> changeProblems() const
+    {
+        std::vector<std::string> texts;
+        for (const Problem& problem : checkChange(before, configuration))
+            texts.push_back(toText(problem));
+        return texts;
+    }
+
+    Configuration before;
+};
+
+TEST_F(CheckAChange, SaysNothingOfWhatWasThereBefore)
+{
+    addRule(1, {{"SrcMAC", text("zz")}});
+    addRule(2, {});
+    addRule(3, {});
+    fileBegins();
+    EXPECT_THAT(changeProblems(), IsEmpty());
+    addRule(4, {{"SrcMAC", text("yy")}});
+    inFile(TableId::Rules, 4, 7);
+    EXPECT_THAT(changeProblems(), ElementsAre(HasSubstr("f.json:7: error: MoatKeeperRuleset Id 4, SrcMAC: \"yy\"")));
+}
+
+TEST_F(CheckAChange, WhatTheFileRepeatsIsNoErrorOfTheFile)
+{
+    addRule(1, {{"SrcMAC", text("zz")}});
+    addRule(2, {});
+    addRule(3, {});
+    fileBegins();
+    inFile(TableId::Rules, 1, 7);
+    inFile(TableId::Rules, 3, 8);
+    EXPECT_THAT(changeProblems(), ElementsAre(HasSubstr("f.json:7: warning: MoatKeeperRuleset Id 1, SrcMAC: \"zz\"")));
+    inFile(TableId::Rules, 1, 7, {{"EnableLogging", number(1)}});
+    EXPECT_THAT(changeProblems(), ElementsAre(HasSubstr("f.json:7: error: MoatKeeperRuleset Id 1, SrcMAC: \"zz\"")));
+}
+
+TEST_F(CheckAChange, RowsOutsideTheFileThatItMakesWrongHaveNoLine)
+{
+    addFilter(1, {});
+    addFilterRule(1, 1, "02:00:00:00:00:01");
+    addRule(1, {});
+    fileBegins();
+    addRule(2, {{"RulePrio", number(-1)}});
+    inFile(TableId::Rules, 2, 7);
+    inFile(TableId::Filters, 1, 8, {{"MatchCriteria", text("vlan")}});
+    EXPECT_THAT(changeProblems(),
+                ElementsAre(HasSubstr("warning: MoatKeeperRuleset Id 1: the same as MoatKeeperRuleset Id 2"),
+                            testing::StartsWith("error: MoatKeeperBridgeFilterRules Id 1, FilterMatch")));
+}
+
+TEST_F(CheckAChange, OfTwoFiltersWithOneChainTheFilesIsNamed)
+{
+    addFilter(5, {{"Prio", number(1)}});
+    fileBegins();
+    for (const std::int32_t id : {4, 6}) {
+        addFilter(id, {{"Prio", number(1)}});
+        inFile(TableId::Filters, id, 7);
+        EXPECT_THAT(changeProblems(),
+                    testing::Contains(testing::AllOf(
+                        testing::StartsWith("f.json:7: error: MoatKeeperBridgeFilters Id " + std::to_string(id)),
+                        HasSubstr("is that of MoatKeeperBridgeFilters Id 5 already"))));
+        configuration.remove(TableId::Filters, id);
+    }
+}
+
+TEST_F(CheckAChange, AMissingRowOfPoliciesIsAWarning)
+{
+    fileBegins();
+    configuration.clear(TableId::Global);
+    EXPECT_THAT(changeProblems(), ElementsAre(testing::StartsWith("warning: MoatKeeper: there is no row")));
+    fileBegins();
+    EXPECT_THAT(changeProblems(), IsEmpty());
+}
+
+TEST_F(Check, TellsHowFarItHasCome)
+{
+    std::vector<std::size_t> steps;
+    std::size_t all = 0;
+    CheckOptions options;
+    options.onProgress = [&](std::size_t done, std::size_t total) {
+        steps.push_back(done);
+        all = total;
+    };
+    checkConfiguration(configuration, options);
+    ASSERT_GT(steps.size(), 3U);
+    EXPECT_TRUE(std::ranges::is_sorted(steps));
+    EXPECT_EQ(steps.back(), all);
 }
 
 } // namespace

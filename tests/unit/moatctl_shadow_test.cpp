@@ -1,3 +1,4 @@
+#include "moatctl/cover_index.hpp"
 #include "moatctl/expected.hpp"
 #include "moatctl/shadow.hpp"
 #include "tests/moatctl/random_configuration.hpp"
@@ -6,6 +7,8 @@
 
 #include <algorithm>
 #include <set>
+#include <span>
+#include <vector>
 
 namespace
 {
@@ -34,6 +37,56 @@ TEST(Shadow, NeverNamesARuleThatAFrameReaches)
         }
     }
     EXPECT_GT(named, 25U); // the test looked at something
+}
+
+// A rule that leads to the chain; null when there is none.
+const ebtables::Rule* jumpTo(const BridgeModel& model, const std::string& name)
+{
+    for (const ModelChain& chain : model.chains()) {
+        for (const ModelRule& rule : chain.rules) {
+            if (rule.rule.target == name)
+                return &rule.rule;
+        }
+    }
+    return nullptr;
+}
+
+// The index leaves out only what does not cover.
+TEST(Shadow, TheIndexFindsAllThatCover)
+{
+    std::size_t covering = 0;
+    std::size_t left = 0;
+    for (unsigned seed = 1; seed <= 40; ++seed) {
+        test::Random random(seed);
+        const Configuration configuration = test::randomConfiguration(random, 0);
+        const Applied applied = apply(expectedOf(configuration));
+        std::vector<Conjunction> all;
+        CoverIndex index;
+        for (const ModelChain& chain : applied.model.chains()) {
+            for (const ModelRule& rule : chain.rules) {
+                all.push_back({&rule.rule});
+                if (const ebtables::Rule* jump = jumpTo(applied.model, chain.name))
+                    all.back().insert(all.back().begin(), jump);
+                index.add(all.back(), all.size() - 1);
+            }
+        }
+        for (const Conjunction& inner : all) {
+            std::set<std::size_t> found;
+            index.find(inner, [&](std::span<const std::size_t> numbers) {
+                EXPECT_TRUE(std::ranges::is_sorted(numbers));
+                found.insert(numbers.begin(), numbers.end());
+            });
+            for (std::size_t outer = 0; outer < all.size(); ++outer) {
+                if (covers(all[outer], inner)) {
+                    ++covering;
+                    ASSERT_TRUE(found.contains(outer)) << "seed " << seed;
+                }
+            }
+            left += all.size() - found.size();
+        }
+    }
+    EXPECT_GT(covering, 1000U);
+    EXPECT_GT(left, covering); // it leaves out something
 }
 
 ebtables::Command append(const std::string& chain, const std::string& options)
