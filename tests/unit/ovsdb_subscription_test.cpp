@@ -1,0 +1,248 @@
+// What is asked of a server, newer or older, what is made of its answers, and what it must not say.
+#include "platform_linux/ovsdb/subscription.hpp"
+
+#include "platform_linux/ovsdb/error.hpp"
+
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <iterator>
+
+namespace
+{
+
+using ovsdb::Json;
+using ovsdb::parseJson;
+using ovsdb::ProtocolError;
+using ovsdb::RpcSession;
+using ovsdb::SchemaError;
+using ovsdb::Subscription;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::ThrowsMessage;
+
+const std::string policies = "MoatKeeperInputPolicy";
+const std::string row = R"({"Id": 7, "Enabled": 1, "Interface": "eth0", "Policy": "DROP", "EnableLogging": 0})";
+const std::string uuid = "aaaaaaaa-0000-0000-0000-000000000001";
+const std::string first = "11111111-1111-1111-1111-111111111111";
+const std::string second = "22222222-2222-2222-2222-222222222222";
+const std::string none = "00000000-0000-0000-0000-000000000000";
+
+std::string rows(const std::string& change)
+{
+    return R"({")" + policies + R"(": {")" + uuid + R"(": )" + change + "}}";
+}
+
+class OvsdbSubscriptionTest : public testing::Test
+{
+protected:
+    void begin()
+    {
+        m_session.emplace();
+        m_subscription.begin(*m_session);
+    }
+    // The request that waits to be sent.
+    Json asked()
+    {
+        Json request = parseJson(m_session->output());
+        m_session->consumed(m_session->output().size());
+        m_id = *request.find("id")->asInteger();
+        return request;
+    }
+    std::string askedMethod() { return *asked().find("method")->asText(); }
+
+    Subscription::Progress take(const std::string& message)
+    {
+        m_session->receive(message);
+        const auto received = m_session->next();
+        return received ? m_subscription.handle(*received, *m_session) : Subscription::Progress();
+    }
+    Subscription::Progress answer(const std::string& result)
+    {
+        return take(R"({"id": )" + std::to_string(m_id) + R"(, "error": null, "result": )" + result + "}");
+    }
+    Subscription::Progress refuse()
+    {
+        return take(R"({"id": )" + std::to_string(m_id) + R"(, "result": null, "error": "unknown method"})");
+    }
+    Subscription::Progress notify(const std::string& method, const std::string& params)
+    {
+        return take(R"({"id": null, "method": ")" + method + R"(", "params": )" + params + "}");
+    }
+    void answerSchema()
+    {
+        begin();
+        EXPECT_EQ(askedMethod(), "get_schema");
+        std::ifstream file(MOATKEEPER_SCHEMA);
+        EXPECT_FALSE(answer({std::istreambuf_iterator<char>(file), {}}).synchronised);
+    }
+    // Up to the first state, which is one row.
+    void follow(int refusals = 0)
+    {
+        answerSchema();
+        for (int i = 0; i < refusals; ++i) {
+            asked();
+            refuse();
+        }
+        asked();
+        const std::string state = rows((refusals == 2 ? R"({"new": )" : R"({"initial": )") + row + "}");
+        EXPECT_TRUE(answer(refusals == 0 ? R"([false, ")" + first + R"(", )" + state + "]" : state).synchronised);
+    }
+    std::size_t count() const { return m_subscription.tables().rows(policies).size(); }
+
+    Subscription m_subscription{{policies}};
+    std::optional<RpcSession> m_session;
+    std::int64_t m_id = 0;
+};
+
+TEST_F(OvsdbSubscriptionTest, AsksForItsTablesAfterTheSchema)
+{
+    answerSchema();
+    EXPECT_EQ(m_subscription.schemaVersion(), "1.0.0");
+    EXPECT_FALSE(m_subscription.synchronised());
+    const Json request = asked();
+    EXPECT_EQ(*request.find("method")->asText(), "monitor_cond_since");
+    EXPECT_EQ(toText(*request.find("params")), R"(["moatkeeper","moatkeeper",{"MoatKeeperInputPolicy":[{"columns":)"
+                                               R"(["Id","Enabled","Interface","Policy","EnableLogging"]}]},")" +
+                                                   none + R"("])");
+}
+
+TEST_F(OvsdbSubscriptionTest, FollowsTheChanges)
+{
+    follow();
+    EXPECT_TRUE(m_subscription.synchronised());
+    EXPECT_EQ(count(), 1U);
+    const auto progress =
+        notify("update3", R"(["moatkeeper", ")" + second + R"(", )" + rows(R"({"delete": null})") + "]");
+    EXPECT_FALSE(progress.synchronised);
+    EXPECT_THAT(progress.changedTables, ElementsAre(policies));
+    EXPECT_EQ(count(), 0U);
+    EXPECT_THAT(notify("update3", R"(["moatkeeper", ")" + second + R"(", {}])").changedTables, IsEmpty());
+}
+
+TEST_F(OvsdbSubscriptionTest, ResumesWhereItWas)
+{
+    follow();
+    notify("update3", R"(["moatkeeper", ")" + second + R"(", {}])");
+    answerSchema(); // on the next connection
+    EXPECT_FALSE(m_subscription.synchronised());
+    EXPECT_EQ(count(), 1U) << "until the server has told its state";
+    EXPECT_EQ(*asked().find("params")->asArray()->back().asText(), second);
+    const auto progress = answer(R"([true, ")" + second + R"(", {}])");
+    EXPECT_TRUE(progress.synchronised);
+    EXPECT_THAT(progress.changedTables, IsEmpty());
+    EXPECT_EQ(count(), 1U);
+}
+
+TEST_F(OvsdbSubscriptionTest, AServerThatDoesNotKnowTheTransactionTellsAll)
+{
+    follow();
+    answerSchema();
+    asked();
+    EXPECT_THAT(answer(R"([false, ")" + second + R"(", {}])").changedTables, ElementsAre(policies));
+    EXPECT_EQ(count(), 0U);
+}
+
+TEST_F(OvsdbSubscriptionTest, AnOlderServerIsAskedInItsOwnWay)
+{
+    follow(1);
+    EXPECT_THAT(notify("update2", R"(["moatkeeper", )" + rows(R"({"modify": {"Id": 8}})") + "]").changedTables,
+                ElementsAre(policies));
+    answerSchema();
+    EXPECT_EQ(askedMethod(), "monitor_cond_since") << "it may have been replaced by a newer one";
+    refuse();
+    EXPECT_EQ(askedMethod(), "monitor_cond");
+    refuse();
+    const Json request = asked();
+    EXPECT_EQ(*request.find("method")->asText(), "monitor");
+    EXPECT_NE((*request.find("params")->asArray())[2].find(policies)->asObject(), nullptr) << "no list in this one";
+}
+
+TEST_F(OvsdbSubscriptionTest, TheOldestServerTellsOldAndNewRows)
+{
+    follow(2);
+    EXPECT_EQ(count(), 1U);
+    EXPECT_THAT(notify("update", R"(["moatkeeper", )" + rows(R"({"old": )" + row + "}") + "]").changedTables,
+                ElementsAre(policies));
+    EXPECT_EQ(count(), 0U);
+}
+
+TEST_F(OvsdbSubscriptionTest, AServerThatRefusesEverythingIsNone)
+{
+    answerSchema();
+    asked();
+    refuse();
+    asked();
+    refuse();
+    asked();
+    EXPECT_THAT([&] { refuse(); }, ThrowsMessage<ProtocolError>(HasSubstr("subscription refused: unknown method")));
+}
+
+TEST_F(OvsdbSubscriptionTest, AServerWithoutTheDatabaseIsUnsuitable)
+{
+    begin();
+    asked();
+    EXPECT_THAT([&] { refuse(); },
+                ThrowsMessage<SchemaError>(HasSubstr("has no database \"moatkeeper\" (unknown method)")));
+    begin();
+    asked();
+    EXPECT_THROW(answer(R"({"name": "moatkeeper", "version": "1.0.0", "tables": {}})"), SchemaError);
+}
+
+TEST_F(OvsdbSubscriptionTest, AnswersOfAnotherShapeAreRefused)
+{
+    for (const std::string& result :
+         {std::string("{}"), std::string("null"), std::string("[]"), R"([false, ")" + first + R"("])",
+          R"(["no", ")" + first + R"(", {}])", std::string(R"([false, 5, {}])"),
+          std::string(R"([false, "no uuid", {}])"), R"([false, ")" + first + R"(", [], {}])",
+          R"([false, ")" + first + R"(", []])", R"([false, ")" + first + R"(", {"Elsewhere": {}}])"}) {
+        answerSchema();
+        asked();
+        EXPECT_THROW(answer(result), ProtocolError) << result;
+        EXPECT_FALSE(m_subscription.synchronised());
+    }
+}
+
+TEST_F(OvsdbSubscriptionTest, NotificationsOfAnotherShapeAreRefusedAndChangeNothing)
+{
+    const std::string gone = rows(R"({"delete": null})");
+    const std::pair<std::string, std::string> cases[] = {
+        {"update", R"(["moatkeeper", )" + gone + "]"},
+        {"update2", R"(["moatkeeper", )" + gone + "]"},
+        {"locked", R"(["moatkeeper"])"},
+        {"update3", R"(["moatkeeper", )" + gone + "]"},
+        {"update3", R"(["another", ")" + second + R"(", )" + gone + "]"},
+        {"update3", R"([7, ")" + second + R"(", )" + gone + "]"},
+        {"update3", R"(["moatkeeper", 7, )" + gone + "]"},
+        {"update3", R"(["moatkeeper", "no uuid", )" + gone + "]"},
+        {"update3", R"(["moatkeeper", ")" + second + R"(", "no tables"])"},
+        {"update3", "[]"},
+    };
+    for (const auto& [method, params] : cases) {
+        follow();
+        EXPECT_THROW(notify(method, params), ProtocolError) << method << params;
+        EXPECT_EQ(count(), 1U) << method << params;
+    }
+    follow(1);
+    EXPECT_THROW(notify("update3", R"(["moatkeeper", ")" + second + R"(", )" + gone + "]"), ProtocolError);
+    EXPECT_THROW(notify("update2", R"(["moatkeeper", )" + gone + ", 1]"), ProtocolError);
+}
+
+TEST_F(OvsdbSubscriptionTest, NothingIsToldBeforeTheAnswer)
+{
+    answerSchema();
+    EXPECT_THROW(notify("update3", R"(["moatkeeper", ")" + second + R"(", {}])"), ProtocolError);
+    begin();
+    EXPECT_THROW(notify("update3", R"(["moatkeeper", ")" + second + R"(", {}])"), ProtocolError);
+}
+
+TEST_F(OvsdbSubscriptionTest, TheAnswerToAnEarlierQuestionIsRefused)
+{
+    begin();
+    m_session->request("echo", Json::Array());
+    EXPECT_THAT([&] { take(R"({"id": 2, "result": [], "error": null})"); },
+                ThrowsMessage<ProtocolError>(HasSubstr("a request that was not made: id 2")));
+}
+
+} // namespace
