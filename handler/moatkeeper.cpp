@@ -160,7 +160,7 @@ int moatkeeper::ReadMoatKeeperRuleset(IConfigReader& source)
     if (g_debugMode)
         LogInfo(216, VAStr("%s: will read all MoatKeeperRules from Database", "ReadMoatKeeperRuleset"));
 
-    const std::list<EtherRule> previous = m_rules;
+    const std::pmr::list<EtherRule> previous(m_rules, &m_ruleMemory);
     m_rules.clear();
 
     tessera::ValueList values;
@@ -383,16 +383,16 @@ int moatkeeper::ReadMoatKeeperFilterRules(IConfigReader& source)
     return changed;
 }
 
-template <typename Record>
-bool moatkeeper::RecordsDiffer(const std::list<Record>& current, const std::list<Record>& previous,
-                               const char* equalName, int equalLine, const char* changedName, int changedLine) const
+template <typename Records>
+bool moatkeeper::RecordsDiffer(const Records& current, const Records& previous, const char* equalName, int equalLine,
+                               const char* changedName, int changedLine) const
 {
     if (current.size() != previous.size())
         return true;
 
     bool changed = false;
     auto before = previous.begin();
-    for (const Record& record : current) {
+    for (const auto& record : current) {
         if (record != *before) {
             changed = true;
             if (g_debugMode)

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <list>
+#include <memory_resource>
 #include <string>
 
 namespace zol::moatkeeper
@@ -56,9 +57,9 @@ private:
     std::string GetFilterMatchCriteria(std::int32_t id) const;
 
     // Compares two lists position by position, logging each position with what it holds in debug mode.
-    template <typename Record>
-    bool RecordsDiffer(const std::list<Record>& current, const std::list<Record>& previous, const char* equalName,
-                       int equalLine, const char* changedName, int changedLine) const;
+    template <typename Records>
+    bool RecordsDiffer(const Records& current, const Records& previous, const char* equalName, int equalLine,
+                       const char* changedName, int changedLine) const;
 
     void Init();
     void CleanUp();
@@ -88,7 +89,9 @@ private:
     std::string m_globalInputPolicy;
     std::string m_globalForwardingPolicy;
     cfg::ActionQueue* m_actionQueue = nullptr; // the platform's, from the first commit on
-    std::list<EtherRule> m_rules;
+    // Keeps the rules close together, in whatever order their list has them.
+    std::pmr::unsynchronized_pool_resource m_ruleMemory;
+    std::pmr::list<EtherRule> m_rules{&m_ruleMemory};
     std::list<ForwardingPolicy> m_forwardingPolicies;
     std::list<InputPolicy> m_inputPolicies;
     std::list<BridgeFilter> m_filters;

@@ -76,6 +76,15 @@ public:
         return missing;
     }
 
+    // Sets names to the columns that have a value, in the order in which they got their first.
+    void getNames(NameList& names) const
+    {
+        names.clear();
+        names.reserve(m_values.size());
+        for (const auto& [name, value] : m_values)
+            names.push_back(name);
+    }
+
 private:
     std::vector<std::pair<std::string, Value>> m_values;
 };

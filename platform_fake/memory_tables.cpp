@@ -1,14 +1,10 @@
 #include "platform_fake/memory_tables.hpp"
 
-#include <algorithm>
-
 namespace fake
 {
 
 Row& Row::set(std::string_view column, tessera::Value value)
 {
-    if (std::find(m_names.begin(), m_names.end(), column) == m_names.end())
-        m_names.emplace_back(column);
     m_values.setValue(column, std::move(value));
     return *this;
 }
@@ -57,8 +53,8 @@ zol::cfg::ConfigStatus MemoryTables::readRow(const std::string& tableName, std::
     const std::vector<Row>* held = rows(tableName);
     if (held == nullptr || rowIndex >= held->size())
         return {false, "no row " + std::to_string(rowIndex) + " in table \"" + tableName + "\""};
-    names = (*held)[rowIndex].names();
     values = (*held)[rowIndex].values();
+    values.getNames(names);
     return {};
 }
 

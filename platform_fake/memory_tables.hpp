@@ -26,11 +26,9 @@ public:
     Row& set(std::string_view column, const char* text) { return set(column, std::string(text)); }
     Row& set(std::string_view column, tessera::Value value);
 
-    const tessera::NameList& names() const { return m_names; }
     const tessera::ValueList& values() const { return m_values; }
 
 private:
-    tessera::NameList m_names;
     tessera::ValueList m_values;
 };
 

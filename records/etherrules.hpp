@@ -2,9 +2,10 @@
 #pragma once
 
 #include "platform/sysloglevel.h"
+#include "records/text_store.hpp"
 
 #include <cstdint>
-#include <string>
+#include <string_view>
 
 namespace zol::cfg
 {
@@ -22,18 +23,23 @@ public:
     // rulePrio: smaller is earlier. outInterface: empty selects the input chain. vlanId: -1 is no VLAN match.
     // ipProto: "UDP", "TCP" or empty. ipPort: 0 is no port match. target: "ACCEPT" or "DROP".
     // enableLogging: exactly 1 logs matching frames. All texts go into the lines as they are.
-    EtherRule(std::int32_t id, std::int32_t rulePrio, std::string inInterface, std::string outInterface,
-              std::string dstMAC, std::string srcMAC, std::int32_t vlanId, std::string ethertype, std::string ipSrcAddr,
-              std::string ipDstAddr, std::string ipProto, std::int32_t ipPort, std::string target,
-              std::int32_t enableLogging);
+    EtherRule(std::int32_t id, std::int32_t rulePrio, std::string_view inInterface, std::string_view outInterface,
+              std::string_view dstMAC, std::string_view srcMAC, std::int32_t vlanId, std::string_view ethertype,
+              std::string_view ipSrcAddr, std::string_view ipDstAddr, std::string_view ipProto, std::int32_t ipPort,
+              std::string_view target, std::int32_t enableLogging);
+
+    // Defaulted, but not here: whoever copies rules copies thousands, and etherrules.cpp is built for speed.
+    EtherRule(const EtherRule& other);
+    EtherRule& operator=(const EtherRule& other);
 
     // Hands the add line to the queue and has it carried out; returns what the queue's process returns.
     int ApplySystemCall(cfg::ActionQueue& queue) const;
 
     std::int32_t id() const { return m_id; }
     std::int32_t rulePrio() const { return m_rulePrio; }
-    const std::string& addCommand() const { return m_addCommand; }
-    const std::string& deleteCommand() const { return m_deleteCommand; }
+    // Valid as long as the record.
+    std::string_view addCommand() const { return m_texts[AddCommand]; }
+    std::string_view deleteCommand() const { return m_texts[DeleteCommand]; }
 
     // Compares the row values; the lines follow from them.
     bool operator==(const EtherRule& other) const;
@@ -41,23 +47,30 @@ public:
 private:
     void AssembleSystemCalls();
 
+    // The texts as they are stored: the row's, named for their columns, then the lines.
+    enum Text : std::size_t {
+        InInterface,
+        OutInterface,
+        DstMAC,
+        SrcMAC,
+        Ethertype,
+        IPSrcAddr,
+        IPDstAddr,
+        IPProto,
+        Target,
+        rowTexts,
+        DeleteCommand = rowTexts,
+        AddCommand,
+        allTexts
+    };
+
     std::int32_t m_id;
     std::int32_t m_rulePrio;
-    std::string m_inInterface;
-    std::string m_outInterface;
-    std::string m_dstMAC;
-    std::string m_srcMAC;
     std::int32_t m_vlanId;
-    std::string m_ethertype;
-    std::string m_ipSrcAddr;
-    std::string m_ipDstAddr;
-    std::string m_ipProto;
     std::int32_t m_ipPort;
-    std::string m_target;
     std::int32_t m_enableLogging;
-    std::string m_addCommand;
-    std::string m_deleteCommand;
     ZOL_Sysloglevel_Module m_logModule;
+    TextStore<allTexts> m_texts;
 };
 
 } // namespace zol::moatkeeper
