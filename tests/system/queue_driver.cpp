@@ -1,12 +1,10 @@
 // Drives a command queue from standard input, for tests and benchmarks.
 //
-// usage: queue_driver [--tools FOLDER] [--record FOLDER] [--time MS] [--first-pause MS]
+// usage: queue_driver [--tools FOLDER] [--record FOLDER]
 // Each input line is a verb:
 //   add LINE      addCommand          process       process        begin / end   around a delivery
-//   retry         retry               retry-in      prints the pause in milliseconds or "none"
 //   kill          SIGKILL to itself   state         prints "ready" (to wait for what came before)
-//   start         lines that follow are collected; end-from-start queues each, closes its group and carries all out
-// `end`, `end-from-start` and `retry` print how many microseconds they took.
+// `end` prints how many microseconds it took.
 //
 // usage: queue_driver --direct
 // Takes command lines, and "kernel-refuses CHAIN" for a rule that the tool takes and the kernel does not; applies them
@@ -18,7 +16,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -60,37 +57,15 @@ int direct()
 bool handle(zol::cfg::TransactionQueue& queue, const std::string& verb, const std::string& rest)
 {
     const Clock::time_point start = Clock::now();
-    static std::vector<std::string> script;
-    static bool collecting = false;
-    if (verb == "start") {
-        collecting = true;
-        script.clear();
-    } else if (verb == "end-from-start") {
-        collecting = false;
-        queue.beginDelivery();
-        for (const std::string& line : script) {
-            queue.addCommand(line);
-            queue.process();
-        }
-        queue.endDelivery();
-        std::cout << verb << ' ' << microsecondsSince(start) << std::endl;
-    } else if (verb == "add" && collecting) {
-        script.push_back(rest);
-    } else if (verb == "add") {
+    if (verb == "add") {
         queue.addCommand(rest);
     } else if (verb == "process") {
         std::cout << "process " << queue.process() << std::endl;
     } else if (verb == "begin") {
         queue.beginDelivery();
-    } else if (verb == "end" || verb == "retry") {
-        if (verb == "end")
-            queue.endDelivery();
-        else
-            queue.retry();
+    } else if (verb == "end") {
+        queue.endDelivery();
         std::cout << verb << ' ' << microsecondsSince(start) << std::endl;
-    } else if (verb == "retry-in") {
-        const auto pause = queue.retryIn();
-        std::cout << "retry-in " << (pause ? std::to_string(pause->count()) : "none") << std::endl;
     } else if (verb == "kill") {
         raise(SIGKILL);
     } else if (verb == "state") {
@@ -116,21 +91,8 @@ int main(int argc, char** argv)
             options.tools = {value + "/ebtables", value + "/ebtables-restore", value + "/ebtables-save"};
         else if (option == "--record")
             options.recordFolder = value;
-        else if (option == "--time")
-            options.limits.time = std::chrono::milliseconds(std::atoi(value.c_str()));
-        else if (option == "--first-pause")
-            options.firstPause = std::chrono::milliseconds(std::atoi(value.c_str()));
     }
     ZOL_Sysloglevel_construct2("", argv[0]);
-    // As in the daemon: a stop signal has a handler and is held back but while something is waited for.
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGTERM, &action, nullptr);
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stop, nullptr);
-
     zol::cfg::TransactionQueue queue(options);
     for (std::string line; std::getline(std::cin, line);) {
         const std::size_t blank = line.find(' ');

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""The command queue against the kernel's bridge tables, in a network namespace of its own.
+"""The command queue against the kernel's bridge tables, in a network namespace of its own. What it does when the tool
+cannot run is tested without a kernel: tests/unit/transaction_queue_test.cpp and tests/process/commit_test.py.
 
 usage: queue_test.py QUEUE_DRIVER [unittest arguments]"""
 import os
 import random
 import shutil
-import signal
 import subprocess
 import sys
 import tempfile
@@ -29,12 +29,10 @@ def tables():
 class Queue:
     """A running driver."""
 
-    def __init__(self, folder, tools=None, **options):
+    def __init__(self, folder, tools=None):
         words = [DRIVER, "--record", os.path.join(folder, "record")]
         if tools:
             words += ["--tools", tools]
-        for name, value in options.items():
-            words += ["--" + name.replace("_", "-"), str(value)]
         self.errors = tempfile.TemporaryFile("w+", dir=folder)
         self.process = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors, text=True)
 
@@ -257,69 +255,6 @@ class QueueTest(unittest.TestCase):
     def test_refusals_are_found_where_no_namespace_can_be_made(self):
         self.check_kernel_refusals(200, set(range(0, 200, 4)), "setpriv", "--bounding-set=-sys_admin")
 
-    def test_missing_tool_loses_nothing(self):
-        tools = self.tools()
-        os.rename(tools + "/ebtables-restore", tools + "/away")
-        queue = Queue(self.folder, tools, first_pause=20)
-        queue.commit(SETUP)
-        queue.send("retry-in")
-        self.assertLessEqual(int(queue.answer("retry-in")), 20)
-        pauses = []
-        for _ in range(3):
-            deadline = time.monotonic() + 10
-            while time.monotonic() < deadline:
-                queue.send("retry-in")
-                left = int(queue.answer("retry-in"))
-                if left == 0:
-                    break
-            queue.send("retry", "retry-in")
-            queue.answer("retry")
-            pauses.append(int(queue.answer("retry-in")))
-        self.assertTrue(pauses[0] > 20 and pauses[1] > pauses[0] and pauses[2] > pauses[1], pauses)
-        os.rename(tools + "/away", tools + "/ebtables-restore")
-        queue.send("add " + mac_rule(5), "process")
-        deadline = time.monotonic() + 10
-        while "-A INPUT -j UserInputRules" not in tables() and time.monotonic() < deadline:
-            queue.send("retry", "retry-in")
-            queue.answer("retry")
-            queue.answer("retry-in")
-        self.assertIn("-A UserInputRules -s 02:00:00:00:00:05 -j DROP", tables())
-        queue.finish()
-        log = queue.log()
-        self.assertEqual(log.count("cannot be changed"), 1, log)
-        self.assertIn("install the package ebtables", log)
-        self.assertIn("can be changed again", log)
-
-    def test_not_executable_killed_and_without_privilege(self):
-        cases = {"make it executable": None, "killed by signal 9": "#!/bin/sh\nkill -9 $$\n",
-                 "CAP_NET_ADMIN": "#!/bin/sh\necho 'ebtables-restore v1.8.9 (nf_tables): Could not fetch rule set "
-                                  "generation id: Permission denied (you must be root)' >&2\nexit 4\n",
-                 "built with nf_tables": "#!/bin/sh\necho 'ebtables-restore: Failed to initialize nft: Protocol not "
-                                         "supported' >&2\nexit 1\n"}
-        for expected, script in cases.items():
-            tools = self.tools(ebtables_restore=script or "x")
-            if script is None:
-                os.chmod(tools + "/ebtables-restore", 0o644)
-            queue = Queue(self.folder, tools, first_pause=10)
-            queue.commit(SETUP)
-            self.assertIn(expected, queue.log())
-            self.assertNotIn("UserInputRules", str(tables()))
-            shutil.copy("/usr/sbin/ebtables-restore", tools + "/ebtables-restore")
-            self.tools()
-            queue.finish()
-            self.assertIn("-A INPUT -j UserInputRules", tables(), queue.log())
-            sh("nft", "flush", "ruleset")
-            shutil.rmtree(self.folder + "/record")
-
-    def test_a_hung_tool_is_killed(self):
-        tools = self.tools(ebtables_restore="#!/bin/sh\nexec sleep 1000\n")
-        queue = Queue(self.folder, tools, time=300, first_pause=60000)
-        self.assertLess(queue.commit(SETUP), 5)
-        self.assertIn("did not end within 300 ms", queue.log())
-        self.tools()
-        queue.finish()
-        self.assertIn("-A INPUT -j UserInputRules", tables())
-
     def test_what_waited_until_the_clean_up_leaves_nothing(self):
         tools = self.tools(ebtables_restore="#!/bin/sh\nkill -9 $$\n")
         queue = Queue(self.folder, tools)
@@ -329,21 +264,6 @@ class QueueTest(unittest.TestCase):
         queue.finish()
         self.assertNotIn("refused", queue.log())
         self.assertNotIn("UserInputRules", str(tables()))
-
-    def test_a_stop_signal_ends_the_wait_for_a_hung_tool(self):
-        tools = self.tools(ebtables_restore=f"#!/bin/sh\ntouch {self.folder}/hangs\nexec sleep 1000\n")
-        queue = Queue(self.folder, tools)
-        queue.send("begin", *["add " + line for line in SETUP], "process", "end")
-        deadline = time.monotonic() + 10
-        while not os.path.exists(self.folder + "/hangs") and time.monotonic() < deadline:
-            time.sleep(0.01)
-        start = time.monotonic()
-        os.kill(queue.process.pid, signal.SIGTERM)
-        queue.answer("end")
-        self.assertLess(time.monotonic() - start, 5)
-        self.tools()
-        queue.finish()
-        self.assertIn("is to stop", queue.log())
 
     def test_a_killed_process_leaves_nothing_behind_its_successor(self):
         sh("ebtables", "-N", "Foreign")
@@ -375,48 +295,6 @@ class QueueTest(unittest.TestCase):
         queue.finish()
         self.assertEqual([r for r in tables() if "User" in r or "Other" in r], [])
         self.assertIn("-A FORWARD -i eth3 -j DROP", tables())
-
-    def test_damaged_and_foreign_records_are_ignored(self):
-        def damage(text):
-            return text.replace("chain UserInputRules", "chain Foreign")
-        for change, mode, expected in ((damage, 0o600, "checksum"), (lambda t: t[:20], 0o600, "checksum"),
-                                       (lambda t: t, 0o666, "written by others"), (lambda t: "", 0o600, "checksum"),
-                                       (lambda t: t.replace("namespace ", "namespace 9"), 0o600, "checksum")):
-            sh("nft", "flush", "ruleset")
-            sh("ebtables", "-N", "Foreign")
-            queue = Queue(self.folder)
-            queue.commit(SETUP)
-            queue.kill()
-            path = self.folder + "/record/tables"
-            self.assertEqual(os.stat(self.folder + "/record").st_mode & 0o777, 0o700)
-            with open(path, encoding="utf-8") as file:
-                text = file.read()
-            with open(path, "w", encoding="utf-8") as file:
-                file.write(change(text))
-            os.chmod(path, mode)
-            left = tables()
-            queue = Queue(self.folder)
-            queue.finish()
-            self.assertIn("is ignored", queue.log())
-            self.assertIn(expected, queue.log())
-            self.assertEqual(tables(), left)
-            os.remove(path)
-
-    def test_legacy_tool_runs_lines_one_at_a_time(self):
-        legacy = (f'#!/bin/sh\nif [ "$1" = --version ]; then echo "ebtables v2.0.10-4 (legacy) (December 2011)"; exit; fi\n'
-                  f'for word in "$@"; do printf "[%s]" "$word"; done >> {self.folder}/lines\necho >> {self.folder}/lines\n'
-                  f'case "$*" in *Missing*) echo "Chain Missing does not exist." >&2; exit 255;; esac\n')
-        queue = Queue(self.folder, self.tools(ebtables=legacy))
-        queue.commit(SETUP + [mac_rule(1, "Missing"),
-                              'ebtables -A UserInputRules --log --log-prefix "Moatkeeper denied: " -j DROP'])
-        queue.process.kill()
-        queue.finish()
-        lines = open(self.folder + "/lines", encoding="utf-8").read().splitlines()
-        self.assertEqual(lines[0], "[-N][UserInputRules]")
-        self.assertEqual(lines[4], "[-A][UserInputRules][--log-level][5][--log-prefix][Moatkeeper denied: ][-j][DROP]")
-        self.assertEqual(len(lines), 5)
-        self.assertIn("not atomic", queue.log())
-        self.assertIn("does not exist", queue.log())
 
 
 if __name__ == "__main__":
