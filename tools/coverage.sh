@@ -5,10 +5,12 @@ set -eu
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
 
+umask 000 # a test runs a program as an ordinary user, whose counts are to be added as well
 cmake --preset coverage >/dev/null
 cmake --build --preset coverage
 find build/coverage -name '*.gcda' -delete
-ctest --preset coverage -LE install -j "$(nproc)" "$@"
+status=0
+ctest --preset coverage -LE install -j "$(nproc)" "$@" || status=$?
 
 report() { # what, further arguments
     gcovr -r . build/coverage -j "$(nproc)" --exclude-unreachable-branches --exclude-throw-branches \
@@ -25,3 +27,4 @@ for folder in daemon handler records platform_linux; do
     printf '\n%s\n' "$folder"
     gcovr -r . --add-tracefile build/coverage/coverage.json --filter "$folder/" --print-summary --output build/coverage/summary.txt
 done
+exit $status
