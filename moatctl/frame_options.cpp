@@ -20,7 +20,7 @@ namespace
 [[noreturn]] void wrong(std::string_view option, const std::string& value, std::string_view expected)
 {
     throw Failure(ExitStatus::BadInput,
-                  std::string(option) + ": " + inQuotes(value) + ": expected " + std::string(expected));
+                  std::string(option) + ' ' + inQuotes(value) + ": expected " + std::string(expected));
 }
 
 std::string portName(std::string_view option, const std::string& name)
@@ -48,6 +48,19 @@ std::optional<std::array<std::uint8_t, N>> ipAddress(const std::string& word)
     return address;
 }
 
+std::string typeText(std::uint16_t type)
+{
+    if (type < ethertype::firstNumber)
+        return "a length";
+    if (type == ethertype::ip4)
+        return "IPv4";
+    if (type == ethertype::ip6)
+        return "IPv6";
+    std::array<char, 8> text{};
+    std::snprintf(text.data(), text.size(), "0x%04x", static_cast<unsigned>(type));
+    return text.data();
+}
+
 void setAddress(Frame& frame, std::string_view option, const std::string& word, std::optional<Ip4Address> Frame::*ip4,
                 std::optional<Ip6Address> Frame::*ip6)
 {
@@ -59,7 +72,7 @@ void setAddress(Frame& frame, std::string_view option, const std::string& word, 
         wrong(option, word, "one IPv4 or IPv6 address");
     const std::uint16_t type = frame.*ip4 ? ethertype::ip4 : ethertype::ip6;
     if (frame.type && *frame.type != type)
-        wrong(option, word, "an address of the frame's other IP address and --ethertype");
+        wrong(option, word, "an address of the same family as the other one and --ethertype: " + typeText(*frame.type));
     frame.type = type;
 }
 
@@ -92,19 +105,6 @@ std::string ipText(const std::array<std::uint8_t, N>& address)
     return text.data();
 }
 
-std::string typeText(std::uint16_t type)
-{
-    if (type < ethertype::firstNumber)
-        return "a length";
-    if (type == ethertype::ip4)
-        return "IPv4";
-    if (type == ethertype::ip6)
-        return "IPv6";
-    std::array<char, 8> text{};
-    std::snprintf(text.data(), text.size(), "0x%04x", static_cast<unsigned>(type));
-    return text.data();
-}
-
 } // namespace
 
 void addFrameOptions(CLI::App& app, FrameOptions& options)
@@ -114,16 +114,16 @@ void addFrameOptions(CLI::App& app, FrameOptions& options)
         ->type_name("PORT");
     app.add_option("--src-mac", options.sourceMac, "Its source MAC address")->type_name("MAC")->required();
     app.add_option("--dst-mac", options.destinationMac, "Its destination MAC address")->type_name("MAC")->required();
-    app.add_option("--vlan", options.vlan, "Its tag; an untagged frame without it")->type_name("ID");
-    app.add_option("--vlan-prio", options.vlanPriority, "The tag's priority, 0 without it")->type_name("PRIO");
+    app.add_option("--vlan", options.vlan, "Its tag; an untagged frame without it")->type_name("NUMBER");
+    app.add_option("--vlan-prio", options.vlanPriority, "The tag's priority, 0 without it")->type_name("NUMBER");
     app.add_option("--ethertype", options.ethertype,
                    "What it carries, behind a tag if there is one: IPv4, ARP, 0x88cc, LENGTH for an IEEE 802.3 frame")
         ->type_name("TYPE");
     app.add_option("--src", options.source, "IP source address")->type_name("IP");
     app.add_option("--dst", options.destination, "IP destination address")->type_name("IP");
     app.add_option("--proto", options.protocol, "IP protocol: tcp, udp, icmp or a number")->type_name("PROTO");
-    app.add_option("--port", options.port, "TCP or UDP destination port")->type_name("PORT");
-    app.add_option("--src-port", options.sourcePort, "TCP or UDP source port")->type_name("PORT");
+    app.add_option("--port", options.port, "TCP or UDP destination port; needs --proto")->type_name("NUMBER");
+    app.add_option("--src-port", options.sourcePort, "TCP or UDP source port; needs --proto")->type_name("NUMBER");
     app.add_flag("--fragment", options.fragment, "It is a later fragment of an IP packet: it has no ports");
 }
 
@@ -161,6 +161,11 @@ Frame frameOf(const FrameOptions& options)
         if (!protocol)
             wrong("--proto", options.protocol, "tcp, udp, another name of an IP protocol, or a number from 0 to 255");
         frame.protocol = static_cast<std::uint8_t>(protocol->first);
+    }
+    for (const auto& [option, port] :
+         {std::pair("--port", options.port), std::pair("--src-port", options.sourcePort)}) {
+        if (port && !frame.protocol)
+            wrong(option, std::to_string(*port), "--proto tcp or udp with it");
     }
     if (options.port)
         frame.destinationPort = number("--port", *options.port, 65535);

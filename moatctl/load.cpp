@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -48,7 +49,13 @@ public:
             parse(ovsdb::parseJson(text, {.comments = true}));
         } catch (const ovsdb::JsonError& error) {
             m_result.readable = false;
-            report(error.offset(), "", 0, "", error.what());
+            const bool empty = text.find_first_not_of(" \t\r\n") == std::string_view::npos;
+            std::string reason = error.what(); // a sentence
+            reason.front() = static_cast<char>(std::tolower(static_cast<unsigned char>(reason.front())));
+            if (reason.ends_with('.'))
+                reason.pop_back();
+            report(error.offset(), "", 0, "",
+                   (empty ? "nothing in it" : "no JSON: " + reason) + "; expected an object with a list of rows per table");
         }
     }
     LoadedFile take() { return std::move(m_result); }

@@ -1,5 +1,7 @@
 #include "moatctl/output.hpp"
 
+#include "moatctl/command_line_error.hpp"
+
 #include "moatctl/configuration.hpp"
 #include "platform_linux/ovsdb/json.hpp"
 
@@ -140,7 +142,7 @@ void addOutputOptions(CLI::App& app, OutputStyle& style)
         {"table", Format::Table}, {"json", Format::Json}, {"csv", Format::Csv}};
     app.add_option_function<std::string>(
            "--format", [&style](const std::string& name) { style.format = formats.at(name); }, "Form of the output")
-        ->check(CLI::IsMember({"table", "json", "csv"}).description(""))
+        ->check(oneOf({"table", "json", "csv"}))
         ->type_name("table|json|csv")
         ->default_str("table");
     app.add_flag_function(

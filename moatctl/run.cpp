@@ -1,9 +1,11 @@
+#include "moatctl/command_line_error.hpp"
 #include "moatctl/edit.hpp"
 #include "moatctl/problem.hpp"
 #include "moatctl/verb.hpp"
 
 #include <cmath>
 #include <ostream>
+#include <sstream>
 
 namespace moatctl
 {
@@ -34,17 +36,6 @@ ExitStatus carryOut(Program& program)
 }
 
 } // namespace
-
-std::string oneLine(std::string text)
-{
-    while (!text.empty() && text.back() == '\n')
-        text.pop_back();
-    for (char& character : text) {
-        if (character == '\n')
-            character = ' ';
-    }
-    return text;
-}
 
 CLI::App* addSubcommand(CLI::App& parent, const std::string& name, const std::string& description,
                         const std::string& example)
@@ -79,8 +70,11 @@ void describeCommandLine(CLI::App& root, Program& program, bool onlyChanges)
         root.add_option_function<double>(
                 "--timeout",
                 [&program](const double& seconds) {
-                    if (!(seconds > 0) || seconds > longestTimeout)
-                        throw CLI::ValidationError("--timeout", "expected seconds, more than 0 and at most 3600");
+                    if (!(seconds > 0) || seconds > longestTimeout) {
+                        std::ostringstream text;
+                        text << "--timeout \"" << seconds << "\": expected seconds, more than 0 and at most 3600";
+                        throw Failure(ExitStatus::BadInput, text.str());
+                    }
                     program.server.timeout =
                         std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(seconds * 1000)));
                 },
@@ -107,10 +101,7 @@ int run(int argc, const char* const* argv, Program& program)
     } catch (const CLI::CallForVersion& version) {
         root.exit(version, program.out, program.err);
     } catch (const CLI::ParseError& error) {
-        const std::vector<std::string> rest = root.remaining();
-        const bool noVerb = root.get_subcommands().empty() && !rest.empty();
-        program.err << "moatctl: " << (noVerb ? "unknown verb " + inQuotes(rest.front()) : oneLine(error.what()))
-                    << " (see moatctl --help)\n";
+        program.err << "moatctl: " << describeError(error, root) << '\n';
         status = ExitStatus::BadInput;
     } catch (const Failure& failure) {
         program.err << "moatctl: " << failure.what() << '\n';

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <set>
 
 namespace moatctl
 {
@@ -64,6 +65,17 @@ std::string priorityColumn(const TableVerb& verb)
     return it != verb.options.end() ? it->column : "";
 }
 
+// Throws Failure(BadInput) with the first thing that is wrong with the row.
+void requireGood(const TableVerb& verb, const Configuration& configuration, const Row& row)
+{
+    const std::vector<Problem> problems = checkRow(configuration, row);
+    if (problems.empty())
+        return;
+    const auto option = std::ranges::find(verb.options, problems.front().column, &ColumnOption::column);
+    throw Failure(ExitStatus::BadInput, (option != verb.options.end() ? option->name : problems.front().column) + ' ' +
+                                            problems.front().text);
+}
+
 // A row that does the same: equal but for the Id, and for a priority that was not asked for.
 const Row* findEqual(const Configuration& configuration, Row row, const std::string& priority)
 {
@@ -100,7 +112,7 @@ void checkAdd(const TableVerb& verb, const Given& given)
         verb.complete(given, row);
     requireOptions(verb, row);
     if (verb.table != TableId::FilterRules) // these depend on their filter
-        requireGood({}, row);
+        requireGood(verb, {}, row);
 }
 
 void checkSet(const TableVerb& verb, const Given& given)
@@ -117,7 +129,11 @@ void checkSet(const TableVerb& verb, const Given& given)
 
 void checkRows(const TableVerb&, const Given& given)
 {
-    checkIds(given);
+    std::set<std::int32_t> seen;
+    for (const std::int32_t id : given.ids("ID")) {
+        if (!seen.insert(id).second)
+            throw Failure(ExitStatus::BadInput, "ID " + std::to_string(id) + " is given twice: expected each once");
+    }
 }
 
 void addRow(const TableVerb& verb, const Given& given, Editor& editor)
@@ -140,7 +156,7 @@ void addRow(const TableVerb& verb, const Given& given, Editor& editor)
     }
     if (verb.arrange)
         verb.arrange(given, editor, row, true);
-    requireGood(configuration, row);
+    requireGood(verb, configuration, row);
     const std::int32_t id = row.id();
     if (!configuration.add(std::move(row)))
         throw Failure(ExitStatus::Conflict, nameOfRow(verb, id) + " is there already" +
@@ -162,7 +178,7 @@ void setRow(const TableVerb& verb, const Given& given, Editor& editor)
         verb.complete(given, row);
     if (verb.arrange)
         verb.arrange(given, editor, row, false);
-    requireGood(editor.configuration, row);
+    requireGood(verb, editor.configuration, row);
     *editor.configuration.find(verb.table, id) = std::move(row);
 }
 
@@ -282,14 +298,6 @@ std::int32_t nextPriority(const Configuration& configuration, TableId table, std
     if (largest > std::numeric_limits<std::int32_t>::max() - step)
         throw Failure(ExitStatus::Conflict, "no larger priority is left: give one with --priority");
     return largest + step;
-}
-
-void requireGood(const Configuration& configuration, const Row& row)
-{
-    const std::vector<Problem> problems = checkRow(configuration, row);
-    if (!problems.empty())
-        throw Failure(ExitStatus::BadInput,
-                      std::string(row.table->word) + ": " + problems.front().column + ' ' + problems.front().text);
 }
 
 void addTableVerb(CLI::App& root, Program& program, const TableVerb& description)

@@ -66,7 +66,4 @@ void addTableVerb(CLI::App& root, Program& program, const TableVerb& verb);
 // The largest priority plus ten; ten for the first row.
 std::int32_t nextPriority(const Configuration& configuration, TableId table, std::string_view column);
 
-// Throws Failure(BadInput) with the first thing that is wrong with the row.
-void requireGood(const Configuration& configuration, const Row& row);
-
 } // namespace moatctl

@@ -56,9 +56,6 @@ CLI::Option* addFlag(CLI::App& app, const std::string& name, const std::string& 
 // Adds the options and verbs of the whole program; with onlyChanges those that may stand in a batch.
 void describeCommandLine(CLI::App& root, Program& program, bool onlyChanges = false);
 
-// A message of the command-line library without its line breaks.
-std::string oneLine(std::string text);
-
 // The whole program, as main runs it. Returns the exit status.
 int run(int argc, const char* const* argv, Program& program);
 

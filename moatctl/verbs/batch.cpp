@@ -1,7 +1,10 @@
 #include "moatctl/batch.hpp"
 
+#include "moatctl/command_line_error.hpp"
+
 #include "moatctl/edit.hpp"
 #include "moatctl/load.hpp"
+#include "moatctl/problem.hpp"
 #include "moatctl/verbs.hpp"
 
 #include <algorithm>
@@ -71,6 +74,10 @@ private:
 
     void parseLine(CLI::App& root, Program& inner, std::string_view line, std::size_t number)
     {
+        const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r'; };
+        if (const auto control = std::ranges::find_if(line, isControl); control != line.end())
+            throw Failure(ExitStatus::BadInput, m_name + ':' + std::to_string(number) + ": no text, found " +
+                                                    inQuotes(std::string_view(&*control, 1)) + "; nothing was changed");
         SplitLine split = splitLine(line);
         if (!split.error.empty()) {
             m_wrongLines.push_back({number, ExitStatus::BadInput, split.error});
@@ -90,7 +97,7 @@ private:
         } catch (const CLI::Success&) {
             m_wrongLines.push_back({number, ExitStatus::BadInput, "--help has no place in a batch"});
         } catch (const CLI::ParseError& error) {
-            m_wrongLines.push_back({number, ExitStatus::BadInput, oneLine(error.what())});
+            m_wrongLines.push_back({number, ExitStatus::BadInput, describeError(error, root)});
         } catch (const Failure& failure) {
             m_wrongLines.push_back({number, failure.status(), failure.what()});
         }

@@ -47,7 +47,10 @@ ExitStatus check(Program& program, const Options& options)
     if (!options.elsewhere)
         checkOptions.interfaceExists = isInterfaceHere;
     std::vector<Problem> problems = loaded.problems;
-    for (Problem& problem : checkConfiguration(loaded.configuration, checkOptions)) {
+    std::vector<Problem> found;
+    if (loaded.readable)
+        found = checkConfiguration(loaded.configuration, checkOptions);
+    for (Problem& problem : found) {
         // The reader of a file has told of some already.
         if (std::ranges::find(loaded.problems, problem) == loaded.problems.end())
             problems.push_back(std::move(problem));

@@ -1,3 +1,4 @@
+#include "moatctl/command_line_error.hpp"
 #include "moatctl/expected.hpp"
 #include "moatctl/frame_options.hpp"
 #include "moatctl/load.hpp"
@@ -7,6 +8,7 @@
 
 #include <memory>
 #include <ostream>
+#include <set>
 #include <utility>
 
 namespace moatctl
@@ -141,9 +143,13 @@ ExitStatus explain(Program& program, const Options& options)
         configuration = std::move(loaded.configuration);
     }
     const Applied applied = apply(expectedOf(configuration));
-    for (const RefusedLine& refused : applied.refused)
-        program.err << "note: " << nameOfOrigin(refused.origin)
-                    << ": a line is left out because the tool would refuse it (see moatctl check)\n";
+    std::set<const Row*> noted;
+    for (const RefusedLine& refused : applied.refused) {
+        if (noted.insert(refused.origin).second)
+            program.err << "note: "
+                        << (refused.origin != nullptr ? nameOfOrigin(refused.origin) : "the missing row of MoatKeeper")
+                        << ": a line is left out because the tool would refuse it (see moatctl check)\n";
+    }
 
     const Walk walked = walk(applied.model, frame);
     if (options.json)
@@ -168,7 +174,7 @@ void addExplain(CLI::App& root, Program& program)
     app->add_option_function<std::string>(
            "--format", [options](const std::string& format) { options->json = format == "json"; }, "table or json")
         ->type_name("FORMAT")
-        ->check(CLI::IsMember({"table", "json"}));
+        ->check(oneOf({"table", "json"}));
     app->callback([&program, options] { program.action = [&program, options] { return explain(program, *options); }; });
 }
 

@@ -1,3 +1,4 @@
+#include "moatctl/command_line_error.hpp"
 #include "moatctl/difference.hpp"
 #include "moatctl/load.hpp"
 #include "moatctl/time_stamp.hpp"
@@ -86,7 +87,7 @@ void addMonitor(CLI::App& root, Program& program)
                                   "away is waited for",
                                   "monitor --format=json");
     app->add_option("--format", *format, "Form of a change: a line for people, or a JSON object on a line")
-        ->check(CLI::IsMember({"text", "json"}).description(""))
+        ->check(oneOf({"text", "json"}))
         ->type_name("text|json")
         ->capture_default_str();
     app->callback(

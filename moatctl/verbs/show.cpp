@@ -1,5 +1,6 @@
 #include "moatctl/kernel_order.hpp"
 #include "moatctl/load.hpp"
+#include "moatctl/problem.hpp"
 #include "moatctl/sheets.hpp"
 #include "moatctl/verbs.hpp"
 
@@ -40,10 +41,10 @@ void addShow(CLI::App& root, Program& program)
                     "global, policy, forward-policy, rule, filter, filter-rule or a table's name on the server; "
                     "all tables when left out")
         ->check([](const std::string& name) {
-            return findTable(name) != nullptr ? std::string()
-                                              : "no table is called \"" + name +
-                                                    "\": expected global, policy, forward-policy, rule, filter or "
-                                                    "filter-rule";
+            return findTable(name) != nullptr
+                       ? std::string()
+                       : inQuotes(name) + ": expected global, policy, forward-policy, rule, filter or "
+                                          "filter-rule";
         });
     addOutputOptions(*app, options->style);
     app->callback([&program, options] { program.action = [&program, options] { return show(program, *options); }; });

@@ -1,0 +1,68 @@
+"""What the tests of moatctl share. Each is called as: TEST MOATCTL COMPLETION MANUAL [GROUP ...]"""
+
+import json
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
+
+from lab.config import Config  # noqa: E402 pylint: disable=wrong-import-position
+from lab.programs import SCHEMA, startServer  # noqa: E402 pylint: disable=wrong-import-position
+
+MOATCTL, COMPLETION, MANUAL = sys.argv[1:4]
+
+OK, BAD_INPUT, NO_SERVER, CONFLICT, OUTPUT = 0, 2, 3, 4, 5
+
+
+class Case(unittest.TestCase):
+    """Gives each test a folder and a server with empty tables."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.socket = self.folder / "config.sock"
+        self.start_server()
+
+    def start_server(self, schema=SCHEMA, **options):
+        self.server = startServer(schema, self.folder, **{"socketPath": self.socket, **options})
+        self.addCleanup(self.server.stop)
+
+    def transact(self, *operations):
+        connection = Config(self.socket)
+        connection.transact(*operations)
+        connection.close()
+
+    def command(self, *words, socket_path=None):
+        return [MOATCTL, "--server", str(socket_path or self.socket), *map(str, words)]
+
+    def run_tool(self, *words, stdin="", **options):
+        return subprocess.run(self.command(*words, **options), input=stdin, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True, timeout=60)
+
+    def ok(self, *words, stdin=""):
+        done = self.run_tool(*words, stdin=stdin)
+        self.assertEqual((done.returncode, done.stderr), (OK, ""), words)
+        return done.stdout
+
+    def refused(self, status, pattern, *words, stdin=""):
+        """Fails with the status, nothing on standard output, one line that matches on standard error."""
+        done = self.run_tool(*words, stdin=stdin)
+        self.assertEqual(done.returncode, status, f"{words}: {done.stderr}")
+        self.assertEqual(done.stdout, "")
+        self.assertRegex(done.stderr, pattern)
+        self.assertEqual(done.stderr.count("\n"), 1, done.stderr)
+
+    def rows(self, word):
+        (rows,) = json.loads(self.ok("show", word, "--format=json")).values()
+        return rows
+
+    def rule_order(self):
+        return [(row["Id"], row["RulePrio"]) for row in self.rows("rule")]
+
+
+def main():
+    unittest.main(module="__main__", argv=[sys.argv[0], *sys.argv[4:]])
