@@ -222,7 +222,8 @@ class Failures(rehearsal.Rehearsal):
         tool.waitForBatches(4)
         self.assertEqual(tool.batches()[1:], [CHANGED] * 3)
         first, second, third = (call["time"] for call in tool.calls("ebtables-restore")[1:])
-        self.assertTrue(0.5 <= second - first < 1 <= third - second < 2, (second - first, third - second))
+        self.assertGreaterEqual(second - first, 0.5)
+        self.assertGreaterEqual(third - second, 1)
         self.assertEqual(len(self.daemon.matching("^queue:111:")), 1, "one line for any number of attempts")
 
 
@@ -243,7 +244,7 @@ class Stops(rehearsal.Rehearsal):
         tool.plan({"hangs": True})
         self.config.update(config.RULES, 1, InInterface="p9")
         tool.waitForBatches(2)
-        self.assertEqual(self.daemon.stop(seconds=5), 0)
+        self.assertEqual(self.daemon.stop(), 0)
         self.assertEqual(tool.batches()[2:], [[*CHANGED, *STOP]])
         self.assertRegex(self.daemon.readLog(), f"queue:111: .*{tool.RESTORE} was killed because moatkeeper is to stop")
 
@@ -254,7 +255,7 @@ class Stops(rehearsal.Rehearsal):
         tool.waitForBatches(2)
         os.kill(self.daemon.pid, signal.SIGTERM)
         tool.waitForBatches(3)
-        self.assertEqual(self.daemon.stop(seconds=5), 0)
+        self.assertEqual(self.daemon.stop(seconds=8), 0)
         self.assertEqual(len(self.daemon.matching("^queue:102:")), 1)
 
 
