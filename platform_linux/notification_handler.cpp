@@ -115,11 +115,10 @@ public:
         if (!m_all && m_changedTables.empty())
             return;
         const std::string name = !m_all && m_changedTables.size() == 1 ? *m_changedTables.begin() : "";
-        const bool all = std::exchange(m_all, false);
+        m_all = false;
         m_changedTables.clear();
         deliver(name);
-        if (all)
-            malloc_trim(0); // the first state came in one large message
+        malloc_trim(0); // what a message, a read and a commit took for a while; the next may be days away
         scheduleRetry();
     }
 
