@@ -103,6 +103,12 @@ class Tour:
         self.change("filter", "remove", "3")
         self.frames((*boss, {"guest", "uplink"}))
 
+        self.title("Which row decides? The chains are walked without a frame")
+        self.explain("DROP: MoatKeeperForwardingPolicy Id 1", "--in", "guest", "--out", "office", "--src-mac", LAPTOP,
+                     "--dst-mac", BOSS, "--ethertype", "0x88b6")
+        self.explain("ACCEPT: MoatKeeperRuleset Id 1", "--in", "guest", "--out", "office", "--src-mac", PRINTER,
+                     "--dst-mac", BOSS, "--ethertype", "0x88b6")
+
         self.title("The daemon is stopped with SIGTERM: its chains are gone, the policies are ACCEPT again")
         self.show(self._world.stop())
         self.frames(("a guest's frame", "guest", Frame(src=LAPTOP), {"office", "uplink"}),
@@ -129,6 +135,14 @@ class Tour:
         for line in lines:
             say(f"   {paint(line, {'+': GREEN, '-': RED}.get(line[0], DIM))}")
         self.changes += 1
+
+    def explain(self, wanted, *frame):
+        """What moatctl says of a frame; the last line must begin as wanted."""
+        say(f"\n   $ moatctl explain {' '.join(frame)}")
+        lines = self._world.moatctl("explain", *frame).splitlines()
+        self.show(lines)
+        if not lines[-1].startswith(wanted):
+            raise Failure(f"moatctl explain: expected {wanted}")
 
     def frames(self, *probes):
         """Frames, each as (what it is, port it comes in by, frame, where it must arrive)."""

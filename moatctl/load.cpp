@@ -55,7 +55,8 @@ public:
             if (reason.ends_with('.'))
                 reason.pop_back();
             report(error.offset(), "", 0, "",
-                   (empty ? "nothing in it" : "no JSON: " + reason) + "; expected an object with a list of rows per table");
+                   (empty ? "nothing in it" : "no JSON: " + reason) +
+                       "; expected an object with a list of rows per table");
         }
     }
     LoadedFile take() { return std::move(m_result); }
