@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <map>
 
 namespace moatctl
 {
@@ -166,8 +167,19 @@ void findUnusable(const Expected& expected, Findings& findings)
     }
 }
 
-void findOddValues(const Expected& expected, const CheckOptions& options, Findings& findings)
+void findOddValues(const Expected& expected, const CheckOptions& wanted, Findings& findings)
 {
+    // Many rows name few ports.
+    std::map<std::string, bool> known;
+    CheckOptions options;
+    if (wanted.interfaceExists) {
+        options.interfaceExists = [&](const std::string& name) {
+            const auto [place, isNew] = known.try_emplace(name);
+            if (isNew)
+                place->second = wanted.interfaceExists(name);
+            return place->second;
+        };
+    }
     for (const Row& row : findings.configuration().rows(TableId::Global))
         findOddValuesOf(row, options, findings);
     for (const Row* row : expected.used)

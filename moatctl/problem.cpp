@@ -49,10 +49,12 @@ std::string toText(const Problem& problem)
 std::size_t writeProblems(std::ostream& out, const std::vector<Problem>& problems)
 {
     std::size_t errors = 0;
+    std::string lines; // standard error has no buffer
     for (const Problem& problem : problems) {
-        out << toText(problem) << '\n';
+        lines += toText(problem) + '\n';
         errors += problem.severity == Severity::Error ? 1 : 0;
     }
+    out << lines;
     return errors;
 }
 
