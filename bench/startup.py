@@ -1,4 +1,5 @@
-"""Start time, idle memory, idle system calls and size of the daemon, with empty tables and the server running.
+"""Start time, idle memory, idle system calls and size of the daemon, with empty tables and the server running; then
+its memory with many rules, and after changes of one of them.
 
 usage: startup.py DAEMON SCHEMA [RUNS]     as root, or where user namespaces can be made; prints a table
 """
@@ -17,10 +18,12 @@ import time
 HERE = pathlib.Path(__file__).resolve()
 sys.path.insert(0, str(HERE.parents[1] / "tests" / "system"))
 
-from lab import programs, sandbox, waiting  # noqa: E402 pylint: disable=wrong-import-position
+from lab import config, programs, sandbox, waiting  # noqa: E402 pylint: disable=wrong-import-position
 
 NETLINK_NETFILTER, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, NFNLGRP_NFTABLES = 12, 270, 1, 7
 IDLE_SECONDS = 10
+RULES = 10000
+CHANGES = 5
 
 
 def measureStart(daemonPath, folder):
@@ -65,6 +68,40 @@ def idleCalls(pid):
     return int(total[1]) if total else 0
 
 
+def tables():
+    return subprocess.run(["ebtables-save"], capture_output=True, text=True, check=True).stdout
+
+
+def settledMemory(pid):
+    """Resident memory in kB, when it has stayed the same for a while."""
+    readings = [0] * 5
+
+    def same():
+        readings[:] = readings[1:] + [memory(pid)["VmRSS"]]
+        time.sleep(0.05)
+        return len(set(readings)) == 1
+    waiting.until(same, "memory at rest")
+    return readings[0]
+
+
+def memoryWithRules(pid):
+    """Resident memory in kB with RULES rules, and after CHANGES changes of one."""
+    database = config.Config()
+    database.replace({"MoatKeeperRuleset": [
+        {"Id": i, "RulePrio": i, "InInterface": f"eth{i % 8}", "OutInterface": f"eth{(i + 1) % 8}",
+         "SrcMAC": f"02:00:00:00:{i >> 8:02x}:{i & 255:02x}", "Ethertype": "IPv4",
+         "IPSrcAddr": f"10.{i >> 8}.{i & 255}.0/24", "IPProto": "TCP", "IPPort": i,
+         "Target": "DROP" if i % 2 else "ACCEPT", "EnableLogging": i % 2} for i in range(1, RULES + 1)]})
+    waiting.until(lambda: tables().count("-A UserForwardRules") == RULES, "the rules in the kernel", 60)
+    filled = settledMemory(pid)
+    for port in range(60001, 60001 + CHANGES):
+        database.update("MoatKeeperRuleset", 1, IPPort=port)
+        waiting.until(lambda: f" {port} " in tables(), "the change in the kernel", 60)  # pylint: disable=cell-var-from-loop
+    changed = settledMemory(pid)
+    database.close()
+    return filled, changed
+
+
 def main(daemonPath, schema, runs=11):
     daemonPath, schema = map(os.path.realpath, (daemonPath, schema))
     sandbox.enter(daemonPath, schema)
@@ -77,6 +114,7 @@ def main(daemonPath, schema, runs=11):
         if number == int(runs) - 1:
             kilobytes = memory(daemon.pid)
             calls = idleCalls(daemon.pid)
+            filled, changed = memoryWithRules(daemon.pid)
         daemon.stop()
         waiting.until(lambda: "User" not in subprocess.run(["ebtables-save"], capture_output=True, text=True,
                                                           check=True).stdout, "empty tables")
@@ -89,6 +127,8 @@ def main(daemonPath, schema, runs=11):
     print(f"| the same, fastest and slowest | {min(times) * 1000:.0f} and {max(times) * 1000:.0f} ms |")
     print(f"| resident memory, idle | {kilobytes['VmRSS']} kB |")
     print(f"| resident memory, highest | {kilobytes['VmHWM']} kB |")
+    print(f"| resident memory with {RULES} rules | {filled} kB |")
+    print(f"| the same after {CHANGES} changes of one | {changed} kB |")
     print(f"| system calls in {IDLE_SECONDS} s, idle | {calls} |")
     print(f"| binary, stripped | {os.path.getsize(stripped)} bytes |")
 
