@@ -229,12 +229,17 @@ class Terminal(Case):
 
     def test_short_work_says_nothing(self):
         ours, theirs = os.openpty()
+        begin = time.monotonic()
         done = subprocess.run(self.command("import", "-", "--elsewhere"), input=b'{"MoatKeeper": [{}]}', stderr=theirs,
                               stdout=subprocess.DEVNULL, timeout=60, check=False)
+        took = time.monotonic() - begin
         os.close(theirs)
-        self.assertEqual(os.read(ours, 65536), b"1 row to add, 0 to remove, 0 to change\r\n")
+        text = os.read(ours, 65536)
         os.close(ours)
         self.assertEqual(done.returncode, OK)
+        if took > 0.3:  # a busy machine makes it long work
+            text = re.sub(rb"[^\n]*\r\x1b\[K", b"", text)
+        self.assertEqual(text, b"1 row to add, 0 to remove, 0 to change\r\n")
 
 
 if __name__ == "__main__":
