@@ -2,9 +2,9 @@
 //
 // usage: handler_bench [rules]     (10000 otherwise, compared with a tenth of them)
 // Rows come from memory and lines go to a queue that drops them: what is measured is the handler. Times are the
-// processor's, which other programs on the machine disturb least; nothing here waits. Both tables take turns, so that
-// both meet the same machine and neither finds in the cache what its last turn left there: no daemon does either, it
-// reads a table when somebody has changed it.
+// processor's, which other programs on the machine disturb least; nothing here waits. Each run is a process of its own,
+// the two tables take turns, and before each phase the processor's own cache is filled with something else: a daemon
+// does not read its table in a loop, it reads it when somebody has changed it.
 #include "handler/moatkeeper.hpp"
 #include "platform/action_queue.hpp"
 #include "platform_fake/memory_tables.hpp"
@@ -15,12 +15,13 @@
 #include <cstdlib>
 #include <ctime>
 #include <list>
-#include <memory>
-#include <memory_resource>
 #include <string>
 #include <vector>
 
+#include <malloc.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace
 {
@@ -80,67 +81,56 @@ constexpr std::array<const char*, measures> measureNames{"first read",
                                                          "copy of the list",
                                                          "compare"};
 
-// A table of so many rules and what is measured with it.
-class Subject
+using Times = std::array<double, measures>; // in milliseconds
+
+struct Result {
+    Times times{};
+    double peakMegabytes = 0; // after a first read, a commit and a re-read
+    bool differs = false;     // a copy of the rules does: something is wrong
+};
+
+// One run over a table of so many rules.
+class Run
 {
 public:
-    explicit Subject(int count) : m_count(static_cast<std::uint32_t>(count))
-    {
-        m_tables.setRows(m_table, makeRows(count));
-        m_handler.loadFromConfig(m_tables, m_table);
-        m_handler.loadFromConfig(m_tables, m_table);
-    }
+    explicit Run(int count) : m_count(static_cast<std::uint32_t>(count)) { m_tables.setRows(m_table, makeRows(count)); }
 
-    void measure(Measure what)
+    Result measure()
     {
-        switch (what) {
-        case firstRead:
-            m_newHandler = std::make_unique<zol::moatkeeper::moatkeeper>();
-            return time(what, [&] { m_newHandler->loadFromConfig(m_tables, m_table); });
-        case commit:
-            time(what, [&] { m_newHandler->commitToSystem(m_tables, &m_queue); });
-            return m_newHandler.reset();
-        case reRead:
-            return time(what, [&] { m_handler.loadFromConfig(m_tables, m_table); });
+        zol::moatkeeper::moatkeeper handler;
+        DroppingQueue queue;
+        time(firstRead, [&] { handler.loadFromConfig(m_tables, m_table); });
+        time(commit, [&] { handler.commitToSystem(m_tables, &queue); });
+        time(reRead, [&] { handler.loadFromConfig(m_tables, m_table); });
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        m_result.peakMegabytes = static_cast<double>(usage.ru_maxrss) / 1024;
+
         // The phases of a read, each on its own.
-        case rows:
-            return time(what, [&] { readRows([](const tessera::ValueList&) {}); });
-        case assembling:
-            m_rules.clear();
-            return time(what, [&] {
-                readRows([&](const tessera::ValueList& values) {
-                    const zol::moatkeeper::EtherRule rule = makeRule(values);
-                    m_rules.push_back(rule);
-                });
+        std::list<zol::moatkeeper::EtherRule> rules;
+        std::list<zol::moatkeeper::EtherRule> copy;
+        time(rows, [&] { readRows([](const tessera::ValueList&) {}); });
+        time(assembling, [&] {
+            readRows([&](const tessera::ValueList& values) {
+                const zol::moatkeeper::EtherRule rule = makeRule(values);
+                rules.push_back(rule);
             });
-        case sorting:
-            return time(
-                what, [&] { m_rules.sort([](const auto& a, const auto& b) { return a.rulePrio() < b.rulePrio(); }); });
-        case copying:
-            m_copy.clear();
-            return time(what, [&] { m_copy = m_rules; });
-        default:
-            return time(what, [&] { m_differs = m_rules != m_copy || m_differs; });
-        }
+        });
+        time(sorting, [&] { rules.sort([](const auto& a, const auto& b) { return a.rulePrio() < b.rulePrio(); }); });
+        time(copying, [&] { copy = rules; });
+        time(comparing, [&] { m_result.differs = rules != copy; });
+        return m_result;
     }
-
-    // In milliseconds.
-    double median(Measure what) const
-    {
-        std::vector<double> times = m_times[what];
-        std::sort(times.begin(), times.end());
-        return times[times.size() / 2];
-    }
-
-    bool differs() const { return m_differs; }
 
 private:
     template <typename Work>
     void time(Measure what, const Work& work)
     {
+        malloc_trim(0);
+        std::fill(m_else.begin(), m_else.end(), ++m_filling);
         const double begin = processorMilliseconds();
         work();
-        m_times[what].push_back(processorMilliseconds() - begin);
+        m_result.times[what] = processorMilliseconds() - begin;
     }
 
     template <typename Use>
@@ -158,15 +148,39 @@ private:
     const std::string m_table = "MoatKeeperRuleset";
     std::uint32_t m_count;
     fake::MemoryTables m_tables;
-    DroppingQueue m_queue;
-    zol::moatkeeper::moatkeeper m_handler;
-    std::unique_ptr<zol::moatkeeper::moatkeeper> m_newHandler;
-    std::pmr::unsynchronized_pool_resource m_memory;
-    std::pmr::list<zol::moatkeeper::EtherRule> m_rules{&m_memory};
-    std::pmr::list<zol::moatkeeper::EtherRule> m_copy{&m_memory};
-    bool m_differs = false;
-    std::array<std::vector<double>, measures> m_times;
+    std::vector<char> m_else = std::vector<char>(8U << 20); // fills a core's cache
+    char m_filling = 0;
+    Result m_result;
 };
+
+// A run in a child process; ends the program if it fails.
+Result measure(int count)
+{
+    std::array<int, 2> ends{};
+    const pid_t child = pipe(ends.data()) == 0 ? fork() : -1;
+    if (child == 0) {
+        const Result result = Run(count).measure();
+        _exit(write(ends[1], &result, sizeof result) == sizeof result ? 0 : 1);
+    }
+    close(ends[1]);
+    Result result;
+    const bool whole = child > 0 && read(ends[0], &result, sizeof result) == sizeof result;
+    close(ends[0]);
+    waitpid(child, nullptr, 0);
+    if (!whole || result.differs) {
+        std::fprintf(stderr, "handler_bench: a run with %d rules failed\n", count);
+        std::exit(1);
+    }
+    return result;
+}
+
+double median(std::vector<Result>& results, Measure what)
+{
+    const auto middle = results.begin() + static_cast<std::ptrdiff_t>(results.size() / 2);
+    std::nth_element(results.begin(), middle, results.end(),
+                     [&](const Result& a, const Result& b) { return a.times[what] < b.times[what]; });
+    return middle->times[what];
+}
 
 } // namespace
 
@@ -177,27 +191,22 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "handler_bench: expected a number of rules, 80 or more, found \"%s\"\n", argv[1]);
         return 1;
     }
-    Subject large(count);
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage); // a read and a re-read; what follows adds lists of its own
-
-    Subject small(count / 10);
+    std::vector<Result> large;
+    std::vector<Result> small;
     for (int round = 0; round < 31; ++round) {
-        for (std::size_t what = 0; what < measures; ++what) {
-            large.measure(static_cast<Measure>(what));
-            small.measure(static_cast<Measure>(what));
-        }
+        large.push_back(measure(count));
+        small.push_back(measure(count / 10));
     }
 
     std::printf("%-24s%8d rules%8d rules   ratio\n", "", count, count / 10);
-    for (std::size_t what = 0; what < measures; ++what) {
+    for (std::size_t i = 0; i < measures; ++i) {
+        const auto what = static_cast<Measure>(i);
         if (what == rows)
             std::printf("phases of a read:\n");
-        const double ofLarge = large.median(static_cast<Measure>(what));
-        const double ofSmall = small.median(static_cast<Measure>(what));
-        std::printf("%s%-*s%11.2f ms%11.2f ms%8.1f\n", what < rows ? "" : "  ", what < rows ? 24 : 22,
-                    measureNames[what], ofLarge, ofSmall, ofLarge / ofSmall);
+        const double ofLarge = median(large, what);
+        const double ofSmall = median(small, what);
+        std::printf("%s%-*s%11.2f ms%11.2f ms%8.1f\n", what < rows ? "" : "  ", what < rows ? 24 : 22, measureNames[i],
+                    ofLarge, ofSmall, ofLarge / ofSmall);
     }
-    std::printf("%-24s%11.1f MB\n", "peak memory", static_cast<double>(usage.ru_maxrss) / 1024);
-    return large.differs() || small.differs() ? 1 : 0;
+    std::printf("%-24s%11.1f MB\n", "peak memory", large.front().peakMegabytes);
 }

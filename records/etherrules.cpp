@@ -44,9 +44,15 @@ EtherRule::EtherRule(std::int32_t id, std::int32_t rulePrio, std::string_view in
       m_logModule(ZOL_Sysloglevel_registerModul("moatkeeper")),
       m_texts(textsRoom)
 {
-    for (const std::string_view text :
-         {inInterface, outInterface, dstMAC, srcMAC, ethertype, ipSrcAddr, ipDstAddr, ipProto, target})
-        m_texts.add({text});
+    m_inInterface = m_texts.add({inInterface});
+    m_outInterface = m_texts.add({outInterface});
+    m_dstMAC = m_texts.add({dstMAC});
+    m_srcMAC = m_texts.add({srcMAC});
+    m_ethertype = m_texts.add({ethertype});
+    m_ipSrcAddr = m_texts.add({ipSrcAddr});
+    m_ipDstAddr = m_texts.add({ipDstAddr});
+    m_ipProto = m_texts.add({ipProto});
+    m_target = m_texts.add({target});
     AssembleSystemCalls();
 }
 
@@ -59,15 +65,15 @@ void EtherRule::AssembleSystemCalls()
     std::string options;
     options.reserve(optionsRoom);
     const auto add = [&](std::string_view option, std::string_view value) { options.append(option).append(value); };
-    const auto addIfSet = [&](std::string_view option, Text value) {
+    const auto addIfSet = [&](std::string_view option, TextStore::Text value) {
         if (!m_texts[value].empty())
             add(option, m_texts[value]);
     };
 
-    add(" -i ", m_texts[InInterface]);
-    addIfSet(" -o ", OutInterface);
-    addIfSet(" -d ", DstMAC);
-    addIfSet(" -s ", SrcMAC);
+    add(" -i ", m_texts[m_inInterface]);
+    addIfSet(" -o ", m_outInterface);
+    addIfSet(" -d ", m_dstMAC);
+    addIfSet(" -s ", m_srcMAC);
 
     if (m_vlanId != noVlan) {
         // A negative id is huge as an unsigned number.
@@ -77,18 +83,18 @@ void EtherRule::AssembleSystemCalls()
             invalid = true;
         }
         add(" -p 802_1Q --vlan-id ", std::to_string(m_vlanId));
-        addIfSet(" --vlan-encap ", Ethertype);
-    } else if (const std::string_view ethertype = m_texts[Ethertype]; !ethertype.empty()) {
+        addIfSet(" --vlan-encap ", m_ethertype);
+    } else if (const std::string_view ethertype = m_texts[m_ethertype]; !ethertype.empty()) {
         add(" -p ", ethertype);
         const std::string_view prefix = ipOptionPrefix(ethertype);
         const auto addIp = [&](std::string_view option, std::string_view value) {
             if (!prefix.empty() && !value.empty())
                 options.append(prefix).append(option).append(value);
         };
-        addIp("-source ", m_texts[IPSrcAddr]);
-        addIp("-destination ", m_texts[IPDstAddr]);
+        addIp("-source ", m_texts[m_ipSrcAddr]);
+        addIp("-destination ", m_texts[m_ipDstAddr]);
         // The protocol is looked at whatever the ethertype is, so that a bad name is reported in any case.
-        const std::string_view ipProto = m_texts[IPProto];
+        const std::string_view ipProto = m_texts[m_ipProto];
         if (ipProto == "UDP") {
             addIp("-protocol ", "17");
         } else if (ipProto == "TCP") {
@@ -103,7 +109,7 @@ void EtherRule::AssembleSystemCalls()
             addIp("-destination-port ", std::to_string(m_ipPort));
     }
 
-    const std::string_view target = m_texts[Target];
+    const std::string_view target = m_texts[m_target];
     std::string_view logPrefix;
     if (target == "ACCEPT") {
         logPrefix = "\"Moatkeeper accepted: \"";
@@ -122,9 +128,9 @@ void EtherRule::AssembleSystemCalls()
         add(" --log --log-prefix ", logPrefix);
     add(" -j ", target);
 
-    const std::string_view chain = m_texts[OutInterface].empty() ? "UserInputRules" : "UserForwardRules";
-    m_texts.add({"ebtables -D ", chain, options});
-    m_texts.add({"ebtables -A ", chain, options});
+    const std::string_view chain = m_texts[m_outInterface].empty() ? "UserInputRules" : "UserForwardRules";
+    m_deleteCommand = m_texts.add({"ebtables -D ", chain, options});
+    m_addCommand = m_texts.add({"ebtables -A ", chain, options});
 }
 
 int EtherRule::ApplySystemCall(cfg::ActionQueue& queue) const
@@ -135,10 +141,14 @@ int EtherRule::ApplySystemCall(cfg::ActionQueue& queue) const
 
 bool EtherRule::operator==(const EtherRule& other) const
 {
-    const auto numbers = [](const EtherRule& rule) {
-        return std::tie(rule.m_id, rule.m_rulePrio, rule.m_vlanId, rule.m_ipPort, rule.m_enableLogging);
+    const auto rowValues = [](const EtherRule& rule) {
+        const TextStore& texts = rule.m_texts;
+        return std::tuple(rule.m_id, rule.m_rulePrio, texts[rule.m_inInterface], texts[rule.m_outInterface],
+                          texts[rule.m_dstMAC], texts[rule.m_srcMAC], rule.m_vlanId, texts[rule.m_ethertype],
+                          texts[rule.m_ipSrcAddr], texts[rule.m_ipDstAddr], texts[rule.m_ipProto], rule.m_ipPort,
+                          texts[rule.m_target], rule.m_enableLogging);
     };
-    return numbers(*this) == numbers(other) && m_texts.startsLike(other.m_texts, rowTexts);
+    return rowValues(*this) == rowValues(other);
 }
 
 } // namespace zol::moatkeeper

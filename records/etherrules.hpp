@@ -38,8 +38,8 @@ public:
     std::int32_t id() const { return m_id; }
     std::int32_t rulePrio() const { return m_rulePrio; }
     // Valid as long as the record.
-    std::string_view addCommand() const { return m_texts[AddCommand]; }
-    std::string_view deleteCommand() const { return m_texts[DeleteCommand]; }
+    std::string_view addCommand() const { return m_texts[m_addCommand]; }
+    std::string_view deleteCommand() const { return m_texts[m_deleteCommand]; }
 
     // Compares the row values; the lines follow from them.
     bool operator==(const EtherRule& other) const;
@@ -47,30 +47,24 @@ public:
 private:
     void AssembleSystemCalls();
 
-    // The texts as they are stored: the row's, named for their columns, then the lines.
-    enum Text : std::size_t {
-        InInterface,
-        OutInterface,
-        DstMAC,
-        SrcMAC,
-        Ethertype,
-        IPSrcAddr,
-        IPDstAddr,
-        IPProto,
-        Target,
-        rowTexts,
-        DeleteCommand = rowTexts,
-        AddCommand,
-        allTexts
-    };
-
     std::int32_t m_id;
     std::int32_t m_rulePrio;
+    TextStore::Text m_inInterface;
+    TextStore::Text m_outInterface;
+    TextStore::Text m_dstMAC;
+    TextStore::Text m_srcMAC;
     std::int32_t m_vlanId;
+    TextStore::Text m_ethertype;
+    TextStore::Text m_ipSrcAddr;
+    TextStore::Text m_ipDstAddr;
+    TextStore::Text m_ipProto;
     std::int32_t m_ipPort;
+    TextStore::Text m_target;
     std::int32_t m_enableLogging;
+    TextStore::Text m_addCommand;
+    TextStore::Text m_deleteCommand;
     ZOL_Sysloglevel_Module m_logModule;
-    TextStore<allTexts> m_texts;
+    TextStore m_texts; // of all the texts above
 };
 
 } // namespace zol::moatkeeper
