@@ -99,7 +99,6 @@ private:
     {
         std::vector<Problem> problems = m_file.problems;
         std::ranges::move(checkChange(before, after, m_checkOptions), std::back_inserter(problems));
-        m_progress.clear();
         if (std::ranges::any_of(problems, isError))
             refuse(std::move(problems));
         writeSorted(std::move(problems));
@@ -109,6 +108,7 @@ private:
 
     void writeSorted(std::vector<Problem> problems)
     {
+        m_progress.clear();
         std::ranges::stable_sort(problems, {}, &Problem::line);
         writeProblems(m_program.err, problems);
     }

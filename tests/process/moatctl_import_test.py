@@ -221,6 +221,22 @@ class Terminal(Case):
         self.assertEqual(screen.splitlines()[-1], "3000 rows to add, 0 to remove, 0 to change")
         self.assertNotIn("%", screen)
 
+    def test_progress_gives_way_to_messages(self):
+        path = self.folder / "wrong.json"
+        path.write_text('{"MoatKeeperRuleset": [{"Id": 1, "RulePrio": 0, "InInterface": "eth0", "Target": "DROP"}]}')
+        silent = FakeServer(self.folder / "silent", lambda peer: peer.receive())
+        self.addCleanup(silent.close)
+        ours, theirs = os.openpty()
+        done = subprocess.run(self.command("--timeout", "0.8", "import", path, socket_path=silent.path), stderr=theirs,
+                              stdout=subprocess.DEVNULL, timeout=60, check=False)
+        os.close(theirs)
+        text = os.read(ours, 65536).decode()
+        os.close(ours)
+        self.assertEqual(done.returncode, BAD_INPUT)
+        self.assertIn("reading the server's configuration\r\x1b[K", text)
+        self.assertRegex(re.sub(r"[^\n]*\r\x1b\[K", "", text),
+                         f"^{path}:1: error: .+\r\nmoatctl: {path}: 1 error; nothing was changed .+\r\n$")
+
     def test_no_progress_elsewhere(self):
         process = self.run_slowly(subprocess.PIPE)
         self.assertEqual(process.stderr.read().decode().splitlines()[-1], "3000 rows to add, 0 to remove, 0 to change")
