@@ -3,7 +3,8 @@
 
 usage: refusals.py BUILD_FOLDER
 
-Runs in namespaces of its own; needs root. Medians of nine.
+Runs in namespaces of its own; needs root. Medians of nine, each of a fill of an empty table, and of a refill of a table
+that holds 4,000 rules: what every commit but the first is.
 """
 
 import os
@@ -16,25 +17,40 @@ sys.path.insert(0, os.path.join(SOURCE, "tests", "system"))
 from lab import refusals, sandbox  # noqa: E402
 
 
+COUNT = 4000
+
+
+def carry_out(build, lines):
+    """Returns the milliseconds and the number of processes."""
+    done = subprocess.run([f"{build}/tests/system/queue_driver", "--direct"], capture_output=True, text=True,
+                          input="\n".join(lines) + "\n", check=True)
+    fields = dict(field.split("=") for field in done.stdout.split())
+    return int(fields["us"]) / 1000, fields["processes"]
+
+
 def main():
     if len(sys.argv) != 2:
         sys.exit(__doc__)
     build = os.path.realpath(sys.argv[1])
     sandbox.enter(SOURCE, build)
-    times = {kind: [] for kind in ("none", *refusals.REFUSED)}
-    processes = {}
+    kinds = ("none", *refusals.REFUSED)
+    fills, refills, processes = {kind: [] for kind in kinds}, {kind: [] for kind in kinds}, {}
     for _ in range(9):
-        for kind, spent in times.items():
+        for kind in kinds:
+            lines = refusals.lines(COUNT, kind)
             subprocess.run(["nft", "flush", "ruleset"], check=True)
-            done = subprocess.run([f"{build}/tests/system/queue_driver", "--direct"], capture_output=True, text=True,
-                                  input="\n".join(refusals.lines(4000, kind)) + "\n", check=True)
-            fields = dict(field.split("=") for field in done.stdout.split())
-            spent.append(int(fields["us"]) / 1000)
-            processes[kind] = fields["processes"]
-    clean = statistics.median(times["none"])
-    print(f"{'400 refused for':<16}{'ms':>9}{'of clean':>10}{'processes':>11}")
-    for kind, spent in times.items():
-        print(f"{kind:<16}{statistics.median(spent):>9.0f}{statistics.median(spent) / clean:>10.1f}{processes[kind]:>11}")
+            fills[kind].append(carry_out(build, lines)[0])
+            subprocess.run(["nft", "flush", "ruleset"], check=True)
+            carry_out(build, refusals.lines(COUNT, "none"))
+            spent, processes[kind] = carry_out(build, ["ebtables -F U", *lines[1:]])
+            refills[kind].append(spent)
+    print(f"{'400 refused for':<16}{'fill ms':>9}{'of clean':>10}{'refill ms':>11}{'of clean':>10}{'processes':>11}")
+    for kind in kinds:
+        row = f"{kind:<16}"
+        for times, width in ((fills, 9), (refills, 11)):
+            spent, clean = statistics.median(times[kind]), statistics.median(times["none"])
+            row += f"{spent:>{width}.0f}{spent / clean:>10.1f}"
+        print(row + f"{processes[kind]:>11}")
 
 
 if __name__ == "__main__":
