@@ -8,8 +8,10 @@ in turn, of tables that already hold as many other rules:
   per line    one ebtables process for each line
   restore     ebtables-restore --noflush with the same lines, and nothing else
   nft         nft -f with rules of the same meaning
-  commit      the daemon's commit: commitToSystem called until the transaction is applied
-  change      the same after one rule of the table has changed
+  commit      the daemon's commit: commitToSystem called until the tool has ended
+  applied     the same until the kernel has the new rules and has told so, which takes it a message for each rule; the
+              tool then waits for it to free the old ones
+  change      as commit, after one rule of the table has changed
   database    the whole way with the daemon in between: one row of the table is changed in the database, until the
               daemon has put the table's rules in anew; counted from the transaction sent to ovsdb-server
   all rows    the same for a transaction that replaces every row; most of it is the server's own work
@@ -29,10 +31,11 @@ SOURCE = os.path.dirname(HERE)
 sys.path.insert(0, os.path.join(SOURCE, "tests", "system"))
 from lab import programs, sandbox, waiting  # noqa: E402
 from lab.config import RULES, Config, delete, insert  # noqa: E402
+from lab.netfilter import Commits  # noqa: E402
 
 WORK = "/run/bench"
 LOCK = "/run/moatkeeper/lock"
-COLUMNS = ["per line", "restore", "nft", "commit", "change", "database", "all rows"]
+COLUMNS = ["per line", "restore", "nft", "commit", "applied", "change", "database", "all rows"]
 
 
 class Driver:
@@ -52,7 +55,19 @@ class Driver:
         return [self._process.stdout.readline().strip() for _ in range(count)]
 
     def deliver(self):
-        return int(self.ask("deliver")) / 1e6
+        """Returns the seconds from the call of commitToSystem to the end of the tool."""
+        begin, end = map(int, self.ask("deliver").split())
+        return (end - begin) / 1e6
+
+    def apply(self):
+        """The same up to the moment at which the kernel has the new rules."""
+        commits = Commits()
+        self._process.stdin.write("deliver\n")
+        self._process.stdin.flush()
+        commits.wait()
+        applied = time.monotonic()
+        commits.close()
+        return applied - int(self._process.stdout.readline().split()[0]) / 1e6
 
     def close(self):
         self._process.stdin.write("quit\n")
@@ -135,6 +150,9 @@ def measure_queue(build, size, rounds, with_per_line):
         driver.ask(f"rules {size} {variant}")
         figures["commit"].append(driver.deliver())
         assert kernel_rules() == size
+        driver.ask(f"rules {size} {variant + 100}")
+        figures["applied"].append(driver.apply())
+        assert kernel_rules() == size
         driver.ask("change")
         figures["change"].append(driver.deliver())
         lines = rule_lines(driver)
@@ -216,14 +234,14 @@ def main():
     os.mkdir(WORK)
 
     print(f"{'rules':>6}" + "".join(f"{column + ' ms':>14}" for column in COLUMNS)
-          + "   commit/restore  database/restore  per line/commit")
+          + "   commit/restore  database/restore  per line/applied")
     table = []
     for size in map(int, options.sizes.split(",")):
         figures = measure_queue(build, size, options.rounds, size <= options.per_line_up_to)
         measure_database(build, size, options.rounds, figures)
         row = {column: statistics.median(values) if values else None for column, values in figures.items()}
         table.append({"rules": size, **row})
-        ratio = row["per line"] / row["commit"] if row["per line"] else None
+        ratio = row["per line"] / row["applied"] if row["per line"] else None
         print(f"{size:>6}" + "".join(f"{row[column] * 1000:>14.1f}" if row[column] else f"{'-':>14}"
                                      for column in COLUMNS)
               + f"   {row['commit'] / row['restore']:>14.2f}  {row['database'] / row['restore']:>16.2f}"

@@ -4,8 +4,8 @@
 //   rules COUNT VARIANT   the rule table gets COUNT rules; VARIANT (a number) changes every one of them
 //   change                one rule gets another priority
 //   policy TARGET         the default policy of FORWARD
-//   deliver               hands the tables to the handler; answers the microseconds from the call of commitToSystem to
-//                         the end of the transaction
+//   deliver               hands the tables to the handler; answers when commitToSystem was called and when its
+//                         transaction had ended, in microseconds of the monotonic clock
 //   lines                 answers the lines that the next delivery would queue, behind their number
 //   quit                  ends, cleaning up
 #include "handler/moatkeeper.hpp"
@@ -118,8 +118,11 @@ int main(int argc, char* argv[])
             const auto start = std::chrono::steady_clock::now();
             handler.commitToSystem(tables, &queue);
             queue.endDelivery();
-            const auto spent = std::chrono::steady_clock::now() - start;
-            std::cout << std::chrono::duration_cast<std::chrono::microseconds>(spent).count() << std::endl;
+            const auto end = std::chrono::steady_clock::now();
+            for (const auto& time : {start, end})
+                std::cout << std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count()
+                          << ' ';
+            std::cout << std::endl;
         } else if (command == "lines") {
             NotingQueue noting;
             zol::moatkeeper::moatkeeper other;
