@@ -10,6 +10,9 @@
 #include <fstream>
 #include <istream>
 #include <limits>
+#include <map>
+#include <optional>
+#include <utility>
 
 namespace moatctl
 {
@@ -133,22 +136,22 @@ private:
                 good = false;
             }
         }
-        if (good)
-            take(std::move(row), object.offset());
+        if (isFirst(row, givenId, object.offset()) && good)
+            m_result.configuration.add(std::move(row));
     }
 
-    void take(Row row, std::size_t offset)
+    // Whether no row before it, good or not, has the Id. A row whose Id cannot be read passes.
+    bool isFirst(const Row& row, const Json* givenId, std::size_t offset)
     {
-        Configuration& configuration = m_result.configuration;
-        const TableInfo& table = *row.table;
-        const std::int32_t id = row.id();
-        if (const Row* other = configuration.find(table.id, id)) {
-            report(offset, table.name(), id, table.hasIds() ? "Id" : "",
-                   table.hasIds() ? "used already in line " + std::to_string(other->line)
-                                  : "a second row: the table has one row at most");
-            return;
-        }
-        configuration.add(std::move(row));
+        const bool hasIds = row.table->hasIds();
+        if (hasIds && (givenId == nullptr || !inRange(givenId->asInteger())))
+            return true;
+        const auto [first, isNew] = m_lineOfRow.try_emplace({row.table->id, row.id()}, row.line);
+        if (!isNew)
+            report(offset, row.table->name(), row.id(), hasIds ? "Id" : "",
+                   hasIds ? "used already in line " + std::to_string(first->second)
+                          : "a second row: the table has one row at most");
+        return isNew;
     }
 
     bool parseValue(const TableInfo& table, std::size_t column, const Json& value, std::int32_t id, Row& row)
@@ -169,8 +172,7 @@ private:
                    std::string("expected an integer, found ") + value.kindName());
             return false;
         }
-        if (*integer < std::numeric_limits<std::int32_t>::min() ||
-            *integer > std::numeric_limits<std::int32_t>::max()) {
+        if (!inRange(integer)) {
             report(value.offset(), table.name(), id, form.name,
                    std::to_string(*integer) + ": expected " + std::string(expectedValue(table.columns[column].kind)));
             return false;
@@ -182,12 +184,17 @@ private:
     static std::int32_t idOf(const Json& value)
     {
         const auto integer = value.asInteger();
-        return integer && *integer > 0 && *integer <= std::numeric_limits<std::int32_t>::max()
-                   ? static_cast<std::int32_t>(*integer)
-                   : 0;
+        return inRange(integer) && *integer > 0 ? static_cast<std::int32_t>(*integer) : 0;
+    }
+
+    static bool inRange(const std::optional<std::int64_t>& integer)
+    {
+        return integer && *integer >= std::numeric_limits<std::int32_t>::min() &&
+               *integer <= std::numeric_limits<std::int32_t>::max();
     }
 
     LineIndex m_index;
+    std::map<std::pair<TableId, std::int32_t>, std::uint32_t> m_lineOfRow; // of the first with the Id
     LoadedFile m_result;
 };
 

@@ -269,6 +269,19 @@ TEST(Values, FromPersonToTable)
         EXPECT_THROW(stored(column, text), Failure) << column << ' ' << text;
 }
 
+TEST(Load, RowsThatAreThereTwice)
+{
+    const LoadedFile file = parseConfiguration("{\"MoatKeeper\": [\n{}, {}],\n\"MoatKeeperRuleset\": [\n{\"Id\": 3},\n"
+                                               "{\"Id\": 3},\n{\"Id\": \"x\"},\n{\"Id\": \"x\"}]}",
+                                               "f");
+    std::vector<std::string> twice;
+    for (const Problem& problem : file.problems) {
+        if (problem.text.find("already") != std::string::npos || problem.text.find("second") != std::string::npos)
+            twice.push_back(std::to_string(problem.line) + ": " + problem.text);
+    }
+    EXPECT_THAT(twice, ElementsAre("2: a second row: the table has one row at most", "5: used already in line 4"));
+}
+
 TEST(Load, LinesOfErrorsAndDefaults)
 {
     const LoadedFile good = parseConfiguration("// c\n{\"MoatKeeperRuleset\": [ /* x */\n{\"Id\": 2, \"RulePrio\": 1,\n"
