@@ -134,9 +134,17 @@ TEST_F(OvsdbConnectionTest, WithoutADescriptor)
     const int highest = open("/dev/null", O_RDONLY | O_CLOEXEC);
     close(highest);
     const rlimit few{static_cast<rlim_t>(highest), before.rlim_max};
+    // Nothing new happens without a descriptor: the sanitizer needs one where it meets a type for the first time.
+    EXPECT_THAT(connectTo(m_path + "x"), ThrowsMessage<ConnectionError>(EndsWith("No such file or directory")));
+    std::string reason;
     setrlimit(RLIMIT_NOFILE, &few);
-    EXPECT_THAT(connectTo(m_path), ThrowsMessage<ConnectionError>("no socket: Too many open files"));
+    try {
+        connectTo(m_path)();
+    } catch (const ConnectionError& error) {
+        reason = error.what();
+    }
     setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(reason, "no socket: Too many open files");
     EXPECT_NO_THROW(connectTo(m_path)());
     const int after = open("/dev/null", O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(after, highest) << "closed";
