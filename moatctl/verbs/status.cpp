@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <system_error>
 #include <utility>
 
 namespace moatctl
@@ -37,14 +38,15 @@ std::string firstLine(const fs::path& path)
     return line;
 }
 
-// Another namespace's daemon has bridge tables of its own. What may not be read counts as ours.
+// Another namespace's daemon has bridge tables of its own. What may not be read counts as ours; a process that has
+// ended has no namespace any more.
 bool isInOurNetwork(const std::string& pid)
 {
     std::error_code theirs;
     std::error_code ours;
     const fs::path there = fs::read_symlink("/proc/" + pid + "/ns/net", theirs);
     const fs::path here = fs::read_symlink("/proc/self/ns/net", ours);
-    return theirs || ours || there == here;
+    return theirs ? theirs == std::errc::permission_denied : ours || there == here;
 }
 
 // A process that is the daemon: by its program's name, which anybody may read.

@@ -210,6 +210,16 @@ class Status(machine.Machine):
         self.assertEqual(what["daemon"], "not running")
         self.assertRegex(what["kernel tables"], r"^\d+ missing, 1 different$")
 
+    def testADaemonThatHasEndedDoesNotCount(self):
+        """Until its parent takes note of the end, the process still has its name."""
+        os.kill(self.daemon.pid, signal.SIGKILL)
+        waiting.until(lambda: self.daemonState() == "Z", "the end of the daemon")
+        self.assertEqual(self.status(AMISS)[0]["daemon"], "not running")
+
+    def daemonState(self):
+        with open(f"/proc/{self.daemon.pid}/stat", encoding="ascii") as stat:
+            return stat.read().rpartition(")")[2].split()[0]
+
     def testTheServerIsAway(self):
         self.server.stop()
         self.daemon.waitForLog("trying again")
