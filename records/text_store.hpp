@@ -10,8 +10,8 @@
 namespace zol::moatkeeper
 {
 
-// Every read copies, compares and frees records by the thousand. A record with one piece of memory, and not one for
-// each of its texts, takes half the time for that and a third less memory.
+// Every read copies, compares and frees records by the thousand. With one piece of memory for a record, and not one for
+// each of its texts, reading rules again takes a third less time and a quarter less memory.
 class TextStore
 {
 public:

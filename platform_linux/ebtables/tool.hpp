@@ -1,6 +1,7 @@
 // Runs the `ebtables` tool: no shell, a clean environment, no inherited descriptors, a limit in time.
 //
-// Threading: one thread at a time. Signals SIGINT, SIGTERM and SIGQUIT are let in while a child is waited for, also
+// Threading: one thread at a time; a process that gets a network namespace of its own is started by a thread that is
+// gone when the call returns. Signals SIGINT, SIGTERM and SIGQUIT are let in while a child is waited for, also
 // when the caller holds them back, so that a stop request is noticed.
 #pragma once
 

@@ -6,7 +6,7 @@
 //   kill          SIGKILL to itself   state         prints "ready" (to wait for what came before)
 // `end` prints how many microseconds it took.
 //
-// usage: queue_driver --direct
+// usage: queue_driver [--tools FOLDER] --direct
 // Takes command lines, and "kernel-refuses CHAIN" for a rule that the tool takes and the kernel does not; applies them
 // all at the end as one transaction and prints the outcome.
 #include "platform/sysloglevel.h"
@@ -30,7 +30,7 @@ long long microsecondsSince(Clock::time_point start)
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
 }
 
-int direct()
+int direct(const ebtables::ToolPaths& tools)
 {
     std::vector<ebtables::Command> commands;
     for (std::string line; std::getline(std::cin, line);) {
@@ -47,7 +47,7 @@ int direct()
             commands.push_back(std::move(command));
     }
     const Clock::time_point start = Clock::now();
-    const ebtables::Outcome outcome = ebtables::applyTransaction({}, commands);
+    const ebtables::Outcome outcome = ebtables::applyTransaction(tools, commands);
     std::cout << "us=" << microsecondsSince(start) << " commands=" << commands.size()
               << " refused=" << outcome.refused.size() << " processes=" << outcome.processes
               << " cannotRun=" << outcome.cannotRun << '\n';
@@ -85,7 +85,7 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
         if (option == "--direct")
-            return direct();
+            return direct(options.tools);
         const std::string value = i + 1 < argc ? argv[++i] : "";
         if (option == "--tools")
             options.tools = {value + "/ebtables", value + "/ebtables-restore", value + "/ebtables-save"};
