@@ -13,6 +13,7 @@ using ebtables::Command;
 using ebtables::Refused;
 using ebtables::Trial;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -78,6 +79,28 @@ TEST_F(TrialTest, WhatTheKernelNamesIsRefused)
     EXPECT_THAT(indexes(found), ElementsAre(2U, 6U));
     EXPECT_EQ(found.processes, 1U);
     EXPECT_EQ(found.refused[0].reason, "RULE_APPEND failed (Invalid argument): rule in chain T");
+}
+
+TEST_F(TrialTest, WhatAFullListLeavesOutIsTriedAgain)
+{
+    // As the tool does: of more than sixteen the first fifteen and the last one, and the beginning of another line.
+    m_tool.onRestore(R"(awk '/bad/ { refused[n++] = NR }
+        END { for (i = 0; i < n; ++i)
+                  if (n < 17 || i < 15 || i == n - 1)
+                      print "line " refused[i] ": RULE_APPEND failed (Invalid argument): rule in chain T"
+              if (n > 16) printf "line " }' "$input" >&2; exit 4)");
+    std::string many;
+    std::vector<std::size_t> bad;
+    constexpr std::size_t seen = 41; // two of so many were refused: the rest shares one block
+    for (std::size_t i = 0; i < 120; ++i) {
+        const bool isBad = i == 0 || i == seen - 1 || (i > seen && i % 3 != 0) || i == 119;
+        many += std::string("ebtables -A U -i ") + (isBad ? "bad" : "eth") + std::to_string(i) + " -j DROP;";
+        if (isBad && i >= seen && i != 119)
+            bad.push_back(i);
+    }
+    const Trial found = trial(many, {0, seen - 1, 119});
+    EXPECT_THAT(indexes(found), ElementsAreArray(bad));
+    EXPECT_LT(found.processes, 6U);
 }
 
 TEST_F(TrialTest, FailuresOfOtherKindsSayNothingOfTheRules)
