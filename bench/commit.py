@@ -28,10 +28,10 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(SOURCE, "tests", "system"))
-from lab import programs, sandbox, waiting  # noqa: E402
-from lab.config import RULES, Config, delete, insert  # noqa: E402
-from lab.netfilter import Commits  # noqa: E402
+sys.path.insert(0, os.path.join(SOURCE, "tests"))
+from lab import programs, sandbox, waiting
+from lab.config import RULES, Config, delete, insert
+from lab.netfilter import Commits
 
 WORK = "/run/bench"
 LOCK = "/run/moatkeeper/lock"

@@ -10,7 +10,7 @@
 //   quit                  ends, cleaning up
 #include "handler/moatkeeper.hpp"
 #include "platform_fake/memory_tables.hpp"
-#include "platform_linux/transaction_queue.hpp"
+#include "platform_linux/queue/transaction_queue.hpp"
 
 #include <chrono>
 #include <cstdint>

@@ -13,8 +13,8 @@ import subprocess
 import sys
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(SOURCE, "tests", "system"))
-from lab import refusals, sandbox  # noqa: E402
+sys.path.insert(0, os.path.join(SOURCE, "tests"))
+from lab import refusals, sandbox
 
 
 COUNT = 4000

@@ -16,9 +16,9 @@ import tempfile
 import time
 
 HERE = pathlib.Path(__file__).resolve()
-sys.path.insert(0, str(HERE.parents[1] / "tests" / "system"))
+sys.path.insert(0, str(HERE.parents[1] / "tests"))
 
-from lab import config, programs, sandbox, waiting  # noqa: E402 pylint: disable=wrong-import-position
+from lab import config, programs, sandbox, waiting
 
 NETLINK_NETFILTER, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, NFNLGRP_NFTABLES = 12, 270, 1, 7
 IDLE_SECONDS = 10
@@ -96,7 +96,7 @@ def memoryWithRules(pid):
     filled = settledMemory(pid)
     for port in range(60001, 60001 + CHANGES):
         database.update("MoatKeeperRuleset", 1, IPPort=port)
-        waiting.until(lambda: f" {port} " in tables(), "the change in the kernel", 60)  # pylint: disable=cell-var-from-loop
+        waiting.until(lambda: f" {port} " in tables(), "the change in the kernel", 60)
     changed = settledMemory(pid)
     database.close()
     return filled, changed

@@ -3,9 +3,9 @@
 // Input, a line each: "row<TAB>TABLE" begins a row, "COLUMN<TAB>VALUE" sets a column of it, "commit" closes the
 // configuration. Output: the lines, then "done". The end of input is the daemon's stop: the lines of its clean-up.
 #include "handler/moatkeeper.hpp"
+#include "ovsdb/tables.hpp"
 #include "platform_fake/memory_tables.hpp"
 #include "platform_fake/recording_queue.hpp"
-#include "platform_linux/ovsdb/tables.hpp"
 
 #include <charconv>
 #include <cstdint>

@@ -10,8 +10,7 @@ import sys
 import tempfile
 
 ROOT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
-sys.path.insert(0, f"{ROOT}/tests/system")
-# pylint: disable=wrong-import-position
+sys.path.insert(0, f"{ROOT}/tests")
 from lab import frames, sandbox
 from lab.bridge import Bridge
 from lab.frames import Frame

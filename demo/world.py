@@ -90,7 +90,7 @@ class Printed:
         return ["(not looked at)"]
 
     def start(self):
-        self._printer = subprocess.Popen(  # pylint: disable=consider-using-with
+        self._printer = subprocess.Popen(
             [f"{self._build}/demo/moatkeeper_lines"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         return self._commit()
 

@@ -1,8 +1,8 @@
 // What the six tables and their columns mean to a person: the one place for messages, help, manual page and checks.
 #pragma once
 
+#include "ovsdb/tables.hpp"
 #include "platform/value_list.hpp"
-#include "platform_linux/ovsdb/tables.hpp"
 
 #include <cstddef>
 #include <optional>

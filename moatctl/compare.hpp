@@ -1,8 +1,8 @@
 // The kernel's bridge table beside the one that a configuration makes.
 #pragma once
 
+#include "ebtables/table.hpp"
 #include "moatctl/model.hpp"
-#include "platform_linux/ebtables/table.hpp"
 
 #include <optional>
 #include <string>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "moatctl/columns.hpp"
-#include "platform_linux/ovsdb/table_cache.hpp"
+#include "ovsdb/table_cache.hpp"
 
 #include <array>
 #include <cstdint>

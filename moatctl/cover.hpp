@@ -3,7 +3,7 @@
 // Both are one-sided: true is certain, false means only that it was not found out.
 #pragma once
 
-#include "platform_linux/ebtables/command.hpp"
+#include "ebtables/command.hpp"
 
 #include <vector>
 

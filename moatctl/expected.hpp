@@ -3,9 +3,9 @@
 // Found out by running the daemon's own handler over the rows, on a device in memory.
 #pragma once
 
+#include "ebtables/line_parser.hpp"
 #include "moatctl/configuration.hpp"
 #include "moatctl/model.hpp"
-#include "platform_linux/ebtables/line_parser.hpp"
 
 #include <string>
 #include <vector>

@@ -4,7 +4,7 @@
 // tag of a `Frame` is the one of that moment.
 #pragma once
 
-#include "platform_linux/ebtables/command.hpp"
+#include "ebtables/command.hpp"
 
 #include <array>
 #include <cstdint>

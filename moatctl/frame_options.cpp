@@ -1,8 +1,8 @@
 #include "moatctl/frame_options.hpp"
 
+#include "ebtables/operands.hpp"
 #include "moatctl/exit_status.hpp"
 #include "moatctl/problem.hpp"
-#include "platform_linux/ebtables/operands.hpp"
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -1,8 +1,8 @@
 // The kernel's bridge table as it would be after a list of commands, and the way of a frame through it.
 #pragma once
 
+#include "ebtables/command.hpp"
 #include "moatctl/frame.hpp"
-#include "platform_linux/ebtables/command.hpp"
 
 #include <cstddef>
 #include <functional>

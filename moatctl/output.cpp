@@ -3,7 +3,7 @@
 #include "moatctl/command_line_error.hpp"
 
 #include "moatctl/configuration.hpp"
-#include "platform_linux/ovsdb/json.hpp"
+#include "ovsdb/json.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 #include "moatctl/values.hpp"
 
+#include "ebtables/operands.hpp"
 #include "moatctl/exit_status.hpp"
-#include "platform_linux/ebtables/operands.hpp"
 
 #include <algorithm>
 #include <cctype>

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "moatctl/exit_status.hpp"
-#include "platform_linux/ovsdb/client.hpp"
+#include "ovsdb/client.hpp"
 
 #include <CLI/CLI.hpp>
 

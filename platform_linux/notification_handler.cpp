@@ -1,13 +1,13 @@
 #include "platform/notification_handler.hpp"
 
+#include "ovsdb/connection.hpp"
+#include "ovsdb/rpc_session.hpp"
+#include "ovsdb/subscription.hpp"
 #include "platform/config_handler.hpp"
 #include "platform/config_reader.hpp"
 #include "platform/sysloglevel.h"
 #include "platform_linux/event_dispatcher.hpp"
-#include "platform_linux/ovsdb/connection.hpp"
-#include "platform_linux/ovsdb/rpc_session.hpp"
-#include "platform_linux/ovsdb/subscription.hpp"
-#include "platform_linux/transaction_queue.hpp"
+#include "platform_linux/queue/transaction_queue.hpp"
 
 #include <chrono>
 #include <cstdint>

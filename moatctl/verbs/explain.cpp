@@ -4,7 +4,7 @@
 #include "moatctl/load.hpp"
 #include "moatctl/output.hpp"
 #include "moatctl/verbs.hpp"
-#include "platform_linux/ovsdb/json.hpp"
+#include "ovsdb/json.hpp"
 
 #include <memory>
 #include <ostream>

@@ -1,6 +1,6 @@
 #include "moatctl/load.hpp"
 #include "moatctl/verbs.hpp"
-#include "platform_linux/ovsdb/json.hpp"
+#include "ovsdb/json.hpp"
 
 #include <ostream>
 

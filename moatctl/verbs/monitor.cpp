@@ -3,7 +3,7 @@
 #include "moatctl/load.hpp"
 #include "moatctl/time_stamp.hpp"
 #include "moatctl/verbs.hpp"
-#include "platform_linux/ovsdb/json.hpp"
+#include "ovsdb/json.hpp"
 
 #include <chrono>
 #include <csignal>

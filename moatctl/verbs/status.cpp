@@ -1,12 +1,12 @@
+#include "ebtables/line_parser.hpp"
 #include "moatctl/compare.hpp"
 #include "moatctl/expected.hpp"
 #include "moatctl/load.hpp"
 #include "moatctl/output.hpp"
 #include "moatctl/time_stamp.hpp"
 #include "moatctl/verbs.hpp"
-#include "platform_linux/ebtables/line_parser.hpp"
-#include "platform_linux/ebtables/record_file.hpp"
-#include "platform_linux/ebtables/tool.hpp"
+#include "platform_linux/queue/record_file.hpp"
+#include "platform_linux/queue/tool.hpp"
 
 #include <algorithm>
 #include <filesystem>

@@ -1,7 +1,7 @@
 // Any bytes as a command line: never a crash; what is accepted is read back the same from what the tool would get, and
 // that is one clean line.
-#include "platform_linux/ebtables/line_parser.hpp"
-#include "platform_linux/ebtables/table.hpp"
+#include "ebtables/line_parser.hpp"
+#include "ebtables/table.hpp"
 
 #include <cstdlib>
 #include <string_view>

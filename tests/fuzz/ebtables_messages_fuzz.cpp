@@ -1,6 +1,6 @@
 // Any bytes as the tool's standard error, the first one as its exit status; and as the record of a killed process.
-#include "platform_linux/ebtables/footprint.hpp"
-#include "platform_linux/ebtables/messages.hpp"
+#include "platform_linux/queue/footprint.hpp"
+#include "platform_linux/queue/messages.hpp"
 
 #include <cstdlib>
 #include <string_view>

@@ -1,7 +1,7 @@
 // Bytes from a configuration server, at four moments of a connection: before the schema, before the subscription, and
 // with rows held from an old and from a current server. Whatever comes, it is taken or refused with an error of ours,
 // and refused bytes leave the tables as they were.
-#include "platform_linux/ovsdb/subscription.hpp"
+#include "ovsdb/subscription.hpp"
 
 #include <cstddef>
 #include <cstdint>

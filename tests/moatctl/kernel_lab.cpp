@@ -1,6 +1,6 @@
 #include "tests/moatctl/kernel_lab.hpp"
 
-#include "platform_linux/ebtables/tool.hpp"
+#include "platform_linux/queue/tool.hpp"
 
 #include <gtest/gtest.h>
 

@@ -4,15 +4,10 @@ usage: commit_test.py DAEMON [unittest arguments]
 """
 
 import os
-import pathlib
 import signal
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
-
-# pylint: disable=wrong-import-position
-from lab import config, rehearsal, tool  # noqa: E402
-from lab.config import insert  # noqa: E402
+from lab import config, rehearsal, tool
+from lab.config import insert
 
 MAC = "02:00:00:00:0a:01"
 FILTER = "10p2p1MACblacklist"

@@ -16,9 +16,7 @@ import tempfile
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
-
-from lab import programs, sandbox, waiting  # noqa: E402 pylint: disable=wrong-import-position
+from lab import programs, sandbox, waiting
 
 DAEMON, SCHEMA = sys.argv[1:3]
 
@@ -301,7 +299,7 @@ def privateDevices():
 
 if __name__ == "__main__":
     try:
-        sandbox.enter(DAEMON, SCHEMA, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+        sandbox.enter(DAEMON)
     except sandbox.Unavailable as reason:
         print(f"skipped: {reason}")
         sys.exit(sandbox.SKIPPED)

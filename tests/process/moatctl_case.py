@@ -7,10 +7,8 @@ import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
-
-from lab.config import Config  # noqa: E402 pylint: disable=wrong-import-position
-from lab.programs import SCHEMA, startServer  # noqa: E402 pylint: disable=wrong-import-position
+from lab.config import Config
+from lab.programs import SCHEMA, startServer
 
 MOATCTL, COMPLETION, MANUAL = sys.argv[1:4]
 

@@ -1,5 +1,5 @@
 // The blocking client against the real configuration server.
-#include "platform_linux/ovsdb/client.hpp"
+#include "ovsdb/client.hpp"
 
 #include <gtest/gtest.h>
 

@@ -13,13 +13,10 @@ import tempfile
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
-
-# pylint: disable=wrong-import-position
-from lab import waiting  # noqa: E402
-from lab.config import RULES, Config, insert  # noqa: E402
-from lab.fake_server import FakeServer  # noqa: E402
-from lab.programs import SCHEMA, Program, startServer  # noqa: E402
+from lab import waiting
+from lab.config import RULES, Config, insert
+from lab.fake_server import FakeServer
+from lab.programs import SCHEMA, Program, startServer
 
 PROBE = sys.argv.pop(1)
 INTERVAL_MS = 100

@@ -1,5 +1,5 @@
 // A command queue that does nothing: the tests of the connection need no tool and leave no trace.
-#include "platform_linux/transaction_queue.hpp"
+#include "platform_linux/queue/transaction_queue.hpp"
 
 namespace zol::cfg
 {

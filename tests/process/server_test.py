@@ -7,14 +7,10 @@ usage: server_test.py DAEMON [unittest arguments]
 import os
 import pathlib
 import signal
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "system"))
-
-# pylint: disable=wrong-import-position
-from lab import config, programs, rehearsal, tool, waiting  # noqa: E402
-from lab.config import insert  # noqa: E402
-from lab.fake_server import FakeServer  # noqa: E402
+from lab import config, programs, rehearsal, tool, waiting
+from lab.config import insert
+from lab.fake_server import FakeServer
 
 FLUSH_RULES = ["-F UserInputRules", "-F UserForwardRules"]
 ROW = {"Enabled": 1, "RulePrio": 10, "InInterface": "p1", "OutInterface": "", "DstMAC": "", "SrcMAC": "",

@@ -1,6 +1,6 @@
 // Reads command lines from standard input and prints for each, on one line, "refused" and why, or "accepted" and the
 // commands as they reach the tool, joined by " | ".
-#include "platform_linux/ebtables/line_parser.hpp"
+#include "ebtables/line_parser.hpp"
 
 #include <iostream>
 #include <string>

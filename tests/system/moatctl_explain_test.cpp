@@ -1,9 +1,9 @@
 // What moatctl explain says, against what the kernel does: for every frame, which rules match and what becomes of it.
+#include "ebtables/table.hpp"
 #include "moatctl/expected.hpp"
 #include "moatctl/frame_options.hpp"
 #include "moatctl/model.hpp"
-#include "platform_linux/ebtables/table.hpp"
-#include "platform_linux/ebtables/tool.hpp"
+#include "platform_linux/queue/tool.hpp"
 #include "tests/moatctl/kernel_lab.hpp"
 #include "tests/moatctl/random_configuration.hpp"
 

@@ -9,10 +9,10 @@
 // usage: queue_driver [--tools FOLDER] --direct
 // Takes command lines, and "kernel-refuses CHAIN" for a rule that the tool takes and the kernel does not; applies them
 // all at the end as one transaction and prints the outcome.
+#include "ebtables/line_parser.hpp"
 #include "platform/sysloglevel.h"
-#include "platform_linux/ebtables/line_parser.hpp"
-#include "platform_linux/ebtables/transaction.hpp"
-#include "platform_linux/transaction_queue.hpp"
+#include "platform_linux/queue/transaction.hpp"
+#include "platform_linux/queue/transaction_queue.hpp"
 
 #include <chrono>
 #include <csignal>

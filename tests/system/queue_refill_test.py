@@ -131,7 +131,7 @@ def main():
     options = parser.parse_args()
     program = os.path.realpath(options.driver)
     try:
-        sandbox.enter(os.path.dirname(os.path.realpath(__file__)), os.path.dirname(program))
+        sandbox.enter(os.path.dirname(program))
         make_bridge()
     except (sandbox.Unavailable, subprocess.CalledProcessError) as reason:
         print(f"skipped: {reason}")

@@ -106,7 +106,7 @@ def main():
     parser.add_argument("--seed", type=int, default=1)
     options = parser.parse_args()
     try:
-        sandbox.enter(options.daemon, SYSTEM_TESTS, os.path.realpath(SCHEMA))
+        sandbox.enter(options.daemon)
         subprocess.run(["ebtables-restore", "--noflush"], input=FOREIGN, text=True, check=True)
     except (sandbox.Unavailable, subprocess.CalledProcessError) as reason:
         print(f"skipped: {reason}")

@@ -1,5 +1,5 @@
-#include "platform_linux/ebtables/command.hpp"
-#include "platform_linux/ebtables/line_parser.hpp"
+#include "ebtables/command.hpp"
+#include "ebtables/line_parser.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-#include "platform_linux/ebtables/footprint.hpp"
-#include "platform_linux/ebtables/line_parser.hpp"
+#include "ebtables/line_parser.hpp"
+#include "platform_linux/queue/footprint.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // Which lines are accepted, what they mean, and which are refused with which words.
-#include "platform_linux/ebtables/line_parser.hpp"
+#include "ebtables/line_parser.hpp"
 
 #include <gtest/gtest.h>
 

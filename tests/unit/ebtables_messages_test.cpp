@@ -1,4 +1,4 @@
-#include "platform_linux/ebtables/messages.hpp"
+#include "platform_linux/queue/messages.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-#include "platform_linux/ebtables/line_parser.hpp"
-#include "platform_linux/ebtables/model.hpp"
+#include "ebtables/line_parser.hpp"
+#include "ebtables/model.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

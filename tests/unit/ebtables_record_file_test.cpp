@@ -1,4 +1,4 @@
-#include "platform_linux/ebtables/record_file.hpp"
+#include "platform_linux/queue/record_file.hpp"
 #include "tests/unit/scratch_folder.hpp"
 
 #include <chrono>

@@ -1,4 +1,4 @@
-#include "platform_linux/ebtables/table.hpp"
+#include "ebtables/table.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform_linux/ebtables/tool.hpp"
+#include "platform_linux/queue/tool.hpp"
 #include "tests/unit/scripted_tool.hpp"
 
 #include <chrono>

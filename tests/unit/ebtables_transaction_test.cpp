@@ -1,5 +1,5 @@
-#include "platform_linux/ebtables/line_parser.hpp"
-#include "platform_linux/ebtables/transaction.hpp"
+#include "ebtables/line_parser.hpp"
+#include "platform_linux/queue/transaction.hpp"
 #include "tests/unit/scripted_tool.hpp"
 
 #include <chrono>

@@ -1,5 +1,5 @@
-#include "platform_linux/ebtables/line_parser.hpp"
-#include "platform_linux/ebtables/trial.hpp"
+#include "ebtables/line_parser.hpp"
+#include "platform_linux/queue/trial.hpp"
 #include "tests/unit/scripted_tool.hpp"
 
 #include <algorithm>

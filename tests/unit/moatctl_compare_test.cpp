@@ -1,6 +1,6 @@
 #include "moatctl/compare.hpp"
 
-#include "platform_linux/ebtables/line_parser.hpp"
+#include "ebtables/line_parser.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

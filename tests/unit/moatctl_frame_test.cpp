@@ -1,6 +1,6 @@
 #include "moatctl/frame.hpp"
 
-#include "platform_linux/ebtables/line_parser.hpp"
+#include "ebtables/line_parser.hpp"
 
 #include <gtest/gtest.h>
 

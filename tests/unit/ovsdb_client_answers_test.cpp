@@ -1,8 +1,8 @@
 // The blocking client and peers that answer as no configuration server does.
-#include "platform_linux/ovsdb/client.hpp"
+#include "ovsdb/client.hpp"
 
-#include "platform_linux/ovsdb/error.hpp"
-#include "platform_linux/ovsdb/message_framer.hpp"
+#include "ovsdb/error.hpp"
+#include "ovsdb/message_framer.hpp"
 #include "tests/unit/scratch_folder.hpp"
 
 #include <fstream>

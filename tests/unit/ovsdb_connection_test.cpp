@@ -1,6 +1,6 @@
-#include "platform_linux/ovsdb/connection.hpp"
+#include "ovsdb/connection.hpp"
 
-#include "platform_linux/ovsdb/error.hpp"
+#include "ovsdb/error.hpp"
 #include "tests/unit/scratch_folder.hpp"
 
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "platform_linux/ovsdb/json.hpp"
+#include "ovsdb/json.hpp"
 
 #include <gtest/gtest.h>
 

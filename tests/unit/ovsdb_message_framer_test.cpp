@@ -1,6 +1,6 @@
-#include "platform_linux/ovsdb/message_framer.hpp"
+#include "ovsdb/message_framer.hpp"
 
-#include "platform_linux/ovsdb/error.hpp"
+#include "ovsdb/error.hpp"
 
 #include <gtest/gtest.h>
 

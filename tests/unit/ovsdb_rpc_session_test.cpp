@@ -1,4 +1,4 @@
-#include "platform_linux/ovsdb/rpc_session.hpp"
+#include "ovsdb/rpc_session.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // What is asked of a server, newer or older, what is made of its answers, and what it must not say.
-#include "platform_linux/ovsdb/subscription.hpp"
+#include "ovsdb/subscription.hpp"
 
-#include "platform_linux/ovsdb/error.hpp"
+#include "ovsdb/error.hpp"
 
 #include <fstream>
 #include <gmock/gmock.h>

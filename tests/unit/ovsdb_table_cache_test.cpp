@@ -1,6 +1,6 @@
-#include "platform_linux/ovsdb/table_cache.hpp"
+#include "ovsdb/table_cache.hpp"
 
-#include "platform_linux/ovsdb/error.hpp"
+#include "ovsdb/error.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 // The tables as the programs know them are the tables of the schema file.
-#include "platform_linux/ovsdb/tables.hpp"
+#include "ovsdb/tables.hpp"
 
-#include "platform_linux/ovsdb/json.hpp"
-#include "platform_linux/ovsdb/schema_check.hpp"
+#include "ovsdb/json.hpp"
+#include "ovsdb/schema_check.hpp"
 
 #include <gtest/gtest.h>
 

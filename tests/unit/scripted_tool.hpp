@@ -1,7 +1,7 @@
 // Stand-ins for the ebtables programs: shell scripts that record how they are called and do what a test says.
 #pragma once
 
-#include "platform_linux/ebtables/tool.hpp"
+#include "platform_linux/queue/tool.hpp"
 #include "tests/unit/scratch_folder.hpp"
 
 #include <filesystem>

@@ -1,8 +1,8 @@
+#include "ebtables/line_parser.hpp"
 #include "platform/sysloglevel.h"
-#include "platform_linux/ebtables/footprint.hpp"
-#include "platform_linux/ebtables/line_parser.hpp"
-#include "platform_linux/ebtables/record_file.hpp"
-#include "platform_linux/transaction_queue.hpp"
+#include "platform_linux/queue/footprint.hpp"
+#include "platform_linux/queue/record_file.hpp"
+#include "platform_linux/queue/transaction_queue.hpp"
 #include "tests/unit/captured_descriptor.hpp"
 #include "tests/unit/scripted_tool.hpp"
 

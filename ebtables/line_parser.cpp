@@ -1,0 +1,628 @@
+#include "ebtables/line_parser.hpp"
+
+#include "ebtables/names.hpp"
+#include "ebtables/operands.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <forward_list>
+#include <span>
+#include <utility>
+
+namespace ebtables
+{
+
+namespace
+{
+
+// A word of a line, without its quotes: a view of the line or of SplitLine::joined.
+struct Word {
+    std::string_view text;
+    bool quoted = false;
+    bool is(std::string_view plain) const { return !quoted && text == plain; }
+};
+
+// Thrown inside this file only.
+struct Refuse {
+    LineError error;
+};
+
+[[noreturn]] void refuse(std::string_view word, std::string_view option, std::string expected)
+{
+    throw Refuse{{printable(word), std::string(option), std::move(expected)}};
+}
+
+constexpr const char* shellExpected = "plain words: nothing here goes through a shell";
+
+// What a character does outside quotes. Most lines are all Plain, Blank and one pair of Quotes, and there are
+// thousands of them: one look-up a character, whole runs at a time.
+enum class Kind : unsigned char { Plain, Blank, Quote, Separator, Shell, ShellInQuotes, Unprintable };
+
+constexpr std::array<Kind, 256> kinds = [] {
+    std::array<Kind, 256> result{};
+    result.fill(Kind::Unprintable);
+    for (unsigned char c = ' '; c <= '~'; ++c)
+        result[c] = Kind::Plain;
+    for (const char c : std::string_view("|&<>(){}'*?[]~#^"))
+        result[static_cast<unsigned char>(c)] = Kind::Shell;
+    for (const char c : std::string_view("$`\\")) // a shell expands these in double quotes as well
+        result[static_cast<unsigned char>(c)] = Kind::ShellInQuotes;
+    result[' '] = Kind::Blank;
+    result['"'] = Kind::Quote;
+    result[';'] = Kind::Separator;
+    return result;
+}();
+
+Kind kindOf(char c)
+{
+    return kinds[static_cast<unsigned char>(c)];
+}
+
+using Words = std::vector<Word>;
+
+struct SplitLine {
+    std::vector<Words> commands;           // none of them empty
+    std::forward_list<std::string> joined; // words such as a"b"c, of which the line has only the pieces
+};
+
+// Splits into commands at `;` and each command into words at blanks.
+class Splitter
+{
+public:
+    explicit Splitter(std::string_view line) : m_line(line)
+    {
+        if (line.size() > maxLine)
+            refuse(line.substr(0, 40), "", "a line of at most " + std::to_string(maxLine) + " bytes");
+    }
+
+    SplitLine split()
+    {
+        beginCommand();
+        while (m_at < m_line.size()) {
+            if (belongsToWord(m_line[m_at]))
+                takeRun();
+            else
+                takeSpecial(m_line[m_at]);
+        }
+        if (m_inQuotes)
+            refuse(m_word->text, "", "a closing double quote");
+        endWord();
+        std::erase_if(m_result.commands, [](const Words& words) { return words.empty(); });
+        return std::move(m_result);
+    }
+
+private:
+    void beginCommand() { m_result.commands.emplace_back().reserve(usualWords); }
+
+    void endWord()
+    {
+        if (m_word)
+            m_result.commands.back().push_back(*m_word);
+        m_word.reset();
+    }
+
+    bool belongsToWord(char c) const
+    {
+        const Kind kind = kindOf(c);
+        return kind == Kind::Plain ||
+               (m_inQuotes && (kind == Kind::Blank || kind == Kind::Separator || kind == Kind::Shell));
+    }
+
+    // The characters up to the next special one belong to the word.
+    void takeRun()
+    {
+        const std::size_t begin = m_at;
+        while (m_at < m_line.size() && belongsToWord(m_line[m_at]))
+            ++m_at;
+        const std::string_view run = m_line.substr(begin, m_at - begin);
+        if (!m_word)
+            m_word.emplace();
+        m_word->text = m_word->text.empty() ? run : join(m_word->text, run);
+    }
+
+    std::string_view join(std::string_view left, std::string_view right)
+    {
+        std::string& joined = m_result.joined.emplace_front(left);
+        return joined += right;
+    }
+
+    void takeSpecial(char c)
+    {
+        switch (kindOf(c)) {
+        case Kind::Unprintable:
+            refuse(context(), "", "printable ASCII characters only");
+        case Kind::Shell:
+        case Kind::ShellInQuotes:
+            refuse(context(), "", shellExpected);
+        case Kind::Quote:
+            if (!m_word)
+                m_word.emplace();
+            m_word->quoted = true;
+            m_inQuotes = !m_inQuotes;
+            break;
+        case Kind::Separator:
+            endWord();
+            beginCommand();
+            break;
+        case Kind::Blank:
+        case Kind::Plain:
+            endWord();
+            break;
+        }
+        ++m_at;
+    }
+
+    std::string context() const { return std::string(m_word ? m_word->text : "").append(m_line.substr(m_at, 20)); }
+
+    static constexpr std::size_t usualWords = 24;
+
+    std::string_view m_line;
+    std::size_t m_at = 0;
+    bool m_inQuotes = false;
+    std::optional<Word> m_word; // the one that is being read
+    SplitLine m_result;
+};
+
+enum class Option {
+    In,
+    Out,
+    Source,
+    Destination,
+    Protocol,
+    Jump,
+    IpSource,
+    IpDestination,
+    IpProtocol,
+    IpSourcePort,
+    IpDestinationPort,
+    Ip6Source,
+    Ip6Destination,
+    Ip6Protocol,
+    Ip6SourcePort,
+    Ip6DestinationPort,
+    VlanId,
+    VlanPriority,
+    VlanEncapsulated,
+    Log,
+    LogPrefix,
+    LogLevel,
+    LogIp,
+    LogArp,
+    LogIp6,
+};
+
+constexpr std::pair<std::string_view, Option> optionNames[] = {
+    {"-i", Option::In},
+    {"--in-interface", Option::In},
+    {"--in-if", Option::In},
+    {"-o", Option::Out},
+    {"--out-interface", Option::Out},
+    {"--out-if", Option::Out},
+    {"-s", Option::Source},
+    {"--source", Option::Source},
+    {"--src", Option::Source},
+    {"-d", Option::Destination},
+    {"--destination", Option::Destination},
+    {"--dst", Option::Destination},
+    {"-p", Option::Protocol},
+    {"--protocol", Option::Protocol},
+    {"--proto", Option::Protocol},
+    {"-j", Option::Jump},
+    {"--jump", Option::Jump},
+    {"--ip-source", Option::IpSource},
+    {"--ip-src", Option::IpSource},
+    {"--ip-destination", Option::IpDestination},
+    {"--ip-dst", Option::IpDestination},
+    {"--ip-protocol", Option::IpProtocol},
+    {"--ip-proto", Option::IpProtocol},
+    {"--ip-source-port", Option::IpSourcePort},
+    {"--ip-sport", Option::IpSourcePort},
+    {"--ip-destination-port", Option::IpDestinationPort},
+    {"--ip-dport", Option::IpDestinationPort},
+    {"--ip6-source", Option::Ip6Source},
+    {"--ip6-src", Option::Ip6Source},
+    {"--ip6-destination", Option::Ip6Destination},
+    {"--ip6-dst", Option::Ip6Destination},
+    {"--ip6-protocol", Option::Ip6Protocol},
+    {"--ip6-proto", Option::Ip6Protocol},
+    {"--ip6-source-port", Option::Ip6SourcePort},
+    {"--ip6-sport", Option::Ip6SourcePort},
+    {"--ip6-destination-port", Option::Ip6DestinationPort},
+    {"--ip6-dport", Option::Ip6DestinationPort},
+    {"--vlan-id", Option::VlanId},
+    {"--vlan-prio", Option::VlanPriority},
+    {"--vlan-encap", Option::VlanEncapsulated},
+    {"--log", Option::Log},
+    {"--log-prefix", Option::LogPrefix},
+    {"--log-level", Option::LogLevel},
+    {"--log-ip", Option::LogIp},
+    {"--log-arp", Option::LogArp},
+    {"--log-ip6", Option::LogIp6},
+};
+
+std::optional<Option> optionByName(const Word& word)
+{
+    const auto* found = std::ranges::find_if(optionNames, [&](const auto& name) { return word.is(name.first); });
+    return found == std::end(optionNames) ? std::nullopt : std::optional(found->second);
+}
+
+int logLevel(std::string_view word)
+{
+    if (const std::optional<int> named = logLevelByName(word))
+        return *named;
+    const std::optional<RangeMatch> number = parseDecimal(word, 7);
+    return number ? number->first : -1;
+}
+
+// Parses the options of one rule.
+class RuleParser
+{
+public:
+    RuleParser(std::span<const Word> words, const std::string& chain) : m_words(words), m_chain(chain) {}
+
+    Rule parse()
+    {
+        while (m_next < m_words.size())
+            parseOption();
+        checkNeeds();
+        return std::move(m_rule);
+    }
+
+private:
+    void parseOption()
+    {
+        m_negated = takeNegation();
+        if (m_next == m_words.size())
+            refuse("!", "", "an option behind the !");
+        const Word& word = m_words[m_next++];
+        const std::optional<Option> option = optionByName(word);
+        if (!option)
+            refuse(word.text, "",
+                   "an option that moatkeeper uses, such as -i, -o, -s, -d, -p, --ip-source, --vlan-id or -j");
+        m_option = word.text;
+        const unsigned bit = 1U << static_cast<unsigned>(*option);
+        if ((m_seen & bit) != 0)
+            refuse(m_option, "", "each option once");
+        m_seen |= bit;
+        store(*option);
+    }
+
+    bool takeNegation()
+    {
+        if (m_next < m_words.size() && m_words[m_next].is("!")) {
+            ++m_next;
+            return true;
+        }
+        return false;
+    }
+
+    // The option's value; "!" before it negates.
+    std::string_view value(const char* expected, bool mayNegate = true)
+    {
+        if (m_next < m_words.size() && m_words[m_next].is("!")) {
+            if (m_negated || !mayNegate)
+                refuse("!", m_option, mayNegate ? "one ! only" : "no !");
+            m_negated = takeNegation();
+        } else if (m_negated && !mayNegate) {
+            refuse("!", m_option, "no !");
+        }
+        if (m_next == m_words.size())
+            refuse("", m_option, expected);
+        const Word& word = m_words[m_next++];
+        if (word.text.empty() && m_option != "--log-prefix")
+            refuse(word.text, m_option, expected);
+        if (!word.quoted && (word.text.front() == '-' || word.text == "!"))
+            refuse(word.text, m_option, std::string(expected) + " and not an option");
+        return word.text;
+    }
+
+    template <typename Match>
+    void take(std::optional<Match>& match, std::optional<Match> (*parser)(std::string_view), const char* expected)
+    {
+        const std::string_view word = value(expected);
+        match = parser(word);
+        if (!match)
+            refuse(word, m_option, expected);
+        match->negated = m_negated;
+    }
+
+    void takeInterface(std::optional<InterfaceMatch>& match, const char* notIn)
+    {
+        if (m_chain == notIn)
+            refuse(m_option, "", std::string("no such option in chain ") + notIn);
+        take(match, parseInterface, "a port name of at most 15 characters, or its beginning and +");
+        if (!match->name.empty())
+            return;
+        if (match->negated)
+            refuse("+", m_option, "a port name behind !: the lone + is every port");
+        match.reset();
+    }
+
+    void takeDecimal(std::optional<RangeMatch>& match, unsigned largest, const char* expected)
+    {
+        const std::string_view word = value(expected);
+        match = parseDecimal(word, largest);
+        if (!match)
+            refuse(word, m_option, expected);
+        match->negated = m_negated;
+    }
+
+    LogOptions& log()
+    {
+        if (!m_rule.log)
+            m_rule.log.emplace();
+        if (m_negated)
+            refuse("!", m_option, "no !");
+        return *m_rule.log;
+    }
+
+    void takeTarget()
+    {
+        constexpr const char* expected = "ACCEPT, DROP, RETURN, CONTINUE or a chain name of at most 28 characters";
+        const std::string_view word = value(expected, false);
+        static constexpr std::string_view extensions[] = {"mark", "snat", "dnat", "redirect", "arpreply", "standard"};
+        if (!isChainName(word) || word.size() > maxJumpTarget || isBuiltIn(word) ||
+            std::ranges::find(extensions, word) != std::end(extensions))
+            refuse(word, m_option, expected);
+        m_rule.target = word;
+    }
+
+    void takePrefix()
+    {
+        constexpr const char* expected = "a text of at most 29 characters";
+        const std::string_view word = value(expected, false);
+        if (word.size() > maxLogPrefix)
+            refuse(word, m_option, expected);
+        log().prefix = word;
+    }
+
+    void takeLevel()
+    {
+        constexpr const char* expected = "emerg, alert, crit, error, warning, notice, info, debug or 0 to 7";
+        const std::string_view word = value(expected, false);
+        log().level = logLevel(word);
+        if (log().level < 0)
+            refuse(word, m_option, expected);
+    }
+
+    void store(Option option)
+    {
+        constexpr const char* mac =
+            "a MAC address aa:bb:cc:dd:ee:ff, also with a /mask, or Unicast, Multicast, Broadcast, BGA";
+        constexpr const char* ipv4 = "an IPv4 address, also with /bits or /mask";
+        constexpr const char* ipv6 = "an IPv6 address, also with /bits or /mask";
+        constexpr const char* protocol = "an IP protocol: its number 0 to 255 or a name such as tcp";
+        constexpr const char* ports = "a port number 0 to 65535 or a range first:last";
+        switch (option) {
+        case Option::In:
+            return takeInterface(m_rule.in, "OUTPUT");
+        case Option::Out:
+            return takeInterface(m_rule.out, "INPUT");
+        case Option::Source:
+            return take(m_rule.source, parseMac, mac);
+        case Option::Destination:
+            return take(m_rule.destination, parseMac, mac);
+        case Option::Protocol:
+            return take(m_rule.ethertype, parseEthertype,
+                        "an ethertype: hexadecimal 0x600 to 0xffff, LENGTH or a name such as IPv4");
+        case Option::Jump:
+            return takeTarget();
+        case Option::IpSource:
+            return take(m_rule.ip.source, parseNetwork<4>, ipv4);
+        case Option::IpDestination:
+            return take(m_rule.ip.destination, parseNetwork<4>, ipv4);
+        case Option::IpProtocol:
+            return take(m_rule.ip.protocol, parseIpProtocol, protocol);
+        case Option::IpSourcePort:
+            return take(m_rule.ip.sourcePort, parsePorts, ports);
+        case Option::IpDestinationPort:
+            return take(m_rule.ip.destinationPort, parsePorts, ports);
+        case Option::Ip6Source:
+            return take(m_rule.ip6.source, parseNetwork<16>, ipv6);
+        case Option::Ip6Destination:
+            return take(m_rule.ip6.destination, parseNetwork<16>, ipv6);
+        case Option::Ip6Protocol:
+            return take(m_rule.ip6.protocol, parseIpProtocol, protocol);
+        case Option::Ip6SourcePort:
+            return take(m_rule.ip6.sourcePort, parsePorts, ports);
+        case Option::Ip6DestinationPort:
+            return take(m_rule.ip6.destinationPort, parsePorts, ports);
+        case Option::VlanId:
+            return takeDecimal(m_rule.vlan.id, 4094, "a VLAN id 0 to 4094");
+        case Option::VlanPriority:
+            return takeDecimal(m_rule.vlan.priority, 7, "a VLAN priority 0 to 7");
+        case Option::VlanEncapsulated:
+            return take(m_rule.vlan.encapsulated, parseEncapsulated,
+                        "an ethertype: hexadecimal 0x3c to 0xffff or a name such as IPv4");
+        case Option::Log:
+            log();
+            return;
+        case Option::LogPrefix:
+            return takePrefix();
+        case Option::LogLevel:
+            return takeLevel();
+        case Option::LogIp:
+            log().ip = true;
+            return;
+        case Option::LogArp:
+            log().arp = true;
+            return;
+        case Option::LogIp6:
+            log().ip6 = true;
+            return;
+        }
+    }
+
+    // What the kernel asks of options together.
+    void checkNeeds() const
+    {
+        const auto isType = [&](std::uint16_t number, bool mayNegate) {
+            return m_rule.ethertype && !m_rule.ethertype->lengthField && m_rule.ethertype->number == number &&
+                   (mayNegate || !m_rule.ethertype->negated);
+        };
+        if (m_rule.ip.any() && !isType(0x0800, false))
+            refuse("--ip-...", "", "-p IPv4 with it");
+        if (m_rule.ip6.any() && !isType(0x86dd, false))
+            refuse("--ip6-...", "", "-p IPv6 with it");
+        if (m_rule.vlan.any() && !isType(0x8100, true))
+            refuse("--vlan-...", "", "-p 802_1Q with it");
+        checkPorts(m_rule.ip, "--ip-...-port", "--ip-protocol tcp, udp, udplite, sctp or dccp with it");
+        checkPorts(m_rule.ip6, "--ip6-...-port", "--ip6-protocol tcp, udp, udplite, sctp or dccp with it");
+    }
+
+    template <std::size_t N>
+    static void checkPorts(const IpMatches<N>& ip, const char* option, const char* expected)
+    {
+        static constexpr int withPorts[] = {6, 17, 33, 132, 136};
+        if (!ip.sourcePort && !ip.destinationPort)
+            return;
+        if (!ip.protocol || ip.protocol->negated ||
+            std::ranges::find(withPorts, ip.protocol->first) == std::end(withPorts))
+            refuse(option, "", expected);
+    }
+
+    std::span<const Word> m_words;
+    const std::string& m_chain;
+    std::size_t m_next = 0;
+    std::string_view m_option;
+    bool m_negated = false;
+    unsigned m_seen = 0;
+    Rule m_rule;
+};
+
+constexpr std::pair<std::string_view, CommandKind> commandNames[] = {
+    {"-A", CommandKind::Append},      {"--append", CommandKind::Append},
+    {"-I", CommandKind::Insert},      {"--insert", CommandKind::Insert},
+    {"-D", CommandKind::Delete},      {"--delete", CommandKind::Delete},
+    {"-N", CommandKind::NewChain},    {"--new-chain", CommandKind::NewChain},
+    {"-X", CommandKind::DeleteChain}, {"--delete-chain", CommandKind::DeleteChain},
+    {"-F", CommandKind::Flush},       {"--flush", CommandKind::Flush},
+    {"-P", CommandKind::Policy},      {"--policy", CommandKind::Policy},
+};
+
+std::string_view chainWord(std::span<const Word> words, std::string_view option)
+{
+    if (words.empty() || !isChainName(words.front().text))
+        refuse(words.empty() ? "" : words.front().text, option, chainExpected);
+    return words.front().text;
+}
+
+void expectEnd(std::span<const Word> words, std::string_view option)
+{
+    if (!words.empty())
+        refuse(words.front().text, option, "nothing behind it");
+}
+
+void parsePolicy(Command& command, std::span<const Word> words, std::string_view option)
+{
+    const bool builtIn = isBuiltIn(command.chain);
+    const char* expected = builtIn ? "the policy ACCEPT or DROP" : "the policy ACCEPT, DROP or RETURN";
+    const std::string_view word = words.empty() ? "" : words.front().text;
+    if (word != "ACCEPT" && word != "DROP" && (builtIn || word != "RETURN"))
+        refuse(word, option, expected);
+    command.policy = word;
+    expectEnd(words.subspan(1), option);
+}
+
+Command parseCommand(std::span<const Word> words)
+{
+    if (!words.front().is("ebtables"))
+        refuse(words.front().text, "", "the command ebtables");
+    words = words.subspan(1);
+    const auto* found =
+        words.empty()
+            ? std::end(commandNames)
+            : std::ranges::find_if(commandNames, [&](const auto& name) { return words.front().is(name.first); });
+    if (found == std::end(commandNames))
+        refuse(words.empty() ? "" : words.front().text, "", "one of -A, -I, -D, -N, -X, -F, -P");
+    const std::string_view option = words.front().text;
+    words = words.subspan(1);
+
+    Command command;
+    command.kind = found->second;
+    command.chain = chainWord(words, option);
+    words = words.subspan(1);
+    switch (command.kind) {
+    case CommandKind::Insert:
+        if (!words.empty() && !words.front().text.empty() && words.front().text.front() >= '0' &&
+            words.front().text.front() <= '9') {
+            const std::optional<RangeMatch> position = parseDecimal(words.front().text, 65535);
+            if (!position || position->first == 0)
+                refuse(words.front().text, option, "a rule number 1 to 65535");
+            command.position = position->first;
+            words = words.subspan(1);
+        }
+        [[fallthrough]];
+    case CommandKind::Append:
+    case CommandKind::Delete:
+        command.rule = RuleParser(words, command.chain).parse();
+        break;
+    case CommandKind::NewChain:
+    case CommandKind::DeleteChain:
+        if (isBuiltIn(command.chain) || isStandardTarget(command.chain))
+            refuse(command.chain, option, "a chain of one's own, not a built-in one or a target");
+        expectEnd(words, option);
+        break;
+    case CommandKind::Flush:
+        expectEnd(words, option);
+        break;
+    case CommandKind::Policy:
+        parsePolicy(command, words, option);
+        break;
+    }
+    return command;
+}
+
+} // namespace
+
+std::string printable(std::string_view text, std::size_t limit)
+{
+    std::string result;
+    for (const char c : text.substr(0, limit)) {
+        if (c >= ' ' && c <= '~') {
+            result += c;
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
+            result += escaped;
+        }
+    }
+    return text.size() > limit ? result + "..." : result;
+}
+
+std::string LineError::text() const
+{
+    const std::string of = option.empty() ? "" : (word.empty() ? " behind " : " of ") + option;
+    return (word.empty() ? "missing word" : "word \"" + word + '"') + of + ": expected " + expected;
+}
+
+ParsedLine parseLine(std::string_view line)
+{
+    ParsedLine result;
+    try {
+        const SplitLine split = Splitter(line).split();
+        for (const Words& words : split.commands)
+            result.commands.push_back(parseCommand(words));
+    } catch (Refuse& refusal) {
+        result.commands.clear();
+        result.error = std::move(refusal.error);
+    }
+    return result;
+}
+
+std::optional<Rule> parseRule(std::string_view options, const std::string& chain, LineError* error)
+{
+    try {
+        const SplitLine split = Splitter(options).split();
+        if (split.commands.size() > 1)
+            refuse(";", "", "one rule");
+        return RuleParser(split.commands.empty() ? Words() : split.commands.front(), chain).parse();
+    } catch (Refuse& refusal) {
+        if (error != nullptr)
+            *error = std::move(refusal.error);
+        return std::nullopt;
+    }
+}
+
+} // namespace ebtables

@@ -1,0 +1,72 @@
+// A blocking client of the configuration server, for command-line tools.
+#pragma once
+
+#include "ovsdb/error.hpp"
+#include "ovsdb/operations.hpp"
+#include "ovsdb/table_cache.hpp"
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace ovsdb
+{
+
+struct ClientOptions {
+    std::string socketPath{defaultSocketPath};
+    // For each answer. A server that is not there is an error at once.
+    std::chrono::milliseconds timeout{5000};
+    // Called now and then while an answer is waited for, with how much of the request is sent; may be empty.
+    std::function<void(std::size_t sentBytes, std::size_t allBytes)> onProgress{};
+};
+
+// One connection. Every operation waits for its answer, for the timeout at most.
+//
+// Errors: ConnectionError (no server, a socket whose owner is neither root nor this process's user, connection ended),
+// TimeoutError, ProtocolError (the peer is no configuration server), SchemaError (no such database, or tables of
+// another shape). After one of them the object is of no use any more. RequestError: the server refused the request;
+// the object can go on.
+// Threading: one thread at a time.
+class Client
+{
+public:
+    // Connects and checks the peer and its schema.
+    explicit Client(ClientOptions options = {});
+    ~Client();
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    // The version of the server's schema, "1.0.0".
+    const std::string& schemaVersion() const;
+
+    // All rows of the tables, one consistent state.
+    TableCache read(const std::vector<std::string>& tableNames = allTableNames());
+
+    // All of it, or nothing. Errors of single operations are in the result.
+    TransactionResult transact(const std::vector<Json>& operations);
+
+    // Calls back once with the first state (all tables named as changed), then after every change, until the callback
+    // returns false. Waits for changes without a limit; interrupted by a signal with a handler, it asks again:
+    // keepGoing is called after every wake-up (may be empty), false ends the watch.
+    using OnChange = std::function<bool(const TableCache& state, const std::set<std::string>& changedTables)>;
+    //
+    // With onConnection, no error ends the watch once the first state is there: it is called with the error (and again
+    // when attempts to reconnect fail in another way), then with null as soon as the server is back; changes made in
+    // between are called back next, as one. Tries again every reconnectInterval, for ever.
+    using OnConnection = std::function<void(const Error* lost)>;
+    static constexpr std::chrono::milliseconds reconnectInterval{500};
+    void watch(const std::vector<std::string>& tableNames, const OnChange& onChange,
+               const std::function<bool()>& keepGoing = {}, const OnConnection& onConnection = {});
+
+    static std::vector<std::string> allTableNames();
+
+private:
+    class State;
+    std::unique_ptr<State> m_state;
+};
+
+} // namespace ovsdb

@@ -1,0 +1,128 @@
+#include "ovsdb/operations.hpp"
+
+#include <utility>
+
+namespace ovsdb
+{
+
+namespace
+{
+
+Json atom(const tessera::Value& value)
+{
+    return value.isText() ? Json(value.getText()) : Json(std::int64_t{value.getInteger()});
+}
+
+Json condition(const char* column, Json value)
+{
+    return Json::Array{Json(Json::Array{Json(column), Json("=="), std::move(value)})};
+}
+
+Json rowOf(const ColumnValues& values)
+{
+    Json::Object row;
+    for (const auto& [name, value] : values)
+        row.emplace_back(name, value ? atom(*value) : Json(Json::Array{Json("set"), Json(Json::Array())}));
+    return row;
+}
+
+Json waitFor(std::string_view tableName, const Where& where, Json columns, Json rows)
+{
+    return Json::Object{{"op", "wait"},           {"table", tableName}, {"where", where},
+                        {"until", "=="},          {"timeout", 0},       {"columns", std::move(columns)},
+                        {"rows", std::move(rows)}};
+}
+
+} // namespace
+
+Where everyRow()
+{
+    return Json::Array();
+}
+
+Where rowWithId(std::int32_t id)
+{
+    return condition("Id", Json(id));
+}
+
+Where rowWithUuid(const Uuid& uuid)
+{
+    return condition("_uuid", Json(Json::Array{Json("uuid"), Json(uuid.toText())}));
+}
+
+Json insertRow(std::string_view tableName, const ColumnValues& values)
+{
+    return Json::Object{{"op", "insert"}, {"table", tableName}, {"row", rowOf(values)}};
+}
+
+Json updateRows(std::string_view tableName, const Where& where, const ColumnValues& values)
+{
+    return Json::Object{{"op", "update"}, {"table", tableName}, {"where", where}, {"row", rowOf(values)}};
+}
+
+Json deleteRows(std::string_view tableName, const Where& where)
+{
+    return Json::Object{{"op", "delete"}, {"table", tableName}, {"where", where}};
+}
+
+Json requireRow(const Table& table, const Row& row)
+{
+    // An optional column that is unset and one that holds the value it then stands for read the same: not compared.
+    Json::Array columns;
+    Json::Object values;
+    for (std::size_t i = 0; i < table.columns.size(); ++i) {
+        const Column& column = table.columns[i];
+        if (column.optional && row.values[i] == column.valueIfUnset())
+            continue;
+        columns.emplace_back(column.name);
+        values.emplace_back(column.name, atom(row.values[i]));
+    }
+    return waitFor(table.name, rowWithUuid(row.uuid), std::move(columns), Json::Array{Json(std::move(values))});
+}
+
+Json requireNoRow(std::string_view tableName, std::int32_t id)
+{
+    return waitFor(tableName, rowWithId(id), Json::Array{Json("Id")}, Json::Array());
+}
+
+Json commitDurably()
+{
+    return Json::Object{{"op", "commit"}, {"durable", true}};
+}
+
+Json comment(std::string_view text)
+{
+    return Json::Object{{"op", "comment"}, {"comment", text}};
+}
+
+bool TransactionResult::committed() const
+{
+    if (commitFailed)
+        return false;
+    for (const Outcome& outcome : outcomes) {
+        if (!outcome.done)
+            return false;
+    }
+    return true;
+}
+
+std::string TransactionResult::errorText() const
+{
+    const auto text = [](const Outcome& outcome) {
+        return outcome.details.empty() ? outcome.error : outcome.error + ": " + outcome.details;
+    };
+    if (const auto failed = failedOperation())
+        return text(outcomes[*failed]);
+    return commitFailed ? text(*commitFailed) : "";
+}
+
+std::optional<std::size_t> TransactionResult::failedOperation() const
+{
+    for (std::size_t i = 0; i < outcomes.size(); ++i) {
+        if (!outcomes[i].error.empty())
+            return i;
+    }
+    return std::nullopt;
+}
+
+} // namespace ovsdb

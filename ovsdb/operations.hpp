@@ -1,0 +1,64 @@
+// The operations of a transaction, and what became of them.
+#pragma once
+
+#include "ovsdb/json.hpp"
+#include "ovsdb/table_cache.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace ovsdb
+{
+
+// Column values to be written. No value unsets an optional column.
+using ColumnValues = std::vector<std::pair<std::string, std::optional<tessera::Value>>>;
+
+// Which rows an operation is about.
+using Where = Json;
+Where everyRow();
+Where rowWithId(std::int32_t id);
+Where rowWithUuid(const Uuid& uuid);
+
+// One operation each, to be put in the list that Client::transact takes. Columns left out of an insert get their
+// defaults; columns left out of an update stay.
+Json insertRow(std::string_view tableName, const ColumnValues& values);
+Json updateRows(std::string_view tableName, const Where& where, const ColumnValues& values);
+Json deleteRows(std::string_view tableName, const Where& where);
+
+// Makes the transaction fail with "timed out" unless the row still has these values (unless a row with this Id
+// still does not exist): for a change that was decided upon from a copy.
+Json requireRow(const Table& table, const Row& row);
+Json requireNoRow(std::string_view tableName, std::int32_t id);
+
+// Makes the server's acknowledgement wait until the change is on the disk.
+Json commitDurably();
+// A remark that is stored in the database file beside the change.
+Json comment(std::string_view text);
+
+// What became of one operation. An operation behind a failed one was not tried: neither done nor an error.
+struct Outcome {
+    bool done = false;
+    std::int64_t count = 0;   // rows changed or deleted
+    std::optional<Uuid> uuid; // the row inserted
+    std::string error;        // the server's short name of the error ("constraint violation"); "" when none
+    std::string details;      // the server's explanation, one line
+};
+
+struct TransactionResult {
+    std::vector<Outcome> outcomes;       // one per operation, in order
+    std::optional<Outcome> commitFailed; // each operation was fine, the whole was not (an Id used twice)
+
+    // Whether everything was done; if not, nothing was.
+    bool committed() const;
+    // The error of the whole: "error: details", without a line break. Empty when committed.
+    std::string errorText() const;
+    // The index of the operation that failed; nothing when committed or when only the whole failed.
+    std::optional<std::size_t> failedOperation() const;
+};
+
+} // namespace ovsdb

@@ -1,0 +1,101 @@
+#include "ovsdb/rpc_session.hpp"
+
+#include <utility>
+
+namespace ovsdb
+{
+
+namespace
+{
+
+constexpr std::size_t longestEcho = 64 * 1024;     // a server's echo carries nothing, or its own name
+constexpr std::size_t longestOutput = 1024 * 1024; // of echoes that the peer does not read
+
+std::string oneLine(std::string text)
+{
+    if (text.size() > 400)
+        text = text.substr(0, 400) + "...";
+    for (char& c : text) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            c = ' ';
+    }
+    return text;
+}
+
+} // namespace
+
+std::string describeError(const Json& error)
+{
+    const Json* name = error.find("error");
+    const Json* details = error.find("details");
+    if (name == nullptr || name->asText() == nullptr)
+        return oneLine(error.asText() != nullptr ? *error.asText() : toText(error));
+    if (details == nullptr || details->asText() == nullptr)
+        return oneLine(*name->asText());
+    return oneLine(*name->asText() + ": " + *details->asText());
+}
+
+std::int64_t RpcSession::request(std::string_view method, Json params)
+{
+    const std::int64_t id = ++m_lastId;
+    send(Json::Object{{"method", method}, {"params", std::move(params)}, {"id", id}});
+    m_pending.insert(id);
+    return id;
+}
+
+std::optional<RpcMessage> RpcSession::next()
+{
+    while (const auto text = m_framer.next()) {
+        Json message;
+        try {
+            message = parseJson(*text, {.depth = maximumMessageDepth});
+        } catch (const JsonError& e) {
+            throw ProtocolError("message is no JSON: " + std::string(e.what()) + " at byte " +
+                                std::to_string(e.offset()));
+        }
+        if (auto result = handle(message))
+            return result;
+    }
+    return std::nullopt;
+}
+
+std::optional<RpcMessage> RpcSession::handle(const Json& message)
+{
+    const Json* method = message.find("method");
+    const Json* id = message.find("id");
+    if (method != nullptr && !method->isNull()) {
+        const std::string* name = method->asText();
+        const Json* params = message.find("params");
+        if (name == nullptr || params == nullptr || params->asArray() == nullptr)
+            throw ProtocolError("message with a method, but without a text as its name or a list as its params");
+        if (id == nullptr || id->isNull())
+            return RpcMessage{.method = *name, .id = 0, .result = *params, .error = {}};
+        if (*name != "echo")
+            throw ProtocolError("request that only a server answers: " + oneLine(*name));
+        const std::string reply = toText(Json::Object{{"id", *id}, {"result", *params}, {"error", Json()}});
+        if (reply.size() > longestEcho || m_output.size() + reply.size() > longestOutput)
+            throw ProtocolError("echo request too large");
+        m_output += reply;
+        return std::nullopt;
+    }
+    const Json* result = message.find("result");
+    const Json* error = message.find("error");
+    const auto number = id != nullptr ? id->asInteger() : std::nullopt;
+    if (!number || (result == nullptr && error == nullptr))
+        throw ProtocolError("message that is neither request, answer nor notification");
+    if (m_pending.erase(*number) == 0)
+        throw ProtocolError("answer to a request that was not made: id " + std::to_string(*number));
+    RpcMessage answer{.method = {}, .id = *number, .result = {}, .error = {}};
+    if (error != nullptr && !error->isNull())
+        answer.error = describeError(*error);
+    else if (result != nullptr)
+        answer.result = *result;
+    return answer;
+}
+
+void RpcSession::send(const Json& message)
+{
+    m_output += toText(message);
+}
+
+} // namespace ovsdb

@@ -1,0 +1,75 @@
+#include "ovsdb/schema_check.hpp"
+
+#include "ovsdb/tables.hpp"
+
+#include <algorithm>
+
+namespace ovsdb
+{
+
+namespace
+{
+
+const std::string* textMember(const Json& object, std::string_view name)
+{
+    const Json* member = object.find(name);
+    return member != nullptr ? member->asText() : nullptr;
+}
+
+// "integer", "string" ...: a type is its name, or an object with a key that is one or has one.
+std::string keyType(const Json& type)
+{
+    const Json* key = type.asObject() != nullptr ? type.find("key") : &type;
+    if (key == nullptr)
+        return "";
+    const std::string* name = key->asObject() != nullptr ? textMember(*key, "type") : key->asText();
+    return name != nullptr ? *name : "";
+}
+
+void checkColumn(const Table& table, const Column& column, const Json* found)
+{
+    const std::string place = "the server's table " + std::string(table.name) + ", column " + std::string(column.name);
+    const Json* type = found != nullptr ? found->find("type") : nullptr;
+    if (type == nullptr)
+        throw SchemaError(place + ": missing");
+    const std::string expected = column.kind == ColumnKind::Integer ? "integer" : "string";
+    if (keyType(*type) != expected || type->find("value") != nullptr)
+        throw SchemaError(place + ": expected type " + expected + ", found " + toText(*type).substr(0, 100));
+    const Json* max = type->find("max");
+    if (max != nullptr && max->asInteger() != 1)
+        throw SchemaError(place + ": expected one value, found a set of several");
+    const Json* min = type->find("min");
+    const bool optional = min != nullptr && min->asInteger() == 0;
+    if (optional && !column.optional)
+        throw SchemaError(place + ": expected a value in every row, found an optional column");
+}
+
+} // namespace
+
+std::string checkSchema(const Json& schema, const std::vector<std::string>& tableNames)
+{
+    const std::string* name = textMember(schema, "name");
+    const std::string* version = textMember(schema, "version");
+    const Json* tables = schema.find("tables");
+    if (name == nullptr || tables == nullptr || tables->asObject() == nullptr)
+        throw SchemaError("the server's answer is no schema");
+    if (*name != databaseName)
+        throw SchemaError("expected database \"" + std::string(databaseName) + "\", found \"" + name->substr(0, 64) +
+                          "\"");
+    const std::string expected = std::to_string(schemaMajorVersion) + ".";
+    if (version == nullptr || !version->starts_with(expected))
+        throw SchemaError("expected schema version " + expected + "x.y, found " +
+                          (version != nullptr ? version->substr(0, 32) : "none"));
+    for (const std::string& tableName : tableNames) {
+        const Table* table = findTable(tableName);
+        const Json* found = tables->find(tableName);
+        const Json* columns = found != nullptr ? found->find("columns") : nullptr;
+        if (table == nullptr || columns == nullptr)
+            throw SchemaError("the server's database has no table " + tableName);
+        for (const Column& column : table->columns)
+            checkColumn(*table, column, columns->find(column.name));
+    }
+    return *version;
+}
+
+} // namespace ovsdb

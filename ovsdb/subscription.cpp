@@ -1,0 +1,121 @@
+#include "ovsdb/subscription.hpp"
+
+#include "ovsdb/schema_check.hpp"
+
+#include <utility>
+
+namespace ovsdb
+{
+
+namespace
+{
+
+const char* const monitorId = "moatkeeper";
+const char* const noTransaction = "00000000-0000-0000-0000-000000000000";
+
+// Which columns of which tables to tell of.
+Json monitorRequests(const std::vector<std::string>& tableNames, bool conditional)
+{
+    Json::Object requests;
+    for (const std::string& name : tableNames) {
+        Json::Array columns;
+        for (const Column& column : findTable(name)->columns)
+            columns.emplace_back(column.name);
+        const Json request = Json::Object{{"columns", std::move(columns)}};
+        requests.emplace_back(name, conditional ? Json(Json::Array{request}) : request);
+    }
+    return requests;
+}
+
+} // namespace
+
+Subscription::Subscription(std::vector<std::string> tableNames)
+    : m_tableNames(std::move(tableNames)), m_tables(m_tableNames), m_lastTransaction(noTransaction)
+{
+}
+
+void Subscription::begin(RpcSession& session)
+{
+    m_phase = Phase::AskedForSchema;
+    m_method = Method::Since;
+    m_request = session.request("get_schema", Json::Array{Json(databaseName)});
+}
+
+void Subscription::subscribe(RpcSession& session)
+{
+    m_phase = Phase::Subscribing;
+    Json::Array params{Json(databaseName), Json(monitorId), monitorRequests(m_tableNames, m_method != Method::Plain)};
+    if (m_method == Method::Since) {
+        params.emplace_back(m_lastTransaction);
+        m_request = session.request("monitor_cond_since", std::move(params));
+    } else {
+        m_request = session.request(m_method == Method::Conditional ? "monitor_cond" : "monitor", std::move(params));
+    }
+}
+
+Subscription::Progress Subscription::handle(const RpcMessage& message, RpcSession& session)
+{
+    if (!message.method.empty())
+        return updated(message);
+    if (message.id != m_request)
+        throw ProtocolError("answer to a request that was not made: id " + std::to_string(message.id));
+    if (m_phase == Phase::AskedForSchema) {
+        if (message.error)
+            throw SchemaError("the server has no database \"" + std::string(databaseName) + "\" (" + *message.error +
+                              ")");
+        m_schemaVersion = checkSchema(message.result, m_tableNames);
+        subscribe(session);
+        return {};
+    }
+    return subscribed(message, session);
+}
+
+Subscription::Progress Subscription::subscribed(const RpcMessage& answer, RpcSession& session)
+{
+    if (answer.error) {
+        if (m_method == Method::Plain)
+            throw ProtocolError("subscription refused: " + *answer.error);
+        m_method = m_method == Method::Since ? Method::Conditional : Method::Plain; // an older server
+        subscribe(session);
+        return {};
+    }
+    Progress progress{.synchronised = true, .changedTables = {}};
+    if (m_method == Method::Since) {
+        const Json::Array* reply = answer.result.asArray();
+        const auto found = reply != nullptr && reply->size() == 3 ? (*reply)[0].asBool() : std::nullopt;
+        const std::string* last = found ? (*reply)[1].asText() : nullptr;
+        if (last == nullptr || !Uuid::fromText(*last))
+            throw ProtocolError("subscription answered by something else than [boolean, transaction, tables]");
+        progress.changedTables = *found ? m_tables.apply((*reply)[2], UpdateFormat::Difference)
+                                        : m_tables.replace((*reply)[2], UpdateFormat::Difference);
+        m_lastTransaction = *last;
+    } else {
+        const auto format = m_method == Method::Plain ? UpdateFormat::OldAndNew : UpdateFormat::Difference;
+        progress.changedTables = m_tables.replace(answer.result, format);
+        m_lastTransaction = noTransaction;
+    }
+    m_phase = Phase::Following;
+    return progress;
+}
+
+Subscription::Progress Subscription::updated(const RpcMessage& notification)
+{
+    static constexpr std::pair<const char*, std::size_t> expected[] = {
+        {"update3", 3}, {"update2", 2}, {"update", 2}}; // by Method: name, number of params
+    const auto& [name, paramCount] = expected[static_cast<std::size_t>(m_method)];
+    const Json::Array& params = *notification.result.asArray();
+    if (m_phase != Phase::Following || notification.method != name)
+        throw ProtocolError("unexpected notification \"" + notification.method.substr(0, 64) + "\"");
+    if (params.size() != paramCount || params[0] != Json(monitorId))
+        throw ProtocolError(std::string(name) + " with params of another shape");
+    const std::string* transaction = m_method == Method::Since ? params[1].asText() : nullptr;
+    if (m_method == Method::Since && (transaction == nullptr || !Uuid::fromText(*transaction)))
+        throw ProtocolError(std::string(name) + " without a transaction");
+    const auto format = m_method == Method::Plain ? UpdateFormat::OldAndNew : UpdateFormat::Difference;
+    Progress progress{.synchronised = false, .changedTables = m_tables.apply(params.back(), format)};
+    if (transaction != nullptr)
+        m_lastTransaction = *transaction;
+    return progress;
+}
+
+} // namespace ovsdb

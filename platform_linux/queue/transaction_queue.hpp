@@ -1,0 +1,60 @@
+// The command queue on stock Linux: lines are parsed and checked when they are queued, and carried out as one
+// transaction of the kernel's bridge tables when a notification has been delivered.
+#pragma once
+
+#include "platform/action_queue.hpp"
+#include "platform_linux/queue/record_file.hpp"
+#include "platform_linux/queue/tool.hpp"
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace zol::cfg
+{
+
+struct TransactionQueueOptions {
+    ebtables::ToolPaths tools;
+    ebtables::RunLimits limits;
+    // What is in the tables is written down here, for the next start, and when that was last changed.
+    std::string recordFolder = ebtables::defaultRecordFolder;
+    std::chrono::milliseconds firstPause{500};      // before the second try when the tool cannot run; doubles ...
+    std::chrono::milliseconds longestPause{30'000}; // ... up to this
+};
+
+// Ownership: owns nothing of its callers'. Threading: the daemon's one thread. Only construction may throw
+// (std::bad_alloc); whatever goes wrong later is logged under the label `queue`.
+class TransactionQueue : public ActionQueue
+{
+public:
+    // Asks the tool which variant it is and reads what a killed process left. Changes nothing.
+    explicit TransactionQueue(TransactionQueueOptions options = {});
+
+    // Carries out what is left, and takes out what a killed process left if no commit has done so. Each child process
+    // has 10 s for it, or limits.afterStop once a stop signal has come.
+    ~TransactionQueue() override;
+    TransactionQueue(const TransactionQueue&) = delete;
+    TransactionQueue& operator=(const TransactionQueue&) = delete;
+
+    void addCommand(const std::string& commandLine) override;
+    int process() override;
+
+    // Around the delivery of one notification. Between the two, groups closed by process wait; endDelivery carries
+    // them out, all in one transaction, and is to be called also when the handler threw.
+    void beginDelivery();
+    void endDelivery();
+
+    // When the tool could not run: how long to wait before calling retry, counted from now (0: at once). Nothing when
+    // nothing waits.
+    std::optional<std::chrono::milliseconds> retryIn() const;
+
+    // Tries again what waits. Does nothing when nothing does or its time has not come.
+    void retry();
+
+private:
+    class State;
+    std::unique_ptr<State> m_state;
+};
+
+} // namespace zol::cfg
