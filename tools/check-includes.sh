@@ -1,26 +1,109 @@
 #!/bin/sh
-# Dependencies point one way: daemon -> handler -> records -> platform. Fails, naming file and line, when one
-# of them includes anything but the standard library, the folders behind it and platform/.
+# Who may include what. Fails, naming file and line, when a source includes anything else, and when a folder has no rule.
+# usage: tools/check-includes.sh [FOLDER]   the sources to look at, instead of those around this script
+#
+# A rule: a folder, and what its files may include besides the standard library and each other. That is: other folders
+# of ours, one by one; "system", the headers of the operating system, or one of them by its name; another package's
+# headers, named as before the slash in <gtest/gtest.h>.
 set -eu
+
+rules='
+platform
+
+records              platform
+handler              records platform
+daemon               handler platform unistd.h
+
+ebtables             arpa/inet.h
+ovsdb                platform system rapidjson
+nftables             ebtables system libmnl libnftnl
+schema
+
+platform_linux       platform_linux/queue platform ebtables ovsdb nftables schema system
+platform_linux/queue platform_linux platform ebtables nftables schema system
+platform_fake        platform
+
+moatctl              moatctl/verbs handler records platform ebtables ovsdb schema platform_fake system CLI
+moatctl/verbs        moatctl handler records platform ebtables ovsdb schema platform_linux/queue system
+moatctl/describe     moatctl CLI
+
+demo                 handler platform platform_fake ovsdb
+bench                handler platform platform_fake platform_linux/queue system
+
+tests/unit           daemon handler records platform platform_fake platform_linux platform_linux/queue
+                     ebtables ovsdb nftables schema moatctl moatctl/verbs tests/moatctl system gtest gmock
+tests/golden         handler platform_fake gtest
+tests/random         handler platform_fake gtest
+tests/process        platform platform_linux/queue ovsdb system gtest
+tests/system         platform platform_linux/queue ebtables nftables moatctl tests/moatctl system gtest
+tests/moatctl        moatctl platform_linux/queue system gtest
+tests/fuzz           platform_linux/queue ebtables ovsdb nftables schema
+'
+
 cd "${1:-$(dirname "$0")/..}"
+# All C++ sources but those in build folders and in hidden ones.
+find . -mindepth 1 -type d \( -name '.*' -o -name build -o -exec test -e '{}/CMakeCache.txt' \; \) -prune -o \
+    -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.h' \) -print | sort |
+    rules=$rules awk '
+    BEGIN {
+        count = split(ENVIRON["rules"], lines, "\n")
+        for (i = 1; i <= count; i++) {
+            words = split(lines[i], word, " ")
+            first = 1
+            if (words && lines[i] !~ /^ /) {
+                folder = word[1]
+                known[folder] = 1
+                first = 2
+            }
+            for (w = first; w <= words; w++) {
+                may[folder, word[w]] = 1
+                list[folder] = list[folder] " " word[w]
+            }
+        }
+    }
 
-# Every <header> without a dot is the standard library's; of the system's only getopt's is taken.
-standard='<[a-z_]+>|<unistd\.h>'
-status=0
+    function folderOf(path) { return sub(/\/[^\/]*$/, "", path) ? path : "" }
 
-check() { # folder, the folders that it may include
-    folder=$1
-    shift
-    allowed=$(printf '%s/|' "$@")
-    found=$(grep -rnE '^[[:space:]]*#[[:space:]]*include' "$folder" --include='*.cpp' --include='*.h' --include='*.hpp' |
-        grep -vE "#[[:space:]]*include[[:space:]]*($standard|\"(${allowed%|})[^\"]*\")") || return 0
-    printf '%s\n' "$found"
-    printf '%s/ may include the standard library and %s only\n\n' "$folder" "$*"
-    status=1
-}
+    function allowed(folder, name, mark) {
+        if (mark == "\"")
+            return folderOf(name) == folder || (folder, folderOf(name)) in may
+        if (name ~ /^[a-z_]+$/ || (folder, name) in may)
+            return 1
+        package = index(name, "/") ? substr(name, 1, index(name, "/") - 1) : ""
+        if (package ~ /^(arpa|linux|net|netinet|netpacket|sys|)$/)
+            package = "system"
+        return (folder, package) in may
+    }
 
-check platform platform
-check records records platform
-check handler handler records platform
-check daemon daemon handler platform
-exit $status
+    {
+        file = substr($0, 3)
+        folder = folderOf(file)
+        if (!(folder in known)) {
+            if (!(folder in missing))
+                print file ": " (folder == "" ? "." : folder) " has no rule in tools/check-includes.sh"
+            missing[folder] = status = 1
+            next
+        }
+        number = 0
+        while ((getline line < $0) > 0) {
+            number++
+            if (line !~ /^[ \t]*#[ \t]*include/)
+                continue
+            name = line
+            sub(/^[ \t]*#[ \t]*include[ \t]*/, "", name)
+            mark = substr(name, 1, 1)
+            name = substr(name, 2)
+            sub(/[">].*/, "", name)
+            if (!(mark == "\"" || mark == "<") || !allowed(folder, name, mark)) {
+                print file ":" number ":" line
+                broken[folder] = status = 1
+            }
+        }
+        close($0)
+    }
+
+    END {
+        for (folder in broken)
+            print folder "/ may include the standard library, itself" (list[folder] ? " and" list[folder] : "") " only"
+        exit status
+    }'

@@ -1,4 +1,4 @@
-#include "case_file.hpp"
+#include "tests/golden/case_file.hpp"
 
 #include <algorithm>
 #include <charconv>

@@ -1,10 +1,10 @@
 // Runs every case of every data file in the folder given at build time, each as a test of its own. The folder is
 // read when the tests are listed or run, so that a new case needs no build.
-#include "case_file.hpp"
 #include "handler/debug_mode.hpp"
 #include "handler/moatkeeper.hpp"
 #include "platform_fake/captured_log.hpp"
 #include "platform_fake/recording_queue.hpp"
+#include "tests/golden/case_file.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "bridge_model.hpp"
+#include "tests/random/bridge_model.hpp"
 
 #include <algorithm>
 #include <set>

@@ -1,4 +1,4 @@
-#include "expectation.hpp"
+#include "tests/random/expectation.hpp"
 
 #include <algorithm>
 #include <cstdlib>

@@ -12,8 +12,8 @@
 //                 gone may stay, for as long as the handler lives.
 #pragma once
 
-#include "bridge_model.hpp"
-#include "scenario.hpp"
+#include "tests/random/bridge_model.hpp"
+#include "tests/random/scenario.hpp"
 
 #include <map>
 #include <set>

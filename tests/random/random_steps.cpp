@@ -1,8 +1,8 @@
 // Prints random commits for a test in a real kernel. usage: random_steps SEED STEPS
 //
 // Per commit: the handler's command lines behind "line ", the tables that the model then holds behind "table ", "end".
-#include "bridge_model.hpp"
-#include "scenario.hpp"
+#include "tests/random/bridge_model.hpp"
+#include "tests/random/scenario.hpp"
 
 #include "handler/moatkeeper.hpp"
 #include "platform_fake/recording_queue.hpp"

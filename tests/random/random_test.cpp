@@ -2,7 +2,7 @@
 // queues in a model of the bridge tables, and checks the tables against the rows after every commit.
 //
 // MOATKEEPER_SEED: the seed (a number; the default is fixed). MOATKEEPER_SEQUENCES: how many sequences.
-#include "expectation.hpp"
+#include "tests/random/expectation.hpp"
 
 #include "handler/moatkeeper.hpp"
 #include "platform_fake/captured_log.hpp"

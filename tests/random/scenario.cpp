@@ -1,4 +1,4 @@
-#include "scenario.hpp"
+#include "tests/random/scenario.hpp"
 
 #include <utility>
 

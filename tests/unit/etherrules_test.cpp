@@ -1,7 +1,7 @@
 #include "records/etherrules.hpp"
 
 #include "platform_fake/recording_queue.hpp"
-#include "record_test_support.hpp"
+#include "tests/unit/record_test_support.hpp"
 
 #include <gtest/gtest.h>
 
