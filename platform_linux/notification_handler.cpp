@@ -6,6 +6,7 @@
 #include "platform/config_handler.hpp"
 #include "platform/config_reader.hpp"
 #include "platform/sysloglevel.h"
+#include "platform_linux/delivery_names.hpp"
 #include "platform_linux/event_dispatcher.hpp"
 #include "platform_linux/queue/transaction_queue.hpp"
 
@@ -18,6 +19,7 @@
 #include <stdexcept>
 #include <sys/epoll.h>
 #include <utility>
+#include <vector>
 
 namespace zol::cfg
 {
@@ -114,16 +116,18 @@ public:
     {
         if (!m_all && m_changedTables.empty())
             return;
-        const std::string name = !m_all && m_changedTables.size() == 1 ? *m_changedTables.begin() : "";
+        const std::vector<std::string> names =
+            m_all ? std::vector<std::string>{""}
+                  : deliveryNames(m_subscription->tables().tableNames(), m_changedTables);
         m_all = false;
         m_changedTables.clear();
-        deliver(name);
+        deliver(names);
         malloc_trim(0); // what a message, a read and a commit took for a while; the next may be days away
         scheduleRetry();
     }
 
 private:
-    void deliver(const std::string& tableName)
+    void deliver(const std::vector<std::string>& names)
     {
         struct Delivery {
             explicit Delivery(TransactionQueue& q) : queue(q) { queue.beginDelivery(); }
@@ -134,7 +138,8 @@ private:
         };
         CacheReader source(m_subscription->tables());
         const Delivery delivery(m_queue);
-        m_handler->loadFromConfig(source, tableName);
+        for (const std::string& name : names)
+            m_handler->loadFromConfig(source, name);
         m_handler->commitToSystem(source, &m_queue);
     }
 

@@ -97,7 +97,8 @@ class Batches(rehearsal.Rehearsal):
         self.assertBatches(START, [*FLUSH_RULES, RULE_2, RULE_1, ruleLine(3), *POLICY,
                                    "-A UserInputPolicy -i p3 -j DROP"])
         self.assertEqual(self.daemon.matching("^moatkeeper:121:"),
-                         ["moatkeeper:121: loadFromConfig: Notification on table   received."] * 2)
+                         [f"moatkeeper:121: loadFromConfig: Notification on table  {table} received."
+                          for table in ("", config.INPUT_POLICY, config.RULES)])
         self.assertEqual(self.commits(), 2)
 
     def testANotificationThatChangesNothingStartsNothing(self):

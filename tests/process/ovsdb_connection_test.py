@@ -13,7 +13,7 @@ import tempfile
 import time
 import unittest
 
-from lab import waiting
+from lab import config, waiting
 from lab.config import RULES, Config, insert
 from lab.fake_server import FakeServer
 from lab.programs import SCHEMA, Program, startServer
@@ -91,6 +91,25 @@ class ServerConversation(ProbeTest):
         self.transact({"op": "update", "table": RULES, "where": [["Id", "==", 9]],
                        "row": {"VLANID": ["set", []], "Enabled": 0}})
         probe.waitForLines(r"rule\(3,1,-1,eth0,DROP\) rule\(9,0,-1,eth0,DROP\) rule")
+
+    def testEachChangedTableByItsNameAndOneCommit(self):
+        self.server()
+        probe = self.probe()
+        probe.waitForLines("^commit$")
+        self.transact(insert(config.FILTER_RULES, Id=1, BridgeFilterID=1, FilterMatch="02:00:00:00:00:01"),
+                      insert(config.FILTERS, Id=1, Prio=1, InInterface="eth0", OutInterface="eth1",
+                             MatchCriteria="MAC", Mode="blacklist"),
+                      rule(1),
+                      insert(config.MAIN, GlobalInputPolicy="DROP"))
+        probe.waitForLines("^commit$", count=2)
+        self.assertEqual([line.split(" MoatKeeper=")[0] for line in probe.matching("^(load|commit)")],
+                         ["load *", "commit", "load MoatKeeper", "load MoatKeeperRuleset",
+                          "load MoatKeeperBridgeFilters", "commit"])
+        self.transact({"op": "update", "table": config.FILTER_RULES, "where": [], "row": {"Enabled": 0}},
+                      {"op": "update", "table": RULES, "where": [], "row": {"Enabled": 0}})
+        probe.waitForLines("^commit$", count=3)
+        self.assertEqual([line.split(" MoatKeeper=")[0] for line in probe.matching("^(load|commit)")][6:],
+                         ["load MoatKeeperRuleset", "load MoatKeeperBridgeFilterRules", "commit"])
 
     def testStallInTheMiddleOfAMessage(self):
         def stall(peer):
