@@ -19,8 +19,8 @@ struct ZOL_Daemon {
 // writable, too; of the system's usual folder for PID files only ZOL_Daemon_daemonize demands that.
 void ZOL_Daemon_construct(ZOL_Daemon& daemon, const char* name, const char* location);
 
-// True when the PID file names a process that is running and is this daemon. A number that another
-// program has got meanwhile (after a power cut, say) does not count.
+// True when the PID file names a process that is running, whatever its program is called. A number that another
+// program has got meanwhile (after a power cut, say) does not count: that one is younger than the file.
 bool ZOL_Daemon_occupiedPidFile(const ZOL_Daemon& daemon);
 
 // Detaches into the background; returns in the daemon process only. The parent leaves with status 0

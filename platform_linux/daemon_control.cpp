@@ -6,9 +6,11 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +18,7 @@
 #include <optional>
 #include <sstream>
 #include <string_view>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -45,14 +48,24 @@ void warn(const ZOL_Daemon& daemon, int line, const std::string& text)
     ZOL_Sysloglevel_warning(ZOL_Sysloglevel_registerModul(daemon.name.c_str()), label, line, text);
 }
 
-std::optional<pid_t> readPidFile(const std::string& path)
+// What stands in a PID file, and whether its writer still holds it.
+struct PidFile {
+    pid_t pid = 0;
+    timespec written{};
+    bool locked = false;
+};
+
+std::optional<PidFile> readPidFile(const std::string& path)
 {
     // O_NONBLOCK: whatever stands there under this name, opening it must not wait.
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0)
         return std::nullopt;
     std::array<char, 32> text{};
-    const ssize_t length = read(fd, text.data(), text.size());
+    struct stat status {
+    };
+    const ssize_t length = fstat(fd, &status) == 0 ? read(fd, text.data(), text.size()) : -1;
+    const bool locked = flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     close(fd);
     if (length <= 0)
         return std::nullopt;
@@ -62,45 +75,63 @@ std::optional<pid_t> readPidFile(const std::string& path)
     const auto [rest, error] = std::from_chars(text.data(), end, pid);
     if (error != std::errc{} || pid <= 0 || (rest != end && *rest != '\n'))
         return std::nullopt;
-    return pid;
+    return PidFile{.pid = pid, .written = status.st_mtim, .locked = locked};
 }
 
-// Name and state of a process, as the kernel keeps them: "PID (name) state ...". The name may contain anything,
-// the last bracket is the kernel's.
+// State and age of a process, as the kernel keeps them: "PID (name) state ...". The name may contain anything, the last
+// bracket is the kernel's.
 struct ProcessStatus {
-    std::string name;
     char state = '?';
+    std::chrono::duration<double> age{0};
 };
 
-std::optional<ProcessStatus> processStatus(const std::string& pid)
+std::optional<ProcessStatus> processStatus(pid_t pid)
 {
-    std::ifstream file("/proc/" + pid + "/stat");
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
     std::ostringstream content;
     content << file.rdbuf();
     const std::string text = content.str();
-    const std::size_t open = text.find('(');
     const std::size_t close = text.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close + 2 >= text.size())
+    if (close == std::string::npos)
         return std::nullopt;
-    return ProcessStatus{text.substr(open + 1, close - open - 1), text[close + 2]};
+    std::istringstream fields(text.substr(close + 1));
+    ProcessStatus status;
+    fields >> status.state;
+    std::string skipped;
+    for (int field = 4; field < 22; ++field)
+        fields >> skipped;
+    double startTicks = 0; // since the boot
+    timespec now{};
+    if (!(fields >> startTicks) || clock_gettime(CLOCK_BOOTTIME, &now) != 0)
+        return std::nullopt;
+    const double start = startTicks / static_cast<double>(sysconf(_SC_CLK_TCK));
+    status.age = std::chrono::duration<double>(static_cast<double>(now.tv_sec) - start);
+    return status;
 }
 
-// True when the process runs and is an instance of this daemon other than ourselves.
-bool isRunningInstance(pid_t pid, const std::string& daemonName)
+// Whether the process cannot have written the file: it is younger. In doubt it is not, by a second or two.
+bool startedAfter(const ProcessStatus& process, const timespec& written)
 {
-    if (pid == getpid()) // our own number in a file that an earlier boot left behind
-        return false;
-    if (kill(pid, 0) != 0 && errno != EPERM)
-        return false;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return process.age + std::chrono::seconds(2) < std::chrono::seconds(now.tv_sec - written.tv_sec);
+}
 
-    const std::optional<ProcessStatus> own = processStatus("self");
-    const std::optional<ProcessStatus> other = processStatus(std::to_string(pid));
-    if (!own) // without /proc only the number can be judged
-        return true;
-    if (!other || other->state == 'Z' || other->state == 'X')
+// True when the process that the file names runs and is another than ourselves. After a power cut its number may be any
+// program's; that one started after the file was written. Where the clock has been set since, this tells nothing, but
+// a writer that still runs holds the lock.
+bool isOccupied(const PidFile& file)
+{
+    if (file.pid == getpid()) // our own number in a file that an earlier boot left behind
         return false;
-    constexpr std::size_t kernelNameLength = 15;
-    return other->name == own->name || other->name == daemonName.substr(0, kernelNameLength);
+    if (kill(file.pid, 0) != 0 && errno != EPERM)
+        return false;
+    const std::optional<ProcessStatus> process = processStatus(file.pid);
+    if (!process) // gone just now; without /proc only the number can be judged
+        return access("/proc/self/stat", F_OK) != 0;
+    if (process->state == 'Z' || process->state == 'X')
+        return false;
+    return file.locked || !startedAfter(*process, file.written);
 }
 
 void requireWritableFolder(const ZOL_Daemon& daemon, bool alsoToTerminal = false)
@@ -158,8 +189,8 @@ void ZOL_Daemon_construct(ZOL_Daemon& daemon, const char* name, const char* loca
 
 bool ZOL_Daemon_occupiedPidFile(const ZOL_Daemon& daemon)
 {
-    const std::optional<pid_t> pid = readPidFile(daemon.pidFile);
-    return pid && isRunningInstance(*pid, daemon.name);
+    const std::optional<PidFile> file = readPidFile(daemon.pidFile);
+    return file && isOccupied(*file);
 }
 
 void ZOL_Daemon_daemonize(ZOL_Daemon& daemon)
@@ -209,17 +240,19 @@ void ZOL_Daemon_createPidFile(ZOL_Daemon& daemon)
     };
 
     std::string temporary = daemon.pidFile + ".XXXXXX";
-    const int fd = mkostemp(temporary.data(), O_CLOEXEC);
+    const int fd = mkostemp(temporary.data(), O_CLOEXEC); // stays open, for the lock
     if (fd < 0)
         failWith(80, "create");
 
     const std::string content = std::to_string(getpid()) + "\n";
     const bool written =
         write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) && fchmod(fd, 0644) == 0;
-    if (close(fd) != 0 || !written) {
+    if (!written) {
         unlink(temporary.c_str());
         failWith(90, "write");
     }
+
+    flock(fd, LOCK_EX | LOCK_NB); // a file system without locks leaves the time of start to judge by
 
     // Of two instances that start at the same time one gets the name.
     int result = renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, daemon.pidFile.c_str(), RENAME_NOREPLACE);

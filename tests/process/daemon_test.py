@@ -8,6 +8,7 @@ import os
 import pathlib
 import random
 import resource
+import shutil
 import signal
 import socket
 import subprocess
@@ -178,11 +179,24 @@ class PidFile(DaemonTest):
         self.assertEqual(daemon.stop(), 0)
         self.assertFalse(self.pidFile.exists())
 
-    def testNumberOfAnotherProgramDoesNotCount(self):
+    def testNumberOfAYoungerProcessDoesNotCount(self):
         self.pidFile.write_text(f"{os.getpid()}\n", encoding="utf-8")
+        os.utime(self.pidFile, (0, 0))
         pid, _ = self.startInBackground()
         self.assertNotEqual(pid, os.getpid())
         self.assertEqual(commandName(pid), "moatkeeper")
+
+    def testAnotherNameOfTheProgramIsASecondInstanceAllTheSame(self):
+        other = shutil.copy(DAEMON, os.path.join(self.folder, "moatkeeper-1.0"))
+        self.assertEqual(run("-b", "-p", self.folder, command=(other,)).returncode, 0)
+        pid = int(self.pidFile.read_text(encoding="utf-8"))
+        self.addCleanup(lambda: hasEnded(pid) or os.kill(pid, signal.SIGKILL))
+        self.assertEqual(commandName(pid), "moatkeeper-1.0")
+        for mode in ([], ["-b"]):
+            done = run(*mode, "-p", self.folder)
+            self.assertEqual((done.returncode, done.stderr), (1, REFUSED))
+        self.assertEqual(int(self.pidFile.read_text(encoding="utf-8")), pid)
+        self.assertFalse(hasEnded(pid))
 
     def testSecondInstanceIsRefused(self):
         pid, _ = self.startInBackground()

@@ -1,6 +1,7 @@
 #include "platform/daemon_control.h"
 #include "platform/sysloglevel.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -136,10 +137,18 @@ TEST_F(DaemonControlTest, OccupiedByARunningInstance)
     EXPECT_FALSE(ZOL_Daemon_occupiedPidFile(m_daemon)) << "no process";
 }
 
-TEST_F(DaemonControlTest, ANumberThatAnotherProgramHasGotDoesNotCount)
+TEST_F(DaemonControlTest, TheNameOfTheProgramDoesNotMatter)
 {
-    const OtherProcess other("something (else");
+    const OtherProcess other("moat 2 (else");
     writeFile(std::to_string(other.pid()) + "\n");
+    EXPECT_TRUE(ZOL_Daemon_occupiedPidFile(m_daemon));
+}
+
+TEST_F(DaemonControlTest, ANumberThatAYoungerProcessHasGotDoesNotCount)
+{
+    const OtherProcess other("moatkeeper");
+    writeFile(std::to_string(other.pid()) + "\n");
+    fs::last_write_time(m_daemon.pidFile, fs::file_time_type::clock::now() - std::chrono::hours(1));
     EXPECT_FALSE(ZOL_Daemon_occupiedPidFile(m_daemon));
     writeFile(std::to_string(getpid()) + "\n");
     EXPECT_FALSE(ZOL_Daemon_occupiedPidFile(m_daemon)) << "our own number";
@@ -245,6 +254,9 @@ TEST_F(DaemonControlTest, TheStarterLeavesWhenTheFileIsWritten)
 
     const pid_t daemon = std::atoi(readFile().c_str()); // there at once, no waiting
     ASSERT_GT(daemon, 0);
+    EXPECT_TRUE(ZOL_Daemon_occupiedPidFile(m_daemon));
+    fs::last_write_time(m_daemon.pidFile, fs::file_time_type::clock::now() - std::chrono::hours(1));
+    EXPECT_TRUE(ZOL_Daemon_occupiedPidFile(m_daemon)) << "the clock was set forward";
     EXPECT_NE(daemon, starter);
     const pid_t session = getsid(daemon);
     EXPECT_NE(session, getsid(0)) << "a session of its own";
