@@ -1,4 +1,4 @@
-#include "moatctl/verb.hpp"
+#include "moatctl/command_line/verb.hpp"
 
 #include <cstdlib>
 #include <iostream>

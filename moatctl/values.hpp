@@ -1,8 +1,8 @@
 // What a value may be: what the server, the daemon and the kernel's tool take.
 #pragma once
 
-#include "moatctl/configuration.hpp"
-#include "moatctl/problem.hpp"
+#include "moatctl/tables/configuration.hpp"
+#include "moatctl/tables/problem.hpp"
 
 #include <optional>
 #include <string>

@@ -23,20 +23,27 @@ platform_linux       platform_linux/queue platform ebtables ovsdb nftables schem
 platform_linux/queue platform_linux platform ebtables nftables schema system
 platform_fake        platform
 
-moatctl              moatctl/verbs handler records platform ebtables ovsdb schema platform_fake system CLI
-moatctl/verbs        moatctl handler records platform ebtables ovsdb schema platform_linux/queue system
-moatctl/describe     moatctl CLI
+moatctl              moatctl/tables moatctl/command_line moatctl/verbs ebtables ovsdb platform system
+moatctl/tables       moatctl moatctl/command_line ovsdb platform
+moatctl/bridge       moatctl/tables ebtables ovsdb platform handler platform_fake
+moatctl/check        moatctl moatctl/bridge moatctl/tables ebtables platform
+moatctl/command_line moatctl moatctl/bridge moatctl/tables ebtables ovsdb platform system CLI
+moatctl/verbs        moatctl moatctl/command_line moatctl/check moatctl/bridge moatctl/tables ebtables ovsdb platform
+                     platform_linux/queue system
+moatctl/describe     moatctl moatctl/command_line CLI
 
 demo                 handler platform platform_fake ovsdb
 bench                handler platform platform_fake platform_linux/queue system
 
 tests/unit           daemon handler records platform platform_fake platform_linux platform_linux/queue
-                     ebtables ovsdb nftables schema moatctl moatctl/verbs tests/moatctl system gtest gmock
+                     ebtables ovsdb nftables schema moatctl moatctl/tables moatctl/bridge moatctl/check
+                     moatctl/command_line tests/moatctl system gtest gmock
 tests/golden         handler platform_fake gtest
 tests/random         handler platform_fake gtest
 tests/process        platform platform_linux/queue ovsdb system gtest
-tests/system         platform platform_linux/queue ebtables nftables moatctl tests/moatctl system gtest
-tests/moatctl        moatctl platform_linux/queue system gtest
+tests/system         platform platform_linux/queue ebtables nftables moatctl/tables moatctl/bridge moatctl/check
+                     moatctl/command_line tests/moatctl system gtest
+tests/moatctl        moatctl moatctl/tables moatctl/bridge platform_linux/queue system gtest
 tests/fuzz           platform_linux/queue ebtables ovsdb nftables schema
 '
 

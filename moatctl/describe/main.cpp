@@ -1,6 +1,6 @@
 // Used by the build only: moatctl_describe manual < template, moatctl_describe completion.
+#include "moatctl/command_line/verb.hpp"
 #include "moatctl/describe/command_line.hpp"
-#include "moatctl/verb.hpp"
 
 #include <iostream>
 

@@ -1,11 +1,11 @@
-#include "moatctl/batch.hpp"
+#include "moatctl/command_line/split_line.hpp"
 
-#include "moatctl/command_line_error.hpp"
+#include "moatctl/command_line/errors.hpp"
 
-#include "moatctl/edit.hpp"
-#include "moatctl/load.hpp"
-#include "moatctl/problem.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/tables/edit.hpp"
+#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/problem.hpp"
+#include "moatctl/verbs/all.hpp"
 
 #include <algorithm>
 #include <memory>

@@ -1,8 +1,8 @@
-#include "moatctl/check.hpp"
+#include "moatctl/check/check.hpp"
 
-#include "moatctl/load.hpp"
-#include "moatctl/output.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/command_line/output.hpp"
+#include "moatctl/tables/load.hpp"
+#include "moatctl/verbs/all.hpp"
 
 #include <algorithm>
 #include <memory>

@@ -1,9 +1,9 @@
-#include "moatctl/command_line_error.hpp"
-#include "moatctl/expected.hpp"
-#include "moatctl/frame_options.hpp"
-#include "moatctl/load.hpp"
-#include "moatctl/output.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/bridge/expected.hpp"
+#include "moatctl/command_line/errors.hpp"
+#include "moatctl/command_line/frame_options.hpp"
+#include "moatctl/command_line/output.hpp"
+#include "moatctl/tables/load.hpp"
+#include "moatctl/verbs/all.hpp"
 #include "ovsdb/json.hpp"
 
 #include <memory>

@@ -1,5 +1,5 @@
-#include "moatctl/load.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/tables/load.hpp"
+#include "moatctl/verbs/all.hpp"
 #include "ovsdb/json.hpp"
 
 #include <ostream>

@@ -1,5 +1,5 @@
-#include "moatctl/table_verb.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/verbs/all.hpp"
+#include "moatctl/verbs/table_verb.hpp"
 
 namespace moatctl
 {

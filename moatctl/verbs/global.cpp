@@ -1,6 +1,6 @@
-#include "moatctl/table_verb.hpp"
 #include "moatctl/values.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/verbs/all.hpp"
+#include "moatctl/verbs/table_verb.hpp"
 
 namespace moatctl
 {

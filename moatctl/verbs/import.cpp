@@ -1,9 +1,9 @@
-#include "moatctl/check_change.hpp"
-#include "moatctl/difference.hpp"
-#include "moatctl/edit.hpp"
-#include "moatctl/load.hpp"
-#include "moatctl/progress.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/check/change.hpp"
+#include "moatctl/command_line/progress.hpp"
+#include "moatctl/tables/difference.hpp"
+#include "moatctl/tables/edit.hpp"
+#include "moatctl/tables/load.hpp"
+#include "moatctl/verbs/all.hpp"
 
 #include <algorithm>
 #include <iterator>

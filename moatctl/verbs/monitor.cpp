@@ -1,8 +1,8 @@
-#include "moatctl/command_line_error.hpp"
-#include "moatctl/difference.hpp"
-#include "moatctl/load.hpp"
-#include "moatctl/time_stamp.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/command_line/errors.hpp"
+#include "moatctl/command_line/time_stamp.hpp"
+#include "moatctl/tables/difference.hpp"
+#include "moatctl/tables/load.hpp"
+#include "moatctl/verbs/all.hpp"
 #include "ovsdb/json.hpp"
 
 #include <chrono>

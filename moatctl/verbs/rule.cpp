@@ -1,6 +1,6 @@
-#include "moatctl/rule_order.hpp"
-#include "moatctl/table_verb.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/tables/rule_order.hpp"
+#include "moatctl/verbs/all.hpp"
+#include "moatctl/verbs/table_verb.hpp"
 
 namespace moatctl
 {

@@ -1,8 +1,8 @@
-#include "moatctl/kernel_order.hpp"
-#include "moatctl/load.hpp"
-#include "moatctl/problem.hpp"
-#include "moatctl/sheets.hpp"
-#include "moatctl/verbs.hpp"
+#include "moatctl/command_line/sheets.hpp"
+#include "moatctl/tables/kernel_order.hpp"
+#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/problem.hpp"
+#include "moatctl/verbs/all.hpp"
 
 #include <memory>
 

@@ -1,7 +1,7 @@
 // A network namespace for this process, with the real tool and a real bridge in it.
 #pragma once
 
-#include "moatctl/expected.hpp"
+#include "moatctl/bridge/expected.hpp"
 
 #include <string>
 #include <vector>

@@ -1,8 +1,8 @@
 // Random configurations and frames out of small pools, so that frames meet rules and rules meet each other.
 #pragma once
 
-#include "moatctl/configuration.hpp"
-#include "moatctl/frame.hpp"
+#include "moatctl/bridge/frame.hpp"
+#include "moatctl/tables/configuration.hpp"
 
 #include <random>
 #include <string>

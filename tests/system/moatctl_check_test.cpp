@@ -1,6 +1,6 @@
 // What moatctl check says, against what the tool does.
-#include "moatctl/check.hpp"
-#include "moatctl/expected.hpp"
+#include "moatctl/bridge/expected.hpp"
+#include "moatctl/check/check.hpp"
 #include "tests/moatctl/kernel_lab.hpp"
 #include "tests/moatctl/random_configuration.hpp"
 

@@ -1,8 +1,8 @@
 // What moatctl explain says, against what the kernel does: for every frame, which rules match and what becomes of it.
 #include "ebtables/table.hpp"
-#include "moatctl/expected.hpp"
-#include "moatctl/frame_options.hpp"
-#include "moatctl/model.hpp"
+#include "moatctl/bridge/expected.hpp"
+#include "moatctl/bridge/model.hpp"
+#include "moatctl/command_line/frame_options.hpp"
 #include "platform_linux/queue/tool.hpp"
 #include "tests/moatctl/kernel_lab.hpp"
 #include "tests/moatctl/random_configuration.hpp"

@@ -1,4 +1,4 @@
-#include "moatctl/check_change.hpp"
+#include "moatctl/check/change.hpp"
 #include "moatctl/values.hpp"
 
 #include <gmock/gmock.h>

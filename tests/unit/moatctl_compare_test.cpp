@@ -1,4 +1,4 @@
-#include "moatctl/compare.hpp"
+#include "moatctl/bridge/compare.hpp"
 
 #include "ebtables/line_parser.hpp"
 

@@ -1,4 +1,4 @@
-#include "moatctl/frame.hpp"
+#include "moatctl/bridge/frame.hpp"
 
 #include "ebtables/line_parser.hpp"
 

@@ -1,6 +1,6 @@
-#include "moatctl/cover_index.hpp"
-#include "moatctl/expected.hpp"
-#include "moatctl/shadow.hpp"
+#include "moatctl/bridge/cover_index.hpp"
+#include "moatctl/bridge/expected.hpp"
+#include "moatctl/bridge/shadow.hpp"
 #include "tests/moatctl/random_configuration.hpp"
 
 #include <gtest/gtest.h>

@@ -1,0 +1,79 @@
+#include "moatctl/check/change.hpp"
+
+#include <optional>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+
+namespace moatctl
+{
+
+namespace
+{
+
+// What there is to say of the configuration before the change; found out when it is asked for.
+class Before
+{
+public:
+    Before(const Configuration& configuration, const CheckOptions& options)
+        : m_configuration(configuration), m_options(options)
+    {
+    }
+
+    // Whether the row was the same; of a problem that is about no row, whether there was none either.
+    bool hadRow(const Row* row, const Problem& problem) const
+    {
+        const Row* held = m_configuration.find(findTable(problem.table)->id, problem.id);
+        return row == nullptr || held == nullptr ? row == held : *row == *held;
+    }
+
+    // An error is the same whatever it says, a warning if it says the same.
+    bool hadProblem(const Problem& problem)
+    {
+        if (!m_known) {
+            m_known.emplace();
+            for (const Problem& known : checkConfiguration(m_configuration, m_options))
+                m_known->insert(keyOf(known));
+        }
+        return m_known->contains(keyOf(problem));
+    }
+
+private:
+    using Key = std::tuple<Severity, std::string, std::int32_t, std::string, std::string>;
+
+    static Key keyOf(const Problem& problem)
+    {
+        return {problem.severity, problem.table, problem.id, problem.column,
+                problem.severity == Severity::Error ? "" : problem.text};
+    }
+
+    const Configuration& m_configuration;
+    const CheckOptions& m_options;
+    std::optional<std::set<Key>> m_known;
+};
+
+} // namespace
+
+std::vector<Problem> checkChange(const Configuration& before, const Configuration& after, const CheckOptions& options)
+{
+    Before old(before, options);
+    std::vector<Problem> problems;
+    for (Problem& problem : checkConfiguration(after, options)) {
+        const Row* row = after.find(findTable(problem.table)->id, problem.id);
+        const bool fromFile = row != nullptr && row->line != 0;
+        if (!fromFile)
+            problem.file.clear();
+        if (old.hadRow(row, problem) && old.hadProblem(problem)) {
+            if (!fromFile || problem.severity == Severity::Warning)
+                continue;
+            problem.severity = Severity::Warning;
+        }
+        if (row == nullptr)
+            problem.severity = Severity::Warning;
+        problems.push_back(std::move(problem));
+    }
+    return problems;
+}
+
+} // namespace moatctl

@@ -1,0 +1,32 @@
+// Finds what is wrong with a configuration before the daemon and the kernel's tool find it.
+#pragma once
+
+#include "moatctl/tables/configuration.hpp"
+#include "moatctl/tables/problem.hpp"
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace moatctl
+{
+
+struct CheckOptions {
+    // Whether this machine has an interface of that name; empty: not looked at.
+    std::function<bool(const std::string& name)> interfaceExists;
+    // Called now and then with how much of the work is done; may be empty.
+    std::function<void(std::size_t done, std::size_t total)> onProgress;
+};
+
+// Errors: the daemon would pass a row over, or the tool would refuse a line of it, were the row enabled. Without
+// errors, every line of the first commit is carried out. Warnings: the row works, but hardly as meant.
+//
+// In the order of tables, Ids and columns. Time: grows little more than in proportion to the rows.
+// Threading: as for expectedOf.
+std::vector<Problem> checkConfiguration(const Configuration& configuration, const CheckOptions& options = {});
+
+// Whether this machine has an interface of that name.
+bool isInterfaceHere(const std::string& name);
+
+} // namespace moatctl

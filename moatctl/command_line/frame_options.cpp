@@ -1,0 +1,205 @@
+#include "moatctl/command_line/frame_options.hpp"
+
+#include "ebtables/operands.hpp"
+#include "moatctl/exit_status.hpp"
+#include "moatctl/tables/problem.hpp"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cctype>
+#include <cstdio>
+#include <string_view>
+
+namespace moatctl
+{
+
+namespace
+{
+
+[[noreturn]] void wrong(std::string_view option, const std::string& value, std::string_view expected)
+{
+    throw Failure(ExitStatus::BadInput,
+                  std::string(option) + ' ' + inQuotes(value) + ": expected " + std::string(expected));
+}
+
+std::string portName(std::string_view option, const std::string& name)
+{
+    const std::optional<ebtables::InterfaceMatch> match = ebtables::parseInterface(name);
+    if (!match || match->prefix)
+        wrong(option, name, "the name of one port, of at most 15 characters");
+    return name;
+}
+
+MacAddress macAddress(std::string_view option, const std::string& word)
+{
+    const std::optional<ebtables::MacMatch> match = ebtables::parseMac(word);
+    if (!match || std::ranges::any_of(match->mask, [](std::uint8_t byte) { return byte != 0xff; }))
+        wrong(option, word, "one MAC address such as 00:11:22:33:44:55");
+    return match->address;
+}
+
+template <std::size_t N>
+std::optional<std::array<std::uint8_t, N>> ipAddress(const std::string& word)
+{
+    std::array<std::uint8_t, N> address{};
+    if (inet_pton(N == 4 ? AF_INET : AF_INET6, word.c_str(), address.data()) != 1)
+        return std::nullopt;
+    return address;
+}
+
+std::string typeText(std::uint16_t type)
+{
+    if (type < ethertype::firstNumber)
+        return "a length";
+    if (type == ethertype::ip4)
+        return "IPv4";
+    if (type == ethertype::ip6)
+        return "IPv6";
+    std::array<char, 8> text{};
+    std::snprintf(text.data(), text.size(), "0x%04x", static_cast<unsigned>(type));
+    return text.data();
+}
+
+void setAddress(Frame& frame, std::string_view option, const std::string& word, std::optional<Ip4Address> Frame::*ip4,
+                std::optional<Ip6Address> Frame::*ip6)
+{
+    if (word.empty())
+        return;
+    frame.*ip4 = ipAddress<4>(word);
+    frame.*ip6 = ipAddress<16>(word);
+    if (!(frame.*ip4) && !(frame.*ip6))
+        wrong(option, word, "one IPv4 or IPv6 address");
+    const std::uint16_t type = frame.*ip4 ? ethertype::ip4 : ethertype::ip6;
+    if (frame.type && *frame.type != type)
+        wrong(option, word, "an address of the same family as the other one and --ethertype: " + typeText(*frame.type));
+    frame.type = type;
+}
+
+std::uint16_t number(std::string_view option, int value, int largest)
+{
+    if (value < 0 || value > largest)
+        wrong(option, std::to_string(value), "a number from 0 to " + std::to_string(largest));
+    return static_cast<std::uint16_t>(value);
+}
+
+std::string lowerCase(std::string text)
+{
+    std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+std::string macText(const MacAddress& address)
+{
+    std::array<char, 18> text{};
+    std::snprintf(text.data(), text.size(), "%02x:%02x:%02x:%02x:%02x:%02x", address[0], address[1], address[2],
+                  address[3], address[4], address[5]);
+    return text.data();
+}
+
+template <std::size_t N>
+std::string ipText(const std::array<std::uint8_t, N>& address)
+{
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    inet_ntop(N == 4 ? AF_INET : AF_INET6, address.data(), text.data(), text.size());
+    return text.data();
+}
+
+} // namespace
+
+void addFrameOptions(CLI::App& app, FrameOptions& options)
+{
+    app.add_option("--in", options.in, "Port that the frame comes in by")->type_name("PORT")->required();
+    app.add_option("--out", options.out, "Port that it is to leave by; without it the frame is for the device itself")
+        ->type_name("PORT");
+    app.add_option("--src-mac", options.sourceMac, "Its source MAC address")->type_name("MAC")->required();
+    app.add_option("--dst-mac", options.destinationMac, "Its destination MAC address")->type_name("MAC")->required();
+    app.add_option("--vlan", options.vlan, "Its tag; an untagged frame without it")->type_name("NUMBER");
+    app.add_option("--vlan-prio", options.vlanPriority, "The tag's priority, 0 without it")->type_name("NUMBER");
+    app.add_option("--ethertype", options.ethertype,
+                   "What it carries, behind a tag if there is one: IPv4, ARP, 0x88cc, LENGTH for an IEEE 802.3 frame")
+        ->type_name("TYPE");
+    app.add_option("--src", options.source, "IP source address")->type_name("IP");
+    app.add_option("--dst", options.destination, "IP destination address")->type_name("IP");
+    app.add_option("--proto", options.protocol, "IP protocol: tcp, udp, icmp or a number")->type_name("PROTO");
+    app.add_option("--port", options.port, "TCP or UDP destination port; needs --proto")->type_name("NUMBER");
+    app.add_option("--src-port", options.sourcePort, "TCP or UDP source port; needs --proto")->type_name("NUMBER");
+    app.add_flag("--fragment", options.fragment, "It is a later fragment of an IP packet: it has no ports");
+}
+
+Frame frameOf(const FrameOptions& options)
+{
+    Frame frame;
+    frame.in = portName("--in", options.in);
+    if (!options.out.empty())
+        frame.out = portName("--out", options.out);
+    frame.source = macAddress("--src-mac", options.sourceMac);
+    frame.destination = macAddress("--dst-mac", options.destinationMac);
+    if ((frame.source[0] & 1U) != 0 || frame.source == MacAddress{})
+        wrong("--src-mac", options.sourceMac, "a station's address: the bridge drops such a frame before any chain");
+
+    if (options.vlan)
+        frame.vlan = VlanTag{number("--vlan", *options.vlan, 4095), 0};
+    if (options.vlanPriority) {
+        if (!frame.vlan)
+            throw Failure(ExitStatus::BadInput, "--vlan-prio: expected --vlan with it");
+        frame.vlan->priority = static_cast<std::uint8_t>(number("--vlan-prio", *options.vlanPriority, 7));
+    }
+    if (!options.ethertype.empty()) {
+        const std::optional<ebtables::EthertypeMatch> type = ebtables::parseEthertype(options.ethertype);
+        if (!type)
+            wrong("--ethertype", options.ethertype, "IPv4, IPv6, ARP, another name, 0x600 to 0xffff, or LENGTH");
+        if (!type->lengthField && type->number == ethertype::vlan && !frame.vlan)
+            wrong("--ethertype", options.ethertype, "the type behind the tag, and the tag with --vlan");
+        constexpr std::uint16_t someLength = 0x40;
+        frame.type = type->lengthField ? someLength : type->number;
+    }
+    setAddress(frame, "--src", options.source, &Frame::ip4Source, &Frame::ip6Source);
+    setAddress(frame, "--dst", options.destination, &Frame::ip4Destination, &Frame::ip6Destination);
+    if (!options.protocol.empty()) {
+        const std::optional<ebtables::RangeMatch> protocol = ebtables::parseIpProtocol(lowerCase(options.protocol));
+        if (!protocol)
+            wrong("--proto", options.protocol, "tcp, udp, another name of an IP protocol, or a number from 0 to 255");
+        frame.protocol = static_cast<std::uint8_t>(protocol->first);
+    }
+    for (const auto& [option, port] :
+         {std::pair("--port", options.port), std::pair("--src-port", options.sourcePort)}) {
+        if (port && !frame.protocol)
+            wrong(option, std::to_string(*port), "--proto tcp or udp with it");
+    }
+    if (options.port)
+        frame.destinationPort = number("--port", *options.port, 65535);
+    if (options.sourcePort)
+        frame.sourcePort = number("--src-port", *options.sourcePort, 65535);
+    frame.laterFragment = options.fragment;
+    return frame;
+}
+
+std::string toText(const Frame& frame)
+{
+    std::string text = "in by " + frame.in + (frame.out.empty() ? ", for the device itself" : ", out by " + frame.out) +
+                       ", from " + macText(frame.source) + " to " + macText(frame.destination);
+    if (frame.vlan)
+        text += ", VLAN " + std::to_string(frame.vlan->id) + " priority " + std::to_string(frame.vlan->priority);
+    if (frame.type)
+        text += ", " + typeText(*frame.type);
+    const auto address = [&](const char* what, const auto& ip4, const auto& ip6) {
+        if (ip4)
+            text += what + ipText(*ip4);
+        if (ip6)
+            text += what + ipText(*ip6);
+    };
+    address(" from ", frame.ip4Source, frame.ip6Source);
+    address(" to ", frame.ip4Destination, frame.ip6Destination);
+    if (frame.protocol)
+        text += ", protocol " + std::to_string(*frame.protocol);
+    if (frame.sourcePort)
+        text += ", source port " + std::to_string(*frame.sourcePort);
+    if (frame.destinationPort)
+        text += ", port " + std::to_string(*frame.destinationPort);
+    if (frame.laterFragment)
+        text += ", a later fragment";
+    return text;
+}
+
+} // namespace moatctl

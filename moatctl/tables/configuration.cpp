@@ -1,0 +1,89 @@
+#include "moatctl/tables/configuration.hpp"
+
+#include <algorithm>
+#include <limits>
+
+namespace moatctl
+{
+
+namespace
+{
+
+// First row whose Id is not smaller.
+auto place(auto& rows, std::int32_t id)
+{
+    return std::ranges::lower_bound(rows, id, {}, &Row::id);
+}
+
+} // namespace
+
+Row::Row(const TableInfo& tableOfRow) : table(&tableOfRow)
+{
+    values.reserve(tableOfRow.columns.size());
+    for (std::size_t i = 0; i < tableOfRow.columns.size(); ++i)
+        values.push_back(tableOfRow.defaultOf(i));
+}
+
+std::uint32_t Row::lineOf(std::size_t column) const
+{
+    return column < lines.size() && lines[column] != 0 ? lines[column] : line;
+}
+
+const Row* Configuration::find(TableId table, std::int32_t id) const
+{
+    const std::vector<Row>& held = rows(table);
+    const auto it = place(held, id);
+    return it != held.end() && it->id() == id ? &*it : nullptr;
+}
+
+Row* Configuration::find(TableId table, std::int32_t id)
+{
+    return const_cast<Row*>(std::as_const(*this).find(table, id));
+}
+
+bool Configuration::add(Row row)
+{
+    std::vector<Row>& held = m_tables[static_cast<std::size_t>(row.table->id)];
+    const auto it = place(held, row.id());
+    if (it != held.end() && it->id() == row.id())
+        return false;
+    held.insert(it, std::move(row));
+    return true;
+}
+
+bool Configuration::remove(TableId table, std::int32_t id)
+{
+    std::vector<Row>& held = m_tables[static_cast<std::size_t>(table)];
+    const auto it = place(held, id);
+    if (it == held.end() || it->id() != id)
+        return false;
+    held.erase(it);
+    return true;
+}
+
+std::int32_t Configuration::nextId(TableId table) const
+{
+    const std::vector<Row>& held = rows(table);
+    if (held.empty())
+        return 1;
+    if (held.back().id() < std::numeric_limits<std::int32_t>::max())
+        return std::max(held.back().id(), 0) + 1;
+    std::int32_t candidate = 1;
+    for (const Row& row : held) {
+        if (row.id() < candidate)
+            continue;
+        if (row.id() > candidate)
+            return candidate;
+        if (candidate == std::numeric_limits<std::int32_t>::max())
+            return 0;
+        ++candidate;
+    }
+    return candidate;
+}
+
+std::string toText(const tessera::Value& value)
+{
+    return value.isText() ? value.getText() : std::to_string(value.getInteger());
+}
+
+} // namespace moatctl

@@ -1,0 +1,113 @@
+#include "moatctl/tables/edit.hpp"
+
+#include "moatctl/tables/difference.hpp"
+#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/problem.hpp"
+
+#include <ostream>
+
+namespace moatctl
+{
+
+namespace
+{
+
+ovsdb::Json require(const Row& row)
+{
+    return ovsdb::requireRow(*row.table->table, {.uuid = *row.uuid, .values = row.values});
+}
+
+// Values of a new row, or those that differ.
+ovsdb::ColumnValues valuesOf(const Row* before, const Row& after)
+{
+    ovsdb::ColumnValues values;
+    for (std::size_t i = 0; i < after.values.size(); ++i) {
+        if (before == nullptr || before->values[i] != after.values[i])
+            values.emplace_back(after.table->columns[i].name, after.values[i]);
+    }
+    return values;
+}
+
+// A transaction, and for each operation the change that it belongs to.
+struct Plan {
+    std::vector<ovsdb::Json> operations;
+    std::vector<const Change*> changeOf;
+
+    void add(ovsdb::Json operation, const Change* change)
+    {
+        operations.push_back(std::move(operation));
+        changeOf.push_back(change);
+    }
+};
+
+Plan planOf(const std::vector<Change>& changes, const Configuration& before, const Editor& editor)
+{
+    Plan plan;
+    for (const auto& [table, id] : editor.reliedOn()) {
+        if (const Row* row = before.find(table, id))
+            plan.add(require(*row), nullptr);
+    }
+    for (const Change& change : changes) {
+        if (change.before != nullptr)
+            plan.add(require(*change.before), nullptr);
+    }
+    for (const Change& change : changes) {
+        const std::string_view table = change.table->name();
+        if (change.before == nullptr) // that the Id is free, the server sees to itself
+            plan.add(ovsdb::insertRow(table, valuesOf(nullptr, *change.after)), &change);
+        else if (change.after == nullptr)
+            plan.add(ovsdb::deleteRows(table, ovsdb::rowWithUuid(*change.before->uuid)), &change);
+        else
+            plan.add(ovsdb::updateRows(table, ovsdb::rowWithUuid(*change.before->uuid),
+                                       valuesOf(change.before, *change.after)),
+                     &change);
+    }
+    return plan;
+}
+
+// Whether somebody else was faster: a row is not what it was, or an Id is taken by now.
+bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
+{
+    if (const auto failed = result.failedOperation())
+        return plan.changeOf[*failed] == nullptr && result.outcomes[*failed].error == "timed out";
+    return result.commitFailed && result.commitFailed->error == "constraint violation";
+}
+
+[[noreturn]] void refuse(const Plan& plan, const ovsdb::TransactionResult& result)
+{
+    std::string where;
+    if (const auto failed = result.failedOperation(); failed && plan.changeOf[*failed] != nullptr) {
+        const Change& change = *plan.changeOf[*failed];
+        where = std::string(change.table->name()) + (change.id != 0 ? " Id " + std::to_string(change.id) : "") + ": ";
+        throw Failure(ExitStatus::BadInput, where + "refused by the server: " + result.errorText());
+    }
+    throw Failure(ExitStatus::Server, "the server refused the change: " + result.errorText());
+}
+
+} // namespace
+
+ExitStatus applyEdit(Program& program, const std::function<void(Editor&)>& edit)
+{
+    ovsdb::Client client = program.connect();
+    for (int attempt = 0; attempt < attemptLimit; ++attempt) {
+        const Configuration before = loadFromServer(client);
+        Editor editor(before);
+        edit(editor);
+        const std::vector<Change> changes = difference(before, editor.configuration);
+        if (!changes.empty()) {
+            const Plan plan = planOf(changes, before, editor);
+            const ovsdb::TransactionResult result = client.transact(plan.operations);
+            if (overtaken(plan, result))
+                continue;
+            if (!result.committed())
+                refuse(plan, result);
+        }
+        for (const std::string& line : editor.reports())
+            program.out << line << '\n';
+        return ExitStatus::Ok;
+    }
+    throw Failure(ExitStatus::Conflict, "others changed the same rows again and again (" +
+                                            std::to_string(attemptLimit) + " attempts); nothing was changed");
+}
+
+} // namespace moatctl

@@ -1,0 +1,45 @@
+// Changes to the server's configuration: made on a copy, sent as one transaction that fails when the rows are no
+// longer what the copy says, and then made again on a fresh copy.
+#pragma once
+
+#include "moatctl/command_line/verb.hpp"
+#include "moatctl/tables/configuration.hpp"
+
+#include <functional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace moatctl
+{
+
+// A copy of the server's configuration that is being changed. May be filled several times until the change holds.
+class Editor
+{
+public:
+    explicit Editor(Configuration state) : configuration(std::move(state)) {}
+
+    Configuration configuration;
+
+    // The change is right only as long as this row, if it is there, has the values it has now. Rows that are
+    // changed or removed need not be named.
+    void reliesOn(TableId table, std::int32_t id) { m_reliedOn.emplace(table, id); }
+    const std::set<std::pair<TableId, std::int32_t>>& reliedOn() const { return m_reliedOn; }
+
+    // A line for standard output once the change is done.
+    void report(std::string line) { m_reports.push_back(std::move(line)); }
+    const std::vector<std::string>& reports() const { return m_reports; }
+
+private:
+    std::set<std::pair<TableId, std::int32_t>> m_reliedOn;
+    std::vector<std::string> m_reports;
+};
+
+// Reads, edits, writes; at most attemptLimit times, as long as others come in between. Does nothing when the edit
+// changes nothing. Throws what the edit throws, Failure(Conflict) when it never got through, Failure(BadInput) when
+// the server refuses a value, and the errors of ovsdb::Client.
+inline constexpr int attemptLimit = 50;
+ExitStatus applyEdit(Program& program, const std::function<void(Editor&)>& edit);
+
+} // namespace moatctl

@@ -1,0 +1,252 @@
+#include "moatctl/tables/load.hpp"
+
+#include "ovsdb/json.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <istream>
+#include <limits>
+#include <map>
+#include <optional>
+#include <utility>
+
+namespace moatctl
+{
+
+namespace
+{
+
+using ovsdb::Json;
+
+// Line numbers of offsets without walking the text each time.
+class LineIndex
+{
+public:
+    explicit LineIndex(std::string_view text)
+    {
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            if (text[i] == '\n')
+                m_ends.push_back(i);
+        }
+    }
+    std::uint32_t lineOf(std::size_t offset) const
+    {
+        return static_cast<std::uint32_t>(std::ranges::lower_bound(m_ends, offset) - m_ends.begin()) + 1;
+    }
+
+private:
+    std::vector<std::size_t> m_ends;
+};
+
+class FileParser
+{
+public:
+    FileParser(std::string_view text, const std::string& name) : m_index(text)
+    {
+        m_result.configuration.file = name;
+        try {
+            parse(ovsdb::parseJson(text, {.comments = true}));
+        } catch (const ovsdb::JsonError& error) {
+            m_result.readable = false;
+            const bool empty = text.find_first_not_of(" \t\r\n") == std::string_view::npos;
+            std::string reason = error.what(); // a sentence
+            reason.front() = static_cast<char>(std::tolower(static_cast<unsigned char>(reason.front())));
+            if (reason.ends_with('.'))
+                reason.pop_back();
+            report(error.offset(), "", 0, "",
+                   (empty ? "nothing in it" : "no JSON: " + reason) +
+                       "; expected an object with a list of rows per table");
+        }
+    }
+    LoadedFile take() { return std::move(m_result); }
+
+private:
+    void report(std::size_t offset, std::string_view table, std::int32_t id, std::string_view column, std::string text)
+    {
+        m_result.problems.push_back({.severity = Severity::Error,
+                                     .file = m_result.configuration.file,
+                                     .line = m_index.lineOf(offset),
+                                     .table = std::string(table),
+                                     .id = id,
+                                     .column = std::string(column),
+                                     .text = std::move(text)});
+    }
+
+    void parse(const Json& root)
+    {
+        const Json::Object* tables = root.asObject();
+        if (tables == nullptr) {
+            report(root.offset(), "", 0, "",
+                   std::string("expected an object with a list of rows per table, found ") + root.kindName());
+            return;
+        }
+        for (const auto& [name, rows] : *tables) {
+            const auto table = std::ranges::find(allTables(), std::string_view(name), &TableInfo::name);
+            if (table == allTables().end())
+                report(rows.offset(), "", 0, "", "no table is called " + inQuotes(name));
+            else
+                parseTable(*table, rows);
+        }
+    }
+
+    void parseTable(const TableInfo& table, const Json& rows)
+    {
+        const Json::Array* list = rows.asArray();
+        if (list == nullptr) {
+            report(rows.offset(), table.name(), 0, "",
+                   std::string("expected a list of rows, found ") + rows.kindName());
+            return;
+        }
+        for (const Json& row : *list) {
+            if (row.asObject() == nullptr)
+                report(row.offset(), table.name(), 0, "",
+                       std::string("expected a row, an object, found ") + row.kindName());
+            else
+                parseRow(table, row);
+        }
+    }
+
+    void parseRow(const TableInfo& table, const Json& object)
+    {
+        Row row(table);
+        row.line = m_index.lineOf(object.offset());
+        row.lines.assign(table.columns.size(), 0);
+        // The Id goes with every message about the row.
+        const Json* givenId = object.find("Id");
+        const std::int32_t id = table.hasIds() && givenId != nullptr ? idOf(*givenId) : 0;
+        bool good = true;
+        for (const auto& [name, value] : *object.asObject()) {
+            const auto column = table.table->find(name);
+            if (!column) {
+                report(value.offset(), table.name(), id, name, "the table has no such column");
+                good = false;
+                continue;
+            }
+            row.lines[*column] = m_index.lineOf(value.offset());
+            good = parseValue(table, *column, value, id, row) && good;
+        }
+        for (std::size_t i = 0; i < table.columns.size(); ++i) {
+            if (table.columns[i].required && row.lines[i] == 0) {
+                report(object.offset(), table.name(), id, table.columns[i].name,
+                       "missing: expected " + std::string(expectedValue(table.columns[i].kind)));
+                good = false;
+            }
+        }
+        if (isFirst(row, givenId, object.offset()) && good)
+            m_result.configuration.add(std::move(row));
+    }
+
+    // Whether no row before it, good or not, has the Id. A row whose Id cannot be read passes.
+    bool isFirst(const Row& row, const Json* givenId, std::size_t offset)
+    {
+        const bool hasIds = row.table->hasIds();
+        if (hasIds && (givenId == nullptr || !inRange(givenId->asInteger())))
+            return true;
+        const auto [first, isNew] = m_lineOfRow.try_emplace({row.table->id, row.id()}, row.line);
+        if (!isNew)
+            report(offset, row.table->name(), row.id(), hasIds ? "Id" : "",
+                   hasIds ? "used already in line " + std::to_string(first->second)
+                          : "a second row: the table has one row at most");
+        return isNew;
+    }
+
+    bool parseValue(const TableInfo& table, std::size_t column, const Json& value, std::int32_t id, Row& row)
+    {
+        const ovsdb::Column& form = table.table->columns[column];
+        if (form.kind == ovsdb::ColumnKind::Text) {
+            if (const std::string* text = value.asText()) {
+                row.values[column] = tessera::Value(*text);
+                return true;
+            }
+            report(value.offset(), table.name(), id, form.name,
+                   std::string("expected a text, found ") + value.kindName());
+            return false;
+        }
+        const auto integer = value.asInteger();
+        if (!integer) {
+            report(value.offset(), table.name(), id, form.name,
+                   std::string("expected an integer, found ") + value.kindName());
+            return false;
+        }
+        if (!inRange(integer)) {
+            report(value.offset(), table.name(), id, form.name,
+                   std::to_string(*integer) + ": expected " + std::string(expectedValue(table.columns[column].kind)));
+            return false;
+        }
+        row.values[column] = tessera::Value(static_cast<std::int32_t>(*integer));
+        return true;
+    }
+
+    static std::int32_t idOf(const Json& value)
+    {
+        const auto integer = value.asInteger();
+        return inRange(integer) && *integer > 0 ? static_cast<std::int32_t>(*integer) : 0;
+    }
+
+    static bool inRange(const std::optional<std::int64_t>& integer)
+    {
+        return integer && *integer >= std::numeric_limits<std::int32_t>::min() &&
+               *integer <= std::numeric_limits<std::int32_t>::max();
+    }
+
+    LineIndex m_index;
+    std::map<std::pair<TableId, std::int32_t>, std::uint32_t> m_lineOfRow; // of the first with the Id
+    LoadedFile m_result;
+};
+
+} // namespace
+
+Configuration toConfiguration(const ovsdb::TableCache& cache)
+{
+    Configuration configuration;
+    for (const TableInfo& table : allTables()) {
+        for (const ovsdb::Row& from : cache.rows(table.name())) {
+            Row row(table);
+            row.values = from.values;
+            row.uuid = from.uuid;
+            configuration.add(std::move(row));
+        }
+    }
+    return configuration;
+}
+
+Configuration loadFromServer(ovsdb::Client& client)
+{
+    return toConfiguration(client.read());
+}
+
+LoadedFile parseConfiguration(std::string_view text, const std::string& name)
+{
+    return FileParser(text, name).take();
+}
+
+std::string readText(Program& program, const std::string& path)
+{
+    std::ifstream file;
+    if (path != "-") {
+        errno = 0;
+        file.open(path, std::ios::binary);
+    }
+    std::istream& in = path == "-" ? program.in : file;
+    std::string text;
+    std::array<char, 65536> block{};
+    while (in) {
+        in.read(block.data(), block.size());
+        text.append(block.data(), static_cast<std::size_t>(in.gcount()));
+    }
+    if (in.bad() || (path != "-" && !file.is_open()))
+        throw Failure(ExitStatus::BadInput,
+                      nameOf(path) + ": cannot be read: " + std::strerror(errno != 0 ? errno : EIO));
+    return text;
+}
+
+std::string nameOf(const std::string& path)
+{
+    return path == "-" ? "standard input" : path;
+}
+
+} // namespace moatctl

@@ -1,0 +1,82 @@
+#include "moatctl/tables/problem.hpp"
+
+#include <array>
+#include <cstdio>
+#include <ostream>
+
+namespace moatctl
+{
+
+namespace
+{
+
+constexpr std::size_t longestQuote = 80;
+
+} // namespace
+
+Problem problemAt(Severity severity, const Configuration& configuration, const Row& row, std::string_view column,
+                  std::string text)
+{
+    Problem problem;
+    problem.severity = severity;
+    problem.file = configuration.file;
+    problem.line = column.empty() ? row.line : row.lineOf(row.table->at(column));
+    problem.table = row.table->name();
+    problem.id = row.id();
+    problem.column = column;
+    problem.text = std::move(text);
+    return problem;
+}
+
+std::string toText(const Problem& problem)
+{
+    std::string text = problem.file;
+    if (problem.line != 0)
+        text += ':' + std::to_string(problem.line);
+    if (!text.empty())
+        text += ": ";
+    text += problem.severity == Severity::Error ? "error: " : "warning: ";
+    std::string where = problem.table;
+    if (problem.id != 0)
+        where += " Id " + std::to_string(problem.id);
+    if (!problem.column.empty())
+        where += (where.empty() ? "" : ", ") + problem.column;
+    if (!where.empty())
+        text += where + ": ";
+    return text + problem.text;
+}
+
+std::size_t writeProblems(std::ostream& out, const std::vector<Problem>& problems)
+{
+    std::size_t errors = 0;
+    std::string lines; // standard error has no buffer
+    for (const Problem& problem : problems) {
+        lines += toText(problem) + '\n';
+        errors += problem.severity == Severity::Error ? 1 : 0;
+    }
+    out << lines;
+    return errors;
+}
+
+std::string inQuotes(std::string_view text)
+{
+    std::string result = "\"";
+    for (const char character : text.substr(0, longestQuote)) {
+        if (character >= ' ' && character <= '~') {
+            result += character;
+        } else {
+            std::array<char, 8> code{};
+            std::snprintf(code.data(), code.size(), "\\x%02x",
+                          static_cast<unsigned>(static_cast<unsigned char>(character)));
+            result += code.data();
+        }
+    }
+    return result + (text.size() > longestQuote ? "\"..." : "\"");
+}
+
+std::string inQuotes(const tessera::Value& value)
+{
+    return value.isText() ? inQuotes(value.getText()) : std::to_string(value.getInteger());
+}
+
+} // namespace moatctl

@@ -1,0 +1,19 @@
+#include "moatctl/verbs/all.hpp"
+
+#include <array>
+
+namespace moatctl
+{
+
+std::span<const Verb> allVerbs()
+{
+    static constexpr std::array verbs{
+        Verb{addShow, false},   Verb{addRule, true},       Verb{addPolicy, true}, Verb{addForwardPolicy, true},
+        Verb{addFilter, true},  Verb{addFilterRule, true}, Verb{addGlobal, true}, Verb{addBatch, false},
+        Verb{addExport, false}, Verb{addImport, false},    Verb{addCheck, false}, Verb{addExplain, false},
+        Verb{addStatus, false}, Verb{addMonitor, false},
+    };
+    return verbs;
+}
+
+} // namespace moatctl

@@ -1,0 +1,346 @@
+#include "moatctl/verbs/table_verb.hpp"
+
+#include "moatctl/command_line/sheets.hpp"
+#include "moatctl/tables/load.hpp"
+#include "moatctl/values.hpp"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <set>
+
+namespace moatctl
+{
+
+namespace
+{
+
+using Shared = std::shared_ptr<const TableVerb>;
+
+std::string nameOfRow(const TableVerb& verb, std::int32_t id)
+{
+    return std::string(tableInfo(verb.table).word) + ' ' + std::to_string(id);
+}
+
+Failure notFound(const TableVerb& verb, std::int32_t id)
+{
+    return {ExitStatus::Conflict, "there is no " + nameOfRow(verb, id)};
+}
+
+void takeColumns(const TableVerb& verb, const Given& given, Row& row)
+{
+    const TableInfo& table = *row.table;
+    for (const ColumnOption& option : verb.options) {
+        if (!given.has(option.name))
+            continue;
+        const std::size_t column = table.at(option.column);
+        row.values[column] = fromPerson(table.columns[column], given.value(option.name), option.name);
+    }
+    if (given.has("--accept") || given.has("--drop"))
+        row.set(verb.targetColumn, std::string(given.has("--accept") ? "ACCEPT" : "DROP"));
+    if (given.has("--log") || given.has("--no-log"))
+        row.set("EnableLogging", given.has("--log") ? 1 : 0);
+    if (given.has("--enabled") || given.has("--disabled"))
+        row.set("Enabled", given.has("--enabled") ? 1 : 0);
+}
+
+// With the names of options, where a check of the row would name columns.
+void requireOptions(const TableVerb& verb, const Row& row)
+{
+    const auto missing = [&](std::string_view column) { return row.text(column).empty(); };
+    for (const ColumnOption& option : verb.options) {
+        const ColumnInfo& column = row.table->columns[row.table->at(option.column)];
+        const tessera::Value& value = row.value(option.column);
+        if (column.required && (value.isText() ? value.getText().empty() : value.getInteger() == 0))
+            throw Failure(ExitStatus::BadInput,
+                          option.name + " is missing: expected " + std::string(expectedValue(column.kind)));
+    }
+    if (!verb.targetColumn.empty() && missing(verb.targetColumn))
+        throw Failure(ExitStatus::BadInput, "expected --accept or --drop");
+}
+
+std::string priorityColumn(const TableVerb& verb)
+{
+    const auto it = std::ranges::find(verb.options, "--priority", &ColumnOption::name);
+    return it != verb.options.end() ? it->column : "";
+}
+
+// Throws Failure(BadInput) with the first thing that is wrong with the row.
+void requireGood(const TableVerb& verb, const Configuration& configuration, const Row& row)
+{
+    const std::vector<Problem> problems = checkRow(configuration, row);
+    if (problems.empty())
+        return;
+    const auto option = std::ranges::find(verb.options, problems.front().column, &ColumnOption::column);
+    throw Failure(ExitStatus::BadInput, (option != verb.options.end() ? option->name : problems.front().column) + ' ' +
+                                            problems.front().text);
+}
+
+// A row that does the same: equal but for the Id, and for a priority that was not asked for.
+const Row* findEqual(const Configuration& configuration, Row row, const std::string& priority)
+{
+    const std::vector<Row>& rows = configuration.rows(row.table->id);
+    const auto it = std::ranges::find_if(rows, [&](const Row& other) {
+        row.values.front() = other.values.front();
+        if (!priority.empty())
+            row.set(priority, other.integer(priority));
+        return row == other;
+    });
+    return it != rows.end() ? &*it : nullptr;
+}
+
+// What can be found wrong without a look at the server.
+
+void checkIds(const Given& given)
+{
+    for (const char* option : {"ID", "--id", "--before", "--after"}) {
+        if (given.has(option))
+            given.ids(option);
+    }
+}
+
+void checkAdd(const TableVerb& verb, const Given& given)
+{
+    checkIds(given);
+    Row row(tableInfo(verb.table));
+    // These are found later when they are not given.
+    row.set("Id", 1);
+    if (const std::string priority = priorityColumn(verb); !priority.empty())
+        row.set(priority, 1);
+    takeColumns(verb, given, row);
+    if (verb.complete)
+        verb.complete(given, row);
+    requireOptions(verb, row);
+    if (verb.table != TableId::FilterRules) // these depend on their filter
+        requireGood(verb, {}, row);
+}
+
+void checkSet(const TableVerb& verb, const Given& given)
+{
+    checkIds(given);
+    if (!given.hasOtherThan({"ID", "--if-exists"}))
+        throw Failure(ExitStatus::BadInput, "expected something to change: see moatctl " +
+                                                std::string(tableInfo(verb.table).word) + " set --help");
+    Row row(tableInfo(verb.table));
+    takeColumns(verb, given, row);
+    if (verb.complete)
+        verb.complete(given, row);
+}
+
+void checkRows(const TableVerb&, const Given& given)
+{
+    std::set<std::int32_t> seen;
+    for (const std::int32_t id : given.ids("ID")) {
+        if (!seen.insert(id).second)
+            throw Failure(ExitStatus::BadInput, "ID " + std::to_string(id) + " is given twice: expected each once");
+    }
+}
+
+void addRow(const TableVerb& verb, const Given& given, Editor& editor)
+{
+    Configuration& configuration = editor.configuration;
+    Row row(tableInfo(verb.table));
+    row.set("Id", given.has("--id") ? given.id("--id") : configuration.nextId(verb.table));
+    if (row.id() == 0)
+        throw Failure(ExitStatus::Conflict, "all Ids are taken");
+    takeColumns(verb, given, row);
+    if (verb.complete)
+        verb.complete(given, row);
+    if (given.has("--may-exist")) {
+        const Row* equal = findEqual(configuration, row, given.has("--priority") ? "" : priorityColumn(verb));
+        if (equal != nullptr && (!given.has("--id") || equal->id() == row.id())) {
+            editor.reliesOn(verb.table, equal->id());
+            editor.report(std::to_string(equal->id()));
+            return;
+        }
+    }
+    if (verb.arrange)
+        verb.arrange(given, editor, row, true);
+    requireGood(verb, configuration, row);
+    const std::int32_t id = row.id();
+    if (!configuration.add(std::move(row)))
+        throw Failure(ExitStatus::Conflict, nameOfRow(verb, id) + " is there already" +
+                                                (given.has("--may-exist") ? ", with other values" : ""));
+    editor.report(std::to_string(id));
+}
+
+void setRow(const TableVerb& verb, const Given& given, Editor& editor)
+{
+    const std::int32_t id = given.id("ID");
+    const Row* present = editor.configuration.find(verb.table, id);
+    if (present == nullptr && given.has("--if-exists"))
+        return;
+    if (present == nullptr)
+        throw notFound(verb, id);
+    Row row = *present;
+    takeColumns(verb, given, row);
+    if (verb.complete)
+        verb.complete(given, row);
+    if (verb.arrange)
+        verb.arrange(given, editor, row, false);
+    requireGood(verb, editor.configuration, row);
+    *editor.configuration.find(verb.table, id) = std::move(row);
+}
+
+void removeRows(const TableVerb& verb, const Given& given, Editor& editor)
+{
+    for (const std::int32_t id : given.ids("ID")) {
+        const Row* row = editor.configuration.find(verb.table, id);
+        if (row == nullptr && given.has("--if-exists"))
+            continue;
+        if (row == nullptr)
+            throw notFound(verb, id);
+        if (verb.beforeRemove)
+            verb.beforeRemove(given, editor, *row);
+        editor.configuration.remove(verb.table, id);
+    }
+}
+
+void switchRows(const TableVerb& verb, const Given& given, Editor& editor, bool on)
+{
+    for (const std::int32_t id : given.ids("ID")) {
+        Row* row = editor.configuration.find(verb.table, id);
+        if (row != nullptr)
+            row->set("Enabled", on ? 1 : 0);
+        else if (!given.has("--if-exists"))
+            throw notFound(verb, id);
+    }
+}
+
+void describeColumns(CLI::App& app, const TableVerb& verb)
+{
+    const TableInfo& table = tableInfo(verb.table);
+    for (const ColumnOption& option : verb.options) {
+        const ColumnInfo& column = table.columns[table.at(option.column)];
+        addValueOption(app, option.name, option.type,
+                       std::string(column.meaning) + ": " + std::string(expectedValue(column.kind)));
+    }
+    if (!verb.targetColumn.empty()) {
+        CLI::Option* accept = addFlag(app, "--accept", "Let the frame pass");
+        addFlag(app, "--drop", "Throw the frame away")->excludes(accept);
+    }
+    if (verb.logs) {
+        CLI::Option* log = addFlag(app, "--log", "Log matching frames");
+        addFlag(app, "--no-log", "Do not log matching frames")->excludes(log);
+    }
+    CLI::Option* enabled = addFlag(app, "--enabled", "Put the row in force (a new one is, if nothing is said)");
+    addFlag(app, "--disabled", "Keep the row without effect")->excludes(enabled);
+}
+
+void onEdit(CLI::App& app, Program& program, const Shared& verb, void (*check)(const TableVerb&, const Given&),
+            void (*change)(const TableVerb&, const Given&, Editor&))
+{
+    app.callback([&app, &program, verb, check, change] {
+        const Given given(app);
+        check(*verb, given);
+        program.edit = [verb, change, given](Editor& editor) { change(*verb, given, editor); };
+    });
+}
+
+void addList(CLI::App& parent, Program& program, TableId table)
+{
+    auto style = std::make_shared<OutputStyle>();
+    const std::string word(tableInfo(table).word);
+    CLI::App* list = addSubcommand(parent, "list", "Show the rows in the order in which the kernel consults them",
+                                   word + " list --format=json");
+    addOutputOptions(*list, *style);
+    list->callback([&program, style, table] {
+        program.action = [&program, style, table] {
+            ovsdb::Client client = program.connect();
+            const Configuration configuration = loadFromServer(client);
+            writeSheets(program.out, {sheetOf(configuration, table, style->format)}, *style, program.colour);
+            return ExitStatus::Ok;
+        };
+    });
+}
+
+} // namespace
+
+Given::Given(const CLI::App& app)
+{
+    for (const CLI::Option* option : app.get_options()) {
+        if (option->count() != 0)
+            m_values.emplace(option->get_name(), option->results());
+    }
+}
+
+bool Given::hasOtherThan(std::initializer_list<std::string_view> options) const
+{
+    return std::ranges::any_of(
+        m_values, [&](const auto& value) { return std::ranges::find(options, value.first) == options.end(); });
+}
+
+std::int32_t Given::id(const std::string& option) const
+{
+    return ids(option).front();
+}
+
+std::vector<std::int32_t> Given::ids(const std::string& option) const
+{
+    std::vector<std::int32_t> result;
+    for (const std::string& text : values(option)) {
+        const auto number = parseNumber(text);
+        if (!number || *number < 1)
+            throw Failure(ExitStatus::BadInput,
+                          option + ' ' + inQuotes(text) + ": expected " + std::string(expectedValue(ValueKind::Id)));
+        result.push_back(*number);
+    }
+    return result;
+}
+
+std::int32_t nextPriority(const Configuration& configuration, TableId table, std::string_view column)
+{
+    constexpr std::int32_t step = 10;
+    const std::size_t index = tableInfo(table).at(column);
+    std::int32_t largest = 0;
+    for (const Row& row : configuration.rows(table))
+        largest = std::max(largest, row.values[index].getInteger());
+    if (largest > std::numeric_limits<std::int32_t>::max() - step)
+        throw Failure(ExitStatus::Conflict, "no larger priority is left: give one with --priority");
+    return largest + step;
+}
+
+void addTableVerb(CLI::App& root, Program& program, const TableVerb& description)
+{
+    const Shared verb = std::make_shared<const TableVerb>(description);
+    const std::string word(tableInfo(verb->table).word);
+    CLI::App* parent = addSubcommand(root, word, verb->description, word + " add " + verb->addExample);
+    parent->require_subcommand(1);
+
+    CLI::App* add = addSubcommand(*parent, "add", "Add a row and print its Id", word + " add " + verb->addExample);
+    addValueOption(*add, "--id", "ID", "Id of the row; the next free one when left out");
+    describeColumns(*add, *verb);
+    addFlag(*add, "--may-exist", "Do nothing when there is a row already that does the same");
+
+    CLI::App* set = addSubcommand(*parent, "set", "Change the columns given", word + " set " + verb->setExample);
+    addValueOption(*set, "ID", "", "The row")->required();
+    describeColumns(*set, *verb);
+
+    CLI::App* remove = addSubcommand(*parent, "remove", "Remove rows", word + " remove 3 --if-exists");
+    CLI::App* enable = addSubcommand(*parent, "enable", "Put rows in force", word + " enable 3 4");
+    CLI::App* disable = addSubcommand(*parent, "disable", "Keep rows without effect", word + " disable 3");
+    for (CLI::App* app : {remove, enable, disable})
+        addValueOption(*app, "ID", "", "The rows")
+            ->required()
+            ->expected(1, CLI::detail::expected_max_vector_size)
+            ->allow_extra_args();
+    for (CLI::App* app : {set, remove, enable, disable})
+        addFlag(*app, "--if-exists", "Do nothing when there is no such row");
+    if (verb->describe) {
+        verb->describe(*add, true);
+        verb->describe(*set, false);
+    }
+    if (verb->describeRemove)
+        verb->describeRemove(*remove);
+
+    onEdit(*add, program, verb, checkAdd, addRow);
+    onEdit(*set, program, verb, checkSet, setRow);
+    onEdit(*remove, program, verb, checkRows, removeRows);
+    onEdit(*enable, program, verb, checkRows,
+           [](const auto& v, const auto& given, auto& editor) { switchRows(v, given, editor, true); });
+    onEdit(*disable, program, verb, checkRows,
+           [](const auto& v, const auto& given, auto& editor) { switchRows(v, given, editor, false); });
+    addList(*parent, program, verb->table);
+}
+
+} // namespace moatctl
