@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """How long moatctl takes with many rules: import, which checks them, show, export, check, one more rule.
 
 usage: moatctl.py MOATCTL [RULES [RUNS]]

@@ -1,3 +1,4 @@
+#!/usr/bin/python3
 """Start time, idle memory, idle system calls and size of the daemon, with empty tables and the server running; then
 its memory with many rules, and after changes of one of them.
 
