@@ -57,7 +57,7 @@ def dieWithParent():
 
 
 def _unshareCommand():
-    reason = "no unshare"
+    reasons = []
     for extra in ([], ["--map-root-user"]):
         command = ["unshare", "--net", "--mount", "--propagation", "private", *extra]
         try:
@@ -66,8 +66,10 @@ def _unshareCommand():
             raise Unavailable(f"unshare cannot be run: {error.strerror}") from error
         if done.returncode == 0:
             return command
-        reason = done.stderr.strip()
-    raise Unavailable(f"no namespaces of our own: {reason}")
+        reasons.append(done.stderr.strip())
+    if "propagation" in reasons[0]:
+        raise Unavailable("no mount namespace of our own: this is a chroot whose root folder is not a mount")
+    raise Unavailable(f"no namespaces of our own: {reasons[0]}; nor as a user: {reasons[1]}")
 
 
 def _readKernelLogSwitch():
