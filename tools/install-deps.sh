@@ -1,21 +1,34 @@
 #!/bin/sh
-# Installs what building, testing and running moatkeeper needs, on Debian 12. This is the one list of packages.
+# Installs what moatkeeper needs on Debian 12. This is the one list of packages.
+# usage: tools/install-deps.sh [GROUP...]   build, running, tests, checks, fresh-root; without one all but the last
 # Does nothing when everything is there. Never starts or enables the services that come with the packages.
 set -eu
 
-build='cmake g++ git make ninja-build rapidjson-dev libcli11-dev'
-tests='libbenchmark-dev libgmock-dev libgtest-dev iproute2 nftables procps python3 python3-scapy strace util-linux'
-checks='ccache clang clang-format clang-tidy gcovr gnuplot-nox libclang-rt-14-dev llvm mandoc shellcheck'
-running='ebtables iptables openvswitch-common openvswitch-switch'
-packages="$build $tests $checks $running"
+packagesFor() { # group
+    case $1 in
+    build) echo cmake g++ libcli11-dev ninja-build rapidjson-dev ;;
+    running) echo ebtables iproute2 iptables openvswitch-common python3 util-linux ;; # and the tour
+    tests) echo dpkg-dev file git libgmock-dev libgtest-dev mandoc nftables strace ;;
+    checks) echo ccache clang clang-format clang-tidy gcovr git gnuplot-nox libclang-rt-14-dev llvm mandoc shellcheck ;;
+    fresh-root) echo debootstrap git util-linux ;;
+    *)
+        echo "install-deps: no group '$1', expected build, running, tests, checks or fresh-root" >&2
+        return 2
+        ;;
+    esac
+}
 
-isInstalled() {
+isInstalled() { # package
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
+[ $# -gt 0 ] || set -- build running tests checks
 missing=
-for package in $packages; do
-    isInstalled "$package" || missing="$missing $package"
+for group in "$@"; do
+    packages=$(packagesFor "$group")
+    for package in $packages; do
+        isInstalled "$package" || missing="$missing $package"
+    done
 done
 [ -n "$missing" ] || exit 0
 
@@ -32,17 +45,15 @@ if [ ! -e $policy ]; then
     printf '#!/bin/sh\nexit 101\n' >$policy
     chmod 755 $policy
 fi
-switchIsNew=true
-if isInstalled openvswitch-switch; then switchIsNew=false; fi
 
 echo "install-deps: installing$missing"
 export DEBIAN_FRONTEND=noninteractive
-apt-get -qq -o DPkg::Lock::Timeout=300 update
+set -- -o DPkg::Lock::Timeout=300 --no-install-recommends -y
+apt-get -qq "$@" update
+# A terminal is shown how far it is.
 # shellcheck disable=SC2086 # a list of words
-apt-get -qq -o DPkg::Lock::Timeout=300 install --no-install-recommends $missing >/dev/null
-
-# Only the database server of this package is used, started by hand; the switch must not start with the machine.
-if $switchIsNew; then
-    update-rc.d openvswitch-switch disable >/dev/null 2>&1 || true
-    deb-systemd-helper disable openvswitch-switch.service >/dev/null 2>&1 || true
+if [ -t 1 ]; then
+    apt-get -q "$@" install $missing
+else
+    apt-get -qq "$@" install $missing >/dev/null
 fi

@@ -62,7 +62,10 @@ class Installed(unittest.TestCase):
         self.assertEqual(len(packages), 1, packages)
         self.assertEqual(run("dpkg-deb", "-x", packages[0], self.root).returncode, 0)
         self.assertWorks()
-        self.assertIn("ebtables", run("dpkg-deb", "-f", packages[0], "Depends").stdout)
+        depends = run("dpkg-deb", "-f", packages[0], "Depends").stdout
+        for package in ("ebtables", "libc6", "libstdc++6"):
+            self.assertIn(package, depends)
+        self.assertEqual(run("dpkg-deb", "-f", packages[0], "Recommends").stdout.split(), ["openvswitch-common"])
 
 
 if __name__ == "__main__":
