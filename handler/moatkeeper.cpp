@@ -1,10 +1,15 @@
 #include "handler/moatkeeper.hpp"
 
 #include "handler/debug_mode.hpp"
+#include "handler/fixed_lines.hpp"
+#include "handler/reading.hpp"
+#include "handler/row_values.hpp"
 #include "platform/action_queue.hpp"
 #include "platform/config_reader.hpp"
 
 #include <exception>
+#include <optional>
+#include <string_view>
 
 namespace zol::moatkeeper
 {
@@ -37,15 +42,22 @@ std::uint32_t rowCount(IConfigReader& source, const std::string& tableName)
     return count;
 }
 
+// The row that was read, as row_values.hpp takes it. Its texts live as long as the values stay as they are.
+struct RowRead {
+    const tessera::ValueList& values;
+
+    std::int32_t integer(std::string_view column) const { return values.getValue(column).getInteger(); }
+    const std::string& text(std::string_view column) const { return values.getValue(column).getText(); }
+};
+
 bool CompareRulePrio(const EtherRule& a, const EtherRule& b)
 {
-    return a.rulePrio() < b.rulePrio();
+    return comesBeforeAsRule(a.rulePrio(), b.rulePrio());
 }
 
-// The filter set up last has its jumps first in FORWARD, so the smallest prio goes to the end.
 bool CompareFilterPrio(const BridgeFilter& a, const BridgeFilter& b)
 {
-    return a.prio() > b.prio();
+    return comesBeforeAsFilter(a.prio(), b.prio());
 }
 
 } // namespace
@@ -160,7 +172,7 @@ int moatkeeper::ReadMoatKeeperRuleset(IConfigReader& source)
     if (g_debugMode)
         LogInfo(216, VAStr("%s: will read all MoatKeeperRules from Database", "ReadMoatKeeperRuleset"));
 
-    const std::pmr::list<EtherRule> previous(m_rules, &m_ruleMemory);
+    const std::list<EtherRule> previous = m_rules;
     m_rules.clear();
 
     tessera::ValueList values;
@@ -169,34 +181,21 @@ int moatkeeper::ReadMoatKeeperRuleset(IConfigReader& source)
     for (std::uint32_t row = 0; row < count; ++row) {
         values.clear();
         source.readRow(rulesetTable, row, names, values);
-        const std::int32_t id = values.getValue("Id").getInteger();
-        const std::int32_t enabled = values.getValue("Enabled").getInteger();
-        const std::int32_t rulePrio = values.getValue("RulePrio").getInteger();
-        const std::string& inInterface = values.getValue("InInterface").getText();
-        const std::string& outInterface = values.getValue("OutInterface").getText();
-        const std::string& dstMAC = values.getValue("DstMAC").getText();
-        const std::string& srcMAC = values.getValue("SrcMAC").getText();
-        const std::int32_t vlanId = values.getValue("VLANID").getInteger();
-        const std::string& ethertype = values.getValue("Ethertype").getText();
-        const std::string& ipSrcAddr = values.getValue("IPSrcAddr").getText();
-        const std::string& ipDstAddr = values.getValue("IPDstAddr").getText();
-        const std::string& ipProto = values.getValue("IPProto").getText();
-        const std::int32_t ipPort = values.getValue("IPPort").getInteger();
-        const std::string& target = values.getValue("Target").getText();
-        const std::int32_t enableLogging = values.getValue("EnableLogging").getInteger();
-
-        if (enabled == 0) {
+        const RuleRow rule = ruleRow(RowRead{values});
+        const std::optional<Unusable> why = whyPassedOver(rule);
+        if (why == Unusable::Disabled) {
             if (g_debugMode)
-                LogInfo(263, VAStr("%s: ignore Rule Id %d because rule is disabled.", "ReadMoatKeeperRuleset", id));
-        } else if (inInterface.empty()) {
+                LogInfo(263,
+                        VAStr("%s: ignore Rule Id %d because rule is disabled.", "ReadMoatKeeperRuleset", rule.id));
+        } else if (why == Unusable::NoInInterface) {
             LogWarning(252, VAStr("%s: ignore Rule Id %d because no InputInterface is specified.",
-                                  "ReadMoatKeeperRuleset", id));
-        } else if (rulePrio == 0) {
-            LogWarning(256, VAStr("%s: ignore Rule Id %d because of invalid prio", "ReadMoatKeeperRuleset", id));
+                                  "ReadMoatKeeperRuleset", rule.id));
+        } else if (why == Unusable::PriorityZero) {
+            LogWarning(256, VAStr("%s: ignore Rule Id %d because of invalid prio", "ReadMoatKeeperRuleset", rule.id));
         } else {
-            const EtherRule rule(id, rulePrio, inInterface, outInterface, dstMAC, srcMAC, vlanId, ethertype, ipSrcAddr,
-                                 ipDstAddr, ipProto, ipPort, target, enableLogging);
-            m_rules.push_back(rule);
+            m_rules.emplace_back(rule.id, rule.rulePrio, rule.inInterface, rule.outInterface, rule.dstMAC, rule.srcMAC,
+                                 rule.vlanId, rule.ethertype, rule.ipSrcAddr, rule.ipDstAddr, rule.ipProto, rule.ipPort,
+                                 rule.target, rule.enableLogging);
         }
     }
 
@@ -218,11 +217,10 @@ int moatkeeper::ReadMoatKeeperMain(IConfigReader& source)
     if (rowCount(source, mainTable) != 0) {
         // Only the first row counts.
         source.readRow(mainTable, 0, names, values);
-        const std::string inputPolicy = values.getValue("GlobalInputPolicy").getText();
-        const std::string forwardingPolicy = values.getValue("GlobalForwardingPolicy").getText();
-        if (inputPolicy != m_globalInputPolicy || forwardingPolicy != m_globalForwardingPolicy) {
-            m_globalInputPolicy = inputPolicy;
-            m_globalForwardingPolicy = forwardingPolicy;
+        const GlobalRow row = globalRow(RowRead{values});
+        if (row.inputPolicy != m_globalInputPolicy || row.forwardingPolicy != m_globalForwardingPolicy) {
+            m_globalInputPolicy = row.inputPolicy;
+            m_globalForwardingPolicy = row.forwardingPolicy;
             m_globalPolicyChanged = true;
             if (g_debugMode)
                 LogInfo(320, VAStr("%s: Global Policys changed: INPUT: %s, FORWARD: %s", "ReadMoatKeeperMain",
@@ -248,16 +246,9 @@ int moatkeeper::ReadMoatKeeperInputPolicy(IConfigReader& source)
     for (std::uint32_t row = 0; row < count; ++row) {
         values.clear();
         source.readRow(inputPolicyTable, row, names, values);
-        const std::int32_t id = values.getValue("Id").getInteger();
-        const std::int32_t enabled = values.getValue("Enabled").getInteger();
-        const std::string& interface = values.getValue("Interface").getText();
-        const std::string& policy = values.getValue("Policy").getText();
-        const std::int32_t enableLogging = values.getValue("EnableLogging").getInteger();
-
-        if (enabled == 1) {
-            const InputPolicy record(id, interface, policy, enableLogging);
-            m_inputPolicies.push_back(record);
-        }
+        const InputPolicyRow policy = inputPolicyRow(RowRead{values});
+        if (!whyPassedOver(policy))
+            m_inputPolicies.emplace_back(policy.id, policy.interface, policy.policy, policy.enableLogging);
     }
 
     m_inputPolicyChanged = RecordsDiffer(m_inputPolicies, previous, "Input Policy ", 368, "Input Policy ", 371);
@@ -277,17 +268,10 @@ int moatkeeper::ReadMoatKeeperForwardingPolicy(IConfigReader& source)
     for (std::uint32_t row = 0; row < count; ++row) {
         values.clear();
         source.readRow(forwardingPolicyTable, row, names, values);
-        const std::int32_t id = values.getValue("Id").getInteger();
-        const std::int32_t enabled = values.getValue("Enabled").getInteger();
-        const std::string& inInterface = values.getValue("InInterface").getText();
-        const std::string& outInterface = values.getValue("OutInterface").getText();
-        const std::string& policy = values.getValue("Policy").getText();
-        const std::int32_t enableLogging = values.getValue("EnableLogging").getInteger();
-
-        if (enabled == 1) {
-            const ForwardingPolicy record(id, inInterface, outInterface, policy, enableLogging);
-            m_forwardingPolicies.push_back(record);
-        }
+        const ForwardingPolicyRow policy = forwardingPolicyRow(RowRead{values});
+        if (!whyPassedOver(policy))
+            m_forwardingPolicies.emplace_back(policy.id, policy.inInterface, policy.outInterface, policy.policy,
+                                              policy.enableLogging);
     }
 
     m_forwardingPolicyChanged =
@@ -310,23 +294,21 @@ int moatkeeper::ReadMoatKeeperFilters(IConfigReader& source)
     for (std::uint32_t row = 0; row < count; ++row) {
         values.clear();
         source.readRow(filtersTable, row, names, values);
-        const std::int32_t id = values.getValue("Id").getInteger();
-        const std::int32_t enabled = values.getValue("Enabled").getInteger();
-        const std::int32_t prio = values.getValue("Prio").getInteger();
-        const std::string& inInterface = values.getValue("InInterface").getText();
-        const std::string& outInterface = values.getValue("OutInterface").getText();
-        const std::string& matchCriteria = values.getValue("MatchCriteria").getText();
-        const std::string& mode = values.getValue("Mode").getText();
-
-        if (enabled == 0) {
+        const FilterRow filter = filterRow(RowRead{values});
+        const std::optional<Unusable> why = whyPassedOver(filter);
+        if (why == Unusable::Disabled) {
             if (g_debugMode)
-                LogInfo(487, VAStr("%s: ignore Filter Id %d because filter is disabled.", "ReadMoatKeeperFilters", id));
-        } else if (inInterface.empty() || outInterface.empty() || matchCriteria.empty() || mode.empty()) {
-            LogWarning(476, VAStr("%s: ignore Filter Id %d because rule is incomplete.", "ReadMoatKeeperFilters", id));
-        } else if (prio == 0) {
-            LogWarning(480, VAStr("%s: ignore Filter Id %d because of invalid prio", "ReadMoatKeeperFilters", id));
+                LogInfo(487, VAStr("%s: ignore Filter Id %d because filter is disabled.", "ReadMoatKeeperFilters",
+                                   filter.id));
+        } else if (why == Unusable::Incomplete) {
+            LogWarning(
+                476, VAStr("%s: ignore Filter Id %d because rule is incomplete.", "ReadMoatKeeperFilters", filter.id));
+        } else if (why == Unusable::PriorityZero) {
+            LogWarning(480,
+                       VAStr("%s: ignore Filter Id %d because of invalid prio", "ReadMoatKeeperFilters", filter.id));
         } else {
-            m_filters.emplace_back(id, mode, inInterface, outInterface, matchCriteria, prio);
+            m_filters.emplace_back(filter.id, filter.mode, filter.inInterface, filter.outInterface,
+                                   filter.matchCriteria, filter.prio);
         }
     }
 
@@ -354,24 +336,21 @@ int moatkeeper::ReadMoatKeeperFilterRules(IConfigReader& source)
     for (std::uint32_t row = 0; row < count; ++row) {
         values.clear();
         source.readRow(filterRulesTable, row, names, values);
-        const std::int32_t id = values.getValue("Id").getInteger();
-        const std::int32_t enabled = values.getValue("Enabled").getInteger();
-        const std::int32_t filterId = values.getValue("BridgeFilterID").getInteger();
-        const std::string& filterMatch = values.getValue("FilterMatch").getText();
-
-        if (enabled == 0) {
+        const FilterRuleRow rule = filterRuleRow(RowRead{values});
+        const std::optional<Unusable> why = whyPassedOver(rule, IsFilterValid(rule.filterId));
+        if (why == Unusable::Disabled) {
             if (g_debugMode)
-                LogInfo(571,
-                        VAStr("%s: ignore Filter Id %d because filter is disabled.", "ReadMoatKeeperFilterRules", id));
-        } else if (!IsFilterValid(filterId)) {
+                LogInfo(571, VAStr("%s: ignore Filter Id %d because filter is disabled.", "ReadMoatKeeperFilterRules",
+                                   rule.id));
+        } else if (why == Unusable::InvalidReference) {
             LogWarning(552, VAStr("%s: ignore Filter Rule Id %d because rule has invalid reference (maybe disabled).",
-                                  "ReadMoatKeeperFilterRules", id));
-        } else if (filterMatch.empty()) {
+                                  "ReadMoatKeeperFilterRules", rule.id));
+        } else if (why == Unusable::NoMatch) {
             LogWarning(563, VAStr("%s: ignore Filter Rule Id %d because rule does not have a match citeria",
-                                  "ReadMoatKeeperFilterRules", id));
+                                  "ReadMoatKeeperFilterRules", rule.id));
         } else {
-            m_filterRules.emplace_back(id, GetFilterMode(filterId), GetFilterChainName(filterId),
-                                       GetFilterMatchCriteria(filterId), filterMatch);
+            m_filterRules.emplace_back(rule.id, GetFilterMode(rule.filterId), GetFilterChainName(rule.filterId),
+                                       GetFilterMatchCriteria(rule.filterId), rule.filterMatch);
         }
     }
 
@@ -474,44 +453,14 @@ void moatkeeper::Init()
 {
     if (g_debugMode)
         LogInfo(694, VAStr("%s: will create user chains", "Init"));
-    for (const char* line : {
-             "ebtables -N UserInputRules",
-             "ebtables -N UserInputPolicy",
-             "ebtables -N UserForwardRules",
-             "ebtables -N UserForwardPolicy",
-             "ebtables -P UserInputRules RETURN",
-             "ebtables -P UserInputPolicy RETURN",
-             "ebtables -P UserForwardRules RETURN",
-             "ebtables -P UserForwardPolicy RETURN",
-             "ebtables -A INPUT -j UserInputRules",
-             "ebtables -A INPUT -j UserInputPolicy",
-             "ebtables -A FORWARD -j UserForwardRules",
-             "ebtables -A FORWARD -j UserForwardPolicy",
-         }) {
-        m_actionQueue->addCommand(line);
-    }
-    m_actionQueue->process();
+    QueueGroup(initLines);
 }
 
 void moatkeeper::CleanUp()
 {
     if (g_debugMode)
         LogInfo(716, VAStr("%s: will delete user chains", "CleanUp"));
-    for (const char* line : {
-             "ebtables -D INPUT -j UserInputRules",
-             "ebtables -D INPUT -j UserInputPolicy",
-             "ebtables -D FORWARD -j UserForwardRules",
-             "ebtables -D FORWARD -j UserForwardPolicy",
-             "ebtables -X UserInputRules",
-             "ebtables -X UserInputPolicy",
-             "ebtables -X UserForwardRules",
-             "ebtables -X UserForwardPolicy",
-             "ebtables -P FORWARD ACCEPT",
-             "ebtables -P INPUT ACCEPT",
-         }) {
-        m_actionQueue->addCommand(line);
-    }
-    m_actionQueue->process();
+    QueueGroup(cleanUpLines);
     DeleteBridgeFilters();
 }
 
@@ -519,17 +468,14 @@ void moatkeeper::SetUpGlobalPolicy()
 {
     if (g_debugMode)
         LogInfo(736, VAStr("%s: will apply global policys", "SetUpGlobalPolicy"));
-    m_actionQueue->addCommand("ebtables -P INPUT " + m_globalInputPolicy);
-    m_actionQueue->addCommand("ebtables -P FORWARD " + m_globalForwardingPolicy);
-    m_actionQueue->process();
+    QueueGroup(globalPolicyLines(m_globalInputPolicy, m_globalForwardingPolicy));
 }
 
 void moatkeeper::SetUpForwardingPolicys()
 {
     if (g_debugMode)
         LogInfo(749, VAStr("%s: will apply Forwarding policys", "SetUpForwardingPolicys"));
-    m_actionQueue->addCommand("ebtables -F UserForwardPolicy");
-    m_actionQueue->process();
+    QueueGroup(flushForwardingPoliciesLines);
     for (const ForwardingPolicy& policy : m_forwardingPolicies)
         policy.ApplySystemCall(*m_actionQueue);
 }
@@ -538,8 +484,7 @@ void moatkeeper::SetUpInputPolicys()
 {
     if (g_debugMode)
         LogInfo(763, VAStr("%s: will apply input policys", "SetUpInputPolicys"));
-    m_actionQueue->addCommand("ebtables -F UserInputPolicy");
-    m_actionQueue->process();
+    QueueGroup(flushInputPoliciesLines);
     for (const InputPolicy& policy : m_inputPolicies)
         policy.ApplySystemCall(*m_actionQueue);
 }
@@ -548,9 +493,7 @@ void moatkeeper::SetUpEtherRules()
 {
     if (g_debugMode)
         LogInfo(777, VAStr("%s: will set up L2 filter Rules", "SetUpEtherRules"));
-    m_actionQueue->addCommand("ebtables -F UserInputRules");
-    m_actionQueue->addCommand("ebtables -F UserForwardRules");
-    m_actionQueue->process();
+    QueueGroup(flushRulesLines);
     for (const EtherRule& rule : m_rules)
         rule.ApplySystemCall(*m_actionQueue);
 }
@@ -596,6 +539,14 @@ void moatkeeper::DeletePreviousBridgeFilters()
     for (const BridgeFilter& filter : m_previousFilters)
         filter.ApplyTearDownCommands(*m_actionQueue);
     m_previousFilters.clear();
+}
+
+template <typename Lines>
+void moatkeeper::QueueGroup(const Lines& lines)
+{
+    for (const auto& line : lines)
+        m_actionQueue->addCommand(line);
+    m_actionQueue->process();
 }
 
 void moatkeeper::LogTrace(int line, const char* operation) const

@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <list>
-#include <memory_resource>
 #include <string>
 
 namespace zol::moatkeeper
@@ -72,6 +71,10 @@ private:
     void DeleteBridgeFilters();
     void DeletePreviousBridgeFilters();
 
+    // Queues lines that belong together and has them carried out.
+    template <typename Lines>
+    void QueueGroup(const Lines& lines);
+
     // Every message has a number of its own, which stays the same for ever: log filters go by it.
     void LogTrace(int line, const char* operation) const;
     void LogInfo(int line, const std::string& text) const;
@@ -89,9 +92,7 @@ private:
     std::string m_globalInputPolicy;
     std::string m_globalForwardingPolicy;
     cfg::ActionQueue* m_actionQueue = nullptr; // the platform's, from the first commit on
-    // Keeps the rules close together, in whatever order their list has them.
-    std::pmr::unsynchronized_pool_resource m_ruleMemory;
-    std::pmr::list<EtherRule> m_rules{&m_ruleMemory};
+    std::list<EtherRule> m_rules;
     std::list<ForwardingPolicy> m_forwardingPolicies;
     std::list<InputPolicy> m_inputPolicies;
     std::list<BridgeFilter> m_filters;

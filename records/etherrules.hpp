@@ -2,9 +2,9 @@
 #pragma once
 
 #include "platform/sysloglevel.h"
-#include "records/text_store.hpp"
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace zol::cfg
@@ -28,18 +28,13 @@ public:
               std::string_view ipSrcAddr, std::string_view ipDstAddr, std::string_view ipProto, std::int32_t ipPort,
               std::string_view target, std::int32_t enableLogging);
 
-    // Defaulted, but not here: whoever copies rules copies thousands, and etherrules.cpp is built for speed.
-    EtherRule(const EtherRule& other);
-    EtherRule& operator=(const EtherRule& other);
-
     // Hands the add line to the queue and has it carried out; returns what the queue's process returns.
     int ApplySystemCall(cfg::ActionQueue& queue) const;
 
     std::int32_t id() const { return m_id; }
     std::int32_t rulePrio() const { return m_rulePrio; }
-    // Valid as long as the record.
-    std::string_view addCommand() const { return m_texts[m_addCommand]; }
-    std::string_view deleteCommand() const { return m_texts[m_deleteCommand]; }
+    const std::string& addCommand() const { return m_addCommand; }
+    const std::string& deleteCommand() const { return m_deleteCommand; }
 
     // Compares the row values; the lines follow from them.
     bool operator==(const EtherRule& other) const;
@@ -49,22 +44,21 @@ private:
 
     std::int32_t m_id;
     std::int32_t m_rulePrio;
-    TextStore::Text m_inInterface;
-    TextStore::Text m_outInterface;
-    TextStore::Text m_dstMAC;
-    TextStore::Text m_srcMAC;
+    std::string m_inInterface;
+    std::string m_outInterface;
+    std::string m_dstMAC;
+    std::string m_srcMAC;
     std::int32_t m_vlanId;
-    TextStore::Text m_ethertype;
-    TextStore::Text m_ipSrcAddr;
-    TextStore::Text m_ipDstAddr;
-    TextStore::Text m_ipProto;
+    std::string m_ethertype;
+    std::string m_ipSrcAddr;
+    std::string m_ipDstAddr;
+    std::string m_ipProto;
     std::int32_t m_ipPort;
-    TextStore::Text m_target;
+    std::string m_target;
     std::int32_t m_enableLogging;
-    TextStore::Text m_addCommand;
-    TextStore::Text m_deleteCommand;
+    std::string m_addCommand;
+    std::string m_deleteCommand;
     ZOL_Sysloglevel_Module m_logModule;
-    TextStore m_texts; // of all the texts above
 };
 
 } // namespace zol::moatkeeper

@@ -1,9 +1,8 @@
 #include "records/filters.hpp"
 
 #include "platform/action_queue.hpp"
+#include "records/row_lines.hpp"
 
-#include <cstddef>
-#include <cstdlib>
 #include <tuple>
 #include <utility>
 
@@ -14,35 +13,24 @@ namespace
 {
 
 constexpr const char* label = "filters";
-constexpr std::size_t longestChainName = 30;
-constexpr std::uint32_t vlanIdEnd = 4096;
 
-bool isEither(const std::string& text, const char* first, const char* second)
+// The last word on a filter or a rule that has no lines.
+void logIgnored(ZOL_Sysloglevel_Module logModule, int line, std::int32_t id)
 {
-    return text == first || text == second;
-}
-
-// Restricts a filter's jumps to one protocol. The blanks on both sides belong to the line.
-const char* protocolFragment(const std::string& matchCriteria)
-{
-    if (isEither(matchCriteria, "IPv6", "ipv6"))
-        return " -p 0x86dd ";
-    if (isEither(matchCriteria, "IPv4", "ipv4"))
-        return " -p 0x800 ";
-    if (isEither(matchCriteria, "VLAN", "vlan"))
-        return " -p 0x8100 ";
-    return "";
+    ZOL_Sysloglevel_warning(
+        logModule, label, line,
+        VAStr("%s: Filter ID %ld is invalid and will be ignored", "AssembleSystemCalls", static_cast<long>(id)));
 }
 
 } // namespace
 
-BridgeFilter::BridgeFilter(std::int32_t id, std::string mode, std::string inInterface, std::string outInterface,
-                           std::string matchCriteria, std::int32_t prio)
+BridgeFilter::BridgeFilter(std::int32_t id, std::string_view mode, std::string_view inInterface,
+                           std::string_view outInterface, std::string_view matchCriteria, std::int32_t prio)
     : m_id(id),
-      m_outInterface(std::move(outInterface)),
-      m_inInterface(std::move(inInterface)),
-      m_matchCriteria(std::move(matchCriteria)),
-      m_mode(std::move(mode)),
+      m_outInterface(outInterface),
+      m_inInterface(inInterface),
+      m_matchCriteria(matchCriteria),
+      m_mode(mode),
       m_prio(prio),
       m_logModule(ZOL_Sysloglevel_registerModul("moatkeeper"))
 {
@@ -51,38 +39,27 @@ BridgeFilter::BridgeFilter(std::int32_t id, std::string mode, std::string inInte
 
 void BridgeFilter::AssembleSystemCalls()
 {
-    std::string policy;
-    if (m_mode == "blacklist") {
-        policy = "RETURN";
-    } else if (m_mode == "whitelist") {
-        policy = "DROP";
-    } else {
-        ZOL_Sysloglevel_warning(m_logModule, label, 95,
-                                VAStr("%s: Filter ID %ld has invalid mode: %s", "AssembleSystemCalls",
-                                      static_cast<long>(m_id), m_mode.c_str()));
+    FilterLines lines = linesOf(FilterRow{.id = m_id,
+                                          .prio = m_prio,
+                                          .inInterface = m_inInterface,
+                                          .outInterface = m_outInterface,
+                                          .matchCriteria = m_matchCriteria,
+                                          .mode = m_mode});
+    m_createChainCommand = std::move(lines.createChainCommand);
+    m_insertJumpsCommand = std::move(lines.insertJumpsCommand);
+    m_flushChainCommand = std::move(lines.flushChainCommand);
+    m_deleteJumpsCommand = std::move(lines.deleteJumpsCommand);
+    m_chainName = std::move(lines.chainName);
+    m_valid = lines.reasons.empty();
+
+    for (const Unusable reason : lines.reasons) {
+        if (reason == Unusable::InvalidMode)
+            ZOL_Sysloglevel_warning(m_logModule, label, 95,
+                                    VAStr("%s: Filter ID %ld has invalid mode: %s", "AssembleSystemCalls",
+                                          static_cast<long>(m_id), m_mode.c_str()));
     }
-
-    m_chainName = std::to_string(m_prio) + m_outInterface + m_inInterface + m_matchCriteria + m_mode;
-    if (m_chainName.size() > longestChainName)
-        m_chainName = "FilterID" + std::to_string(m_id);
-
-    if (policy.empty()) {
-        ZOL_Sysloglevel_warning(
-            m_logModule, label, 136,
-            VAStr("%s: Filter ID %ld is invalid and will be ignored", "AssembleSystemCalls", static_cast<long>(m_id)));
-        return;
-    }
-
-    m_createChainCommand = "ebtables -N " + m_chainName + "; ebtables -P " + m_chainName + " " + policy;
-    m_flushChainCommand = "ebtables -F " + m_chainName + "; ebtables -X " + m_chainName;
-
-    // Both directions between the two ports.
-    const std::string jump = protocolFragment(m_matchCriteria) + (" -j " + m_chainName) + ";";
-    const std::string there = " -i " + m_outInterface + " -o " + m_inInterface + jump;
-    const std::string back = " -o " + m_outInterface + " -i " + m_inInterface + jump;
-    m_insertJumpsCommand = "ebtables -I FORWARD 1" + there + "ebtables -I FORWARD 1" + back;
-    m_deleteJumpsCommand = "ebtables -D FORWARD" + there + "ebtables -D FORWARD" + back;
-    m_valid = true;
+    if (!m_valid)
+        logIgnored(m_logModule, 136, m_id);
 }
 
 int BridgeFilter::ApplySetUpCommands(cfg::ActionQueue& queue) const
@@ -107,13 +84,13 @@ bool BridgeFilter::operator==(const BridgeFilter& other) const
     return comparedValues(*this) == comparedValues(other);
 }
 
-BridgeFilterRule::BridgeFilterRule(std::int32_t id, std::string mode, std::string chainName, std::string matchCriteria,
-                                   std::string filterMatch)
+BridgeFilterRule::BridgeFilterRule(std::int32_t id, std::string_view mode, std::string_view chainName,
+                                   std::string_view matchCriteria, std::string_view filterMatch)
     : m_id(id),
-      m_mode(std::move(mode)),
-      m_chainName(std::move(chainName)),
-      m_matchCriteria(std::move(matchCriteria)),
-      m_filterMatch(std::move(filterMatch)),
+      m_mode(mode),
+      m_chainName(chainName),
+      m_matchCriteria(matchCriteria),
+      m_filterMatch(filterMatch),
       m_logModule(ZOL_Sysloglevel_registerModul("moatkeeper"))
 {
     AssembleSystemCalls();
@@ -121,53 +98,24 @@ BridgeFilterRule::BridgeFilterRule(std::int32_t id, std::string mode, std::strin
 
 void BridgeFilterRule::AssembleSystemCalls()
 {
-    bool invalid = false;
+    RowLines lines = linesOf(JoinedFilterRule{
+        .mode = m_mode, .chainName = m_chainName, .matchCriteria = m_matchCriteria, .filterMatch = m_filterMatch});
+    m_addCommand = std::move(lines.addCommand);
+    m_deleteCommand = std::move(lines.deleteCommand);
 
-    // The exception to the chain's policy.
-    std::string target;
-    if (m_mode == "blacklist")
-        target = "DROP";
-    else if (m_mode == "whitelist")
-        target = "RETURN";
-    else
-        invalid = true;
-
-    std::string addMatch;
-    std::string deleteMatch;
-    if (isEither(m_matchCriteria, "VLAN", "vlan")) {
-        // Only the number is checked; the text goes into the line as it is. atoi is what defines the number.
-        const int vlanId = std::atoi(m_filterMatch.c_str()); // NOLINT(cert-err34-c)
-        if (static_cast<std::uint32_t>(vlanId) < vlanIdEnd) {
-            addMatch = deleteMatch = " -p 802_1Q --vlan-id ";
-        } else {
+    // An unknown mode has no message of its own.
+    for (const Unusable reason : lines.reasons) {
+        if (reason == Unusable::InvalidVlanMatch)
             ZOL_Sysloglevel_warning(m_logModule, label, 233,
                                     VAStr("%s: Filter rule ID %ld has invalid VLAN ID criteria: %s",
                                           "AssembleSystemCalls", static_cast<long>(m_id), m_filterMatch.c_str()));
-            invalid = true;
-        }
-    } else if (isEither(m_matchCriteria, "MAC", "mac")) {
-        addMatch = deleteMatch = " -s ";
-    } else if (isEither(m_matchCriteria, "IPv4", "ipv4")) {
-        addMatch = " -p 0x800 --ip-source ";
-        deleteMatch = " -p 0x800 --ip-source  ";
-    } else if (isEither(m_matchCriteria, "IPv6", "ipv6")) {
-        addMatch = deleteMatch = " -p 0x86DD --ip6-source ";
-    } else {
-        ZOL_Sysloglevel_warning(m_logModule, label, 246,
-                                VAStr("%s: Filter rule ID %ld has invalid match type: %s", "AssembleSystemCalls",
-                                      static_cast<long>(m_id), m_matchCriteria.c_str()));
-        invalid = true;
+        else if (reason == Unusable::InvalidMatchType)
+            ZOL_Sysloglevel_warning(m_logModule, label, 246,
+                                    VAStr("%s: Filter rule ID %ld has invalid match type: %s", "AssembleSystemCalls",
+                                          static_cast<long>(m_id), m_matchCriteria.c_str()));
     }
-
-    if (invalid) {
-        ZOL_Sysloglevel_warning(
-            m_logModule, label, 255,
-            VAStr("%s: Filter ID %ld is invalid and will be ignored", "AssembleSystemCalls", static_cast<long>(m_id)));
-        return;
-    }
-
-    m_addCommand = "ebtables -A " + m_chainName + addMatch + m_filterMatch + " -j " + target;
-    m_deleteCommand = "ebtables -D " + m_chainName + deleteMatch + m_filterMatch + " -j " + target;
+    if (!lines.reasons.empty())
+        logIgnored(m_logModule, 255, m_id);
 }
 
 int BridgeFilterRule::ApplySystemCall(cfg::ActionQueue& queue) const

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace zol::cfg
 {
@@ -24,8 +25,8 @@ public:
     // mode: "blacklist" (frames pass unless a rule drops them) or "whitelist" (the reverse).
     // matchCriteria: what the filter's rules match, "MAC", "IPv4", "IPv6", "VLAN" or the same in lower case; all
     // but the first also restrict the filter to that protocol. prio: the filter of the smallest is consulted first.
-    BridgeFilter(std::int32_t id, std::string mode, std::string inInterface, std::string outInterface,
-                 std::string matchCriteria, std::int32_t prio);
+    BridgeFilter(std::int32_t id, std::string_view mode, std::string_view inInterface, std::string_view outInterface,
+                 std::string_view matchCriteria, std::int32_t prio);
 
     // Create the chain and insert the jumps to it; delete the jumps and then the chain. Both have their lines
     // carried out as one group and return what the queue's process returns.
@@ -69,8 +70,8 @@ class BridgeFilterRule
 {
 public:
     // mode, chainName, matchCriteria: the filter's. filterMatch: the MAC address, IP source or VLAN id to match.
-    BridgeFilterRule(std::int32_t id, std::string mode, std::string chainName, std::string matchCriteria,
-                     std::string filterMatch);
+    BridgeFilterRule(std::int32_t id, std::string_view mode, std::string_view chainName, std::string_view matchCriteria,
+                     std::string_view filterMatch);
 
     // Hands the add line to the queue and has it carried out; returns what the queue's process returns.
     int ApplySystemCall(cfg::ActionQueue& queue) const;

@@ -1,8 +1,8 @@
 #include "records/policys.hpp"
 
 #include "platform/action_queue.hpp"
+#include "records/row_lines.hpp"
 
-#include <optional>
 #include <tuple>
 #include <utility>
 
@@ -14,30 +14,23 @@ namespace
 
 constexpr const char* label = "policys";
 
-// The end of a policy's line: the log option where wanted, and the target. Nothing for an unknown policy, which
-// is reported whether or not logging is on. line: the number of that message.
-std::optional<std::string> assembleTarget(const std::string& policy, std::int32_t enableLogging,
-                                          ZOL_Sysloglevel_Module logModule, int line)
+// line: the number of the message about an unknown policy.
+void logReasons(const RowLines& lines, const std::string& policy, ZOL_Sysloglevel_Module logModule, int line)
 {
-    std::string logOption;
-    if (policy == "ACCEPT") {
-        logOption = " --log --log-prefix \"Moatkeeper accepted: \"";
-    } else if (policy == "DROP") {
-        logOption = " --log --log-prefix \"Moatkeeper denied: \"";
-    } else {
-        ZOL_Sysloglevel_error(logModule, label, line,
-                              VAStr("%s: unknown Policy %s", "AssembleSystemCalls", policy.c_str()));
-        return std::nullopt;
+    for (const Unusable reason : lines.reasons) {
+        if (reason == Unusable::UnknownPolicy)
+            ZOL_Sysloglevel_error(logModule, label, line,
+                                  VAStr("%s: unknown Policy %s", "AssembleSystemCalls", policy.c_str()));
     }
-    return (enableLogging == 1 ? logOption : std::string()) + " -j " + policy;
 }
 
 } // namespace
 
-InputPolicy::InputPolicy(std::int32_t id, std::string interface, std::string policy, std::int32_t enableLogging)
+InputPolicy::InputPolicy(std::int32_t id, std::string_view interface, std::string_view policy,
+                         std::int32_t enableLogging)
     : m_id(id),
-      m_interface(std::move(interface)),
-      m_policy(std::move(policy)),
+      m_interface(interface),
+      m_policy(policy),
       m_enableLogging(enableLogging),
       m_logModule(ZOL_Sysloglevel_registerModul("moatkeeper"))
 {
@@ -46,12 +39,11 @@ InputPolicy::InputPolicy(std::int32_t id, std::string interface, std::string pol
 
 void InputPolicy::AssembleSystemCalls()
 {
-    const std::optional<std::string> target = assembleTarget(m_policy, m_enableLogging, m_logModule, 59);
-    if (!target)
-        return;
-    const std::string rule = " UserInputPolicy -i " + m_interface + *target;
-    m_addCommand = "ebtables -A" + rule;
-    m_deleteCommand = "ebtables -D" + rule;
+    RowLines lines = linesOf(
+        InputPolicyRow{.id = m_id, .interface = m_interface, .policy = m_policy, .enableLogging = m_enableLogging});
+    m_addCommand = std::move(lines.addCommand);
+    m_deleteCommand = std::move(lines.deleteCommand);
+    logReasons(lines, m_policy, m_logModule, 59);
 }
 
 int InputPolicy::ApplySystemCall(cfg::ActionQueue& queue) const
@@ -68,12 +60,12 @@ bool InputPolicy::operator==(const InputPolicy& other) const
     return rowValues(*this) == rowValues(other);
 }
 
-ForwardingPolicy::ForwardingPolicy(std::int32_t id, std::string inInterface, std::string outInterface,
-                                   std::string policy, std::int32_t enableLogging)
+ForwardingPolicy::ForwardingPolicy(std::int32_t id, std::string_view inInterface, std::string_view outInterface,
+                                   std::string_view policy, std::int32_t enableLogging)
     : m_id(id),
-      m_inInterface(std::move(inInterface)),
-      m_outInterface(std::move(outInterface)),
-      m_policy(std::move(policy)),
+      m_inInterface(inInterface),
+      m_outInterface(outInterface),
+      m_policy(policy),
       m_enableLogging(enableLogging),
       m_logModule(ZOL_Sysloglevel_registerModul("moatkeeper"))
 {
@@ -82,12 +74,14 @@ ForwardingPolicy::ForwardingPolicy(std::int32_t id, std::string inInterface, std
 
 void ForwardingPolicy::AssembleSystemCalls()
 {
-    const std::optional<std::string> target = assembleTarget(m_policy, m_enableLogging, m_logModule, 127);
-    if (!target)
-        return;
-    const std::string rule = " UserForwardPolicy -i " + m_inInterface + " -o " + m_outInterface + *target;
-    m_addCommand = "ebtables -A" + rule;
-    m_deleteCommand = "ebtables -D" + rule;
+    RowLines lines = linesOf(ForwardingPolicyRow{.id = m_id,
+                                                 .inInterface = m_inInterface,
+                                                 .outInterface = m_outInterface,
+                                                 .policy = m_policy,
+                                                 .enableLogging = m_enableLogging});
+    m_addCommand = std::move(lines.addCommand);
+    m_deleteCommand = std::move(lines.deleteCommand);
+    logReasons(lines, m_policy, m_logModule, 127);
 }
 
 int ForwardingPolicy::ApplySystemCall(cfg::ActionQueue& queue) const

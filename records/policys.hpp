@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace zol::cfg
 {
@@ -22,7 +23,7 @@ class InputPolicy
 {
 public:
     // interface: the port that frames arrive on. policy: "ACCEPT" or "DROP". enableLogging: exactly 1 logs.
-    InputPolicy(std::int32_t id, std::string interface, std::string policy, std::int32_t enableLogging);
+    InputPolicy(std::int32_t id, std::string_view interface, std::string_view policy, std::int32_t enableLogging);
 
     // Hands the add line to the queue and has it carried out; returns what the queue's process returns.
     int ApplySystemCall(cfg::ActionQueue& queue) const;
@@ -51,8 +52,8 @@ class ForwardingPolicy
 {
 public:
     // inInterface, outInterface: the ports that frames arrive on and leave by. The rest as for InputPolicy.
-    ForwardingPolicy(std::int32_t id, std::string inInterface, std::string outInterface, std::string policy,
-                     std::int32_t enableLogging);
+    ForwardingPolicy(std::int32_t id, std::string_view inInterface, std::string_view outInterface,
+                     std::string_view policy, std::int32_t enableLogging);
 
     int ApplySystemCall(cfg::ActionQueue& queue) const;
 

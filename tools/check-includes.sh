@@ -38,7 +38,7 @@ bench                handler platform platform_fake platform_linux/queue system
 tests/unit           daemon handler records platform platform_fake platform_linux platform_linux/queue
                      ebtables ovsdb nftables schema moatctl moatctl/tables moatctl/bridge moatctl/check
                      moatctl/command_line tests/moatctl system gtest gmock
-tests/golden         handler platform_fake gtest
+tests/golden         handler platform_fake tests/random gtest
 tests/random         handler platform_fake gtest
 tests/process        platform platform_linux/queue ovsdb system gtest
 tests/system         platform platform_linux/queue ebtables nftables moatctl/tables moatctl/bridge moatctl/check

@@ -5,6 +5,7 @@
 #include "platform_fake/captured_log.hpp"
 #include "platform_fake/recording_queue.hpp"
 #include "tests/golden/case_file.hpp"
+#include "tests/random/first_commit_check.hpp"
 
 #include <gtest/gtest.h>
 
@@ -97,6 +98,9 @@ public:
                 m_record.take(true);
             } else if (!prepares) {
                 EXPECT_EQ(join(step.expected), m_record.take(m_trace)) << "(expected first, recorded second)";
+            }
+            if (step.action == Action::load || step.action == Action::ready) {
+                EXPECT_EQ(randomtest::compareFirstCommit(m_tables), "");
             }
         }
         m_handler.reset();

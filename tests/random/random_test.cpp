@@ -2,6 +2,7 @@
 // queues in a model of the bridge tables, and checks the tables against the rows after every commit.
 //
 // MOATKEEPER_SEED: the seed (a number; the default is fixed). MOATKEEPER_SEQUENCES: how many sequences.
+#include "tests/random/environment.hpp"
 #include "tests/random/expectation.hpp"
 
 #include "handler/moatkeeper.hpp"
@@ -11,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 
 namespace randomtest
@@ -19,12 +19,6 @@ namespace randomtest
 
 namespace
 {
-
-unsigned long long fromEnvironment(const char* name, unsigned long long otherwise)
-{
-    const char* text = std::getenv(name);
-    return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
-}
 
 class Sequence
 {
