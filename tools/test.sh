@@ -8,10 +8,23 @@ tools/install-deps.sh
 if command -v ccache >/dev/null; then
     export CMAKE_CXX_COMPILER_LAUNCHER="${CMAKE_CXX_COMPILER_LAUNCHER-ccache}"
 fi
+
+# Each test that could not run here, with its reason as GoogleTest, unittest or the test's script wrote it.
+showSkipped() { # log of ctest
+    awk '
+        / Testing: / { name = $3 }
+        reasonFollows { print "skipped: " name ": " $0; reasonFollows = 0 }
+        /: Skipped$/ { reasonFollows = 1 }
+        /^skipped: / { print "skipped: " name ": " substr($0, 10) }
+        / \.\.\. skipped / { print "skipped: " name ": " $0 }
+    ' "$1"
+}
+
 for preset in release "$@"; do
     echo "== $preset: build"
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset"
     echo "== $preset: test"
     ctest --preset "$preset" -j $((2 * $(nproc))) # most of the time of most tests is waiting
+    showSkipped "build/$preset/Testing/Temporary/LastTest.log"
 done

@@ -1,0 +1,110 @@
+#!/bin/bash
+# Tries the README's two commands where nothing is installed: makes a minimal Debian 12 in a folder, puts the last commit
+# there, once in an ordinary folder and once in one of mode 700 under /root, and runs tools/demo.sh and tools/test.sh in
+# both. Packages come from where this machine has its own. Takes about half an hour and 4 GB, needs root, asks nothing.
+# usage: tools/fresh-root.sh [FOLDER]   where to make it, instead of a new folder in TMPDIR; it is removed in the end
+#
+# Everything happens in mount and process namespaces of its own, and they and the folder go with this script, even when
+# it is killed.
+# shellcheck disable=SC2016 # what stands in single quotes is for apt, and for another shell
+set -euo pipefail
+suite=bookworm
+project=$(realpath "$(dirname "$0")/..")
+logs=$project/build/fresh-root
+clones=(/srv/moatkeeper /root/closed/moatkeeper)
+
+fail() {
+    echo "fresh-root: $1" >&2
+    exit 1
+}
+
+# The Debian archives that this machine uses for the suite and its updates, a line for each component.
+archives() { # format
+    apt-get indextargets --format "\$(CODENAME) $1" 'Created-By: Packages' 'Origin: Debian' |
+        sed -nE "s/^$suite(-[a-z]+)? //p" | sort -u
+}
+
+makeRoot() {
+    local mirror
+    mirror=$(archives '$(CODENAME) $(REPO_URI)' | sed -n "s/^$suite //p" | head -1)
+    [ -n "$mirror" ] || fail "apt knows no Debian archive with $suite"
+    eval "$(apt-config shell http_proxy Acquire::http::Proxy https_proxy Acquire::https::Proxy)"
+    http_proxy=${http_proxy-} https_proxy=${https_proxy-} \
+        debootstrap --variant=minbase $suite "$root" "$mirror" >"$logs/debootstrap.log" 2>&1 ||
+        fail "debootstrap: $(tail -1 "$logs/debootstrap.log")"
+    archives 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' >"$root/etc/apt/sources.list"
+    { apt-config dump | grep -E '^Acquire::https?::Proxy' || true; } >"$root/etc/apt/apt.conf.d/proxy"
+    cp -L /etc/resolv.conf /etc/hosts "$root/etc/"
+
+    mkdir -m 700 "$root/root/closed"
+    local clone
+    for clone in "${clones[@]}"; do
+        git clone -q --no-hardlinks "$project" "$root$clone"
+    done
+}
+
+# Makes the folder the root of this mount namespace, as on a machine of its own, and runs a program there.
+enterRoot() { # program, argument...
+    mount --bind "$root" "$root"
+    cd "$root"
+    mount -t proc proc proc
+    mount --rbind /sys sys
+    mount --rbind /dev dev
+    mount -t tmpfs tmpfs dev/shm
+    mount -t tmpfs tmpfs run
+    mkdir old
+    pivot_root . old
+    umount -l /old
+    rmdir /old
+    exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 "$@"
+}
+
+# One command in one clone. What it writes goes to a log; its duration and the log's end are shown.
+try() { # clone, command
+    local begin=$SECONDS log status=0
+    log="$logs/$(basename "$2" .sh)$(dirname "$1" | tr / -).log"
+    # A mount namespace of its own each time, so that nothing is mounted twice.
+    unshare --mount --propagation private -- "$0" --enter "$root" "$1" "$2" >"$log" 2>&1 </dev/null || status=$?
+    echo "== $2 in $1: status $status after $((SECONDS - begin)) s; the end of $log:"
+    tail -25 "$log"
+    [ $status = 0 ]
+}
+
+root=${2-}
+case "${1-}" in
+--enter)
+    # The second clone need not compile the same once more.
+    enterRoot CCACHE_BASEDIR="$3" CCACHE_NOHASHDIR=1 "$3/$4"
+    ;;
+--inside)
+    makeRoot
+    echo "== a minimal $suite after $SECONDS s"
+    for clone in "${clones[@]}"; do
+        try "$clone" tools/demo.sh
+        try "$clone" tools/test.sh
+    done
+    exit
+    ;;
+esac
+
+[ "$(id -u)" = 0 ] || fail 'must be run as root'
+"$project/tools/install-deps.sh" fresh-root
+if [ $# -gt 0 ]; then
+    mkdir "$1" || exit 1
+    folder=$(realpath "$1")
+else
+    folder=$(mktemp -d)
+fi
+mkdir -p "$logs"
+chmod 755 "$folder"
+
+# The folder goes when the last process that has this pipe open is gone: the script and all that it started.
+exec 9> >(exec setsid bash -c 'trap "" HUP INT TERM; cat >/dev/null; rm -rf --one-file-system "$1"' - "$folder")
+remover=$!
+status=0
+setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child --mount-proc -- \
+    "$project/tools/fresh-root.sh" --inside "$folder" || status=$?
+exec 9>&-
+wait $remover || true
+[ $status = 0 ] || fail "failed with status $status; the logs are in $logs"
+echo "== all four ended with 0 after $SECONDS s"
