@@ -41,9 +41,10 @@ public:
     // Connects and subscribes. Throws std::runtime_error when failWithoutServer is set and there is no server.
     void initialize();
 
-    // Processes what arrived: at most one loadFromConfig (the table that changed, or the empty name when several
-    // did or after connecting), then one commitToSystem, then the queued lines are carried out. Does nothing
-    // until the first full copy of the tables has arrived, and when nothing changed.
+    // Processes what arrived: loadFromConfig with the name of each table that changed (the two of the bridge filters,
+    // which are read together, count as one) or once with the empty name after connecting, then one commitToSystem,
+    // then the queued lines are carried out. Does nothing until the first full copy of the tables has arrived, and when
+    // nothing changed.
     void process();
 
 private:
