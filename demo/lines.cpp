@@ -3,9 +3,9 @@
 // Input, a line each: "row<TAB>TABLE" begins a row, "COLUMN<TAB>VALUE" sets a column of it, "commit" closes the
 // configuration. Output: the lines, then "done". The end of input is the daemon's stop: the lines of its clean-up.
 #include "handler/moatkeeper.hpp"
-#include "ovsdb/tables.hpp"
 #include "platform_fake/memory_tables.hpp"
 #include "platform_fake/recording_queue.hpp"
+#include "schema/tables.hpp"
 
 #include <charconv>
 #include <cstdint>
@@ -21,22 +21,22 @@ namespace
 
 using Rows = std::map<std::string_view, std::vector<fake::Row>>;
 
-fake::Row unsetRow(const ovsdb::Table& table)
+fake::Row unsetRow(const schema::Table& table)
 {
     fake::Row row;
-    for (const ovsdb::Column& column : table.columns) {
-        row.set(column.name, column.valueIfUnset());
+    for (const schema::Column& column : table.columns) {
+        row.set(column.name, column.defaultValue());
     }
     return row;
 }
 
-bool setColumn(const ovsdb::Table& table, fake::Row& row, std::string_view name, const std::string& text)
+bool setColumn(const schema::Table& table, fake::Row& row, std::string_view name, const std::string& text)
 {
     const auto index = table.find(name);
     if (!index) {
         return false;
     }
-    if (table.columns[*index].kind == ovsdb::ColumnKind::Text) {
+    if (table.columns[*index].isText()) {
         row.set(name, text);
         return true;
     }
@@ -60,7 +60,7 @@ void printLines(fake::RecordingQueue& queue)
 
 void commit(zol::moatkeeper::moatkeeper& handler, fake::MemoryTables& tables, fake::RecordingQueue& queue, Rows& rows)
 {
-    for (const ovsdb::Table& table : ovsdb::allTables()) {
+    for (const schema::Table& table : schema::allTables()) {
         tables.setRows(std::string(table.name), std::move(rows[table.name]));
     }
     rows.clear();
@@ -84,7 +84,7 @@ int main()
     fake::RecordingQueue queue;
     auto handler = std::make_unique<zol::moatkeeper::moatkeeper>();
     Rows rows;
-    const ovsdb::Table* table = nullptr;
+    const schema::Table* table = nullptr;
     for (std::string line; std::getline(std::cin, line);) {
         const std::size_t tab = line.find('\t');
         const std::string word = line.substr(0, tab);
@@ -92,7 +92,7 @@ int main()
             commit(*handler, tables, queue, rows);
             table = nullptr;
         } else if (tab != std::string::npos && word == "row") {
-            table = ovsdb::findTable(line.substr(tab + 1));
+            table = schema::findTable(line.substr(tab + 1));
             if (table == nullptr) {
                 return complain(line);
             }

@@ -1,4 +1,5 @@
 #include "moatctl/command_line/verb.hpp"
+#include "schema/tables.hpp"
 
 #include <cstdlib>
 #include <iostream>
@@ -16,7 +17,7 @@ int main(int argc, char** argv)
         .outIsTerminal = outIsTerminal,
         .errIsTerminal = isatty(STDERR_FILENO) == 1,
         .colour = outIsTerminal && (noColour == nullptr || *noColour == '\0'),
-        .server = {},
+        .server = {.socketPath = std::string(schema::defaultSocketPath)},
         .action = {},
         .edit = {},
     };

@@ -106,10 +106,10 @@ public:
     std::vector<Problem> run()
     {
         for (std::size_t i = 0; i < m_row.values.size(); ++i) {
-            const ColumnInfo& column = m_row.table->columns[i];
+            const schema::Column& column = m_row.table->columns[i];
             const bool empty = m_row.values[i].isText() && m_row.values[i].getText().empty();
             if (column.required && empty)
-                report(column.name, "empty: expected " + std::string(expectedValue(column.kind)));
+                report(column.name, "empty: expected " + std::string(schema::expectedValue(column.kind)));
             else if (const auto wrong = wrongValue(column, m_row.values[i]))
                 report(column.name, *wrong);
         }
@@ -137,7 +137,7 @@ private:
             report("Ethertype", inQuotes(ethertype) + ": expected the protocol behind a VLAN tag, a name or a number");
         for (const char* column : {"IPSrcAddr", "IPDstAddr", "IPProto", "IPPort"}) {
             const tessera::Value& value = m_row.value(column);
-            if (value == m_row.table->defaultOf(m_row.table->at(column)))
+            if (value == m_row.table->columns[m_row.table->at(column)].defaultValue())
                 continue;
             if (tagged)
                 report(column, inQuotes(value) + ": has no effect in a rule with a VLAN: expected no value",
@@ -203,11 +203,11 @@ private:
 
 } // namespace
 
-std::optional<std::string> wrongValue(const ColumnInfo& column, const tessera::Value& value)
+std::optional<std::string> wrongValue(const schema::Column& column, const tessera::Value& value)
 {
     if (isGood(column.kind, value))
         return std::nullopt;
-    return inQuotes(value) + ": expected " + std::string(expectedValue(column.kind));
+    return inQuotes(value) + ": expected " + std::string(schema::expectedValue(column.kind));
 }
 
 std::vector<Problem> checkRow(const Configuration& configuration, const Row& row)
@@ -215,11 +215,11 @@ std::vector<Problem> checkRow(const Configuration& configuration, const Row& row
     return RowCheck(configuration, row).run();
 }
 
-tessera::Value fromPerson(const ColumnInfo& column, const std::string& text, std::string_view what)
+tessera::Value fromPerson(const schema::Column& column, const std::string& text, std::string_view what)
 {
     const auto refuse = [&]() -> Failure {
-        return {ExitStatus::BadInput,
-                std::string(what) + ' ' + inQuotes(text) + ": expected " + std::string(expectedValue(column.kind))};
+        return {ExitStatus::BadInput, std::string(what) + ' ' + inQuotes(text) + ": expected " +
+                                          std::string(schema::expectedValue(column.kind))};
     };
     tessera::Value value(text);
     switch (column.kind) {

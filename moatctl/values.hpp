@@ -13,7 +13,7 @@ namespace moatctl
 {
 
 // Nothing when the value is fine in itself, else `"xy": expected a MAC address ...`.
-std::optional<std::string> wrongValue(const ColumnInfo& column, const tessera::Value& value);
+std::optional<std::string> wrongValue(const schema::Column& column, const tessera::Value& value);
 
 // All that is wrong with a row: each value in itself, values that exclude each other (a port without a protocol, an
 // address of another family than the ethertype), and what the filter of a filter rule says about it. Warnings: values
@@ -22,7 +22,7 @@ std::vector<Problem> checkRow(const Configuration& configuration, const Row& row
 
 // A value as a person writes it in the form in which the table holds it: "tcp" becomes "TCP", "ipv4" and "0x0800"
 // become "IPv4", "none" unsets a VLAN or a port. Throws Failure(BadInput), beginning with what the value is of.
-tessera::Value fromPerson(const ColumnInfo& column, const std::string& text, std::string_view what);
+tessera::Value fromPerson(const schema::Column& column, const std::string& text, std::string_view what);
 
 // Nothing unless the whole text is a decimal number of 32 bits.
 std::optional<std::int32_t> parseNumber(std::string_view text);

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <optional>
 #include <poll.h>
-#include <stdexcept>
 #include <thread>
 #include <typeindex>
 #include <typeinfo>
@@ -58,7 +57,12 @@ Outcome outcomeOf(const Json& result)
 class Client::State
 {
 public:
-    explicit State(ClientOptions options) : m_options(std::move(options)) { connect(); }
+    State(const Database& database, ClientOptions options) : m_database(database), m_options(std::move(options))
+    {
+        connect();
+    }
+
+    const Database& database() const { return m_database; }
 
     const std::string& schemaVersion() const { return m_schemaVersion; }
 
@@ -136,9 +140,10 @@ private:
         m_session.emplace();
         m_subscribed = false;
         try {
-            m_schemaVersion = checkSchema(call("get_schema", Json::Array{Json(databaseName)}), allTableNames());
+            m_schemaVersion = checkSchema(call("get_schema", Json::Array{Json(m_database.name)}), m_database,
+                                          m_database.tableNames());
         } catch (const RequestError& e) {
-            throw SchemaError("the server has no database \"" + std::string(databaseName) + "\" (" + e.what() + ")");
+            throw SchemaError("the server has no database \"" + m_database.name + "\" (" + e.what() + ")");
         }
     }
 
@@ -178,6 +183,7 @@ private:
             m_session->receive(m_connection->read());
     }
 
+    const Database& m_database;
     ClientOptions m_options;
     std::optional<Connection> m_connection;
     std::optional<RpcSession> m_session;
@@ -186,7 +192,10 @@ private:
     std::size_t m_requestSize = 0;
 };
 
-Client::Client(ClientOptions options) : m_state(std::make_unique<State>(std::move(options))) {}
+Client::Client(const Database& database, ClientOptions options)
+    : m_state(std::make_unique<State>(database, std::move(options)))
+{
+}
 
 Client::~Client() = default;
 
@@ -195,23 +204,18 @@ const std::string& Client::schemaVersion() const
     return m_state->schemaVersion();
 }
 
-std::vector<std::string> Client::allTableNames()
+TableCache Client::read()
 {
-    std::vector<std::string> names;
-    for (const Table& table : allTables())
-        names.emplace_back(table.name);
-    return names;
+    return read(m_state->database().tableNames());
 }
 
 TableCache Client::read(const std::vector<std::string>& tableNames)
 {
-    Json::Array params{Json(databaseName)};
+    const Database& database = m_state->database();
+    Json::Array params{Json(database.name)};
     for (const std::string& name : tableNames) {
-        const Table* table = findTable(name);
-        if (table == nullptr)
-            throw std::invalid_argument("no configuration table is called \"" + name + "\"");
         Json::Array columns{Json("_uuid")};
-        for (const Column& column : table->columns)
+        for (const Column& column : database.at(name).columns)
             columns.emplace_back(column.name);
         params.emplace_back(
             Json::Object{{"op", "select"}, {"table", name}, {"where", everyRow()}, {"columns", std::move(columns)}});
@@ -240,14 +244,14 @@ TableCache Client::read(const std::vector<std::string>& tableNames)
         }
         tables.emplace_back(tableNames[i], std::move(updates));
     }
-    TableCache cache(tableNames);
+    TableCache cache(database, tableNames);
     cache.replace(tables, UpdateFormat::OldAndNew);
     return cache;
 }
 
 TransactionResult Client::transact(const std::vector<Json>& operations)
 {
-    Json::Array params{Json(databaseName)};
+    Json::Array params{Json(m_state->database().name)};
     params.insert(params.end(), operations.begin(), operations.end());
     const Json reply = m_state->call("transact", std::move(params));
     const Json::Array* results = reply.asArray();
@@ -264,7 +268,7 @@ TransactionResult Client::transact(const std::vector<Json>& operations)
 void Client::watch(const std::vector<std::string>& tableNames, const OnChange& onChange,
                    const std::function<bool()>& keepGoing, const OnConnection& onConnection)
 {
-    Subscription subscription(tableNames);
+    Subscription subscription(m_state->database(), tableNames);
     m_state->start(subscription);
     if (!onChange(subscription.tables(), {tableNames.begin(), tableNames.end()}))
         return;

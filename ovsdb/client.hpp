@@ -1,6 +1,7 @@
 // A blocking client of the configuration server, for command-line tools.
 #pragma once
 
+#include "ovsdb/database.hpp"
 #include "ovsdb/error.hpp"
 #include "ovsdb/operations.hpp"
 #include "ovsdb/table_cache.hpp"
@@ -17,7 +18,7 @@ namespace ovsdb
 {
 
 struct ClientOptions {
-    std::string socketPath{defaultSocketPath};
+    std::string socketPath;
     // For each answer. A server that is not there is an error at once.
     std::chrono::milliseconds timeout{5000};
     // Called now and then while an answer is waited for, with how much of the request is sent; may be empty.
@@ -34,8 +35,8 @@ struct ClientOptions {
 class Client
 {
 public:
-    // Connects and checks the peer and its schema.
-    explicit Client(ClientOptions options = {});
+    // Connects and checks the peer and its schema. The database must outlive the client and what it reads.
+    Client(const Database& database, ClientOptions options);
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
@@ -43,8 +44,9 @@ public:
     // The version of the server's schema, "1.0.0".
     const std::string& schemaVersion() const;
 
-    // All rows of the tables, one consistent state.
-    TableCache read(const std::vector<std::string>& tableNames = allTableNames());
+    // All rows of the tables of the database, one consistent state.
+    TableCache read();
+    TableCache read(const std::vector<std::string>& tableNames);
 
     // All of it, or nothing. Errors of single operations are in the result.
     TransactionResult transact(const std::vector<Json>& operations);
@@ -61,8 +63,6 @@ public:
     static constexpr std::chrono::milliseconds reconnectInterval{500};
     void watch(const std::vector<std::string>& tableNames, const OnChange& onChange,
                const std::function<bool()>& keepGoing = {}, const OnConnection& onConnection = {});
-
-    static std::vector<std::string> allTableNames();
 
 private:
     class State;

@@ -72,7 +72,7 @@ Json requireRow(const Table& table, const Row& row)
     Json::Object values;
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
         const Column& column = table.columns[i];
-        if (column.optional && row.values[i] == column.valueIfUnset())
+        if (column.optional && row.values[i] == column.ifUnset)
             continue;
         columns.emplace_back(column.name);
         values.emplace_back(column.name, atom(row.values[i]));

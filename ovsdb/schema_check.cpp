@@ -1,7 +1,5 @@
 #include "ovsdb/schema_check.hpp"
 
-#include "ovsdb/tables.hpp"
-
 #include <algorithm>
 
 namespace ovsdb
@@ -28,7 +26,7 @@ std::string keyType(const Json& type)
 
 void checkColumn(const Table& table, const Column& column, const Json* found)
 {
-    const std::string place = "the server's table " + std::string(table.name) + ", column " + std::string(column.name);
+    const std::string place = "the server's table " + table.name + ", column " + column.name;
     const Json* type = found != nullptr ? found->find("type") : nullptr;
     if (type == nullptr)
         throw SchemaError(place + ": missing");
@@ -46,28 +44,27 @@ void checkColumn(const Table& table, const Column& column, const Json* found)
 
 } // namespace
 
-std::string checkSchema(const Json& schema, const std::vector<std::string>& tableNames)
+std::string checkSchema(const Json& schema, const Database& database, const std::vector<std::string>& tableNames)
 {
     const std::string* name = textMember(schema, "name");
     const std::string* version = textMember(schema, "version");
     const Json* tables = schema.find("tables");
     if (name == nullptr || tables == nullptr || tables->asObject() == nullptr)
         throw SchemaError("the server's answer is no schema");
-    if (*name != databaseName)
-        throw SchemaError("expected database \"" + std::string(databaseName) + "\", found \"" + name->substr(0, 64) +
-                          "\"");
-    const std::string expected = std::to_string(schemaMajorVersion) + ".";
+    if (*name != database.name)
+        throw SchemaError("expected database \"" + database.name + "\", found \"" + name->substr(0, 64) + "\"");
+    const std::string expected = std::to_string(database.schemaMajorVersion) + ".";
     if (version == nullptr || !version->starts_with(expected))
         throw SchemaError("expected schema version " + expected + "x.y, found " +
                           (version != nullptr ? version->substr(0, 32) : "none"));
     for (const std::string& tableName : tableNames) {
-        const Table* table = findTable(tableName);
         const Json* found = tables->find(tableName);
         const Json* columns = found != nullptr ? found->find("columns") : nullptr;
-        if (table == nullptr || columns == nullptr)
+        if (columns == nullptr)
             throw SchemaError("the server's database has no table " + tableName);
-        for (const Column& column : table->columns)
-            checkColumn(*table, column, columns->find(column.name));
+        const Table& table = database.at(tableName);
+        for (const Column& column : table.columns)
+            checkColumn(table, column, columns->find(column.name));
     }
     return *version;
 }

@@ -1,6 +1,7 @@
 // Whether a server's schema is one that this program can work with.
 #pragma once
 
+#include "ovsdb/database.hpp"
 #include "ovsdb/json.hpp"
 
 #include <string>
@@ -9,9 +10,10 @@
 namespace ovsdb
 {
 
-// Looks at an answer to get_schema. Throws SchemaError when the database has another name or major version, or a table
-// or column of the named tables is missing or of another kind. What it has besides does not matter.
+// Looks at an answer to get_schema. Throws SchemaError when the name or the major version is another one, or a table
+// or column of the named tables, which the database must have, is missing or of another kind. What the schema has
+// besides does not matter.
 // Returns the version.
-std::string checkSchema(const Json& schema, const std::vector<std::string>& tableNames);
+std::string checkSchema(const Json& schema, const Database& database, const std::vector<std::string>& tableNames);
 
 } // namespace ovsdb

@@ -10,16 +10,15 @@ namespace ovsdb
 namespace
 {
 
-const char* const monitorId = "moatkeeper";
 const char* const noTransaction = "00000000-0000-0000-0000-000000000000";
 
 // Which columns of which tables to tell of.
-Json monitorRequests(const std::vector<std::string>& tableNames, bool conditional)
+Json monitorRequests(const Database& database, const std::vector<std::string>& tableNames, bool conditional)
 {
     Json::Object requests;
     for (const std::string& name : tableNames) {
         Json::Array columns;
-        for (const Column& column : findTable(name)->columns)
+        for (const Column& column : database.at(name).columns)
             columns.emplace_back(column.name);
         const Json request = Json::Object{{"columns", std::move(columns)}};
         requests.emplace_back(name, conditional ? Json(Json::Array{request}) : request);
@@ -29,8 +28,11 @@ Json monitorRequests(const std::vector<std::string>& tableNames, bool conditiona
 
 } // namespace
 
-Subscription::Subscription(std::vector<std::string> tableNames)
-    : m_tableNames(std::move(tableNames)), m_tables(m_tableNames), m_lastTransaction(noTransaction)
+Subscription::Subscription(const Database& database, std::vector<std::string> tableNames)
+    : m_database(database),
+      m_tableNames(std::move(tableNames)),
+      m_tables(m_database, m_tableNames),
+      m_lastTransaction(noTransaction)
 {
 }
 
@@ -38,13 +40,15 @@ void Subscription::begin(RpcSession& session)
 {
     m_phase = Phase::AskedForSchema;
     m_method = Method::Since;
-    m_request = session.request("get_schema", Json::Array{Json(databaseName)});
+    m_request = session.request("get_schema", Json::Array{Json(m_database.name)});
 }
 
 void Subscription::subscribe(RpcSession& session)
 {
     m_phase = Phase::Subscribing;
-    Json::Array params{Json(databaseName), Json(monitorId), monitorRequests(m_tableNames, m_method != Method::Plain)};
+    // The subscription is named after the database.
+    Json::Array params{Json(m_database.name), Json(m_database.name),
+                       monitorRequests(m_database, m_tableNames, m_method != Method::Plain)};
     if (m_method == Method::Since) {
         params.emplace_back(m_lastTransaction);
         m_request = session.request("monitor_cond_since", std::move(params));
@@ -61,9 +65,8 @@ Subscription::Progress Subscription::handle(const RpcMessage& message, RpcSessio
         throw ProtocolError("answer to a request that was not made: id " + std::to_string(message.id));
     if (m_phase == Phase::AskedForSchema) {
         if (message.error)
-            throw SchemaError("the server has no database \"" + std::string(databaseName) + "\" (" + *message.error +
-                              ")");
-        m_schemaVersion = checkSchema(message.result, m_tableNames);
+            throw SchemaError("the server has no database \"" + m_database.name + "\" (" + *message.error + ")");
+        m_schemaVersion = checkSchema(message.result, m_database, m_tableNames);
         subscribe(session);
         return {};
     }
@@ -106,7 +109,7 @@ Subscription::Progress Subscription::updated(const RpcMessage& notification)
     const Json::Array& params = *notification.result.asArray();
     if (m_phase != Phase::Following || notification.method != name)
         throw ProtocolError("unexpected notification \"" + notification.method.substr(0, 64) + "\"");
-    if (params.size() != paramCount || params[0] != Json(monitorId))
+    if (params.size() != paramCount || params[0] != Json(m_database.name))
         throw ProtocolError(std::string(name) + " with params of another shape");
     const std::string* transaction = m_method == Method::Since ? params[1].asText() : nullptr;
     if (m_method == Method::Since && (transaction == nullptr || !Uuid::fromText(*transaction)))

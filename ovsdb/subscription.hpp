@@ -17,7 +17,8 @@ namespace ovsdb
 class Subscription
 {
 public:
-    explicit Subscription(std::vector<std::string> tableNames);
+    // The names must be of tables of the database, which must outlive this; others throw std::invalid_argument.
+    Subscription(const Database& database, std::vector<std::string> tableNames);
 
     // A new connection: asks for the schema. The copy of the tables stays until the server has told the current state.
     void begin(RpcSession& session);
@@ -46,7 +47,8 @@ private:
     Progress subscribed(const RpcMessage& answer, RpcSession& session);
     Progress updated(const RpcMessage& notification);
 
-    std::vector<std::string> m_tableNames;
+    const Database& m_database;
+    const std::vector<std::string> m_tableNames;
     TableCache m_tables;
     Phase m_phase = Phase::Idle;
     Method m_method = Method::Since;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <limits>
 #include <map>
-#include <stdexcept>
 
 namespace ovsdb
 {
@@ -49,7 +48,7 @@ class RowReader
 public:
     RowReader(const Table& table, std::string_view uuid) : m_table(table), m_uuid(uuid) {}
 
-    std::string where() const { return "table " + std::string(m_table.name) + ", row " + shown(m_uuid); }
+    std::string where() const { return "table " + m_table.name + ", row " + shown(m_uuid); }
 
     // Writes the columns that are given. Returns how many these are.
     std::size_t read(const Json& columns, Row& row) const
@@ -71,7 +70,7 @@ public:
         Row row{.uuid = uuid, .values = {}};
         row.values.reserve(m_table.columns.size());
         for (const Column& column : m_table.columns)
-            row.values.push_back(column.valueIfUnset());
+            row.values.push_back(column.ifUnset);
         return row;
     }
 
@@ -82,7 +81,7 @@ public:
             return row;
         for (const Column& column : m_table.columns) {
             if (columns.find(column.name) == nullptr)
-                refuse(where() + ": column \"" + std::string(column.name) + "\" is missing");
+                refuse(where() + ": column \"" + column.name + "\" is missing");
         }
         return row;
     }
@@ -90,7 +89,7 @@ public:
 private:
     tessera::Value valueOf(const Column& column, const Json& value) const
     {
-        const std::string place = where() + ", column \"" + std::string(column.name) + "\"";
+        const std::string place = where() + ", column \"" + column.name + "\"";
         if (const Json::Array* pair = value.asArray()) // a set of none or one, only where a column may be unset
             return optionalValue(column, *pair, place);
         return atom(column, value, place);
@@ -102,7 +101,7 @@ private:
         const Json::Array* elements = tag != nullptr && *tag == "set" ? pair[1].asArray() : nullptr;
         if (!column.optional || elements == nullptr || elements->size() > 1)
             refuse(place + ": expected one value, found a list");
-        return elements->empty() ? column.valueIfUnset() : atom(column, elements->front(), place);
+        return elements->empty() ? column.ifUnset : atom(column, elements->front(), place);
     }
 
     static tessera::Value atom(const Column& column, const Json& value, const std::string& place)
@@ -138,7 +137,7 @@ public:
     Changes read(const Json& rowUpdates, UpdateFormat format) const
     {
         Changes changes;
-        for (const auto& [uuidText, update] : members(rowUpdates, "table " + std::string(m_table.name))) {
+        for (const auto& [uuidText, update] : members(rowUpdates, "table " + m_table.name)) {
             const auto uuid = Uuid::fromText(uuidText);
             const RowReader reader(m_table, uuidText);
             if (!uuid)
@@ -275,14 +274,11 @@ std::optional<Uuid> Uuid::fromText(std::string_view text)
     return uuid;
 }
 
-TableCache::TableCache(const std::vector<std::string>& tableNames)
+TableCache::TableCache(const Database& database, const std::vector<std::string>& tableNames)
 {
     for (const std::string& name : tableNames) {
-        const Table* table = findTable(name);
-        if (table == nullptr)
-            throw std::invalid_argument("no configuration table is called \"" + name + "\"");
         if (!holds(name))
-            m_tables.push_back({table, {}});
+            m_tables.push_back({&database.at(name), {}});
     }
 }
 
@@ -317,8 +313,16 @@ std::vector<std::string> TableCache::tableNames() const
 {
     std::vector<std::string> names;
     for (const Held& held : m_tables)
-        names.emplace_back(held.table->name);
+        names.push_back(held.table->name);
     return names;
+}
+
+TableCache TableCache::empty() const
+{
+    TableCache cache;
+    for (const Held& held : m_tables)
+        cache.m_tables.push_back({held.table, {}});
+    return cache;
 }
 
 std::set<std::string> TableCache::apply(const Json& tableUpdates, UpdateFormat format)
@@ -335,7 +339,7 @@ std::set<std::string> TableCache::apply(const Json& tableUpdates, UpdateFormat f
     for (auto& [held, rows] : results) { // from here on nothing fails
         if (rows == held->rows)
             continue;
-        changedTables.emplace(held->table->name);
+        changedTables.insert(held->table->name);
         held->rows = std::move(rows);
     }
     return changedTables;
@@ -343,12 +347,12 @@ std::set<std::string> TableCache::apply(const Json& tableUpdates, UpdateFormat f
 
 std::set<std::string> TableCache::replace(const Json& tableUpdates, UpdateFormat format)
 {
-    TableCache fresh(tableNames());
+    TableCache fresh = empty();
     fresh.apply(tableUpdates, format);
     std::set<std::string> changedTables;
     for (std::size_t i = 0; i < m_tables.size(); ++i) {
         if (m_tables[i].rows != fresh.m_tables[i].rows)
-            changedTables.emplace(m_tables[i].table->name);
+            changedTables.insert(m_tables[i].table->name);
     }
     m_tables = std::move(fresh.m_tables);
     return changedTables;

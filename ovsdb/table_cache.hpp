@@ -1,8 +1,8 @@
 // A copy of the configuration tables: rows by ascending Id, changed by whole updates only.
 #pragma once
 
+#include "ovsdb/database.hpp"
 #include "ovsdb/json.hpp"
-#include "ovsdb/tables.hpp"
 #include "platform/value_list.hpp"
 
 #include <array>
@@ -45,8 +45,9 @@ enum class UpdateFormat {
 class TableCache
 {
 public:
-    // Empty tables. The names must be among allTables(); others throw std::invalid_argument.
-    explicit TableCache(const std::vector<std::string>& tableNames);
+    // Empty tables. The names must be of tables of the database, which must outlive the cache and its copies; others
+    // throw std::invalid_argument.
+    TableCache(const Database& database, const std::vector<std::string>& tableNames);
 
     // The rows of a table by ascending Id; none when the table is not held. Valid until the next change.
     std::span<const Row> rows(std::string_view tableName) const;
@@ -70,6 +71,8 @@ private:
         const Table* table;
         std::vector<Row> rows;
     };
+    TableCache() = default;
+    TableCache empty() const; // of the same tables
     Held* find(std::string_view tableName);
 
     std::vector<Held> m_tables;

@@ -9,6 +9,7 @@
 #include "platform_linux/delivery_names.hpp"
 #include "platform_linux/event_dispatcher.hpp"
 #include "platform_linux/queue/transaction_queue.hpp"
+#include "schema/server/database.hpp"
 
 #include <chrono>
 #include <cstdint>
@@ -52,7 +53,7 @@ public:
         const auto rows = m_tables.rows(tableName);
         if (rowIndex >= rows.size())
             return {.ok = false, .text = "table \"" + tableName + "\" has no row " + std::to_string(rowIndex)};
-        const ovsdb::Table& table = *ovsdb::findTable(tableName);
+        const ovsdb::Table& table = schema::serverDatabase().at(tableName);
         names.clear();
         values.clear();
         for (std::size_t i = 0; i < table.columns.size(); ++i) {
@@ -101,7 +102,7 @@ public:
         std::list<std::string> names;
         handler->getTableNames(names);
         m_handler = handler;
-        m_subscription.emplace(std::vector<std::string>(names.begin(), names.end()));
+        m_subscription.emplace(schema::serverDatabase(), std::vector<std::string>(names.begin(), names.end()));
     }
 
     void initialize()

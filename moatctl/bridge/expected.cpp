@@ -47,14 +47,14 @@ class Feeder
 public:
     explicit Feeder(const Configuration& configuration)
     {
-        for (const TableInfo& table : allTables()) {
+        for (const schema::Table& table : schema::allTables()) {
             std::vector<fake::Row> rows;
             for (const Row& row : configuration.rows(table.id)) {
                 fake::Row& fed = rows.emplace_back();
                 for (std::size_t i = 0; i < table.columns.size(); ++i)
                     fed.set(table.columns[i].name, row.values[i]);
             }
-            m_tables.setRows(std::string(table.name()), std::move(rows));
+            m_tables.setRows(std::string(table.name), std::move(rows));
         }
         m_tables.onGetRowCount = [this](const std::string&) {
             turnTo(nullptr);

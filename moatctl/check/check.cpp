@@ -28,7 +28,7 @@ void Findings::add(Severity severity, TableId table, std::string text)
     Problem problem;
     problem.severity = severity;
     problem.file = m_configuration.file;
-    problem.table = tableInfo(table).name();
+    problem.table = schema::table(table).name;
     problem.text = std::move(text);
     if (std::ranges::find(m_problems, problem) == m_problems.end())
         m_problems.push_back(std::move(problem));
@@ -37,7 +37,7 @@ void Findings::add(Severity severity, TableId table, std::string text)
 std::vector<Problem> Findings::take()
 {
     const auto place = [](const Problem& problem) {
-        const TableInfo* table = findTable(problem.table);
+        const schema::Table* table = findTable(problem.table);
         const std::size_t column = problem.column.empty() ? 0 : table->at(problem.column) + 1;
         return std::tuple(table->id, problem.id, column);
     };
@@ -47,7 +47,7 @@ std::vector<Problem> Findings::take()
 
 std::string nameOf(const Row& row)
 {
-    std::string name(row.table->name());
+    std::string name(row.table->name);
     return row.table->hasIds() ? name + " Id " + std::to_string(row.id()) : name;
 }
 

@@ -14,8 +14,8 @@ namespace
 
 std::string expectedInstead(const Row& row, std::string_view column)
 {
-    const ColumnInfo& info = row.table->columns[row.table->at(column)];
-    return inQuotes(row.value(column)) + ": expected " + std::string(expectedValue(info.kind));
+    const schema::Column& info = row.table->columns[row.table->at(column)];
+    return inQuotes(row.value(column)) + ": expected " + std::string(schema::expectedValue(info.kind));
 }
 
 void badReference(const Row& row, Findings& findings)
@@ -131,7 +131,7 @@ void findIgnoredColumns(const Row& rule, Findings& findings)
         findings.warning(rule, "IPPort", inQuotes(rule.value("IPPort")) + text);
 }
 
-void findMissingInterface(const Row& row, const ColumnInfo& column, const CheckOptions& options, Findings& findings)
+void findMissingInterface(const Row& row, const schema::Column& column, const CheckOptions& options, Findings& findings)
 {
     std::string name = row.text(column.name);
     if (name.starts_with("! "))
@@ -144,7 +144,7 @@ void findMissingInterface(const Row& row, const ColumnInfo& column, const CheckO
 
 void findOddValuesOf(const Row& row, const CheckOptions& options, Findings& findings)
 {
-    for (const ColumnInfo& column : row.table->columns) {
+    for (const schema::Column& column : row.table->columns) {
         const tessera::Value& value = row.value(column.name);
         if (value.isText() && !isOneWord(value.getText()))
             findings.error(row, column.name, expectedInstead(row, column.name) + ", as a single word");
@@ -186,7 +186,7 @@ void findOddValues(const Expected& expected, const CheckOptions& wanted, Finding
         findOddValuesOf(*row, options, findings);
 
     // Of all rows: it says whether a row is used.
-    for (const TableInfo& table : allTables()) {
+    for (const schema::Table& table : schema::allTables()) {
         const bool onlyOne = table.id == TableId::InputPolicies || table.id == TableId::ForwardingPolicies;
         for (const Row& row : findings.configuration().rows(table.id)) {
             if (table.hasIds())
@@ -198,9 +198,9 @@ void findOddValues(const Expected& expected, const CheckOptions& wanted, Finding
 void findFurtherValues(const Expected& expected, Findings& findings)
 {
     const std::set<const Row*> used(expected.used.begin(), expected.used.end());
-    for (const TableInfo& table : allTables()) {
+    for (const schema::Table& table : schema::allTables()) {
         for (const Row& row : findings.configuration().rows(table.id)) {
-            for (const ColumnInfo& column : table.columns) {
+            for (const schema::Column& column : table.columns) {
                 if (auto wrong = wrongValue(column, row.value(column.name)))
                     findings.error(row, column.name, std::move(*wrong));
             }

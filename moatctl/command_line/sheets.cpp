@@ -10,7 +10,7 @@ namespace moatctl
 namespace
 {
 
-tessera::Value forPeople(const ColumnInfo& column, const tessera::Value& value)
+tessera::Value forPeople(const schema::Column& column, const tessera::Value& value)
 {
     const bool nothing = value.isText()                     ? value.getText().empty()
                          : column.kind == ValueKind::VlanId ? value.getInteger() == -1
@@ -29,7 +29,7 @@ tessera::Value forPeople(const ColumnInfo& column, const tessera::Value& value)
 
 Sheet sheetOf(const Configuration& configuration, TableId id, Format format)
 {
-    const TableInfo& table = tableInfo(id);
+    const schema::Table& table = schema::table(id);
     const std::vector<const Row*> rows = inKernelOrder(configuration, id);
     const bool people = format == Format::Table;
 
@@ -38,13 +38,14 @@ Sheet sheetOf(const Configuration& configuration, TableId id, Format format)
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
         const bool optional =
             !table.columns[i].required && table.columns[i].kind != ValueKind::Switch && table.hasIds();
-        if (people && optional &&
-            std::ranges::all_of(rows, [&](const Row* row) { return row->values[i] == table.defaultOf(i); }))
+        if (people && optional && std::ranges::all_of(rows, [&](const Row* row) {
+                return row->values[i] == table.columns[i].defaultValue();
+            }))
             continue;
         shown.push_back(i);
     }
 
-    Sheet sheet{.name = std::string(table.name()), .title = std::string(table.title), .headings = {}, .rows = {}};
+    Sheet sheet{.name = std::string(table.name), .title = std::string(table.title), .headings = {}, .rows = {}};
     for (const std::size_t i : shown)
         sheet.headings.emplace_back(people ? table.columns[i].heading : table.columns[i].name);
     sheet.rows.reserve(rows.size());

@@ -4,6 +4,7 @@
 
 #include "moatctl/exit_status.hpp"
 #include "ovsdb/client.hpp"
+#include "schema/server/database.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -33,7 +34,7 @@ struct Program {
     std::function<ExitStatus()> action;
     std::function<void(Editor&)> edit; // verbs that change rows: also on a line of a batch
 
-    ovsdb::Client connect() const { return ovsdb::Client(server); }
+    ovsdb::Client connect() const { return {schema::serverDatabase(), server}; }
 };
 
 struct Verb {

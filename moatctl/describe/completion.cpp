@@ -1,6 +1,6 @@
 #include "moatctl/describe/command_line.hpp"
 
-#include "moatctl/columns.hpp"
+#include "moatctl/tables/table_names.hpp"
 
 #include <ostream>
 
@@ -27,7 +27,7 @@ std::string candidatesOf(const CLI::Option& option)
         return "_moatctl_files";
     if (option.get_name() == "TABLE") {
         std::string words;
-        for (const TableInfo& table : allTables())
+        for (const schema::Table& table : schema::allTables())
             words += (words.empty() ? "" : " ") + std::string(table.word);
         return "_moatctl_words '" + words + "'";
     }

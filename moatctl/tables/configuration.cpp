@@ -17,11 +17,11 @@ auto place(auto& rows, std::int32_t id)
 
 } // namespace
 
-Row::Row(const TableInfo& tableOfRow) : table(&tableOfRow)
+Row::Row(const schema::Table& tableOfRow) : table(&tableOfRow)
 {
     values.reserve(tableOfRow.columns.size());
-    for (std::size_t i = 0; i < tableOfRow.columns.size(); ++i)
-        values.push_back(tableOfRow.defaultOf(i));
+    for (const schema::Column& column : tableOfRow.columns)
+        values.push_back(column.defaultValue());
 }
 
 std::uint32_t Row::lineOf(std::size_t column) const

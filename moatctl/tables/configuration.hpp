@@ -1,7 +1,7 @@
 // The whole configuration as a plain value: six tables of rows, whether from the server or from a file.
 #pragma once
 
-#include "moatctl/columns.hpp"
+#include "moatctl/tables/table_names.hpp"
 #include "ovsdb/table_cache.hpp"
 
 #include <array>
@@ -16,9 +16,9 @@ namespace moatctl
 
 // A row has a value for every column, in the order of its table's columns.
 struct Row {
-    explicit Row(const TableInfo& tableOfRow); // every column at its default
+    explicit Row(const schema::Table& tableOfRow); // every column at its default
 
-    const TableInfo* table;
+    const schema::Table* table;
     std::vector<tessera::Value> values;
     std::optional<ovsdb::Uuid> uuid;  // from the server only
     std::uint32_t line = 0;           // from a file only: where the row begins, from 1
@@ -61,7 +61,7 @@ public:
     bool operator==(const Configuration& other) const { return m_tables == other.m_tables; }
 
 private:
-    std::array<std::vector<Row>, tableCount> m_tables;
+    std::array<std::vector<Row>, schema::tableCount> m_tables;
 };
 
 // A value as text, as it stands in the table.

@@ -12,7 +12,8 @@ std::string valuesOf(const Row& row)
 {
     std::string text;
     for (std::size_t i = row.table->hasIds() ? 1 : 0; i < row.values.size(); ++i) {
-        if (!row.table->columns[i].required && row.table->hasIds() && row.values[i] == row.table->defaultOf(i))
+        if (!row.table->columns[i].required && row.table->hasIds() &&
+            row.values[i] == row.table->columns[i].defaultValue())
             continue;
         text += (text.empty() ? "" : ", ") + std::string(row.table->columns[i].name) + ' ' + inQuotes(row.values[i]);
     }
@@ -36,7 +37,7 @@ std::string changesOf(const Row& before, const Row& after)
 std::vector<Change> difference(const Configuration& before, const Configuration& after)
 {
     std::vector<Change> changes;
-    for (const TableInfo& table : allTables()) {
+    for (const schema::Table& table : schema::allTables()) {
         const std::vector<Row>& old = before.rows(table.id);
         const std::vector<Row>& fresh = after.rows(table.id);
         auto left = old.begin();
@@ -62,7 +63,7 @@ std::vector<Change> difference(const Configuration& before, const Configuration&
 std::string toText(const Change& change)
 {
     std::string text = change.before == nullptr ? "+ " : change.after == nullptr ? "- " : "~ ";
-    text += change.table->name();
+    text += change.table->name;
     if (change.table->hasIds())
         text += " Id " + std::to_string(change.id);
     text += ": ";

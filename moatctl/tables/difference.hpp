@@ -12,7 +12,7 @@ namespace moatctl
 
 // One row that is added (no before), removed (no after) or different. Points into the two configurations.
 struct Change {
-    const TableInfo* table;
+    const schema::Table* table;
     std::int32_t id;
     const Row* before;
     const Row* after;

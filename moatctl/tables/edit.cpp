@@ -3,6 +3,7 @@
 #include "moatctl/tables/difference.hpp"
 #include "moatctl/tables/load.hpp"
 #include "moatctl/tables/problem.hpp"
+#include "schema/server/database.hpp"
 
 #include <ostream>
 
@@ -14,7 +15,7 @@ namespace
 
 ovsdb::Json require(const Row& row)
 {
-    return ovsdb::requireRow(*row.table->table, {.uuid = *row.uuid, .values = row.values});
+    return ovsdb::requireRow(schema::serverDatabase().at(row.table->name), {.uuid = *row.uuid, .values = row.values});
 }
 
 // Values of a new row, or those that differ.
@@ -52,7 +53,7 @@ Plan planOf(const std::vector<Change>& changes, const Configuration& before, con
             plan.add(require(*change.before), nullptr);
     }
     for (const Change& change : changes) {
-        const std::string_view table = change.table->name();
+        const std::string_view table = change.table->name;
         if (change.before == nullptr) // that the Id is free, the server sees to itself
             plan.add(ovsdb::insertRow(table, valuesOf(nullptr, *change.after)), &change);
         else if (change.after == nullptr)
@@ -78,7 +79,7 @@ bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
     std::string where;
     if (const auto failed = result.failedOperation(); failed && plan.changeOf[*failed] != nullptr) {
         const Change& change = *plan.changeOf[*failed];
-        where = std::string(change.table->name()) + (change.id != 0 ? " Id " + std::to_string(change.id) : "") + ": ";
+        where = std::string(change.table->name) + (change.id != 0 ? " Id " + std::to_string(change.id) : "") + ": ";
         throw Failure(ExitStatus::BadInput, where + "refused by the server: " + result.errorText());
     }
     throw Failure(ExitStatus::Server, "the server refused the change: " + result.errorText());

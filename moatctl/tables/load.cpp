@@ -85,32 +85,31 @@ private:
             return;
         }
         for (const auto& [name, rows] : *tables) {
-            const auto table = std::ranges::find(allTables(), std::string_view(name), &TableInfo::name);
-            if (table == allTables().end())
+            const auto table = std::ranges::find(schema::allTables(), std::string_view(name), &schema::Table::name);
+            if (table == schema::allTables().end())
                 report(rows.offset(), "", 0, "", "no table is called " + inQuotes(name));
             else
                 parseTable(*table, rows);
         }
     }
 
-    void parseTable(const TableInfo& table, const Json& rows)
+    void parseTable(const schema::Table& table, const Json& rows)
     {
         const Json::Array* list = rows.asArray();
         if (list == nullptr) {
-            report(rows.offset(), table.name(), 0, "",
-                   std::string("expected a list of rows, found ") + rows.kindName());
+            report(rows.offset(), table.name, 0, "", std::string("expected a list of rows, found ") + rows.kindName());
             return;
         }
         for (const Json& row : *list) {
             if (row.asObject() == nullptr)
-                report(row.offset(), table.name(), 0, "",
+                report(row.offset(), table.name, 0, "",
                        std::string("expected a row, an object, found ") + row.kindName());
             else
                 parseRow(table, row);
         }
     }
 
-    void parseRow(const TableInfo& table, const Json& object)
+    void parseRow(const schema::Table& table, const Json& object)
     {
         Row row(table);
         row.line = m_index.lineOf(object.offset());
@@ -120,9 +119,9 @@ private:
         const std::int32_t id = table.hasIds() && givenId != nullptr ? idOf(*givenId) : 0;
         bool good = true;
         for (const auto& [name, value] : *object.asObject()) {
-            const auto column = table.table->find(name);
+            const auto column = table.find(name);
             if (!column) {
-                report(value.offset(), table.name(), id, name, "the table has no such column");
+                report(value.offset(), table.name, id, name, "the table has no such column");
                 good = false;
                 continue;
             }
@@ -131,8 +130,8 @@ private:
         }
         for (std::size_t i = 0; i < table.columns.size(); ++i) {
             if (table.columns[i].required && row.lines[i] == 0) {
-                report(object.offset(), table.name(), id, table.columns[i].name,
-                       "missing: expected " + std::string(expectedValue(table.columns[i].kind)));
+                report(object.offset(), table.name, id, table.columns[i].name,
+                       "missing: expected " + std::string(schema::expectedValue(table.columns[i].kind)));
                 good = false;
             }
         }
@@ -148,33 +147,33 @@ private:
             return true;
         const auto [first, isNew] = m_lineOfRow.try_emplace({row.table->id, row.id()}, row.line);
         if (!isNew)
-            report(offset, row.table->name(), row.id(), hasIds ? "Id" : "",
+            report(offset, row.table->name, row.id(), hasIds ? "Id" : "",
                    hasIds ? "used already in line " + std::to_string(first->second)
                           : "a second row: the table has one row at most");
         return isNew;
     }
 
-    bool parseValue(const TableInfo& table, std::size_t column, const Json& value, std::int32_t id, Row& row)
+    bool parseValue(const schema::Table& table, std::size_t column, const Json& value, std::int32_t id, Row& row)
     {
-        const ovsdb::Column& form = table.table->columns[column];
-        if (form.kind == ovsdb::ColumnKind::Text) {
+        const schema::Column& form = table.columns[column];
+        if (form.isText()) {
             if (const std::string* text = value.asText()) {
                 row.values[column] = tessera::Value(*text);
                 return true;
             }
-            report(value.offset(), table.name(), id, form.name,
+            report(value.offset(), table.name, id, form.name,
                    std::string("expected a text, found ") + value.kindName());
             return false;
         }
         const auto integer = value.asInteger();
         if (!integer) {
-            report(value.offset(), table.name(), id, form.name,
+            report(value.offset(), table.name, id, form.name,
                    std::string("expected an integer, found ") + value.kindName());
             return false;
         }
         if (!inRange(integer)) {
-            report(value.offset(), table.name(), id, form.name,
-                   std::to_string(*integer) + ": expected " + std::string(expectedValue(table.columns[column].kind)));
+            report(value.offset(), table.name, id, form.name,
+                   std::to_string(*integer) + ": expected " + std::string(schema::expectedValue(form.kind)));
             return false;
         }
         row.values[column] = tessera::Value(static_cast<std::int32_t>(*integer));
@@ -203,8 +202,8 @@ private:
 Configuration toConfiguration(const ovsdb::TableCache& cache)
 {
     Configuration configuration;
-    for (const TableInfo& table : allTables()) {
-        for (const ovsdb::Row& from : cache.rows(table.name())) {
+    for (const schema::Table& table : schema::allTables()) {
+        for (const ovsdb::Row& from : cache.rows(table.name)) {
             Row row(table);
             row.values = from.values;
             row.uuid = from.uuid;

@@ -21,7 +21,7 @@ Problem problemAt(Severity severity, const Configuration& configuration, const R
     problem.severity = severity;
     problem.file = configuration.file;
     problem.line = column.empty() ? row.line : row.lineOf(row.table->at(column));
-    problem.table = row.table->name();
+    problem.table = row.table->name;
     problem.id = row.id();
     problem.column = column;
     problem.text = std::move(text);

@@ -38,7 +38,7 @@ std::string nameOfOrigin(const Row* row)
 {
     if (row == nullptr)
         return "the daemon's own";
-    std::string name(row->table->name());
+    std::string name(row->table->name);
     return row->table->hasIds() ? name + " Id " + std::to_string(row->id()) : name;
 }
 
@@ -66,7 +66,7 @@ ovsdb::Json placeOf(const Step& step)
     ovsdb::Json::Object object{
         {"chain", step.chain->name},
         {"rule", step.rule != nullptr ? ovsdb::Json(static_cast<std::int64_t>(step.position) + 1) : ovsdb::Json()},
-        {"table", origin != nullptr ? ovsdb::Json(origin->table->name()) : ovsdb::Json()},
+        {"table", origin != nullptr ? ovsdb::Json(origin->table->name) : ovsdb::Json()},
         {"id", origin != nullptr && origin->table->hasIds() ? ovsdb::Json(std::int64_t{origin->id()}) : ovsdb::Json()},
         {"text", textOf(step)},
     };

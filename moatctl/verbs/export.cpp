@@ -15,10 +15,10 @@ std::string lineOf(const Row& row)
 {
     ovsdb::Json::Object members;
     for (std::size_t i = 0; i < row.values.size(); ++i) {
-        const ColumnInfo& column = row.table->columns[i];
+        const schema::Column& column = row.table->columns[i];
         const tessera::Value& value = row.values[i];
         const bool always = column.required || column.name == "Enabled" || !row.table->hasIds();
-        if (!always && value == row.table->defaultOf(i))
+        if (!always && value == column.defaultValue())
             continue;
         members.emplace_back(column.name, value.isText() ? ovsdb::Json(value.getText())
                                                          : ovsdb::Json(std::int64_t{value.getInteger()}));
@@ -31,12 +31,12 @@ ExitStatus exportAll(Program& program)
     ovsdb::Client client = program.connect();
     const Configuration configuration = loadFromServer(client);
     program.out << "{\n";
-    for (const TableInfo& table : allTables()) {
-        program.out << "  \"" << table.name() << "\": [";
+    for (const schema::Table& table : schema::allTables()) {
+        program.out << "  \"" << table.name << "\": [";
         const std::vector<Row>& rows = configuration.rows(table.id);
         for (const Row& row : rows)
             program.out << (&row == &rows.front() ? "\n    " : ",\n    ") << lineOf(row);
-        program.out << (rows.empty() ? "]" : "\n  ]") << (&table == &allTables().back() ? "\n" : ",\n");
+        program.out << (rows.empty() ? "]" : "\n  ]") << (&table == &schema::allTables().back() ? "\n" : ",\n");
     }
     program.out << "}\n";
     return ExitStatus::Ok;

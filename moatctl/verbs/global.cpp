@@ -24,7 +24,7 @@ void takePolicies(const Given& given, Row& row)
 void setGlobal(const Given& given, Editor& editor)
 {
     if (editor.configuration.find(TableId::Global, 0) == nullptr)
-        editor.configuration.add(Row(tableInfo(TableId::Global)));
+        editor.configuration.add(Row(schema::table(TableId::Global)));
     takePolicies(given, *editor.configuration.find(TableId::Global, 0));
 }
 
@@ -40,7 +40,7 @@ void addGlobal(CLI::App& root, Program& program)
     addValueOption(*set, "--forward", "ACCEPT|DROP", "For frames between ports");
     set->callback([set, &program] {
         const Given given(*set);
-        Row probe(tableInfo(TableId::Global));
+        Row probe(schema::table(TableId::Global));
         takePolicies(given, probe); // what is wrong is told without the server
         program.edit = [given](Editor& editor) { setGlobal(given, editor); };
     });

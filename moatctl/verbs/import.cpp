@@ -83,7 +83,7 @@ private:
     void merge(Configuration& configuration) const
     {
         configuration.file = m_file.configuration.file;
-        for (const TableInfo& table : allTables()) {
+        for (const schema::Table& table : schema::allTables()) {
             if (m_replace)
                 configuration.clear(table.id);
             for (const Row& row : m_file.configuration.rows(table.id)) {

@@ -36,7 +36,7 @@ std::string jsonLine(const std::string& time, const Change& change)
     const char* kind = change.before == nullptr ? "added" : change.after == nullptr ? "removed" : "changed";
     return ovsdb::toText(ovsdb::Json::Object{{"time", time},
                                              {"change", kind},
-                                             {"table", change.table->name()},
+                                             {"table", change.table->name},
                                              {"id", change.id},
                                              {"before", rowOf(change.before)},
                                              {"after", rowOf(change.after)}});
@@ -73,7 +73,7 @@ ExitStatus monitor(Program& program, bool json)
                     << '\n'
                     << std::flush;
     };
-    client.watch(ovsdb::Client::allTableNames(), onChange, {}, onConnection);
+    client.watch(schema::serverDatabase().tableNames(), onChange, {}, onConnection);
     return ExitStatus::Ok;
 }
 

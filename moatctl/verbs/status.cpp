@@ -117,7 +117,7 @@ Sheet entriesSheet(const std::vector<Entry>& entries, bool compared)
                               Value(std::string(compared ? nameOf(entry.state) : "unknown")),
                               number(entry.counters.has_value(), counters.packets),
                               number(entry.counters.has_value(), counters.bytes),
-                              entry.origin != nullptr ? Cell(Value(std::string(entry.origin->table->name()))) : Cell(),
+                              entry.origin != nullptr ? Cell(Value(std::string(entry.origin->table->name))) : Cell(),
                               hasId ? Cell(Value(entry.origin->id())) : Cell(), Value(entry.text)});
     }
     return sheet;

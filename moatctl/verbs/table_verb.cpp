@@ -19,7 +19,7 @@ using Shared = std::shared_ptr<const TableVerb>;
 
 std::string nameOfRow(const TableVerb& verb, std::int32_t id)
 {
-    return std::string(tableInfo(verb.table).word) + ' ' + std::to_string(id);
+    return std::string(schema::table(verb.table).word) + ' ' + std::to_string(id);
 }
 
 Failure notFound(const TableVerb& verb, std::int32_t id)
@@ -29,7 +29,7 @@ Failure notFound(const TableVerb& verb, std::int32_t id)
 
 void takeColumns(const TableVerb& verb, const Given& given, Row& row)
 {
-    const TableInfo& table = *row.table;
+    const schema::Table& table = *row.table;
     for (const ColumnOption& option : verb.options) {
         if (!given.has(option.name))
             continue;
@@ -49,11 +49,11 @@ void requireOptions(const TableVerb& verb, const Row& row)
 {
     const auto missing = [&](std::string_view column) { return row.text(column).empty(); };
     for (const ColumnOption& option : verb.options) {
-        const ColumnInfo& column = row.table->columns[row.table->at(option.column)];
+        const schema::Column& column = row.table->columns[row.table->at(option.column)];
         const tessera::Value& value = row.value(option.column);
         if (column.required && (value.isText() ? value.getText().empty() : value.getInteger() == 0))
             throw Failure(ExitStatus::BadInput,
-                          option.name + " is missing: expected " + std::string(expectedValue(column.kind)));
+                          option.name + " is missing: expected " + std::string(schema::expectedValue(column.kind)));
     }
     if (!verb.targetColumn.empty() && missing(verb.targetColumn))
         throw Failure(ExitStatus::BadInput, "expected --accept or --drop");
@@ -102,7 +102,7 @@ void checkIds(const Given& given)
 void checkAdd(const TableVerb& verb, const Given& given)
 {
     checkIds(given);
-    Row row(tableInfo(verb.table));
+    Row row(schema::table(verb.table));
     // These are found later when they are not given.
     row.set("Id", 1);
     if (const std::string priority = priorityColumn(verb); !priority.empty())
@@ -120,8 +120,8 @@ void checkSet(const TableVerb& verb, const Given& given)
     checkIds(given);
     if (!given.hasOtherThan({"ID", "--if-exists"}))
         throw Failure(ExitStatus::BadInput, "expected something to change: see moatctl " +
-                                                std::string(tableInfo(verb.table).word) + " set --help");
-    Row row(tableInfo(verb.table));
+                                                std::string(schema::table(verb.table).word) + " set --help");
+    Row row(schema::table(verb.table));
     takeColumns(verb, given, row);
     if (verb.complete)
         verb.complete(given, row);
@@ -139,7 +139,7 @@ void checkRows(const TableVerb&, const Given& given)
 void addRow(const TableVerb& verb, const Given& given, Editor& editor)
 {
     Configuration& configuration = editor.configuration;
-    Row row(tableInfo(verb.table));
+    Row row(schema::table(verb.table));
     row.set("Id", given.has("--id") ? given.id("--id") : configuration.nextId(verb.table));
     if (row.id() == 0)
         throw Failure(ExitStatus::Conflict, "all Ids are taken");
@@ -209,11 +209,11 @@ void switchRows(const TableVerb& verb, const Given& given, Editor& editor, bool 
 
 void describeColumns(CLI::App& app, const TableVerb& verb)
 {
-    const TableInfo& table = tableInfo(verb.table);
+    const schema::Table& table = schema::table(verb.table);
     for (const ColumnOption& option : verb.options) {
-        const ColumnInfo& column = table.columns[table.at(option.column)];
+        const schema::Column& column = table.columns[table.at(option.column)];
         addValueOption(app, option.name, option.type,
-                       std::string(column.meaning) + ": " + std::string(expectedValue(column.kind)));
+                       std::string(column.meaning) + ": " + std::string(schema::expectedValue(column.kind)));
     }
     if (!verb.targetColumn.empty()) {
         CLI::Option* accept = addFlag(app, "--accept", "Let the frame pass");
@@ -240,7 +240,7 @@ void onEdit(CLI::App& app, Program& program, const Shared& verb, void (*check)(c
 void addList(CLI::App& parent, Program& program, TableId table)
 {
     auto style = std::make_shared<OutputStyle>();
-    const std::string word(tableInfo(table).word);
+    const std::string word(schema::table(table).word);
     CLI::App* list = addSubcommand(parent, "list", "Show the rows in the order in which the kernel consults them",
                                    word + " list --format=json");
     addOutputOptions(*list, *style);
@@ -281,8 +281,8 @@ std::vector<std::int32_t> Given::ids(const std::string& option) const
     for (const std::string& text : values(option)) {
         const auto number = parseNumber(text);
         if (!number || *number < 1)
-            throw Failure(ExitStatus::BadInput,
-                          option + ' ' + inQuotes(text) + ": expected " + std::string(expectedValue(ValueKind::Id)));
+            throw Failure(ExitStatus::BadInput, option + ' ' + inQuotes(text) + ": expected " +
+                                                    std::string(schema::expectedValue(ValueKind::Id)));
         result.push_back(*number);
     }
     return result;
@@ -291,7 +291,7 @@ std::vector<std::int32_t> Given::ids(const std::string& option) const
 std::int32_t nextPriority(const Configuration& configuration, TableId table, std::string_view column)
 {
     constexpr std::int32_t step = 10;
-    const std::size_t index = tableInfo(table).at(column);
+    const std::size_t index = schema::table(table).at(column);
     std::int32_t largest = 0;
     for (const Row& row : configuration.rows(table))
         largest = std::max(largest, row.values[index].getInteger());
@@ -303,7 +303,7 @@ std::int32_t nextPriority(const Configuration& configuration, TableId table, std
 void addTableVerb(CLI::App& root, Program& program, const TableVerb& description)
 {
     const Shared verb = std::make_shared<const TableVerb>(description);
-    const std::string word(tableInfo(verb->table).word);
+    const std::string word(schema::table(verb->table).word);
     CLI::App* parent = addSubcommand(root, word, verb->description, word + " add " + verb->addExample);
     parent->require_subcommand(1);
 

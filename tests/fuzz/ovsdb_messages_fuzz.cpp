@@ -2,6 +2,7 @@
 // with rows held from an old and from a current server. Whatever comes, it is taken or refused with an error of ours,
 // and refused bytes leave the tables as they were.
 #include "ovsdb/subscription.hpp"
+#include "schema/server/database.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -52,7 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size == 0)
         return 0;
     const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
-    ovsdb::Subscription subscription({"MoatKeeper", "MoatKeeperInputPolicy", "MoatKeeperRuleset"});
+    ovsdb::Subscription subscription(schema::serverDatabase(),
+                                     {"MoatKeeper", "MoatKeeperInputPolicy", "MoatKeeperRuleset"});
     ovsdb::RpcSession session;
     subscription.begin(session);
     const int moment = data[0] % 4;

@@ -20,7 +20,7 @@ public:
 
     Configuration make()
     {
-        Row global(moatctl::tableInfo(TableId::Global));
+        Row global(schema::table(TableId::Global));
         global.set("GlobalInputPolicy", text({"ACCEPT", "DROP"}, {"", "RETURN", "accept"}));
         global.set("GlobalForwardingPolicy", text({"ACCEPT", "DROP"}, {"", "REJECT"}));
         if (!wrong())
@@ -75,7 +75,7 @@ private:
 
     Row rowOf(TableId table, int id)
     {
-        Row row(moatctl::tableInfo(table));
+        Row row(schema::table(table));
         row.set("Id", id);
         row.set("Enabled", m_random.oneIn(8) ? 0 : 1);
         return row;

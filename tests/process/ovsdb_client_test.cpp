@@ -1,6 +1,8 @@
 // The blocking client against the real configuration server.
 #include "ovsdb/client.hpp"
 
+#include "schema/server/database.hpp"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -84,7 +86,7 @@ protected:
     bool reachable() const
     {
         try {
-            const Client client(options());
+            const Client client(schema::serverDatabase(), options());
             return true;
         } catch (const ovsdb::ConnectionError&) {
             return false;
@@ -107,12 +109,12 @@ protected:
 
 const ovsdb::Table& policies()
 {
-    return *ovsdb::findTable("MoatKeeperInputPolicy");
+    return schema::serverDatabase().at("MoatKeeperInputPolicy");
 }
 
 TEST_F(OvsdbClientTest, InsertsReadsUpdatesDeletes)
 {
-    Client client(options());
+    Client client(schema::serverDatabase(), options());
     EXPECT_EQ(client.schemaVersion(), "1.0.0");
     const auto inserted = client.transact({policy(9), policy(2)});
     ASSERT_TRUE(inserted.committed()) << inserted.errorText();
@@ -144,7 +146,7 @@ TEST_F(OvsdbClientTest, InsertsReadsUpdatesDeletes)
 
 TEST_F(OvsdbClientTest, SaysWhichOperationFailed)
 {
-    Client client(options());
+    Client client(schema::serverDatabase(), options());
     const auto result = client.transact({policy(1), policy(2, "REJECT"), policy(3)});
     EXPECT_FALSE(result.committed());
     EXPECT_EQ(result.failedOperation(), 1U);
@@ -157,7 +159,7 @@ TEST_F(OvsdbClientTest, SaysWhichOperationFailed)
 
 TEST_F(OvsdbClientTest, SaysWhyTheWholeFailed)
 {
-    Client client(options());
+    Client client(schema::serverDatabase(), options());
     const auto result = client.transact({policy(1), policy(1)});
     EXPECT_FALSE(result.committed());
     EXPECT_FALSE(result.failedOperation().has_value());
@@ -167,7 +169,7 @@ TEST_F(OvsdbClientTest, SaysWhyTheWholeFailed)
 
 TEST_F(OvsdbClientTest, RefusesAChangeOfWhatHasChangedMeanwhile)
 {
-    Client client(options());
+    Client client(schema::serverDatabase(), options());
     ASSERT_TRUE(client.transact({policy(1)}).committed());
     const ovsdb::Row row = client.read().rows("MoatKeeperInputPolicy")[0];
     const auto change = [&] {
@@ -183,8 +185,8 @@ TEST_F(OvsdbClientTest, RefusesAChangeOfWhatHasChangedMeanwhile)
 
 TEST_F(OvsdbClientTest, WatchesChanges)
 {
-    Client watcher(options());
-    Client writer(options());
+    Client watcher(schema::serverDatabase(), options());
+    Client writer(schema::serverDatabase(), options());
     std::vector<std::size_t> counts;
     watcher.watch({"MoatKeeperInputPolicy"}, [&](const ovsdb::TableCache& state, const std::set<std::string>& changed) {
         EXPECT_EQ(changed, std::set<std::string>{"MoatKeeperInputPolicy"});
@@ -199,17 +201,17 @@ TEST_F(OvsdbClientTest, WatchesChanges)
 
 TEST_F(OvsdbClientTest, ARequestThatTheServerRefusesLeavesTheClientUsable)
 {
-    Client client(options());
+    Client client(schema::serverDatabase(), options());
     EXPECT_FALSE(client.transact({ovsdb::deleteRows("Elsewhere", ovsdb::everyRow())}).committed());
     EXPECT_NO_THROW(client.read());
 }
 
 TEST_F(OvsdbClientTest, AServerThatGoesIsAnError)
 {
-    Client client(options());
+    Client client(schema::serverDatabase(), options());
     stopServer();
     EXPECT_THROW(client.read(), ovsdb::ConnectionError);
-    EXPECT_THROW(Client{options()}, ovsdb::ConnectionError);
+    EXPECT_THROW(Client(schema::serverDatabase(), options()), ovsdb::ConnectionError);
 }
 
 TEST_F(OvsdbClientTest, AServerThatSaysNothingIsATimeout)
@@ -222,7 +224,7 @@ TEST_F(OvsdbClientTest, AServerThatSaysNothingIsATimeout)
     ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     ASSERT_EQ(listen(listener, 1), 0);
     try {
-        const Client client({.socketPath = path, .timeout = 50ms});
+        const Client client(schema::serverDatabase(), {.socketPath = path, .timeout = 50ms});
         ADD_FAILURE() << "connected";
     } catch (const ovsdb::TimeoutError& e) {
         EXPECT_STREQ(e.what(), "no answer from the configuration server within 50 ms");

@@ -29,7 +29,7 @@ void checkInto(Checked& checked)
         if (problem.severity != Severity::Error)
             continue;
         checked.withoutErrors = false;
-        const TableInfo& table = *findTable(problem.table);
+        const schema::Table& table = *findTable(problem.table);
         checked.wrong.insert(checked.configuration.find(table.id, problem.id));
     }
 }

@@ -41,7 +41,7 @@ protected:
 
     void add(TableId table, std::int32_t id, Columns columns)
     {
-        Row row(tableInfo(table));
+        Row row(schema::table(table));
         if (id != 0) {
             row.set("Id", id);
             row.set("Enabled", 1);
@@ -53,7 +53,7 @@ protected:
 
     void addRule(std::int32_t id, Columns columns, const char* target = "DROP")
     {
-        Row row(tableInfo(TableId::Rules));
+        Row row(schema::table(TableId::Rules));
         row.set("Id", id);
         row.set("Enabled", 1);
         row.set("RulePrio", id);
@@ -67,7 +67,7 @@ protected:
 
     void addFilter(std::int32_t id, Columns columns)
     {
-        Row row(tableInfo(TableId::Filters));
+        Row row(schema::table(TableId::Filters));
         row.set("Id", id);
         row.set("Enabled", 1);
         row.set("Prio", id);
@@ -160,9 +160,9 @@ TEST_F(Check, ValuesMayBeNegated)
     addFilter(3, {{"MatchCriteria", text("ipv4")}, {"InInterface", text("eth5")}});
     addFilterRule(3, 3, "! 10.0.0.1");
     EXPECT_THAT(problems(), IsEmpty());
-    for (const TableInfo& table : allTables()) {
+    for (const schema::Table& table : schema::allTables()) {
         for (const Row& row : configuration.rows(table.id))
-            EXPECT_THAT(checkRow(configuration, row), IsEmpty()) << table.name() << ' ' << row.id();
+            EXPECT_THAT(checkRow(configuration, row), IsEmpty()) << table.name << ' ' << row.id();
     }
     addFilter(4, {{"InInterface", text("! eth0")}});
     EXPECT_THAT(problems(), testing::Contains(HasSubstr("error: MoatKeeperBridgeFilters Id 4")));

@@ -31,7 +31,7 @@ constexpr std::int32_t smallest = std::numeric_limits<std::int32_t>::min();
 
 Row rule(std::int32_t id, std::int32_t priority)
 {
-    Row row(tableInfo(TableId::Rules));
+    Row row(schema::table(TableId::Rules));
     row.set("Id", id);
     row.set("RulePrio", priority);
     row.set("InInterface", "eth0");
@@ -55,20 +55,16 @@ std::vector<std::int32_t> idsInOrder(const Configuration& configuration, TableId
     return ids;
 }
 
-TEST(Columns, AreThoseOfTheServer)
+TEST(Tables, AreFoundByNameAndWord)
 {
-    ASSERT_THAT(allTables(), SizeIs(tableCount));
-    for (std::size_t t = 0; t < tableCount; ++t) {
-        const TableInfo& table = allTables()[t];
+    ASSERT_THAT(schema::allTables(), SizeIs(schema::tableCount));
+    for (std::size_t t = 0; t < schema::tableCount; ++t) {
+        const schema::Table& table = schema::allTables()[t];
         EXPECT_EQ(static_cast<std::size_t>(table.id), t);
-        EXPECT_EQ(table.table, &ovsdb::allTables()[t]);
-        ASSERT_EQ(table.columns.size(), table.table->columns.size()) << table.name();
-        for (std::size_t i = 0; i < table.columns.size(); ++i)
-            EXPECT_EQ(table.columns[i].name, table.table->columns[i].name);
         EXPECT_EQ(findTable(table.word), &table);
-        EXPECT_EQ(findTable(table.name()), &table);
+        EXPECT_EQ(findTable(table.name), &table);
     }
-    EXPECT_EQ(findTable("RULE"), &tableInfo(TableId::Rules));
+    EXPECT_EQ(findTable("RULE"), &schema::table(TableId::Rules));
     EXPECT_EQ(findTable("rules"), nullptr);
 }
 
@@ -101,16 +97,16 @@ TEST(KernelOrder, LaterFilterOfEqualPriorityStandsFirst)
 {
     Configuration configuration;
     for (const auto& [id, priority] : std::vector<std::pair<int, int>>{{1, 5}, {2, 20}, {3, 5}}) {
-        Row filter(tableInfo(TableId::Filters));
+        Row filter(schema::table(TableId::Filters));
         filter.set("Id", id);
         filter.set("Prio", priority);
         configuration.add(filter);
-        Row entry(tableInfo(TableId::FilterRules));
+        Row entry(schema::table(TableId::FilterRules));
         entry.set("Id", 4 - id);
         entry.set("BridgeFilterID", id);
         configuration.add(entry);
     }
-    Row stray(tableInfo(TableId::FilterRules));
+    Row stray(schema::table(TableId::FilterRules));
     stray.set("Id", 9);
     stray.set("BridgeFilterID", 77);
     configuration.add(stray);
@@ -234,7 +230,7 @@ TEST(Output, SheetsInThreeForms)
 
 TEST(Values, FromPersonToTable)
 {
-    const TableInfo& rules = tableInfo(TableId::Rules);
+    const schema::Table& rules = schema::table(TableId::Rules);
     const auto stored = [&rules](const char* column, const char* text) {
         return toText(fromPerson(rules.columns[rules.at(column)], text, "--option"));
     };

@@ -3,6 +3,7 @@
 
 #include "ovsdb/error.hpp"
 #include "ovsdb/message_framer.hpp"
+#include "schema/server/database.hpp"
 #include "tests/unit/scratch_folder.hpp"
 
 #include <fstream>
@@ -102,7 +103,7 @@ void ask(const std::string& answer, const std::function<void(Client&)>& what)
 {
     const ScratchFolder scratch;
     const Peer peer(scratch.path("sock"), {result(schema()), answer});
-    Client client({.socketPath = scratch.path("sock"), .timeout = std::chrono::seconds(10)});
+    Client client(schema::serverDatabase(), {.socketPath = scratch.path("sock"), .timeout = std::chrono::seconds(10)});
     what(client);
 }
 
@@ -131,7 +132,8 @@ TEST(OvsdbClientAnswersTest, WhatIsNoSchema)
         return [answer] {
             const ScratchFolder scratch;
             const Peer peer(scratch.path("sock"), {answer});
-            const Client client({.socketPath = scratch.path("sock"), .timeout = std::chrono::seconds(10)});
+            const Client client(schema::serverDatabase(),
+                                {.socketPath = scratch.path("sock"), .timeout = std::chrono::seconds(10)});
         };
     };
     EXPECT_THAT(connecting(R"("result": null, "error": {"error": "unknown database", "details": "no database"})"),

@@ -2,6 +2,7 @@
 #include "ovsdb/subscription.hpp"
 
 #include "ovsdb/error.hpp"
+#include "schema/server/database.hpp"
 
 #include <fstream>
 #include <gmock/gmock.h>
@@ -91,7 +92,7 @@ protected:
     }
     std::size_t count() const { return m_subscription.tables().rows(policies).size(); }
 
-    Subscription m_subscription{{policies}};
+    Subscription m_subscription{schema::serverDatabase(), {policies}};
     std::optional<RpcSession> m_session;
     std::int64_t m_id = 0;
 };

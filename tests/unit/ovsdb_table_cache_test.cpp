@@ -1,6 +1,7 @@
 #include "ovsdb/table_cache.hpp"
 
 #include "ovsdb/error.hpp"
+#include "schema/server/database.hpp"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +27,7 @@ std::string change(const std::string& uuid, const std::string& what, const std::
 
 TableCache filled()
 {
-    TableCache cache({policies, "MoatKeeperBridgeFilterRules"});
+    TableCache cache(schema::serverDatabase(), {policies, "MoatKeeperBridgeFilterRules"});
     cache.apply(parseJson(change(u1, R"({"insert": {"Id": 7, "Interface": "eth0", "Policy": "DROP"}})")),
                 UpdateFormat::Difference);
     return cache;
@@ -34,7 +35,7 @@ TableCache filled()
 
 std::int32_t integer(const TableCache& cache, std::size_t row, const char* column)
 {
-    return TableCache::value(*ovsdb::findTable(policies), cache.rows(policies)[row], column)->getInteger();
+    return TableCache::value(schema::serverDatabase().at(policies), cache.rows(policies)[row], column)->getInteger();
 }
 
 TEST(OvsdbTableCacheTest, UnsetColumnsHaveTheirValue)
@@ -44,7 +45,7 @@ TEST(OvsdbTableCacheTest, UnsetColumnsHaveTheirValue)
     EXPECT_EQ(integer(cache, 0, "Id"), 7);
     EXPECT_EQ(integer(cache, 0, "Enabled"), 1);
     EXPECT_EQ(integer(cache, 0, "EnableLogging"), 0);
-    EXPECT_EQ(TableCache::value(*ovsdb::findTable(policies), cache.rows(policies)[0], "Colour"), nullptr);
+    EXPECT_EQ(TableCache::value(schema::serverDatabase().at(policies), cache.rows(policies)[0], "Colour"), nullptr);
     EXPECT_TRUE(cache.rows("MoatKeeperBridgeFilterRules").empty());
     EXPECT_TRUE(cache.rows("Elsewhere").empty());
 }
@@ -166,7 +167,7 @@ TEST(OvsdbTableCacheTest, ARefusedUpdateLeavesEverythingAsItWas)
 
 TEST(OvsdbTableCacheTest, OnlyConfigurationTables)
 {
-    EXPECT_THROW(TableCache({"Elsewhere"}), std::invalid_argument);
+    EXPECT_THROW(TableCache(schema::serverDatabase(), {"Elsewhere"}), std::invalid_argument);
 }
 
 TEST(OvsdbUuidTest, TextAndBack)

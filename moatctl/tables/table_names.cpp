@@ -1,0 +1,29 @@
+#include "moatctl/tables/table_names.hpp"
+
+#include <algorithm>
+#include <cctype>
+
+namespace moatctl
+{
+
+namespace
+{
+
+bool equalIgnoringCase(std::string_view a, std::string_view b)
+{
+    return std::ranges::equal(a, b,
+                              [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
+}
+
+} // namespace
+
+const schema::Table* findTable(std::string_view nameOrWord)
+{
+    for (const schema::Table& table : schema::allTables()) {
+        if (equalIgnoringCase(table.name, nameOrWord) || equalIgnoringCase(table.word, nameOrWord))
+            return &table;
+    }
+    return nullptr;
+}
+
+} // namespace moatctl

@@ -1,0 +1,33 @@
+#include "schema/server/database.hpp"
+
+#include "schema/tables.hpp"
+
+namespace schema
+{
+
+namespace
+{
+
+ovsdb::Database makeDatabase()
+{
+    ovsdb::Database database{.name = std::string(databaseName), .schemaMajorVersion = majorVersion, .tables = {}};
+    for (const Table& table : allTables()) {
+        ovsdb::Table& made = database.tables.emplace_back(std::string(table.name), std::vector<ovsdb::Column>());
+        for (const Column& column : table.columns)
+            made.columns.push_back({.name = std::string(column.name),
+                                    .kind = column.isText() ? ovsdb::ColumnKind::Text : ovsdb::ColumnKind::Integer,
+                                    .optional = column.mayBeUnset,
+                                    .ifUnset = column.defaultValue()});
+    }
+    return database;
+}
+
+} // namespace
+
+const ovsdb::Database& serverDatabase()
+{
+    static const ovsdb::Database database = makeDatabase();
+    return database;
+}
+
+} // namespace schema

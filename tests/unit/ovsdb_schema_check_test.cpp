@@ -1,0 +1,73 @@
+// Which schemas of a server the client works with.
+#include "ovsdb/schema_check.hpp"
+
+#include "ovsdb/error.hpp"
+#include "schema/server/database.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+namespace
+{
+
+std::string schemaText()
+{
+    std::ifstream file(MOATKEEPER_SCHEMA);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+std::string check(const std::string& schema)
+{
+    return ovsdb::checkSchema(ovsdb::parseJson(schema), schema::serverDatabase(),
+                              schema::serverDatabase().tableNames());
+}
+
+std::string replaced(std::string text, const std::string& what, const std::string& by)
+{
+    const auto at = text.find(what);
+    EXPECT_NE(at, std::string::npos) << what;
+    return text.replace(at, what.size(), by);
+}
+
+TEST(OvsdbSchemaCheckTest, AcceptsOurSchemaAndMore)
+{
+    EXPECT_EQ(check(schemaText()), "1.0.0");
+    const std::string more = replaced(schemaText(), R"("Id": {)", R"("Extra": {"type": "string"}, "Id": {)");
+    EXPECT_NO_THROW(check(more));
+}
+
+struct OtherSchema {
+    std::string what;
+    std::string by;
+    std::string message;
+};
+
+const OtherSchema otherSchemas[] = {
+    {"\"1.0.0\"", "\"2.0.0\"", "expected schema version 1.x.y, found 2.0.0"},
+    {"\"version\": \"1.0.0\",", "", "found none"},
+    {"\"name\": \"moatkeeper\"", "\"name\": \"other\"", "found \"other\""},
+    {"\"MoatKeeperRuleset\"", "\"Rules\"", "no table MoatKeeperRuleset"},
+    {"\"VLANID\"", "\"Vlan\"", "column VLANID: missing"},
+    {R"("IPPort": {"type": {"key": {"type": "integer", "minInteger": 0, "maxInteger": 65535}}})",
+     R"("IPPort": {"type": "string"})", "column IPPort: expected type integer"},
+    {R"("IPPort": {"type": {"key": {"type": "integer", "minInteger": 0, "maxInteger": 65535}}})",
+     R"("IPPort": {"type": {"key": "integer", "min": 0, "max": "unlimited"}})", "column IPPort: expected one value"},
+    {R"("IPPort": {"type": {"key": {"type": "integer", "minInteger": 0, "maxInteger": 65535}}})",
+     R"("IPPort": {"type": {"key": "integer", "min": 0}})", "column IPPort: expected a value in every row"},
+};
+
+TEST(OvsdbSchemaCheckTest, SaysWhatIsDifferent)
+{
+    for (const auto& [what, by, message] : otherSchemas) {
+        try {
+            check(replaced(schemaText(), what, by));
+            ADD_FAILURE() << "accepted without " << what;
+        } catch (const ovsdb::SchemaError& e) {
+            EXPECT_NE(std::string(e.what()).find(message), std::string::npos) << e.what();
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,57 @@
+// The tables as the programs know them are the tables of the schema file.
+#include "schema/tables.hpp"
+
+#include "ovsdb/json.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+namespace
+{
+
+using ovsdb::Json;
+
+std::string schemaText()
+{
+    std::ifstream file(MOATKEEPER_SCHEMA);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+TEST(SchemaTablesTest, EqualTheSchemaFile)
+{
+    const Json schema = ovsdb::parseJson(schemaText());
+    EXPECT_EQ(*schema.find("name")->asText(), schema::databaseName);
+    const Json::Object& tables = *schema.find("tables")->asObject();
+    ASSERT_EQ(tables.size(), schema::allTables().size());
+    for (std::size_t t = 0; t < tables.size(); ++t) {
+        const schema::Table& table = schema::allTables()[t];
+        EXPECT_EQ(tables[t].first, table.name);
+        const Json::Object& columns = *tables[t].second.find("columns")->asObject();
+        ASSERT_EQ(columns.size(), table.columns.size()) << table.name;
+        for (std::size_t c = 0; c < columns.size(); ++c) {
+            const schema::Column& column = table.columns[c];
+            EXPECT_EQ(columns[c].first, column.name) << table.name;
+            const Json& type = *columns[c].second.find("type");
+            EXPECT_EQ(*type.find("key")->find("type")->asText(), column.isText() ? "string" : "integer");
+            EXPECT_EQ(type.find("min") != nullptr, column.mayBeUnset) << table.name << " " << column.name;
+        }
+    }
+}
+
+TEST(SchemaTablesTest, IntegersAreBoundedTo32Bits)
+{
+    const Json schema = ovsdb::parseJson(schemaText());
+    for (const auto& [tableName, table] : *schema.find("tables")->asObject()) {
+        for (const auto& [name, column] : *table.find("columns")->asObject()) {
+            const Json& key = *column.find("type")->find("key");
+            if (*key.find("type")->asText() != "integer")
+                continue;
+            EXPECT_GE(key.find("minInteger")->asInteger(), INT32_MIN) << tableName << " " << name;
+            EXPECT_LE(key.find("maxInteger")->asInteger(), INT32_MAX) << tableName << " " << name;
+        }
+    }
+}
+
+} // namespace
