@@ -2,7 +2,9 @@
 # Tries the README's two commands where nothing is installed: makes a minimal Debian 12 in a folder, puts the last commit
 # there, once in an ordinary folder and once in one of mode 700 under /root, and runs tools/demo.sh and tools/test.sh in
 # both. Packages come from where this machine has its own. Takes about half an hour and 4 GB, needs root, asks nothing.
-# usage: tools/fresh-root.sh [FOLDER]   where to make it, instead of a new folder in TMPDIR; it is removed in the end
+# usage: tools/fresh-root.sh [--slow] [FOLDER]
+#   --slow   in the end also, in the first clone, all other commands of the documents that take long
+#   FOLDER   where to make it, instead of a new folder in TMPDIR; it is removed in the end
 #
 # Everything happens in mount and process namespaces of its own, and they and the folder go with this script, even when
 # it is killed.
@@ -59,34 +61,49 @@ enterRoot() { # program, argument...
     exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 "$@"
 }
 
-# One command in one clone. What it writes goes to a log; its duration and the log's end are shown.
-try() { # clone, command
-    local begin=$SECONDS log status=0
-    log="$logs/$(basename "$2" .sh)$(dirname "$1" | tr / -).log"
-    # A mount namespace of its own each time, so that nothing is mounted twice.
-    unshare --mount --propagation private -- "$0" --enter "$root" "$1" "$2" >"$log" 2>&1 </dev/null || status=$?
-    echo "== $2 in $1: status $status after $((SECONDS - begin)) s; the end of $log:"
-    tail -25 "$log"
-    [ $status = 0 ]
+# Each command of a kind in one clone. What it writes goes to a log; its duration and the log's end are shown.
+try() { # clone, kind
+    local clone=$1 kind=$2 command begin log status
+    local -a commands
+    mapfile -t commands < <(sed -n "s/^$kind  *//p" "$project/tests/install/commands.txt")
+    for command in "${commands[@]}"; do
+        begin=$SECONDS
+        status=0
+        number=$((number + 1))
+        log=$logs/$number.log
+        # A mount namespace of its own each time, so that nothing is mounted twice.
+        unshare --mount --propagation private -- \
+            "$0" --enter "$root" "$clone" "$command" >"$log" 2>&1 </dev/null || status=$?
+        echo "== $command, in $clone: status $status after $((SECONDS - begin)) s; the end of $log:"
+        tail -25 "$log"
+        [ $status = 0 ] || fail "failed: $command, in $clone"
+    done
 }
 
-root=${2-}
 case "${1-}" in
 --enter)
+    root=$2
     # The second clone need not compile the same once more.
-    enterRoot CCACHE_BASEDIR="$3" CCACHE_NOHASHDIR=1 "$3/$4"
+    enterRoot CCACHE_BASEDIR="$3" CCACHE_NOHASHDIR=1 sh -c "cd $3 && $4"
     ;;
 --inside)
+    root=$2
+    number=0
     makeRoot
     echo "== a minimal $suite after $SECONDS s"
     for clone in "${clones[@]}"; do
-        try "$clone" tools/demo.sh
-        try "$clone" tools/test.sh
+        try "$clone" fresh
     done
+    if [ "$3" = --slow ]; then try "${clones[0]}" slow; fi
     exit
     ;;
 esac
 
+slow=
+if [ "${1-}" = --slow ]; then
+    slow=$1
+    shift
+fi
 [ "$(id -u)" = 0 ] || fail 'must be run as root'
 "$project/tools/install-deps.sh" fresh-root
 if [ $# -gt 0 ]; then
@@ -103,8 +120,8 @@ exec 9> >(exec setsid bash -c 'trap "" HUP INT TERM; cat >/dev/null; rm -rf --on
 remover=$!
 status=0
 setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child --mount-proc -- \
-    "$project/tools/fresh-root.sh" --inside "$folder" || status=$?
+    "$project/tools/fresh-root.sh" --inside "$folder" "$slow" || status=$?
 exec 9>&-
 wait $remover || true
 [ $status = 0 ] || fail "failed with status $status; the logs are in $logs"
-echo "== all four ended with 0 after $SECONDS s"
+echo "== all ended with 0 after $SECONDS s"
