@@ -121,7 +121,7 @@ private:
 using TextWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 
 // The depth of values of ours is bounded by the limits of the parser or by the operations that we build.
-void write(TextWriter& writer, const Json& value) // NOLINT(misc-no-recursion)
+void write(TextWriter& writer, const Json& value)
 {
     const auto length = [](const std::string& text) { return static_cast<rapidjson::SizeType>(text.size()); };
     if (const std::string* text = value.asText()) {

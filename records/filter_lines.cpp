@@ -93,7 +93,7 @@ RowLines linesOf(const JoinedFilterRule& rule)
     if (isEither(rule.matchCriteria, "VLAN", "vlan")) {
         addMatch = deleteMatch = " -p 802_1Q --vlan-id ";
         // Only the number is checked; the text goes into the line as it is. atoi is what defines the number.
-        const int vlanId = std::atoi(std::string(rule.filterMatch).c_str()); // NOLINT(cert-err34-c)
+        const int vlanId = std::atoi(std::string(rule.filterMatch).c_str());
         if (static_cast<std::uint32_t>(vlanId) >= vlanIdEnd)
             lines.reasons.push_back(Unusable::InvalidVlanMatch);
     } else if (isEither(rule.matchCriteria, "MAC", "mac")) {
