@@ -12,18 +12,17 @@ find build/coverage -name '*.gcda' -delete
 status=0
 ctest --preset coverage -LE install -j "$(nproc)" "$@" || status=$?
 
-report() { # what, further arguments
-    gcovr -r . build/coverage -j "$(nproc)" --exclude-unreachable-branches --exclude-throw-branches \
-        --gcov-ignore-parse-errors \
-        --filter daemon/ --filter handler/ --filter records/ --filter platform_linux/ "$@"
-}
-report --json build/coverage/coverage.json
+folders='daemon handler records platform_linux ebtables ovsdb nftables schema'
+# shellcheck disable=SC2046 # two words for each folder
+gcovr -r . build/coverage -j "$(nproc)" --exclude-unreachable-branches --exclude-throw-branches \
+    --gcov-ignore-parse-errors $(printf -- '--filter %s/ ' $folders) --json build/coverage/coverage.json
 for mode in '' --branches; do
     if [ -z "$mode" ]; then echo; echo 'Lines'; else echo; echo 'Branches'; fi
     # shellcheck disable=SC2086 # nothing or one word
     gcovr -r . --add-tracefile build/coverage/coverage.json $mode
 done
-for folder in daemon handler records platform_linux; do
+for folder in $folders; do
+    [ -d "$folder" ] || continue
     printf '\n%s\n' "$folder"
     gcovr -r . --add-tracefile build/coverage/coverage.json --filter "$folder/" --print-summary --output build/coverage/summary.txt
 done
