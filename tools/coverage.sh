@@ -13,7 +13,7 @@ status=0
 ctest --preset coverage -LE install -j "$(nproc)" "$@" || status=$?
 
 folders='daemon handler records platform_linux ebtables ovsdb nftables schema'
-# shellcheck disable=SC2046 # two words for each folder
+# shellcheck disable=SC2046,SC2086 # two words for each folder
 gcovr -r . build/coverage -j "$(nproc)" --exclude-unreachable-branches --exclude-throw-branches \
     --gcov-ignore-parse-errors $(printf -- '--filter %s/ ' $folders) --json build/coverage/coverage.json
 for mode in '' --branches; do
