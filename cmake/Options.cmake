@@ -1,5 +1,6 @@
 # Build options, and the flags that every target of ours gets.
 option(MOATKEEPER_TESTS "Build the tests and benchmarks" ON)
+option(MOATKEEPER_WERROR "Warnings are errors: the presets say so" ON)
 option(MOATKEEPER_FUZZ "Build the fuzz targets (clang++)" OFF)
 option(MOATKEEPER_COVERAGE "Instrument for gcov" OFF)
 set(MOATKEEPER_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them")
@@ -11,7 +12,7 @@ if(CMAKE_CXX_FLAGS_RELEASE STREQUAL "-O3 -DNDEBUG")
   set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG")
 endif()
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${MOATKEEPER_WERROR}>:-Werror>)
 
 if(MOATKEEPER_SANITIZE)
   add_compile_options(-fsanitize=${MOATKEEPER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
