@@ -120,7 +120,10 @@ public:
         });
         time(sorting, [&] { rules.sort([](const auto& a, const auto& b) { return a.rulePrio() < b.rulePrio(); }); });
         time(copying, [&] { copy = rules; });
-        time(comparing, [&] { m_result.differs = rules != copy; });
+        time(comparing, [&] {
+            m_result.differs = !std::equal(rules.begin(), rules.end(), copy.begin(), copy.end(),
+                                           [](const auto& a, const auto& b) { return !(a != b); });
+        });
         return m_result;
     }
 

@@ -477,7 +477,7 @@ void moatkeeper::SetUpForwardingPolicys()
         LogInfo(749, VAStr("%s: will apply Forwarding policys", "SetUpForwardingPolicys"));
     QueueGroup(flushForwardingPoliciesLines);
     for (const ForwardingPolicy& policy : m_forwardingPolicies)
-        policy.ApplySystemCall(*m_actionQueue);
+        policy.ApplySystemCall(m_actionQueue);
 }
 
 void moatkeeper::SetUpInputPolicys()
@@ -486,7 +486,7 @@ void moatkeeper::SetUpInputPolicys()
         LogInfo(763, VAStr("%s: will apply input policys", "SetUpInputPolicys"));
     QueueGroup(flushInputPoliciesLines);
     for (const InputPolicy& policy : m_inputPolicies)
-        policy.ApplySystemCall(*m_actionQueue);
+        policy.ApplySystemCall(m_actionQueue);
 }
 
 void moatkeeper::SetUpEtherRules()
@@ -495,7 +495,7 @@ void moatkeeper::SetUpEtherRules()
         LogInfo(777, VAStr("%s: will set up L2 filter Rules", "SetUpEtherRules"));
     QueueGroup(flushRulesLines);
     for (const EtherRule& rule : m_rules)
-        rule.ApplySystemCall(*m_actionQueue);
+        rule.ApplySystemCall(m_actionQueue);
 }
 
 void moatkeeper::SetUpBridgeFilters()
@@ -508,7 +508,7 @@ void moatkeeper::SetUpBridgeFilters()
         return;
     }
     for (const BridgeFilter& filter : m_filters)
-        filter.ApplySetUpCommands(*m_actionQueue);
+        filter.ApplySetUpCommands(m_actionQueue);
 }
 
 void moatkeeper::SetUpBridgeFilterRules()
@@ -521,7 +521,7 @@ void moatkeeper::SetUpBridgeFilterRules()
         return;
     }
     for (const BridgeFilterRule& rule : m_filterRules)
-        rule.ApplySystemCall(*m_actionQueue);
+        rule.ApplySystemCall(m_actionQueue);
 }
 
 void moatkeeper::DeleteBridgeFilters()
@@ -529,7 +529,7 @@ void moatkeeper::DeleteBridgeFilters()
     if (g_debugMode)
         LogInfo(829, VAStr("%s: will delete Bridge Filter Rules", "DeleteBridgeFilters"));
     for (const BridgeFilter& filter : m_filters)
-        filter.ApplyTearDownCommands(*m_actionQueue);
+        filter.ApplyTearDownCommands(m_actionQueue);
 }
 
 void moatkeeper::DeletePreviousBridgeFilters()
@@ -537,7 +537,7 @@ void moatkeeper::DeletePreviousBridgeFilters()
     if (g_debugMode)
         LogInfo(841, VAStr("%s: will delete previous Bridge Filter Rules", "DeletePreviousBridgeFilters"));
     for (const BridgeFilter& filter : m_previousFilters)
-        filter.ApplyTearDownCommands(*m_actionQueue);
+        filter.ApplyTearDownCommands(m_actionQueue);
     m_previousFilters.clear();
 }
 

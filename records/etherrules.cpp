@@ -73,20 +73,20 @@ void EtherRule::AssembleSystemCalls()
     }
 }
 
-int EtherRule::ApplySystemCall(cfg::ActionQueue& queue) const
+int EtherRule::ApplySystemCall(cfg::ActionQueue* queue) const
 {
-    queue.addCommand(m_addCommand);
-    return queue.process();
+    queue->addCommand(m_addCommand);
+    return queue->process();
 }
 
-bool EtherRule::operator==(const EtherRule& other) const
+bool EtherRule::operator!=(const EtherRule& other) const
 {
     const auto rowValues = [](const EtherRule& rule) {
         return std::tie(rule.m_id, rule.m_rulePrio, rule.m_inInterface, rule.m_outInterface, rule.m_dstMAC,
                         rule.m_srcMAC, rule.m_vlanId, rule.m_ethertype, rule.m_ipSrcAddr, rule.m_ipDstAddr,
                         rule.m_ipProto, rule.m_ipPort, rule.m_target, rule.m_enableLogging);
     };
-    return rowValues(*this) == rowValues(other);
+    return rowValues(*this) != rowValues(other);
 }
 
 } // namespace zol::moatkeeper

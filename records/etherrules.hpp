@@ -29,7 +29,7 @@ public:
               std::string_view target, std::int32_t enableLogging);
 
     // Hands the add line to the queue and has it carried out; returns what the queue's process returns.
-    int ApplySystemCall(cfg::ActionQueue& queue) const;
+    int ApplySystemCall(cfg::ActionQueue* queue) const;
 
     std::int32_t id() const { return m_id; }
     std::int32_t rulePrio() const { return m_rulePrio; }
@@ -37,7 +37,7 @@ public:
     const std::string& deleteCommand() const { return m_deleteCommand; }
 
     // Compares the row values; the lines follow from them.
-    bool operator==(const EtherRule& other) const;
+    bool operator!=(const EtherRule& other) const;
 
 private:
     void AssembleSystemCalls();

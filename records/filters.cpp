@@ -62,26 +62,26 @@ void BridgeFilter::AssembleSystemCalls()
         logIgnored(m_logModule, 136, m_id);
 }
 
-int BridgeFilter::ApplySetUpCommands(cfg::ActionQueue& queue) const
+int BridgeFilter::ApplySetUpCommands(cfg::ActionQueue* queue) const
 {
-    queue.addCommand(m_createChainCommand);
-    queue.addCommand(m_insertJumpsCommand);
-    return queue.process();
+    queue->addCommand(m_createChainCommand);
+    queue->addCommand(m_insertJumpsCommand);
+    return queue->process();
 }
 
-int BridgeFilter::ApplyTearDownCommands(cfg::ActionQueue& queue) const
+int BridgeFilter::ApplyTearDownCommands(cfg::ActionQueue* queue) const
 {
-    queue.addCommand(m_deleteJumpsCommand);
-    queue.addCommand(m_flushChainCommand);
-    return queue.process();
+    queue->addCommand(m_deleteJumpsCommand);
+    queue->addCommand(m_flushChainCommand);
+    return queue->process();
 }
 
-bool BridgeFilter::operator==(const BridgeFilter& other) const
+bool BridgeFilter::operator!=(const BridgeFilter& other) const
 {
     const auto comparedValues = [](const BridgeFilter& filter) {
         return std::tie(filter.m_id, filter.m_prio, filter.m_outInterface, filter.m_inInterface, filter.m_mode);
     };
-    return comparedValues(*this) == comparedValues(other);
+    return comparedValues(*this) != comparedValues(other);
 }
 
 BridgeFilterRule::BridgeFilterRule(std::int32_t id, std::string_view mode, std::string_view chainName,
@@ -118,18 +118,18 @@ void BridgeFilterRule::AssembleSystemCalls()
         logIgnored(m_logModule, 255, m_id);
 }
 
-int BridgeFilterRule::ApplySystemCall(cfg::ActionQueue& queue) const
+int BridgeFilterRule::ApplySystemCall(cfg::ActionQueue* queue) const
 {
-    queue.addCommand(m_addCommand);
-    return queue.process();
+    queue->addCommand(m_addCommand);
+    return queue->process();
 }
 
-bool BridgeFilterRule::operator==(const BridgeFilterRule& other) const
+bool BridgeFilterRule::operator!=(const BridgeFilterRule& other) const
 {
     const auto comparedValues = [](const BridgeFilterRule& rule) {
         return std::tie(rule.m_id, rule.m_mode, rule.m_chainName, rule.m_matchCriteria, rule.m_filterMatch);
     };
-    return comparedValues(*this) == comparedValues(other);
+    return comparedValues(*this) != comparedValues(other);
 }
 
 } // namespace zol::moatkeeper

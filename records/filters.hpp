@@ -30,8 +30,8 @@ public:
 
     // Create the chain and insert the jumps to it; delete the jumps and then the chain. Both have their lines
     // carried out as one group and return what the queue's process returns.
-    int ApplySetUpCommands(cfg::ActionQueue& queue) const;
-    int ApplyTearDownCommands(cfg::ActionQueue& queue) const;
+    int ApplySetUpCommands(cfg::ActionQueue* queue) const;
+    int ApplyTearDownCommands(cfg::ActionQueue* queue) const;
 
     std::int32_t id() const { return m_id; }
     std::int32_t prio() const { return m_prio; }
@@ -45,7 +45,7 @@ public:
     const std::string& deleteJumpsCommand() const { return m_deleteJumpsCommand; }
 
     // Compares the row values but the match criteria: a change of these alone is no change of the filter.
-    bool operator==(const BridgeFilter& other) const;
+    bool operator!=(const BridgeFilter& other) const;
 
 private:
     void AssembleSystemCalls();
@@ -74,14 +74,14 @@ public:
                      std::string_view filterMatch);
 
     // Hands the add line to the queue and has it carried out; returns what the queue's process returns.
-    int ApplySystemCall(cfg::ActionQueue& queue) const;
+    int ApplySystemCall(cfg::ActionQueue* queue) const;
 
     std::int32_t id() const { return m_id; }
     const std::string& addCommand() const { return m_addCommand; }
     const std::string& deleteCommand() const { return m_deleteCommand; }
 
     // Compares the row values and what was taken from the filter.
-    bool operator==(const BridgeFilterRule& other) const;
+    bool operator!=(const BridgeFilterRule& other) const;
 
 private:
     void AssembleSystemCalls();

@@ -46,18 +46,18 @@ void InputPolicy::AssembleSystemCalls()
     logReasons(lines, m_policy, m_logModule, 59);
 }
 
-int InputPolicy::ApplySystemCall(cfg::ActionQueue& queue) const
+int InputPolicy::ApplySystemCall(cfg::ActionQueue* queue) const
 {
-    queue.addCommand(m_addCommand);
-    return queue.process();
+    queue->addCommand(m_addCommand);
+    return queue->process();
 }
 
-bool InputPolicy::operator==(const InputPolicy& other) const
+bool InputPolicy::operator!=(const InputPolicy& other) const
 {
     const auto rowValues = [](const InputPolicy& record) {
         return std::tie(record.m_id, record.m_interface, record.m_policy, record.m_enableLogging);
     };
-    return rowValues(*this) == rowValues(other);
+    return rowValues(*this) != rowValues(other);
 }
 
 ForwardingPolicy::ForwardingPolicy(std::int32_t id, std::string_view inInterface, std::string_view outInterface,
@@ -84,19 +84,19 @@ void ForwardingPolicy::AssembleSystemCalls()
     logReasons(lines, m_policy, m_logModule, 127);
 }
 
-int ForwardingPolicy::ApplySystemCall(cfg::ActionQueue& queue) const
+int ForwardingPolicy::ApplySystemCall(cfg::ActionQueue* queue) const
 {
-    queue.addCommand(m_addCommand);
-    return queue.process();
+    queue->addCommand(m_addCommand);
+    return queue->process();
 }
 
-bool ForwardingPolicy::operator==(const ForwardingPolicy& other) const
+bool ForwardingPolicy::operator!=(const ForwardingPolicy& other) const
 {
     const auto rowValues = [](const ForwardingPolicy& record) {
         return std::tie(record.m_id, record.m_inInterface, record.m_outInterface, record.m_policy,
                         record.m_enableLogging);
     };
-    return rowValues(*this) == rowValues(other);
+    return rowValues(*this) != rowValues(other);
 }
 
 } // namespace zol::moatkeeper

@@ -26,14 +26,14 @@ public:
     InputPolicy(std::int32_t id, std::string_view interface, std::string_view policy, std::int32_t enableLogging);
 
     // Hands the add line to the queue and has it carried out; returns what the queue's process returns.
-    int ApplySystemCall(cfg::ActionQueue& queue) const;
+    int ApplySystemCall(cfg::ActionQueue* queue) const;
 
     std::int32_t id() const { return m_id; }
     const std::string& addCommand() const { return m_addCommand; }
     const std::string& deleteCommand() const { return m_deleteCommand; }
 
     // Compares the row values; the lines follow from them.
-    bool operator==(const InputPolicy& other) const;
+    bool operator!=(const InputPolicy& other) const;
 
 private:
     void AssembleSystemCalls();
@@ -55,13 +55,13 @@ public:
     ForwardingPolicy(std::int32_t id, std::string_view inInterface, std::string_view outInterface,
                      std::string_view policy, std::int32_t enableLogging);
 
-    int ApplySystemCall(cfg::ActionQueue& queue) const;
+    int ApplySystemCall(cfg::ActionQueue* queue) const;
 
     std::int32_t id() const { return m_id; }
     const std::string& addCommand() const { return m_addCommand; }
     const std::string& deleteCommand() const { return m_deleteCommand; }
 
-    bool operator==(const ForwardingPolicy& other) const;
+    bool operator!=(const ForwardingPolicy& other) const;
 
 private:
     void AssembleSystemCalls();

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <type_traits>
+#include <utility>
 
 using recordtest::takeLog;
 using zol::moatkeeper::EtherRule;
@@ -115,12 +117,26 @@ TEST(EtherRule, EveryRowValueCountsInTheComparison)
     }
 }
 
+TEST(EtherRule, OnlyDiffersByItsRowValues)
+{
+    static_assert(recordtest::OnlyDiffers<EtherRule>);
+    EXPECT_FALSE(recordtest::differWithOtherLogHandles([] {
+        Values values;
+        values.target = "x";
+        return values.make();
+    }));
+}
+
+// Lines are strings of their own, which a caller may keep a reference to as long as the record.
+static_assert(std::is_same_v<decltype(std::declval<EtherRule>().addCommand()), const std::string&>);
+static_assert(std::is_same_v<decltype(std::declval<EtherRule>().deleteCommand()), const std::string&>);
+
 TEST(EtherRule, ApplyQueuesTheAddLineAndReturnsTheResult)
 {
     fake::RecordingQueue queue;
     queue.processResult = -7;
     const EtherRule rule = Values().make();
-    EXPECT_EQ(rule.ApplySystemCall(queue), -7);
+    EXPECT_EQ(rule.ApplySystemCall(&queue), -7);
     using Call = fake::QueueCall;
     EXPECT_EQ(queue.takeCalls(),
               (std::vector{Call::add("ebtables -A UserInputRules -i eth0 -j ACCEPT"), Call::process()}));
@@ -128,7 +144,7 @@ TEST(EtherRule, ApplyQueuesTheAddLineAndReturnsTheResult)
     Values invalid;
     invalid.target = "";
     queue.processResult = 3;
-    EXPECT_EQ(invalid.make().ApplySystemCall(queue), 3);
+    EXPECT_EQ(invalid.make().ApplySystemCall(&queue), 3);
     EXPECT_EQ(queue.takeCalls(), (std::vector{Call::add(""), Call::process()}));
 }
 

@@ -55,13 +55,13 @@ TEST(BridgeFilter, SetUpAndTearDownInTheirOrder)
     fake::RecordingQueue queue;
     queue.processResult = 4;
     const BridgeFilter filter(7, "whitelist", "a", "b", "mac", 1);
-    EXPECT_EQ(filter.ApplySetUpCommands(queue), 4);
+    EXPECT_EQ(filter.ApplySetUpCommands(&queue), 4);
     EXPECT_EQ(queue.takeCalls(), (std::vector{Call::add(filter.createChainCommand()),
                                               Call::add(filter.insertJumpsCommand()), Call::process()}));
-    EXPECT_EQ(filter.ApplyTearDownCommands(queue), 4);
+    EXPECT_EQ(filter.ApplyTearDownCommands(&queue), 4);
     EXPECT_EQ(queue.takeCalls(), (std::vector{Call::add(filter.deleteJumpsCommand()),
                                               Call::add(filter.flushChainCommand()), Call::process()}));
-    BridgeFilter(7, "", "a", "b", "mac", 1).ApplySetUpCommands(queue);
+    BridgeFilter(7, "", "a", "b", "mac", 1).ApplySetUpCommands(&queue);
     EXPECT_EQ(queue.takeCalls(), (std::vector{Call::add(""), Call::add(""), Call::process()}));
 }
 
@@ -75,6 +75,13 @@ TEST(BridgeFilter, ComparesAllRowValuesButTheCriteria)
     EXPECT_TRUE(filter != BridgeFilter(1, "blacklist", "A", "b", "mac", 1));
     EXPECT_TRUE(filter != BridgeFilter(1, "blacklist", "a", "B", "mac", 1));
     EXPECT_TRUE(filter != BridgeFilter(1, "blacklist", "a", "b", "mac", 2));
+}
+
+TEST(Filters, OnlyDifferByTheComparedValues)
+{
+    static_assert(recordtest::OnlyDiffers<BridgeFilter> && recordtest::OnlyDiffers<BridgeFilterRule>);
+    EXPECT_FALSE(recordtest::differWithOtherLogHandles([] { return BridgeFilter(1, "x", "a", "b", "mac", 1); }));
+    EXPECT_FALSE(recordtest::differWithOtherLogHandles([] { return BridgeFilterRule(1, "x", "c", "mac", "m"); }));
 }
 
 TEST(Filters, RegisterTheLogModuleOncePerConstructionAndNotPerCopy)
@@ -178,9 +185,9 @@ TEST(BridgeFilterRule, ApplyQueuesTheAddLineAndReturnsTheResult)
 {
     fake::RecordingQueue queue;
     queue.processResult = 6;
-    EXPECT_EQ(BridgeFilterRule(1, "blacklist", "c", "mac", "m").ApplySystemCall(queue), 6);
+    EXPECT_EQ(BridgeFilterRule(1, "blacklist", "c", "mac", "m").ApplySystemCall(&queue), 6);
     EXPECT_EQ(queue.takeCalls(), (std::vector{Call::add("ebtables -A c -s m -j DROP"), Call::process()}));
-    BridgeFilterRule(1, "blacklist", "c", "x", "m").ApplySystemCall(queue);
+    BridgeFilterRule(1, "blacklist", "c", "x", "m").ApplySystemCall(&queue);
     EXPECT_EQ(queue.takeCalls(), (std::vector{Call::add(""), Call::process()}));
 }
 

@@ -100,17 +100,24 @@ TEST(ForwardingPolicy, EveryRowValueCountsInTheComparison)
     EXPECT_TRUE(policy != ForwardingPolicy(1, "a", "b", "DROP", 2));
 }
 
+TEST(Policies, OnlyDifferByTheirRowValues)
+{
+    static_assert(recordtest::OnlyDiffers<InputPolicy> && recordtest::OnlyDiffers<ForwardingPolicy>);
+    EXPECT_FALSE(recordtest::differWithOtherLogHandles([] { return InputPolicy(1, "a", "x", 0); }));
+    EXPECT_FALSE(recordtest::differWithOtherLogHandles([] { return ForwardingPolicy(1, "a", "b", "x", 0); }));
+}
+
 TEST(Policies, ApplyQueuesTheAddLineAndReturnsTheResult)
 {
     fake::RecordingQueue queue;
     queue.processResult = 5;
-    EXPECT_EQ(InputPolicy(1, "a", "DROP", 0).ApplySystemCall(queue), 5);
+    EXPECT_EQ(InputPolicy(1, "a", "DROP", 0).ApplySystemCall(&queue), 5);
     EXPECT_EQ(queue.takeCalls(), (std::vector{Call::add("ebtables -A UserInputPolicy -i a -j DROP"), Call::process()}));
-    EXPECT_EQ(ForwardingPolicy(1, "a", "b", "DROP", 0).ApplySystemCall(queue), 5);
+    EXPECT_EQ(ForwardingPolicy(1, "a", "b", "DROP", 0).ApplySystemCall(&queue), 5);
     EXPECT_EQ(queue.takeCalls(),
               (std::vector{Call::add("ebtables -A UserForwardPolicy -i a -o b -j DROP"), Call::process()}));
-    EXPECT_EQ(InputPolicy(1, "a", "", 0).ApplySystemCall(queue), 5);
+    EXPECT_EQ(InputPolicy(1, "a", "", 0).ApplySystemCall(&queue), 5);
     EXPECT_EQ(queue.takeCalls(), (std::vector{Call::add(""), Call::process()}));
-    EXPECT_EQ(ForwardingPolicy(1, "a", "b", "", 0).ApplySystemCall(queue), 5);
+    EXPECT_EQ(ForwardingPolicy(1, "a", "b", "", 0).ApplySystemCall(&queue), 5);
     EXPECT_EQ(queue.takeCalls(), (std::vector{Call::add(""), Call::process()}));
 }

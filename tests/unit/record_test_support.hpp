@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,33 @@ inline std::vector<std::string> takeLog()
                             std::to_string(line.line) + " " + line.text);
     }
     return lines;
+}
+
+// A record says whether it differs, and does not offer an equality that leaves values out.
+template <typename Record>
+concept OnlyDiffers = requires(const Record& record)
+{
+    record != record;
+}
+&&!requires(const Record& record)
+{
+    record == record;
+};
+
+// Makes two records that log, with another log handle for each, and returns whether they differ.
+template <typename Make>
+bool differWithOtherLogHandles(const Make& make)
+{
+    fake::capturedLog().reset();
+    const auto first = make();
+    const std::uint32_t firstHandle = fake::capturedLog().takeLines().at(0).module;
+    fake::capturedLog().reset();
+    fake::capturedLog().registerModule("another");
+    const auto second = make();
+    const std::uint32_t secondHandle = fake::capturedLog().takeLines().at(0).module;
+    if (firstHandle == secondHandle)
+        throw std::logic_error("the records have the same log handle");
+    return first != second;
 }
 
 } // namespace recordtest
