@@ -40,12 +40,6 @@ std::string CapturedLog::moduleName(std::uint32_t handle) const
     return "";
 }
 
-int CapturedLog::traceLevel(const std::string& moduleName) const
-{
-    const auto found = m_traceLevels.find(moduleName);
-    return found != m_traceLevels.end() ? found->second : 0;
-}
-
 std::uint32_t CapturedLog::registerModule(const std::string& moduleName)
 {
     // Handles start at 1, so that 0 shows a caller that never registered.
@@ -54,11 +48,6 @@ std::uint32_t CapturedLog::registerModule(const std::string& moduleName)
         module.handle = static_cast<std::uint32_t>(m_modules.size());
     ++module.registrations;
     return module.handle;
-}
-
-void CapturedLog::setTraceLevel(const std::string& moduleName, int level)
-{
-    m_traceLevels[moduleName] = level;
 }
 
 void CapturedLog::add(LogLine line)

@@ -1,6 +1,6 @@
 // Log lines kept in memory: what a daemon, handler or record logged, in order.
 //
-// Lines of all four levels are kept; a module's trace level hides nothing here, it is only remembered. One thread.
+// Lines of all four levels are kept: a module's trace level hides nothing here. One thread.
 #pragma once
 
 #include <cstddef>
@@ -41,18 +41,11 @@ public:
     // The name behind a handle, "" for a handle that was never given.
     std::string moduleName(std::uint32_t handle) const;
 
-    // The trace level last set for a module, 0 when none was.
-    int traceLevel(const std::string& moduleName) const;
-
-    bool usesSyslog() const { return m_usesSyslog; }
-
-    // Forgets lines, modules, levels and the way of output.
+    // Forgets lines and modules.
     void reset() { *this = CapturedLog(); }
 
     // What the platform's log functions call.
     std::uint32_t registerModule(const std::string& moduleName);
-    void setTraceLevel(const std::string& moduleName, int level);
-    void setSyslog(bool on) { m_usesSyslog = on; }
     void add(LogLine line);
 
 private:
@@ -63,8 +56,6 @@ private:
 
     std::vector<LogLine> m_lines;
     std::map<std::string, Module> m_modules;
-    std::map<std::string, int> m_traceLevels;
-    bool m_usesSyslog = false;
 };
 
 // The process's one log.

@@ -20,17 +20,14 @@ bool ZOL_Daemon_occupiedPidFile(const ZOL_Daemon& daemon)
 void ZOL_Daemon_daemonize(ZOL_Daemon& daemon)
 {
     fake::journal().note({"ZOL_Daemon_daemonize(", daemon.name, ")"});
-    fake::device().daemonized = true;
 }
 
 void ZOL_Daemon_createPidFile(ZOL_Daemon& daemon)
 {
     fake::journal().note({"ZOL_Daemon_createPidFile(", daemon.pidFile, ")"});
-    fake::device().pidFileExists = true;
 }
 
 void ZOL_Daemon_deletePidFile(const ZOL_Daemon& daemon)
 {
     fake::journal().note({"ZOL_Daemon_deletePidFile(", daemon.pidFile, ")"});
-    fake::device().pidFileExists = false;
 }

@@ -6,7 +6,12 @@
 namespace fake
 {
 
-void Device::thenNotify(std::vector<std::string> tableNames)
+void Device::thenConnect()
+{
+    thenNotify({});
+}
+
+void Device::thenNotify(std::set<std::string> tableNames)
 {
     script.push_back([tableNames = std::move(tableNames)] {
         device().pending.push_back(tableNames);

@@ -1,5 +1,5 @@
-// The rest of a device in memory: what its daemon control, assertion hook, event loop and notification client see
-// and do, so that the daemon's entry function can be driven by a script.
+// The rest of a device in memory: what its daemon control, event loop and notification client see and do, so that the
+// daemon's entry function can be driven by a script.
 //
 // The event loop takes one step of the script per turn. When the script is at its end it raises SIGTERM, so a
 // daemon under test always comes to its stop. One thread.
@@ -10,21 +10,15 @@
 
 #include <deque>
 #include <functional>
+#include <set>
 #include <string>
-#include <vector>
 
 namespace fake
 {
 
 struct Device {
-    // Daemon control. A test sets pidFileOccupied; the others tell what happened.
+    // Whether the PID file names a running process.
     bool pidFileOccupied = false;
-    bool pidFileExists = false;
-    bool daemonized = false;
-
-    // Assertion hook.
-    bool hookAlive = false;
-    bool hookUsesSyslog = false;
 
     // What the notification client hands to the handler.
     MemoryTables tables;
@@ -41,8 +35,12 @@ struct Device {
 
     // Steps for the script.
 
-    // The tables changed: process delivers loadFromConfig for each of them in order, then one commitToSystem.
-    void thenNotify(std::vector<std::string> tableNames);
+    // The client has connected: process delivers all tables under the empty name.
+    void thenConnect();
+
+    // The tables changed: process delivers each of them once, in the order in which the handler subscribed to them,
+    // then one commitToSystem. The two tables of the bridge filters count as one.
+    void thenNotify(std::set<std::string> tableNames);
 
     // Events that do not concern the configuration; process finds nothing to do.
     void thenWakeUp();
@@ -53,8 +51,8 @@ struct Device {
     // Waiting fails: action throws.
     void thenThrow(std::function<void()> action);
 
-    // Notifications that process has not delivered yet.
-    std::deque<std::vector<std::string>> pending;
+    // Notifications that process has not delivered yet: the changed tables of each, none of them after connecting.
+    std::deque<std::set<std::string>> pending;
 };
 
 // The process's one device. A test starts with a new one by assigning Device().

@@ -5,6 +5,9 @@
 #include "platform_fake/journal.hpp"
 
 #include <list>
+#include <set>
+#include <string>
+#include <vector>
 
 namespace zol::cfg
 {
@@ -13,7 +16,28 @@ class NotificationHandler::State
 {
 public:
     IConfigHandler* handler = nullptr;
+    std::list<std::string> tableNames;
 };
+
+namespace
+{
+
+// The names to deliver when these tables changed, all of them where none is named.
+std::vector<std::string> namesToDeliver(const std::list<std::string>& subscribed, const std::set<std::string>& changed)
+{
+    if (changed.empty())
+        return {""};
+    std::vector<std::string> names;
+    for (const std::string& name : subscribed) {
+        // One call reads both tables of the bridge filters.
+        const bool isRead = name == "MoatKeeperBridgeFilterRules" && changed.contains("MoatKeeperBridgeFilters");
+        if (changed.contains(name) && !isRead)
+            names.push_back(name);
+    }
+    return names;
+}
+
+} // namespace
 
 NotificationHandler::NotificationHandler(const std::string& socketPath, tessera::net::EventDispatcher&,
                                          const std::string& clientName, bool failWithoutServer,
@@ -37,8 +61,7 @@ void NotificationHandler::registerConfigHandler(IConfigHandler* handler)
 {
     fake::journal().note({"NotificationHandler::registerConfigHandler()"});
     m_state->handler = handler;
-    std::list<std::string> tableNames;
-    handler->getTableNames(tableNames);
+    handler->getTableNames(m_state->tableNames);
 }
 
 void NotificationHandler::initialize()
@@ -55,9 +78,9 @@ void NotificationHandler::process()
     if (device.onProcess)
         device.onProcess();
     while (m_state->handler != nullptr && !device.pending.empty()) {
-        const std::vector<std::string> tableNames = device.pending.front();
+        const std::set<std::string> changed = device.pending.front();
         device.pending.pop_front();
-        for (const std::string& tableName : tableNames)
+        for (const std::string& tableName : namesToDeliver(m_state->tableNames, changed))
             m_state->handler->loadFromConfig(device.tables, tableName);
         m_state->handler->commitToSystem(device.tables, &device.queue);
     }

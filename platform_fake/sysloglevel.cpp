@@ -31,13 +31,11 @@ ZOL_Sysloglevel_Module ZOL_Sysloglevel_registerModul(const char* moduleName)
 void ZOL_Sysloglevel_changeTracelevel(const char* moduleName, int level)
 {
     fake::journal().note({"ZOL_Sysloglevel_changeTracelevel(\"", moduleName, "\", ", std::to_string(level), ")"});
-    fake::capturedLog().setTraceLevel(moduleName, level);
 }
 
 void ZOL_Sysloglevel_set(int useSyslog)
 {
     fake::journal().note({"ZOL_Sysloglevel_set(", std::to_string(useSyslog), ")"});
-    fake::capturedLog().setSyslog(useSyslog != 0);
 }
 
 void ZOL_Sysloglevel_trace(ZOL_Sysloglevel_Module module, const char* label, int line, std::string_view text)

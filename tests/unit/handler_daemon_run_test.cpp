@@ -236,7 +236,7 @@ TEST(Run, ServesNotificationsAndCleansUp)
     const Outcome outcome = runDaemon({}, [](fake::Device& device) {
         device.tables.setRows("MoatKeeper",
                               {fake::Row().set("GlobalInputPolicy", "DROP").set("GlobalForwardingPolicy", "DROP")});
-        device.thenNotify({""});
+        device.thenConnect();
         device.thenSignal(SIGTERM);
     });
     EXPECT_EQ(outcome.status, 0);
@@ -244,6 +244,26 @@ TEST(Run, ServesNotificationsAndCleansUp)
     const std::vector<std::string> end = from(outcome.calls, "info main:149");
     EXPECT_THAT(end, Contains("addCommand(\"ebtables -P INPUT ACCEPT\")"));
     EXPECT_THAT(from(end, "~NotificationHandler()"), Not(Contains(StartsWith("addCommand"))));
+}
+
+TEST(Run, EachChangedTableIsReadOnceBeforeTheCommit)
+{
+    const Outcome outcome = runDaemon({"-d"}, [](fake::Device& device) {
+        device.thenConnect();
+        device.thenNotify(
+            {"MoatKeeperBridgeFilterRules", "MoatKeeperRuleset", "MoatKeeperBridgeFilters", "MoatKeeper"});
+        device.thenNotify({"MoatKeeperBridgeFilterRules"});
+    });
+    std::vector<std::string> calls;
+    for (const std::string& call : outcome.calls) {
+        if (call.starts_with("info moatkeeper:121:") || call.starts_with("trace moatkeeper:152:"))
+            calls.push_back(call.substr(call.rfind(": ") + 2));
+    }
+    EXPECT_THAT(calls, ElementsAre("Notification on table   received.", "commitToSystem",
+                                   "Notification on table  MoatKeeper received.",
+                                   "Notification on table  MoatKeeperRuleset received.",
+                                   "Notification on table  MoatKeeperBridgeFilters received.", "commitToSystem",
+                                   "Notification on table  MoatKeeperBridgeFilterRules received.", "commitToSystem"));
 }
 
 // Where an exception can come from, between the construction of the dispatcher and the end of the loop.
@@ -261,7 +281,7 @@ TEST(Run, AnExceptionTakesDownWhatExistsAndGivesStatusOne)
         },
         [&](fake::Device& device) {
             device.queue.onProcess = fail;
-            device.thenNotify({""});
+            device.thenConnect();
         }};
     for (std::size_t i = 0; i < places.size(); ++i) {
         const Outcome outcome = runDaemon({}, places[i]);
