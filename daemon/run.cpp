@@ -17,15 +17,14 @@
 namespace zol::moatkeeper
 {
 
+std::atomic<unsigned char> g_stopRequested = 0;
+
 namespace
 {
 
 constexpr const char* label = "main";
 constexpr const char* daemonName = "moatkeeper";
 constexpr const char* configurationServer = "/tmp/cfgserver.socket";
-
-// Written by the signal handler, read by the main loop: one byte, nothing else is shared.
-volatile std::sig_atomic_t g_stopRequested = 0;
 
 // How the connection is kept: a server that is not there yet may come later.
 constexpr bool failWithoutServer = false;

@@ -67,16 +67,22 @@ moatkeeper::moatkeeper() : m_logModule(ZOL_Sysloglevel_registerModul("moatkeeper
     LogTrace(96, "moatkeeper");
 }
 
-moatkeeper::~moatkeeper()
+moatkeeper::~moatkeeper() noexcept(false)
 {
     LogTrace(101, "~moatkeeper");
     if (!m_initialised)
         return;
+    // A second exception while one is under way would end the process at once.
+    const bool mayThrow = std::uncaught_exceptions() == 0;
     try {
         CleanUp();
     } catch (const std::exception& failure) {
+        if (mayThrow)
+            throw;
         ZOL_Sysloglevel_error(m_logModule, label, 104, VAStr("%s: %s", "~moatkeeper", failure.what()));
     } catch (...) {
+        if (mayThrow)
+            throw;
         ZOL_Sysloglevel_error(m_logModule, label, 104, VAStr("%s: unknown exception", "~moatkeeper"));
     }
 }

@@ -19,12 +19,13 @@ namespace zol::moatkeeper
 // handler that was never asked to commit has nothing to take out.
 //
 // Bad configuration values never stop it: the row is skipped, or its record queues empty lines, and a log line
-// says why. Exceptions of the platform pass through; flags of groups not yet applied stay set.
+// says why. Exceptions of the platform pass through, out of the destructor as well unless another one is under way;
+// flags of groups not yet applied stay set.
 class moatkeeper : public cfg::IConfigHandler
 {
 public:
     moatkeeper();
-    ~moatkeeper() override;
+    ~moatkeeper() noexcept(false) override;
     moatkeeper(const moatkeeper&) = delete;
     moatkeeper& operator=(const moatkeeper&) = delete;
 

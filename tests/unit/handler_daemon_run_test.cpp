@@ -1,6 +1,7 @@
 // The daemon's entry function, driven by a scripted device. Each run is a process of its own, because options and
 // signal handlers are the process's.
 #include "daemon/run.hpp"
+#include "handler/debug_mode.hpp"
 #include "platform_fake/captured_log.hpp"
 #include "platform_fake/device.hpp"
 #include "platform_fake/journal.hpp"
@@ -14,6 +15,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sys/wait.h>
@@ -156,6 +158,18 @@ TEST(Run, DebugModeReachesTheHandlerButNotTheTraceLevel)
     EXPECT_THAT(outcome.calls, Not(Contains(StartsWith("ZOL_Sysloglevel_changeTracelevel"))));
 }
 
+TEST(Run, ADebugFlagThatIsSetBeforeRaisesTheTraceLevel)
+{
+    const Outcome outcome = runDaemon({}, [](fake::Device&) { zol::moatkeeper::g_debugMode = 1; });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, "");
+    std::vector<std::string> calls = from(outcome.calls, "ZOL_Sysloglevel_registerModul");
+    calls.resize(3);
+    EXPECT_THAT(calls, ElementsAre("ZOL_Sysloglevel_registerModul(\"moatkeeper\")",
+                                   "ZOL_Sysloglevel_changeTracelevel(\"moatkeeper\", 1023)", "ZOL_Sysloglevel_set(0)"));
+    EXPECT_THAT(outcome.calls, Contains("info moatkeeper:603: setDebugMode: Debug mode is set to 1!"));
+}
+
 TEST(Run, WithoutDebugModeTheHandlerIsNotTold)
 {
     EXPECT_THAT(runDaemon({}).calls, Not(Contains(HasSubstr("setDebugMode"))));
@@ -203,6 +217,15 @@ TEST(Run, EachStopSignalEndsTheLoop)
         });
         EXPECT_EQ(outcome.status, 0) << signal;
     }
+}
+
+TEST(Run, AStopRequestIsOneByteThatIsTestedBeforeTheFirstWait)
+{
+    static_assert(sizeof zol::moatkeeper::g_stopRequested == 1);
+    const Outcome outcome = runDaemon({}, [](fake::Device&) { zol::moatkeeper::g_stopRequested = 1; });
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.calls, Contains("NotificationHandler::initialize()"));
+    EXPECT_THAT(outcome.calls, Not(Contains("EventDispatcher::handleEvents()")));
 }
 
 TEST(Run, ABrokenPipeDoesNotEndTheLoop)
@@ -300,6 +323,46 @@ TEST(Run, AnExceptionTakesDownWhatExistsAndGivesStatusOne)
         EXPECT_EQ(handlerMade, i >= 2) << i;
         EXPECT_THAT(outcome.calls, Not(Contains("info main:149: run: exiting"))) << i;
     }
+}
+
+// The clean-up is the last that can fail: what was made is taken down all the same.
+TEST(Run, AnExceptionInTheCleanUpGivesStatusOne)
+{
+    const std::vector<std::pair<std::function<void()>, std::string>> failures = {
+        {[] { throw std::runtime_error("queue full"); }, "error main:153: queue full"},
+        {[] { throw 5; }, "error main:158: Unknown exception"}};
+    for (const auto& [fail, message] : failures) {
+        const Outcome outcome = runDaemon({}, [&fail = fail](fake::Device& device) {
+            device.thenConnect();
+            device.script.push_back([&device, fail] {
+                device.queue.onProcess = fail;
+                std::raise(SIGTERM);
+                return false;
+            });
+        });
+        EXPECT_EQ(outcome.status, 1) << message;
+        std::vector<std::string> end = from(outcome.calls, "info main:149: run: exiting");
+        std::erase_if(end, [](const std::string& call) { return call.starts_with("addCommand"); });
+        EXPECT_THAT(end, ElementsAre("info main:149: run: exiting", "trace moatkeeper:101: ~moatkeeper",
+                                     "~NotificationHandler()", "~EventDispatcher()", message,
+                                     "ZOL_Daemon_deletePidFile(/var/run/moatkeeper.pid)", "~DefaultAssertHook()"));
+    }
+}
+
+TEST(Run, ACleanUpThatFailsAfterAnotherExceptionIsLogged)
+{
+    const Outcome outcome = runDaemon({}, [](fake::Device& device) {
+        device.thenConnect();
+        device.thenThrow([&device] {
+            device.queue.onProcess = [] { throw std::runtime_error("queue full"); };
+            throw std::runtime_error("broken");
+        });
+    });
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(from(outcome.calls, "error "),
+                ElementsAre("error moatkeeper:104: ~moatkeeper: queue full", "~NotificationHandler()",
+                            "~EventDispatcher()", "error main:153: broken",
+                            "ZOL_Daemon_deletePidFile(/var/run/moatkeeper.pid)", "~DefaultAssertHook()"));
 }
 
 TEST(Run, AnExceptionOfAnotherKindIsReportedToo)

@@ -9,9 +9,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-
+#include <functional>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 namespace
 {
@@ -93,6 +94,22 @@ TEST_F(Handler, ReadsTheTablesInItsOwnOrder)
                             "MoatKeeperBridgeFilters", "MoatKeeperBridgeFilterRules"));
 }
 
+TEST_F(Handler, TheEmptyNameTellsOfAChangeInEachTable)
+{
+    handler->loadFromConfig(tables, "");
+    EXPECT_FALSE(handler->loadFromConfig(tables, ""));
+    const std::vector<std::pair<const char*, const char*>> changes = {
+        {"MoatKeeper", "GlobalInputPolicy"},         {"MoatKeeperRuleset", "SrcMAC"},
+        {"MoatKeeperInputPolicy", "Interface"},      {"MoatKeeperForwardingPolicy", "InInterface"},
+        {"MoatKeeperBridgeFilters", "OutInterface"}, {"MoatKeeperBridgeFilterRules", "FilterMatch"}};
+    for (const auto& [table, column] : changes) {
+        fake::Row row = tables.rows(table)->front();
+        tables.setRows(table, {row.set(column, "another")});
+        EXPECT_TRUE(handler->loadFromConfig(tables, "")) << table;
+        EXPECT_FALSE(handler->loadFromConfig(tables, "")) << table;
+    }
+}
+
 TEST_F(Handler, ReadsOnlyTheFirstRowOfTheMainTable)
 {
     tables.addRow("MoatKeeper", fake::Row());
@@ -157,17 +174,24 @@ TEST_F(Handler, AnExceptionOfTheSourcePassesAndLaterReadsWork)
     EXPECT_THAT(queue.lines(), Contains("ebtables -A UserInputPolicy -i eth0 -j DROP"));
 }
 
+// The row's values are cleared before each read: nothing of the row before is taken for one that cannot be read.
 TEST_F(Handler, RowsThatCannotBeReadHaveNoValues)
 {
-    // The row's values are cleared before each read: nothing of the row before is taken for it.
-    tables.addRow("MoatKeeperRuleset", fake::Row().set("Id", 2));
+    const std::vector<std::pair<const char*, const char*>> linesOfOneRow = {
+        {"MoatKeeperRuleset", "ebtables -A UserInputRules "},
+        {"MoatKeeperInputPolicy", "ebtables -A UserInputPolicy "},
+        {"MoatKeeperForwardingPolicy", "ebtables -A UserForwardPolicy "},
+        {"MoatKeeperBridgeFilters", "ebtables -N 1bamacblacklist"},
+        {"MoatKeeperBridgeFilterRules", "ebtables -A 1bamacblacklist "}};
+    for (const auto& [table, start] : linesOfOneRow)
+        tables.addRow(table, fake::Row().set("Id", 2));
     tables.onReadRow = [](const std::string&, std::uint32_t row) { return zol::cfg::ConfigStatus{row == 0, "lost"}; };
-    EXPECT_TRUE(handler->loadFromConfig(tables, "MoatKeeperRuleset"));
+    handler->loadFromConfig(tables, "");
     commit();
     const auto lines = queue.lines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string& line) { return line.starts_with("ebtables -A UserInputRules "); }),
-              1);
+    for (const auto& [table, start] : linesOfOneRow)
+        EXPECT_EQ(std::ranges::count_if(lines, [&](const std::string& line) { return line.starts_with(start); }), 1)
+            << table;
 }
 
 TEST_F(Handler, StatusesDoNotMatterButACountThatIsNotGivenIsNone)
@@ -224,22 +248,32 @@ TEST_F(Handler, AFailingInitIsNotRepeated)
     EXPECT_THAT(queue.lines(), Contains("ebtables -F UserInputRules"));
 }
 
-TEST_F(Handler, AFailingCleanUpIsLoggedAndEndsNothing)
+TEST_F(Handler, AFailingCleanUpIsTheCallersToReport)
 {
-    commit();
-    fake::capturedLog().takeLines();
-    queue.onProcess = [] { throw std::runtime_error("queue full"); };
-    handler.reset();
+    const auto cleanUp = [&](const std::function<void()>& failure) {
+        queue.onProcess = nullptr;
+        zol::moatkeeper::moatkeeper failing;
+        failing.commitToSystem(tables, &queue);
+        queue.onProcess = failure;
+    };
+    EXPECT_THROW(cleanUp([] { throw std::runtime_error("queue full"); }), std::runtime_error);
+    EXPECT_THROW(cleanUp([] { throw 5; }), int);
+}
+
+TEST_F(Handler, AFailingCleanUpIsLoggedWhileAnotherExceptionIsUnderWay)
+{
+    const auto fail = [&](const std::function<void()>& failure) {
+        queue.onProcess = nullptr;
+        zol::moatkeeper::moatkeeper failing;
+        failing.commitToSystem(tables, &queue);
+        queue.onProcess = failure;
+        throw std::logic_error("under way");
+    };
+    EXPECT_THROW(fail([] { throw std::runtime_error("queue full"); }), std::logic_error);
     auto lines = fake::capturedLog().takeLines();
-    ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back().level, fake::LogLevel::error);
     EXPECT_EQ(lines.back().text, "~moatkeeper: queue full");
-
-    handler = std::make_unique<zol::moatkeeper::moatkeeper>();
-    queue.onProcess = nullptr;
-    commit();
-    queue.onProcess = [] { throw 5; };
-    handler.reset();
+    EXPECT_THROW(fail([] { throw 5; }), std::logic_error);
     lines = fake::capturedLog().takeLines();
     EXPECT_EQ(lines.back().level, fake::LogLevel::error);
     EXPECT_EQ(lines.back().text, "~moatkeeper: unknown exception");
