@@ -9,17 +9,17 @@ import re
 import signal
 import subprocess
 import sys
+import tempfile
 import unittest
 
 from lab import programs, sandbox, waiting
 
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
-SERVER_PID = "/run/moatkeeper-db.pid"
 WAYS = ("test", "starts", "fresh", "slow", "ci", "nobody")
 BUILD, PREFIX = os.path.realpath(sys.argv[1]), sys.argv[2]
 CLONE = "/tmp/clone"
-# What a command must show; of all others the exit status counts.
-SHOWS = {"ebtables-save": ":FORWARD DROP", "moatctl --help": "global", "ovsdb-client": '"count":1'}
+# What programs must show; of the others the exit status counts.
+SHOWN = {"ebtables-save": ":FORWARD DROP", "ovsdb-client": '"count":1'}
 
 
 def readTable():
@@ -68,9 +68,10 @@ class Documents(unittest.TestCase):
 class Commands(unittest.TestCase):
     """In a clone where the build of these tests is build/release, with folders of its own for what gets installed."""
 
-    def setUp(self):
+    @classmethod
+    def setUpClass(cls):
         if PREFIX != "/usr/local":
-            self.skipTest(f"this build is for {PREFIX}, the README's for /usr/local")
+            raise unittest.SkipTest(f"this build is for {PREFIX}, the README's for /usr/local")
         for folder in ("/usr/local", "/var/lib"):
             subprocess.run(["mount", "-t", "tmpfs", "tmpfs", folder], check=True)
         os.makedirs(f"{CLONE}/build")
@@ -78,43 +79,53 @@ class Commands(unittest.TestCase):
         for entry in SOURCES.iterdir():
             if entry.name != "build":
                 os.symlink(entry, f"{CLONE}/{entry.name}")
-        self.started = []
-        self.addCleanup(lambda: [program.stop() for program in self.started])
-        self.addCleanup(self.stopServer)
+
+    def testTheDocuments(self):
+        self.play([step for step in readTable() if step[0] in ("test", "starts")], CLONE)
+
+    def testTheManualPage(self):
+        page = (SOURCES / "docs/man/moatkeeper.8").read_text(encoding="utf-8")
+        example = re.search(r"\.Bd -literal.*?\n(.*?)\.Ed", page, re.DOTALL)[1]
+        *commands, daemon = example.replace("\\e\n", " ").splitlines()
+        os.environ["PATH"] += f":{BUILD}/daemon"
+        self.assertTrue(daemon.startswith("moatkeeper "), daemon)
+        with tempfile.TemporaryDirectory() as folder:
+            os.symlink(SOURCES / "schema/moatkeeper.ovsschema", f"{folder}/moatkeeper.ovsschema")
+            self.play([*(("test", command) for command in commands), ("starts", daemon), ("test", "ebtables-save")],
+                      folder, {"ebtables-save": ":UserInputRules"})
+
+    def play(self, steps, folder, shown=SHOWN):
+        """Runs the commands of the steps in the folder, as a person would; servers are stopped in the end."""
+        started = []
+        for way, command in steps:
+            for file in re.findall(r"--pidfile=(\S+)", command):
+                self.addCleanup(self.stopServer, file)
+            if way == "starts":
+                log = os.path.join(folder, f"{len(started)}.log")
+                started.append(programs.Program(["sh", "-c", f"cd {folder} && exec {command}"], log))
+                self.addCleanup(started[-1].stop)
+            else:
+                self.run_(command, folder, shown.get(command.split()[0], ""))
+        for program in started:
+            self.assertEqual(program.stop(), 0, program.readLog())
+
+    def run_(self, command, folder, wanted):
+        """It ends with 0 and shows what is wanted, for which a daemon that has just been started takes a moment."""
+        def run():
+            done = subprocess.run(["sh", "-c", command], cwd=folder, capture_output=True, text=True, timeout=60,
+                                  check=False)
+            self.assertEqual(done.returncode, 0, f"{command}: {done.stdout}{done.stderr}")
+            return done.stdout
+        output = run()
+        if wanted not in output:
+            waiting.until(lambda: wanted in run(), lambda: f"'{wanted}' from {command}: {run()}")
 
     @staticmethod
-    def stopServer():
-        """The database server has gone into the background by itself."""
-        if os.path.exists(SERVER_PID):
-            os.kill(int(pathlib.Path(SERVER_PID).read_text(encoding="ascii")), signal.SIGTERM)
-            waiting.until(lambda: not os.path.exists(SERVER_PID), "the server's end")
-
-    def testOneAfterTheOther(self):
-        for way, command in readTable():
-            if way == "test":
-                self.run_(command)
-            elif way == "starts":
-                log = f"/tmp/{len(self.started)}.log"
-                self.started.append(programs.Program(["sh", "-c", f"cd {CLONE} && exec {command}"], log))
-        for program in reversed(self.started):
-            self.assertEqual(program.stop(), 0, program.readLog())
-        self.started = []
-
-    def run_(self, command):
-        wanted = next((text for start, text in SHOWS.items() if command.startswith(start)), "")
-        done = None
-
-        def works():
-            nonlocal done
-            done = subprocess.run(["sh", "-c", command], cwd=CLONE, capture_output=True, text=True, timeout=60,
-                                  check=False)
-            return done.returncode == 0 and wanted in done.stdout
-
-        # A daemon that has just been started takes a moment, so what is only shown may be asked for again.
-        if wanted:
-            waiting.until(works, lambda: f"{command}: {done.stdout}{done.stderr}")
-        else:
-            self.assertTrue(works(), f"{command}: {done.stdout}{done.stderr}")
+    def stopServer(pidFile):
+        """A server that has gone into the background by itself."""
+        if os.path.exists(pidFile):
+            os.kill(int(pathlib.Path(pidFile).read_text(encoding="ascii")), signal.SIGTERM)
+            waiting.until(lambda: not os.path.exists(pidFile), "the server's end")
 
 
 if __name__ == "__main__":
