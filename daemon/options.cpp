@@ -15,7 +15,7 @@ namespace
 
 void printUsage()
 {
-    // The name in the first line is the one that the device's scripts look for.
+    // The first line names another daemon. The text is an interface and stays as it is.
     std::cerr << "Usage: romswapd [options]\n"
                  " Options:\n"
                  "  -h: Print this help\n"

@@ -1,5 +1,7 @@
 #include "tests/golden/case_file.hpp"
 
+#include "tests/golden/scanner.hpp"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
@@ -45,110 +47,14 @@ const std::vector<std::string> cleanUpLines = {
     "process",
 };
 
-using Columns = std::vector<std::pair<std::string, std::optional<tessera::Value>>>;
-
-// Walks along one line.
-class Scanner
-{
-public:
-    explicit Scanner(const std::string& text) : m_text(text) {}
-
-    void skipBlanks()
-    {
-        while (m_position < m_text.size() && m_text[m_position] == ' ')
-            ++m_position;
-    }
-
-    bool atEnd()
-    {
-        skipBlanks();
-        return m_position == m_text.size();
-    }
-
-    // Up to the next blank or one of the characters in stop.
-    std::string word(const char* stop = "")
-    {
-        skipBlanks();
-        const std::size_t begin = m_position;
-        m_position = std::min(m_text.find_first_of(std::string(" ") + stop, begin), m_text.size());
-        return m_text.substr(begin, m_position - begin);
-    }
-
-    bool accept(char character)
-    {
-        if (m_position == m_text.size() || m_text[m_position] != character)
-            return false;
-        ++m_position;
-        return true;
-    }
-
-    bool atQuote() const { return m_position < m_text.size() && m_text[m_position] == '"'; }
-
-    // A text in double quotes with \" \\ \n \r \t and \xHH.
-    std::string quoted()
-    {
-        ++m_position;
-        std::string text;
-        while (true) {
-            if (m_position >= m_text.size())
-                throw std::runtime_error("a quote that does not close");
-            const char character = m_text[m_position++];
-            if (character == '"')
-                return text;
-            text += character == '\\' ? escape() : character;
-        }
-    }
-
-    // A quoted text, or the whole rest of the line as it is.
-    std::string restOfLine()
-    {
-        skipBlanks();
-        if (!atQuote())
-            return m_text.substr(std::exchange(m_position, m_text.size()));
-        std::string text = quoted();
-        expectEnd();
-        return text;
-    }
-
-    void expectEnd()
-    {
-        if (!atEnd())
-            throw std::runtime_error("\"" + m_text.substr(m_position) + "\" where the line should end");
-    }
-
-private:
-    char escape()
-    {
-        const char kind = m_position < m_text.size() ? m_text[m_position++] : '\0';
-        switch (kind) {
-        case '"':
-        case '\\':
-            return kind;
-        case 'n':
-            return '\n';
-        case 'r':
-            return '\r';
-        case 't':
-            return '\t';
-        case 'x': {
-            unsigned value = 0;
-            const char* begin = m_text.data() + m_position;
-            const std::size_t left = std::min<std::size_t>(2, m_text.size() - m_position);
-            if (std::from_chars(begin, begin + left, value, 16).ptr == begin + 2) {
-                m_position += 2;
-                return static_cast<char>(value);
-            }
-            break;
-        }
-        default:
-            break;
-        }
-        throw std::runtime_error("an escape that is none of \\\" \\\\ \\n \\r \\t \\xHH");
-    }
-
-    const std::string& m_text;
-    std::size_t m_position = 0;
+// What a group's commit records before the line of its only row, by table.
+const std::map<std::string, std::vector<std::string>> flushLines = {
+    {"MoatKeeperRuleset", {"add ebtables -F UserInputRules", "add ebtables -F UserForwardRules", "process"}},
+    {"MoatKeeperInputPolicy", {"add ebtables -F UserInputPolicy", "process"}},
+    {"MoatKeeperForwardingPolicy", {"add ebtables -F UserForwardPolicy", "process"}},
 };
+
+using Columns = std::vector<std::pair<std::string, std::optional<tessera::Value>>>;
 
 // A bare number is an integer; everything else, and whatever stands in quotes, is a text.
 tessera::Value toValue(const std::string& word)
@@ -167,9 +73,10 @@ tessera::Value toValue(const std::string& word)
 Columns toColumns(Scanner& scanner)
 {
     Columns columns;
-    while (!scanner.atEnd()) {
+    while (!scanner.atEnd() && !scanner.atArrow()) {
         if (scanner.accept('-')) {
-            scanner.expectEnd();
+            if (!columns.empty() || !(scanner.atEnd() || scanner.atArrow()))
+                throw std::runtime_error("\"-\" stands alone: a row of nothing but the defaults");
         } else if (scanner.accept('!')) {
             columns.emplace_back(scanner.word(), std::nullopt);
         } else {
@@ -198,6 +105,17 @@ fake::Row toRow(const Columns& defaults, const Columns& given)
     return row;
 }
 
+bool isLevel(const std::string& kind)
+{
+    return kind == "trace" || kind == "info" || kind == "warning" || kind == "error";
+}
+
+void addLogLine(std::vector<std::string>& expected, const std::string& level, Scanner& scanner)
+{
+    const std::string place = scanner.word();
+    expected.push_back(level + " " + place + " " + render(scanner.restOfLine()));
+}
+
 void addExpected(std::vector<std::string>& expected, Scanner& scanner)
 {
     const std::string kind = scanner.word();
@@ -211,9 +129,8 @@ void addExpected(std::vector<std::string>& expected, Scanner& scanner)
         expected.push_back("add " + render(scanner.restOfLine()));
         if (kind == "apply")
             expected.push_back("process");
-    } else if (kind == "trace" || kind == "info" || kind == "warning" || kind == "error") {
-        std::string place = scanner.word();
-        expected.push_back(kind + " " + place + " " + render(scanner.restOfLine()));
+    } else if (isLevel(kind)) {
+        addLogLine(expected, kind, scanner);
     } else {
         throw std::runtime_error("\"" + kind +
                                  "\": expected add, process, apply, init, cleanup, trace, info, warning or error");
@@ -283,6 +200,12 @@ private:
         } else if (verb == "default") {
             const std::string table = scanner.word();
             m_defaults[table] = toColumns(scanner);
+            scanner.expectEnd();
+        } else if (verb == "table") {
+            m_table = scanner.word();
+            scanner.expectEnd();
+        } else if (verb == "row") {
+            readRow(scanner, lineNumber);
         } else {
             if (m_cases.empty())
                 throw std::runtime_error("\"" + verb + "\" before the first case");
@@ -291,21 +214,46 @@ private:
         }
     }
 
+    // A case on one line: a row alone in its table, and its line or the message why it has none.
+    void readRow(Scanner& scanner, int lineNumber)
+    {
+        const auto flush = flushLines.find(m_table);
+        if (flush == flushLines.end())
+            throw std::runtime_error("\"row\" needs a \"table\" before it: a policy table or that of the rules");
+        std::string name = scanner.upTo(':');
+        Step rows{Action::rows, lineNumber, m_table, {toRow(m_defaults[m_table], toColumns(scanner))}, false, {}};
+        if (scanner.word() != "->")
+            throw std::runtime_error("expected: row NAME: Column=value ... -> the line or the message");
+        Step load{Action::load, lineNumber, m_table, {}, true, {}};
+        std::string line;
+        if (isLevel(scanner.nextWord()))
+            addLogLine(load.expected, scanner.word(), scanner);
+        else
+            line = scanner.restOfLine();
+        Step commit{Action::commit, lineNumber, "", {}, false, flush->second};
+        commit.expected.insert(commit.expected.end(), {"add " + render(line), "process"});
+        const Step ready{Action::ready, lineNumber, "", {}, false, {}};
+        m_cases.push_back({std::move(name), lineNumber, {ready, std::move(rows), std::move(load), std::move(commit)}});
+    }
+
     void readIndented(Scanner& scanner)
     {
         if (m_cases.empty() || m_cases.back().steps.empty())
             throw std::runtime_error("an indented line that belongs to no step");
         Step& step = m_cases.back().steps.back();
-        if (step.action == Action::rows)
+        if (step.action == Action::rows) {
             step.rows.push_back(toRow(m_defaults[step.table], toColumns(scanner)));
-        else if (step.action == Action::ready)
+            scanner.expectEnd();
+        } else if (step.action == Action::ready) {
             throw std::runtime_error("\"ready\" compares nothing; use load and commit");
-        else
+        } else {
             addExpected(step.expected, scanner);
+        }
     }
 
     std::vector<Case> m_cases;
     std::map<std::string, Columns> m_defaults;
+    std::string m_table; // of the cases on one line
 };
 
 } // namespace

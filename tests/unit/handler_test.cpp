@@ -233,9 +233,17 @@ TEST_P(FailingGroup, IsAppliedAgainWithAllBehindIt)
     EXPECT_THAT(queue.calls(), IsEmpty());
 }
 
+// After the chain that the line is about.
+std::string nameOfGroup(const testing::TestParamInfo<const char*>& group)
+{
+    const std::string line = group.param;
+    return line.substr(line.rfind(' ') + 1);
+}
+
 INSTANTIATE_TEST_SUITE_P(Groups, FailingGroup,
                          testing::Values("ebtables -N 1bamac", "ebtables -F UserInputRules", "ebtables -P INPUT",
-                                         "ebtables -F UserInputPolicy", "ebtables -F UserForwardPolicy"));
+                                         "ebtables -F UserInputPolicy", "ebtables -F UserForwardPolicy"),
+                         nameOfGroup);
 
 TEST_F(Handler, AFailingInitIsNotRepeated)
 {
