@@ -1,8 +1,6 @@
 #!/usr/bin/python3
 """Measures how long a commit takes, side by side with other ways of bringing the same rules into the kernel.
 
-usage: commit.py BUILD_FOLDER [--csv FILE] [--svg FILE] [--sizes N,N,...] [--per-line-up-to N] [--rounds N]
-
 Runs in network and mount namespaces of its own; needs root. Every figure is a median of ROUNDS refills, the ways taken
 in turn, of tables that already hold as many other rules:
   per line    one ebtables process for each line
@@ -17,7 +15,6 @@ in turn, of tables that already hold as many other rules:
   all rows    the same for a transaction that replaces every row; most of it is the server's own work
 """
 
-import argparse
 import csv
 import os
 import shutil
@@ -26,13 +23,12 @@ import subprocess
 import sys
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(SOURCE, "tests"))
+import arguments
 from lab import programs, sandbox, waiting
 from lab.config import RULES, Config, delete, insert
 from lab.netfilter import Commits
 
+SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 WORK = "/run/bench"
 LOCK = "/run/moatkeeper/lock"
 COLUMNS = ["per line", "restore", "nft", "commit", "applied", "change", "database", "all rows"]
@@ -218,19 +214,22 @@ def measure_database(build, size, rounds, figures):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("build")
-    parser.add_argument("--csv")
-    parser.add_argument("--svg")
-    parser.add_argument("--sizes", default="100,1000,4000,10000,20000")
-    parser.add_argument("--per-line-up-to", type=int, default=1000)
-    parser.add_argument("--rounds", type=int, default=5)
+    parser = arguments.parser(__doc__)
+    parser.add_argument("build", type=arguments.existing, help="the build folder")
+    parser.add_argument("--csv", metavar="FILE", help="writes the table there, too")
+    parser.add_argument("--svg", metavar="FILE", help="draws it there")
+    parser.add_argument("--sizes", default="100,1000,4000,10000,20000", help="numbers of rules (%(default)s)")
+    parser.add_argument("--per-line-up-to", type=int, default=1000, metavar="RULES",
+                        help="leaves out that way for more (%(default)s)")
+    parser.add_argument("--rounds", type=int, default=5, help="takes the median of that many (%(default)s)")
     options = parser.parse_args()
     if os.geteuid() != 0 or not all(map(shutil.which, ["ebtables-restore", "nft", "ovsdb-server"])):
         sys.exit("needs root, ebtables, nft and ovsdb-server")
-    build = os.path.realpath(options.build)
+    build = options.build
     files = {name: os.path.realpath(name) for name in (options.csv, options.svg) if name}
-    sandbox.enter(SOURCE, build, *{os.path.dirname(path) for path in files.values()})
+    for path in files.values():
+        open(path, "ab").close() # what is there is visible inside, wherever it is
+    sandbox.enter(SOURCE, build, *files.values())
     os.mkdir(WORK)
 
     print(f"{'rules':>6}" + "".join(f"{column + ' ms':>14}" for column in COLUMNS)
@@ -270,4 +269,4 @@ plot {curves}"""
 
 
 if __name__ == "__main__":
-    main()
+    arguments.run(main)

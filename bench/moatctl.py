@@ -1,18 +1,19 @@
 #!/usr/bin/python3
 """How long moatctl takes with many rules: import, which checks them, show, export, check, one more rule.
 
-usage: moatctl.py MOATCTL [RULES [RUNS]]
 Starts an ovsdb-server of its own in a temporary folder. Prints the shortest and the median wall time of each verb, and
-the processor time of tool and server together."""
+the processor time of tool and server together.
+"""
 
 import json
 import os
 import pathlib
 import statistics
 import subprocess
-import sys
 import tempfile
 import time
+
+import arguments
 
 SCHEMA = pathlib.Path(__file__).resolve().parents[1] / "schema" / "moatkeeper.ovsschema"
 
@@ -41,9 +42,12 @@ def processor_seconds(pid):
 
 
 def main():
-    tool = sys.argv[1]
-    count = int(sys.argv[2]) if len(sys.argv) > 2 else 10000
-    runs = int(sys.argv[3]) if len(sys.argv) > 3 else 5
+    parser = arguments.parser(__doc__)
+    parser.add_argument("moatctl", type=arguments.existing, help="the tool")
+    parser.add_argument("rules", type=int, nargs="?", default=10000, help="how many (%(default)s)")
+    parser.add_argument("runs", type=int, nargs="?", default=5, help="how many (%(default)s)")
+    options = parser.parse_args()
+    tool, count, runs = options.moatctl, options.rules, options.runs
     with tempfile.TemporaryDirectory() as folder:
         socket = f"{folder}/server.sock"
         subprocess.run(["ovsdb-tool", "create", f"{folder}/db", SCHEMA], check=True)
@@ -89,4 +93,5 @@ def measure(tool, server, folder, count, runs):
         print(f"{verb:22}{min(wall[verb]):10.2f}{statistics.median(wall[verb]):10.2f}{min(processor[verb]):11.2f}")
 
 
-main()
+if __name__ == "__main__":
+    arguments.run(main)

@@ -1,8 +1,6 @@
 #!/usr/bin/python3
 """Measures what refused lines cost: 4,000 lines of which 400 are refused, beside 4,000 good ones, in one run.
 
-usage: refusals.py BUILD_FOLDER
-
 Runs in namespaces of its own; needs root. Medians of nine, each of a fill of an empty table, and of a refill of a table
 that holds 4,000 rules: what every commit but the first is.
 """
@@ -10,13 +8,11 @@ that holds 4,000 rules: what every commit but the first is.
 import os
 import statistics
 import subprocess
-import sys
 
-SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(SOURCE, "tests"))
+import arguments
 from lab import refusals, sandbox
 
-
+SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 COUNT = 4000
 
 
@@ -29,9 +25,9 @@ def carry_out(build, lines):
 
 
 def main():
-    if len(sys.argv) != 2:
-        sys.exit(__doc__)
-    build = os.path.realpath(sys.argv[1])
+    parser = arguments.parser(__doc__)
+    parser.add_argument("build", type=arguments.existing, help="the build folder")
+    build = parser.parse_args().build
     sandbox.enter(SOURCE, build)
     kinds = ("none", *refusals.REFUSED)
     fills, refills, processes = {kind: [] for kind in kinds}, {kind: [] for kind in kinds}, {}
@@ -54,4 +50,4 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    arguments.run(main)

@@ -2,7 +2,7 @@
 """Start time, idle memory, idle system calls and size of the daemon, with empty tables and the server running; then
 its memory with many rules, and after changes of one of them.
 
-usage: startup.py DAEMON SCHEMA [RUNS]     as root, or where user namespaces can be made; prints a table
+Runs as root, or where user namespaces can be made.
 """
 
 import os
@@ -12,13 +12,10 @@ import signal
 import socket
 import statistics
 import subprocess
-import sys
 import tempfile
 import time
 
-HERE = pathlib.Path(__file__).resolve()
-sys.path.insert(0, str(HERE.parents[1] / "tests"))
-
+import arguments
 from lab import config, programs, sandbox, waiting
 
 NETLINK_NETFILTER, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, NFNLGRP_NFTABLES = 12, 270, 1, 7
@@ -103,16 +100,21 @@ def memoryWithRules(pid):
     return filled, changed
 
 
-def main(daemonPath, schema, runs=11):
-    daemonPath, schema = map(os.path.realpath, (daemonPath, schema))
+def main():
+    parser = arguments.parser(__doc__)
+    parser.add_argument("daemon", type=arguments.existing, help="its binary")
+    parser.add_argument("schema", type=arguments.existing, help="of the database")
+    parser.add_argument("runs", type=int, nargs="?", default=11, help="of which the median is taken (%(default)s)")
+    options = parser.parse_args()
+    daemonPath, schema, runs = options.daemon, options.schema, options.runs
     sandbox.enter(daemonPath, schema)
     folder = tempfile.mkdtemp()
     server = programs.startServer(schema, folder)
     times = []
-    for number in range(int(runs)):
+    for number in range(runs):
         seconds, daemon = measureStart(daemonPath, folder)
         times.append(seconds)
-        if number == int(runs) - 1:
+        if number == runs - 1:
             kilobytes = memory(daemon.pid)
             calls = idleCalls(daemon.pid)
             filled, changed = memoryWithRules(daemon.pid)
@@ -135,9 +137,4 @@ def main(daemonPath, schema, runs=11):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) < 3:
-        sys.exit(__doc__)
-    try:
-        main(*sys.argv[1:])
-    except sandbox.Unavailable as reason:
-        sys.exit(f"startup.py: {reason}")
+    arguments.run(main)
