@@ -2,6 +2,7 @@
 
 #include "ebtables/names.hpp"
 #include "ebtables/operands.hpp"
+#include "text/one_line.hpp"
 
 #include <algorithm>
 #include <array>
@@ -30,7 +31,7 @@ struct Refuse {
 
 [[noreturn]] void refuse(std::string_view word, std::string_view option, std::string expected)
 {
-    throw Refuse{{printable(word), std::string(option), std::move(expected)}};
+    throw Refuse{{text::oneLine(word), std::string(option), std::move(expected)}};
 }
 
 constexpr const char* shellExpected = "plain words: nothing here goes through a shell";
@@ -575,21 +576,6 @@ Command parseCommand(std::span<const Word> words)
 }
 
 } // namespace
-
-std::string printable(std::string_view text, std::size_t limit)
-{
-    std::string result;
-    for (const char c : text.substr(0, limit)) {
-        if (c >= ' ' && c <= '~') {
-            result += c;
-        } else {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
-            result += escaped;
-        }
-    }
-    return text.size() > limit ? result + "..." : result;
-}
 
 std::string LineError::text() const
 {

@@ -41,7 +41,4 @@ ParsedLine parseLine(std::string_view line);
 // error (when given) if they are not of the forms that this parser knows.
 std::optional<Rule> parseRule(std::string_view options, const std::string& chain, LineError* error = nullptr);
 
-// The text with every byte that is not printable ASCII written as \xNN, and cut after `limit` bytes.
-std::string printable(std::string_view text, std::size_t limit = 200);
-
 } // namespace ebtables

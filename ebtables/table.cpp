@@ -63,7 +63,7 @@ Chain& chainNamed(Table& table, std::string_view name)
 {
     if (Chain* chain = table.find(name))
         return *chain;
-    return table.chains.emplace_back(Chain{std::string(name), "ACCEPT", {}});
+    return table.chains.emplace_back(Chain{std::string(name), "ACCEPT", {}, noOrigin});
 }
 
 } // namespace
@@ -80,11 +80,17 @@ Chain* Table::find(std::string_view chain)
     return found == chains.end() ? nullptr : &*found;
 }
 
-Table parseSaved(std::string_view output)
+Table emptyTable()
 {
     Table table;
     for (const char* name : {"INPUT", "FORWARD", "OUTPUT"})
         chainNamed(table, name);
+    return table;
+}
+
+Table parseSaved(std::string_view output)
+{
+    Table table = emptyTable();
     bool inFilter = false;
     while (!output.empty()) {
         const std::size_t end = output.find('\n');
@@ -113,7 +119,7 @@ Table parseSaved(std::string_view output)
         std::string_view options = blank == std::string_view::npos ? std::string_view() : trim(line.substr(blank));
         if (!counters)
             counters = takeTrailingCounters(options);
-        chainNamed(table, name).rules.push_back({std::string(options), parseRule(options, name), counters});
+        chainNamed(table, name).rules.push_back({std::string(options), parseRule(options, name), counters, noOrigin});
     }
     return table;
 }

@@ -1,4 +1,4 @@
-// The kernel's bridge filter table as `ebtables-save` prints it.
+// The bridge's filter table as a value: the kernel's as `ebtables-save` prints it, or one that is made of commands.
 #pragma once
 
 #include "ebtables/command.hpp"
@@ -18,16 +18,22 @@ struct Counters {
     bool operator==(const Counters&) const = default;
 };
 
+// A mark that whoever makes a table gives to its parts, to find out later what they are made of.
+using Origin = std::uint32_t;
+inline constexpr Origin noOrigin = 0;
+
 struct TableRule {
-    std::string text;                 // the options as printed, without chain and counters
+    std::string text;                 // the options as printed, without chain and counters; "" when not printed
     std::optional<Rule> rule;         // nothing when the rule has parts that moatkeeper does not use
     std::optional<Counters> counters; // nothing unless the output has them (-c)
+    Origin origin = noOrigin;
 };
 
 struct Chain {
     std::string name;
     std::string policy; // ACCEPT, DROP or RETURN
     std::vector<TableRule> rules;
+    Origin policyOrigin = noOrigin;
 };
 
 struct Table {
@@ -37,8 +43,11 @@ struct Table {
     Chain* find(std::string_view chain);
 };
 
+// What a kernel that has no table yet behaves like: INPUT, FORWARD and OUTPUT, empty, policy ACCEPT.
+Table emptyTable();
+
 // Reads the table "filter" out of the output of `ebtables-save` or `ebtables-save -c`. Lines that are none of its are
-// passed over; an empty output (a kernel that has no table yet) gives the three built-in chains with policy ACCEPT.
+// passed over; an empty output gives the empty table.
 Table parseSaved(std::string_view output);
 
 } // namespace ebtables

@@ -9,11 +9,11 @@ namespace moatctl
 
 enum class ExitStatus {
     Ok = 0,       // done; check found nothing
-    Warnings = 1, // check found warnings; status found something amiss
+    Warnings = 1, // check found warnings; status found something wrong
     BadInput = 2, // the command line, a file or a configuration has errors; nothing was changed
     Server = 3,   // the server cannot be reached, does not answer in time, has another schema or refused the request
-    Conflict = 4, // a row is missing, is there already, is in use, or others kept changing it; nothing was changed
-    Output = 5,   // the output could not be written
+    Conflict = 4, // a row is missing, exists already or is in use, or others kept changing it; nothing was changed
+    Output = 5,   // the output could not be written, or there was not enough memory
 };
 
 // Ends the program with one line on standard error and the status. The text has no line break.

@@ -1,4 +1,5 @@
-#include "moatctl/command_line/verb.hpp"
+#include "moatctl/command_line/run.hpp"
+#include "moatctl/verbs/all.hpp"
 #include "schema/tables.hpp"
 
 #include <cstdlib>
@@ -14,12 +15,10 @@ int main(int argc, char** argv)
         .in = std::cin,
         .out = std::cout,
         .err = std::cerr,
-        .outIsTerminal = outIsTerminal,
+        .verbs = moatctl::allVerbs(),
         .errIsTerminal = isatty(STDERR_FILENO) == 1,
         .colour = outIsTerminal && (noColour == nullptr || *noColour == '\0'),
         .server = {.socketPath = std::string(schema::defaultSocketPath)},
-        .action = {},
-        .edit = {},
     };
     return moatctl::run(argc, argv, program);
 }

@@ -12,21 +12,21 @@ namespace
 
 using enum ValueKind;
 
-constexpr Column idColumn{"Id", "ID", Id, true, "Number that names the row in its table"};
-constexpr Column enabledColumn{"Enabled", "ON", Switch, false, "Whether the row is in force", true, 1};
+constexpr Column idColumn{"Id", "ID", Id, true, "Number that identifies the row in its table"};
+constexpr Column enabledColumn{"Enabled", "ON", Switch, false, "Whether the row is enabled", true, 1};
 constexpr Column loggingColumn{"EnableLogging", "LOG", Switch, false, "Whether matching frames are logged"};
 
 constexpr std::array globalColumns{
-    Column{"GlobalInputPolicy", "INPUT", Target, false, "Fate of frames for the device that nothing else decides", true,
-           0, "ACCEPT"},
+    Column{"GlobalInputPolicy", "INPUT", Target, false, "What happens to frames for the device if nothing else decides",
+           true, 0, "ACCEPT"},
     Column{"GlobalForwardingPolicy", "FORWARD", Target, false,
-           "Fate of frames between two ports that nothing else decides", true, 0, "ACCEPT"},
+           "What happens to frames between two ports if nothing else decides", true, 0, "ACCEPT"},
 };
 constexpr std::array inputPolicyColumns{
     idColumn,
     enabledColumn,
     Column{"Interface", "IN", Interface, true, "Port that the frame arrives on"},
-    Column{"Policy", "TARGET", Target, true, "Fate of the frame"},
+    Column{"Policy", "TARGET", Target, true, "What happens to the frame"},
     loggingColumn,
 };
 constexpr std::array forwardingPolicyColumns{
@@ -34,36 +34,36 @@ constexpr std::array forwardingPolicyColumns{
     enabledColumn,
     Column{"InInterface", "IN", Interface, true, "Port that the frame arrives on"},
     Column{"OutInterface", "OUT", Interface, true, "Port that the frame leaves by"},
-    Column{"Policy", "TARGET", Target, true, "Fate of the frame"},
+    Column{"Policy", "TARGET", Target, true, "What happens to the frame"},
     loggingColumn,
 };
 constexpr std::array ruleColumns{
     idColumn,
     enabledColumn,
-    Column{"RulePrio", "PRIORITY", RulePriority, true, "Place among the rules, the smallest number first"},
+    Column{"RulePrio", "PRIORITY", RulePriority, true, "Place among the rules; the smallest number comes first"},
     Column{"InInterface", "IN", Interface, true, "Port that the frame arrives on"},
     Column{"OutInterface", "OUT", Interface, false,
-           "Port that the frame leaves by; without it the rule is about frames for the device itself"},
+           "Port that the frame leaves by; without it the rule applies to frames for the device itself"},
     Column{"DstMAC", "DST-MAC", Mac, false, "Destination MAC address"},
     Column{"SrcMAC", "SRC-MAC", Mac, false, "Source MAC address"},
-    Column{"VLANID", "VLAN", VlanId, false, "VLAN that the frame is tagged with; -1 for any frame", true, -1},
+    Column{"VLANID", "VLAN", VlanId, false, "VLAN in the frame's tag; -1 for any frame", true, -1},
     Column{"Ethertype", "ETHERTYPE", Ethertype, false,
-           "Protocol of the frame; with a VLAN the protocol behind the tag"},
+           "Protocol of the frame; with a VLAN, the protocol after the tag"},
     Column{"IPSrcAddr", "SRC", Network, false, "Source address or network"},
     Column{"IPDstAddr", "DST", Network, false, "Destination address or network"},
     Column{"IPProto", "PROTO", Protocol, false, "Protocol inside IP"},
     Column{"IPPort", "PORT", Port, false, "Destination port; 0 for any"},
-    Column{"Target", "TARGET", Target, true, "Fate of the frame"},
+    Column{"Target", "TARGET", Target, true, "What happens to the frame"},
     loggingColumn,
 };
 constexpr std::array filterColumns{
     idColumn,
     enabledColumn,
-    Column{"Prio", "PRIORITY", FilterPriority, true, "Place among the filters, the smallest number first"},
+    Column{"Prio", "PRIORITY", FilterPriority, true, "Place among the filters; the smallest number comes first"},
     Column{"InInterface", "PORT-A", Interface, true, "One of the two ports"},
     Column{"OutInterface", "PORT-B", Interface, true, "The other port"},
     Column{"MatchCriteria", "MATCH", Criteria, true, "What the filter's rules look at"},
-    Column{"Mode", "MODE", Mode, true, "Whether the filter's rules name what is kept out or what is let through"},
+    Column{"Mode", "MODE", Mode, true, "Whether the filter's rules say what is kept out or what may pass"},
 };
 constexpr std::array filterRuleColumns{
     idColumn,

@@ -46,7 +46,7 @@ std::string_view expectedValue(ValueKind kind)
     case ValueKind::VlanId:
         return "a VLAN id from 0 to 4094, or -1 for any frame";
     case ValueKind::Ethertype:
-        return "IPv4, IPv6, ARP, another name known to this machine, or a number such as 0x88cc";
+        return "IPv4, IPv6, ARP, another protocol name such as LLDP, or a number such as 0x88cc";
     case ValueKind::Network:
         return "an IPv4 or IPv6 address, or ADDRESS/PREFIX";
     case ValueKind::Protocol:

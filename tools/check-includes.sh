@@ -14,37 +14,40 @@ records              platform
 handler              records platform
 daemon               handler platform unistd.h
 
-ebtables             arpa/inet.h
+text
+subprocess           system
+ebtables             text arpa/inet.h
 ovsdb                platform system rapidjson
 nftables             ebtables system libmnl libnftnl
 schema               platform
 schema/server        schema ovsdb platform
 
 platform_linux       platform_linux/queue platform ebtables ovsdb nftables schema schema/server system
-platform_linux/queue platform_linux platform ebtables nftables schema system
+platform_linux/queue platform_linux platform ebtables nftables schema subprocess text system
 platform_fake        platform
 
-moatctl              moatctl/tables moatctl/command_line moatctl/verbs ebtables ovsdb schema platform system
-moatctl/tables       moatctl moatctl/command_line ovsdb schema schema/server platform
-moatctl/bridge       moatctl/tables ebtables ovsdb schema platform handler platform_fake
-moatctl/check        moatctl moatctl/bridge moatctl/tables ebtables schema platform
-moatctl/command_line moatctl moatctl/bridge moatctl/tables ebtables ovsdb schema schema/server platform system CLI
-moatctl/verbs        moatctl moatctl/command_line moatctl/check moatctl/bridge moatctl/tables ebtables ovsdb schema
-                     schema/server platform platform_linux/queue system
-moatctl/describe     moatctl/tables moatctl/command_line schema CLI
+moatctl              moatctl/command_line moatctl/verbs schema unistd.h
+moatctl/tables       moatctl ebtables ovsdb schema schema/server platform text system
+moatctl/bridge       moatctl/tables handler records ebtables subprocess text system
+moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
+moatctl/command_line moatctl moatctl/tables moatctl/bridge ebtables ovsdb schema schema/server platform text
+                     system CLI
+moatctl/verbs        moatctl moatctl/tables moatctl/bridge moatctl/check moatctl/command_line ebtables ovsdb schema schema/server
+                     platform unistd.h
+moatctl/describe     moatctl/tables moatctl/command_line moatctl/verbs schema CLI
 
 demo                 handler platform platform_fake schema
 bench                handler platform platform_fake platform_linux/queue system
 
 tests/unit           daemon handler records platform platform_fake platform_linux platform_linux/queue
-                     ebtables ovsdb nftables schema schema/server moatctl moatctl/tables moatctl/bridge moatctl/check
-                     moatctl/command_line tests/moatctl system gtest gmock
+                     ebtables ovsdb nftables schema schema/server subprocess text moatctl moatctl/tables moatctl/bridge
+                     moatctl/check moatctl/command_line tests/moatctl system gtest gmock
 tests/golden         handler platform_fake tests/random gtest
 tests/random         handler platform_fake gtest
 tests/process        platform platform_linux/queue ovsdb schema/server system gtest
-tests/system         platform platform_linux/queue ebtables nftables moatctl/tables moatctl/bridge moatctl/check
-                     moatctl/command_line tests/moatctl system gtest
-tests/moatctl        moatctl moatctl/tables moatctl/bridge platform_linux/queue system gtest
+tests/system         platform platform_linux/queue ebtables nftables subprocess moatctl/tables moatctl/bridge
+                     moatctl/check moatctl/command_line tests/moatctl system gtest
+tests/moatctl        moatctl/tables moatctl/bridge subprocess system gtest
 tests/fuzz           platform_linux/queue ebtables ovsdb nftables schema schema/server
 '
 

@@ -11,18 +11,18 @@ namespace
 {
 
 // The rules of a chain on both sides; either may be missing as a whole.
-void compareRules(const ModelChain* wanted, const ebtables::Chain* held, std::vector<Entry>& entries)
+void compareRules(const ebtables::Chain* wanted, const ebtables::Chain* held, std::vector<Entry>& entries)
 {
     // Equal rules find each other in their order.
     std::map<std::string, std::queue<std::size_t>> unmatched;
     for (std::size_t i = 0; wanted != nullptr && i < wanted->rules.size(); ++i)
-        unmatched[ebtables::toText(wanted->rules[i].rule)].push(i);
+        unmatched[ebtables::toText(*wanted->rules[i].rule)].push(i);
 
     std::vector<bool> found(wanted != nullptr ? wanted->rules.size() : 0);
     std::size_t next = 0; // place in the configuration that is not passed yet
     for (std::size_t i = 0; held != nullptr && i < held->rules.size(); ++i) {
         const ebtables::TableRule& rule = held->rules[i];
-        Entry entry{EntryState::Extra, held->name, i + 1, nullptr, rule.text, rule.counters};
+        Entry entry{EntryState::Extra, held->name, i + 1, ebtables::noOrigin, rule.text, rule.counters};
         const auto same = rule.rule ? unmatched.find(ebtables::toText(*rule.rule)) : unmatched.end();
         if (same != unmatched.end() && !same->second.empty()) {
             const std::size_t place = same->second.front();
@@ -40,17 +40,17 @@ void compareRules(const ModelChain* wanted, const ebtables::Chain* held, std::ve
                                wanted->name,
                                i + 1,
                                wanted->rules[i].origin,
-                               ebtables::toText(wanted->rules[i].rule),
+                               ebtables::toText(*wanted->rules[i].rule),
                                {}});
     }
 }
 
 } // namespace
 
-std::vector<Entry> compare(const BridgeModel& model, const ebtables::Table& kernel)
+std::vector<Entry> compare(const ebtables::Table& table, const ebtables::Table& kernel)
 {
     std::vector<Entry> entries;
-    for (const ModelChain& wanted : model.chains()) {
+    for (const ebtables::Chain& wanted : table.chains) {
         if (wanted.name == "OUTPUT")
             continue;
         const ebtables::Chain* held = kernel.find(wanted.name);
@@ -64,9 +64,9 @@ std::vector<Entry> compare(const BridgeModel& model, const ebtables::Table& kern
         compareRules(&wanted, held, entries);
     }
     for (const ebtables::Chain& held : kernel.chains) {
-        if (held.name == "OUTPUT" || model.find(held.name) != nullptr)
+        if (held.name == "OUTPUT" || table.find(held.name) != nullptr)
             continue;
-        entries.push_back({EntryState::Extra, held.name, 0, nullptr, "policy " + held.policy, {}});
+        entries.push_back({EntryState::Extra, held.name, 0, ebtables::noOrigin, "policy " + held.policy, {}});
         compareRules(nullptr, &held, entries);
     }
     return entries;

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "ebtables/table.hpp"
-#include "moatctl/bridge/model.hpp"
 
 #include <optional>
 #include <string>
@@ -23,12 +22,12 @@ struct Entry {
     EntryState state = EntryState::Same;
     std::string chain;
     std::size_t position = 0; // of a rule, from 1: in the kernel, for a missing one in the configuration; 0: the chain
-    const Row* origin = nullptr;
-    std::string text;                           // the rule's options, or "policy ACCEPT"
-    std::optional<ebtables::Counters> counters; // of a rule in the kernel, when they are known
+    ebtables::Origin origin = ebtables::noOrigin; // in the wanted table
+    std::string text;                             // the rule's options, or "policy ACCEPT"
+    std::optional<ebtables::Counters> counters;   // of a rule in the kernel, when they are known
 };
 
 // Chain by chain, each followed by its rules. OUTPUT, which is not the daemon's, is left out. Time: linear.
-std::vector<Entry> compare(const BridgeModel& model, const ebtables::Table& kernel);
+std::vector<Entry> compare(const ebtables::Table& wanted, const ebtables::Table& kernel);
 
 } // namespace moatctl

@@ -1,12 +1,13 @@
-// What the daemon makes of a configuration: the lines that it would queue, row by row, and what it would log.
-//
-// Found out by running the daemon's own handler over the rows, on a device in memory.
+// What the daemon makes of a configuration when it starts with it: the lines that it queues, row by row, the rows that
+// it cannot use, and the bridge's table after the lines.
 #pragma once
 
 #include "ebtables/line_parser.hpp"
-#include "moatctl/bridge/model.hpp"
+#include "ebtables/table.hpp"
 #include "moatctl/tables/configuration.hpp"
+#include "records/unusable.hpp"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,20 +21,17 @@ struct ExpectedLine {
     const Row* origin = nullptr; // null: the daemon's own chains
 };
 
-struct ExpectedMessage {
-    std::string label; // the daemon's source unit and message number
-    int number = 0;
-    std::string text;
-    const Row* origin = nullptr;
+struct UnusableRow {
+    const Row* row;
+    zol::moatkeeper::Unusable reason; // never Disabled: such a row is as it is meant to be
 };
 
 struct Expected {
-    std::vector<ExpectedLine> lines;       // of the first commit, in order
-    std::vector<ExpectedMessage> messages; // warnings and errors
-    std::vector<const Row*> used;          // rows that became a record, in the order in which they are applied
+    std::vector<ExpectedLine> lines; // of the first commit, in order
+    std::vector<UnusableRow> unusable;
+    std::vector<const Row*> used; // rows that became a record, in the order in which they are applied
 };
 
-// Threading: one thread at a time, because the device in memory is the process's.
 Expected expectedOf(const Configuration& configuration);
 
 // A line that would not be carried out, or not in full.
@@ -45,10 +43,17 @@ struct RefusedLine {
     std::optional<ebtables::Command> command; // and the command concerned
 };
 
-// The bridge table after the lines, and the lines that were refused.
+// The bridge's table after the lines, and the lines that were refused.
 struct Applied {
-    BridgeModel model;
+    ebtables::Table table = ebtables::emptyTable();
     std::vector<RefusedLine> refused;
+    std::vector<const Row*> rows; // by origin, from 1
+
+    // The row that a rule or policy is made of; null for the daemon's own, and for what nobody changed.
+    const Row* rowOf(ebtables::Origin origin) const
+    {
+        return origin == ebtables::noOrigin ? nullptr : rows[origin - 1];
+    }
 };
 Applied apply(const Expected& expected);
 

@@ -15,12 +15,14 @@ namespace moatctl
 namespace
 {
 
+using ebtables::Chain;
 using ebtables::Rule;
+using ebtables::TableRule;
 
 class Finder
 {
 public:
-    explicit Finder(const BridgeModel& model) : m_model(model) {}
+    explicit Finder(const ebtables::Table& table) : m_table(table) {}
 
     std::vector<Shadowed> find()
     {
@@ -30,11 +32,11 @@ public:
             m_index.clear();
             m_stack.clear();
             m_path.clear();
-            walkChain(*m_model.find(chain));
+            walkChain(*m_table.find(chain));
         }
         std::vector<Shadowed> result;
-        for (const ModelChain& chain : m_model.chains()) {
-            for (const ModelRule& rule : chain.rules) {
+        for (const Chain& chain : m_table.chains) {
+            for (const TableRule& rule : chain.rules) {
                 if (const auto found = m_found.find(&rule); found != m_found.end() && found->second)
                     result.push_back(*found->second);
             }
@@ -54,19 +56,21 @@ private:
         Conjunction path;
         std::vector<std::pair<std::size_t, std::size_t>> stack; // invocations and how many returns stood before
         bool onlyReturns = false;
-        const ModelRule* rule = nullptr;
-        const ModelChain* chain = nullptr;
+        const TableRule* rule = nullptr;
+        const Chain* chain = nullptr;
     };
 
-    void walkChain(const ModelChain& chain)
+    void walkChain(const Chain& chain)
     {
         constexpr std::size_t deepest = 16; // the kernel's limit
         if (m_stack.size() == deepest)
             return;
         m_stack.push_back(m_invocations.size());
         m_invocations.emplace_back();
-        for (const ModelRule& rule : chain.rules) {
-            m_path.push_back(&rule.rule);
+        for (const TableRule& rule : chain.rules) {
+            if (!rule.rule)
+                continue; // what it takes is unknown
+            m_path.push_back(&*rule.rule);
             visit(chain, rule);
             m_path.pop_back();
         }
@@ -76,7 +80,7 @@ private:
         m_stack.pop_back();
     }
 
-    void visit(const ModelChain& chain, const ModelRule& rule)
+    void visit(const Chain& chain, const TableRule& rule)
     {
         const Decider* by = findDecider();
         auto [place, isNew] = m_found.try_emplace(&rule);
@@ -88,23 +92,23 @@ private:
             return; // none of its frames comes here
         }
 
-        const std::string& target = rule.rule.target;
+        const std::string& target = rule.rule->target;
         if (target == "ACCEPT" || target == "DROP" || target == "RETURN") {
             addDecider(chain, &rule);
             if (target == "RETURN")
-                m_invocations[m_stack.back()].returns.push_back(&rule.rule);
-        } else if (const ModelChain* next = m_model.find(target); next != nullptr) {
+                m_invocations[m_stack.back()].returns.push_back(&*rule.rule);
+        } else if (const Chain* next = m_table.find(target); next != nullptr) {
             walkChain(*next);
         }
     }
 
-    void addDecider(const ModelChain& chain, const ModelRule* rule)
+    void addDecider(const Chain& chain, const TableRule* rule)
     {
         Decider decider;
         decider.path = m_path;
         for (const std::size_t invocation : m_stack)
             decider.stack.emplace_back(invocation, m_invocations[invocation].returns.size());
-        decider.onlyReturns = rule != nullptr && rule->rule.target == "RETURN" && m_stack.size() > 1;
+        decider.onlyReturns = rule != nullptr && rule->rule->target == "RETURN" && m_stack.size() > 1;
         decider.rule = rule;
         decider.chain = &chain;
         m_index.add(m_path, m_deciders.size());
@@ -143,21 +147,21 @@ private:
         });
     }
 
-    const BridgeModel& m_model;
+    const ebtables::Table& m_table;
     std::vector<Invocation> m_invocations;
     std::vector<Decider> m_deciders;
     CoverIndex m_index;               // of the deciders' paths
     std::vector<std::size_t> m_stack; // invocations on the way
     Conjunction m_path;               // the jumps on the way and the rule
     // Nothing: reached on some way.
-    std::unordered_map<const ModelRule*, std::optional<Shadowed>> m_found;
+    std::unordered_map<const TableRule*, std::optional<Shadowed>> m_found;
 };
 
 } // namespace
 
-std::vector<Shadowed> findShadowed(const BridgeModel& model)
+std::vector<Shadowed> findShadowed(const ebtables::Table& table)
 {
-    return Finder(model).find();
+    return Finder(table).find();
 }
 
 } // namespace moatctl

@@ -1,7 +1,7 @@
 // Rules that no frame reaches, because earlier ones take all their frames.
 #pragma once
 
-#include "moatctl/bridge/model.hpp"
+#include "ebtables/table.hpp"
 
 #include <cstddef>
 #include <vector>
@@ -10,16 +10,16 @@ namespace moatctl
 {
 
 struct Shadowed {
-    const ModelRule* rule = nullptr;
+    const ebtables::TableRule* rule = nullptr;
     // One that takes its frames, at least those of one way to the rule; null: the end of `byChain`.
-    const ModelRule* byRule = nullptr;
-    const ModelChain* byChain = nullptr;
+    const ebtables::TableRule* byRule = nullptr;
+    const ebtables::Chain* byChain = nullptr;
     bool same = false; // the two match the same frames
 };
 
 // Each of them is certainly never reached, on any way to it. Not all such rules are found: only those whose frames a
-// single earlier rule, or the end of a single earlier chain, takes. Addresses are the model's.
+// single earlier rule, or the end of a single earlier chain, takes. Addresses are the table's.
 // Time: linear in the rules for rules of a few forms, whatever their values.
-std::vector<Shadowed> findShadowed(const BridgeModel& model);
+std::vector<Shadowed> findShadowed(const ebtables::Table& table);
 
 } // namespace moatctl

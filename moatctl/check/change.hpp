@@ -11,7 +11,7 @@ namespace moatctl
 // in a file. That there is no row of global policies is a warning.
 //
 // Rows of `after` that have lines are from the file that it names; problems of the others have no file.
-// Threading and time: as for checkConfiguration, of both.
+// Time: as for checkConfiguration, of both.
 std::vector<Problem> checkChange(const Configuration& before, const Configuration& after,
                                  const CheckOptions& options = {});
 

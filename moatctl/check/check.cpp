@@ -1,26 +1,33 @@
 #include "moatctl/check/check.hpp"
 
 #include "moatctl/check/findings.hpp"
+#include "moatctl/check/row.hpp"
 
 #include <algorithm>
-#include <filesystem>
-#include <system_error>
 #include <tuple>
 #include <utility>
 
 namespace moatctl
 {
 
+void Findings::add(const Row& row, Problem problem)
+{
+    if (problem.severity == Severity::Error) {
+        m_wrongRows.insert(&row);
+        if (!m_wrongPlaces.emplace(&row, problem.column).second)
+            return;
+    }
+    m_problems.push_back(std::move(problem));
+}
+
 void Findings::error(const Row& row, std::string_view column, std::string text)
 {
-    m_wrongRows.insert(&row);
-    if (m_wrongPlaces.emplace(&row, column).second)
-        m_problems.push_back(problemAt(Severity::Error, m_configuration, row, column, std::move(text)));
+    add(row, problemAt(Severity::Error, m_configuration, row, column, std::move(text)));
 }
 
 void Findings::warning(const Row& row, std::string_view column, std::string text)
 {
-    m_problems.push_back(problemAt(Severity::Warning, m_configuration, row, column, std::move(text)));
+    add(row, problemAt(Severity::Warning, m_configuration, row, column, std::move(text)));
 }
 
 void Findings::add(Severity severity, TableId table, std::string text)
@@ -45,12 +52,6 @@ std::vector<Problem> Findings::take()
     return std::move(m_problems);
 }
 
-std::string nameOf(const Row& row)
-{
-    std::string name(row.table->name);
-    return row.table->hasIds() ? name + " Id " + std::to_string(row.id()) : name;
-}
-
 std::vector<Problem> checkConfiguration(const Configuration& configuration, const CheckOptions& options)
 {
     std::size_t done = 0;
@@ -59,30 +60,28 @@ std::vector<Problem> checkConfiguration(const Configuration& configuration, cons
         if (options.onProgress)
             options.onProgress(++done, steps);
     };
+    Findings findings(configuration);
+    for (const schema::Table& table : schema::allTables()) {
+        for (const Row& row : configuration.rows(table.id)) {
+            for (Problem& problem : checkRow(configuration, row))
+                findings.add(row, std::move(problem));
+        }
+    }
+    step();
     const Expected expected = expectedOf(configuration);
     step();
     const Applied applied = apply(expected);
     step();
-    Findings findings(configuration);
     findUnusable(expected, findings);
-    findOddValues(expected, options, findings);
-    step();
     findRefused(expected, applied, findings);
     step();
-    findFurtherValues(expected, findings);
+    findMissingInterfaces(expected, options, findings);
     step();
-    findUnreached(applied.model, findings);
+    findUnreached(applied, findings);
     step();
-    findCutOff(expected, applied.model, findings);
+    findCutOff(expected, applied, findings);
     step();
     return findings.take();
-}
-
-bool isInterfaceHere(const std::string& name)
-{
-    std::error_code ignored;
-    return !name.empty() && name.find('/') == std::string::npos && name != "." && name != ".." &&
-           std::filesystem::exists("/sys/class/net/" + name, ignored);
 }
 
 } // namespace moatctl

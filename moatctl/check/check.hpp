@@ -20,10 +20,9 @@ struct CheckOptions {
 };
 
 // Errors: the daemon would pass a row over, or the tool would refuse a line of it, were the row enabled. Without
-// errors, every line of the first commit is carried out. Warnings: the row works, but hardly as meant.
+// errors, every line of the first commit is carried out. Warnings: the row works, but probably not as intended.
 //
 // In the order of tables, Ids and columns. Time: grows little more than in proportion to the rows.
-// Threading: as for expectedOf.
 std::vector<Problem> checkConfiguration(const Configuration& configuration, const CheckOptions& options = {});
 
 // Whether this machine has an interface of that name.

@@ -1,6 +1,8 @@
+#include "moatctl/bridge/walk.hpp"
 #include "moatctl/check/findings.hpp"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -111,11 +113,31 @@ std::string nameOf(const Way& way)
     return way.out.empty() ? way.in : way.in + " to " + way.out;
 }
 
+// The table with the rules that `keep` wants, and without the chains that no rule leads to any more.
+ebtables::Table restricted(const ebtables::Table& table, const std::function<bool(const ebtables::Rule&)>& keep)
+{
+    ebtables::Table result = ebtables::emptyTable();
+    for (std::size_t i = 0; i < result.chains.size(); ++i) { // grows
+        const ebtables::Chain& whole = *table.find(result.chains[i].name);
+        ebtables::Chain kept{whole.name, whole.policy, {}, whole.policyOrigin};
+        for (const ebtables::TableRule& rule : whole.rules) {
+            if (!keep(*rule.rule))
+                continue;
+            kept.rules.push_back(rule);
+            const std::string& target = rule.rule->target;
+            if (!ebtables::isStandardTarget(target) && result.find(target) == nullptr)
+                result.chains.push_back({target, {}, {}, ebtables::noOrigin});
+        }
+        result.chains[i] = std::move(kept);
+    }
+    return result;
+}
+
 // Walks frames and collects those that are dropped. Its work has a limit, which keeps large configurations quick.
 class Examiner
 {
 public:
-    Examiner(const BridgeModel& model, Findings& findings) : m_model(model), m_findings(findings) {}
+    Examiner(const Applied& applied, Findings& findings) : m_applied(applied), m_findings(findings) {}
 
     // What follows is about this way. Ways in by the same port are to be entered one after the other.
     void enter(const Way& way)
@@ -124,16 +146,16 @@ public:
             return !match || (!port.empty() && matchesPort(*match, port));
         };
         if (!m_in || m_way.in != way.in)
-            m_in = m_model.restrictedTo([&](const ebtables::Rule& rule) { return fits(rule.in, way.in); });
-        m_here = m_in->restrictedTo([&](const ebtables::Rule& rule) { return fits(rule.out, way.out); });
+            m_in = restricted(m_applied.table, [&](const ebtables::Rule& rule) { return fits(rule.in, way.in); });
+        m_here = restricted(*m_in, [&](const ebtables::Rule& rule) { return fits(rule.out, way.out); });
         m_way = way;
         m_ruleCount = 0;
         m_openers.clear();
-        for (const ModelChain& chain : m_here.chains()) {
-            for (const ModelRule& rule : chain.rules) {
+        for (const ebtables::Chain& chain : m_here.chains) {
+            for (const ebtables::TableRule& rule : chain.rules) {
                 ++m_ruleCount;
-                if (rule.rule.target == "ACCEPT" || rule.rule.target == "RETURN")
-                    m_openers.push_back(&rule.rule);
+                if (rule.rule->target == "ACCEPT" || rule.rule->target == "RETURN")
+                    m_openers.push_back(&*rule.rule);
             }
         }
     }
@@ -196,14 +218,13 @@ private:
         frame.in = m_way.in;
         frame.out = m_way.out;
         const Walk walked = walk(m_here, frame);
-        const Step& last = walked.steps.back();
-        return {walked.fate, last.rule != nullptr ? last.rule->origin : last.chain->policyOrigin};
+        return {walked.fate, m_applied.rowOf(walked.steps.back().origin())};
     }
 
-    const BridgeModel& m_model;
+    const Applied& m_applied;
     Findings& m_findings;
-    std::optional<BridgeModel> m_in; // the rules about the port that the way leads in by
-    BridgeModel m_here;              // and of them those about the port that it leads out by
+    std::optional<ebtables::Table> m_in; // the rules about the port that the way leads in by
+    ebtables::Table m_here;              // and of them those about the port that it leads out by
     Way m_way;
     std::vector<const ebtables::Rule*> m_openers;
     std::size_t m_ruleCount = 0;
@@ -242,17 +263,17 @@ std::set<Way> waysIn(const Expected& expected)
 
 } // namespace
 
-void findCutOff(const Expected& expected, const BridgeModel& model, Findings& findings)
+void findCutOff(const Expected& expected, const Applied& applied, Findings& findings)
 {
-    Examiner examiner(model, findings);
+    Examiner examiner(applied, findings);
     for (const Way& way : waysIn(expected)) {
         examiner.enter(way);
         // Address resolution serves packets that may pass; a way that is closed to them does not need it.
         if (examiner.isOpen(ethertype::ip4))
-            examiner.examine(arpRequest(), "ARP", "IPv4 is let through but stations will not find each other");
+            examiner.examine(arpRequest(), "ARP", "IPv4 can pass, but stations cannot find each other");
         if (examiner.isOpen(ethertype::ip6))
             examiner.examine(neighbourSolicitation(), "neighbour discovery",
-                             "IPv6 is let through but stations will not find each other");
+                             "IPv6 can pass, but stations cannot find each other");
         if (!way.out.empty())
             continue;
         examiner.examine(spanningTree(), "spanning tree frames", "01:80:c2:00:00:00; loops may go unnoticed");

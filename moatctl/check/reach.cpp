@@ -11,36 +11,37 @@ namespace moatctl
 namespace
 {
 
-std::string whyUnreached(const Shadowed& shadowed)
+std::string whyUnreached(const Applied& applied, const Shadowed& shadowed)
 {
-    const ModelChain& chain = *shadowed.byChain;
+    const ebtables::Chain& chain = *shadowed.byChain;
     if (shadowed.byRule == nullptr) {
-        const std::string by = chain.policyOrigin != nullptr ? nameOf(*chain.policyOrigin) : "chain " + chain.name;
+        const Row* row = applied.rowOf(chain.policyOrigin);
+        const std::string by = row != nullptr ? nameOf(*row) : "chain " + chain.name;
         return "never reached: " + by + " lets none of its frames through";
     }
-    const std::string by =
-        shadowed.byRule->origin != nullptr ? nameOf(*shadowed.byRule->origin) : "a rule of chain " + chain.name;
+    const Row* row = applied.rowOf(shadowed.byRule->origin);
+    const std::string by = row != nullptr ? nameOf(*row) : "a rule of chain " + chain.name;
     if (!shadowed.same)
         return "never reached: " + by + " comes first and takes all its frames";
-    return shadowed.rule->rule.target == shadowed.byRule->rule.target
+    return shadowed.rule->rule->target == shadowed.byRule->rule->target
                ? "the same as " + by + ", which comes first: one of the two is enough"
                : "contradicts " + by + ", which comes first and takes the same frames";
 }
 
 } // namespace
 
-void findUnreached(const BridgeModel& model, Findings& findings)
+void findUnreached(const Applied& applied, Findings& findings)
 {
     // A filter has two jumps; it is out of reach when both are.
     std::map<const Row*, std::size_t> rulesOf;
-    for (const ModelChain& chain : model.chains()) {
-        for (const ModelRule& rule : chain.rules)
-            ++rulesOf[rule.origin];
+    for (const ebtables::Chain& chain : applied.table.chains) {
+        for (const ebtables::TableRule& rule : chain.rules)
+            ++rulesOf[applied.rowOf(rule.origin)];
     }
-    for (const Shadowed& shadowed : findShadowed(model)) {
-        const Row* row = shadowed.rule->origin;
+    for (const Shadowed& shadowed : findShadowed(applied.table)) {
+        const Row* row = applied.rowOf(shadowed.rule->origin);
         if (row != nullptr && --rulesOf[row] == 0)
-            findings.warning(*row, "", whyUnreached(shadowed));
+            findings.warning(*row, "", whyUnreached(applied, shadowed));
     }
 
     // Both work, one after the other, but hardly as meant.

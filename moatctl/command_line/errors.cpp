@@ -2,6 +2,8 @@
 
 #include "moatctl/tables/problem.hpp"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <iterator>
 #include <vector>
@@ -17,15 +19,6 @@ std::string oneLine(std::string text)
     while (!text.empty() && text.back() == '\n')
         text.pop_back();
     std::ranges::replace(text, '\n', ' ');
-    return text;
-}
-
-// "a, b or c"
-std::string alternatives(const std::vector<std::string>& words)
-{
-    std::string text;
-    for (std::size_t i = 0; i < words.size(); ++i)
-        text += (i == 0 ? "" : i + 1 == words.size() ? " or " : ", ") + words[i];
     return text;
 }
 
@@ -81,17 +74,6 @@ std::string missing(const CLI::App& verb, const CLI::App& root)
     return option != options.end() ? (*option)->get_name() + " is missing" : unexpectedWord(verb, root);
 }
 
-// "Could not convert: --timeout = x": only numbers are converted.
-std::string noNumber(const std::string& message)
-{
-    const std::size_t name = message.find(": ");
-    const std::size_t value = message.find(" = ");
-    if (name == std::string::npos || value == std::string::npos || value < name)
-        return message;
-    return message.substr(name + 2, value - name - 2) + ' ' + inQuotes(message.substr(value + 3)) +
-           ": expected a number";
-}
-
 } // namespace
 
 std::string describeError(const CLI::ParseError& error, const CLI::App& root)
@@ -107,8 +89,6 @@ std::string describeError(const CLI::ParseError& error, const CLI::App& root)
         text = missing(*verb, root);
     else if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)
         text = unexpectedWord(*verb, root);
-    else if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr)
-        text = noNumber(text);
     else if (const CLI::Option* option = optionIn(text, *verb, root); option != nullptr)
         text = dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr
                    ? wrongCount(*option)
@@ -116,15 +96,12 @@ std::string describeError(const CLI::ParseError& error, const CLI::App& root)
     return text + " (see " + path + " --help)";
 }
 
-CLI::Validator oneOf(std::initializer_list<const char*> words)
+std::string alternatives(const std::vector<std::string>& words)
 {
-    return CLI::Validator(
-        [accepted = std::vector<std::string>(words.begin(), words.end())](const std::string& word) {
-            return std::ranges::find(accepted, word) != accepted.end()
-                       ? std::string()
-                       : inQuotes(word) + ": expected " + alternatives(accepted);
-        },
-        "");
+    std::string text;
+    for (std::size_t i = 0; i < words.size(); ++i)
+        text += (i == 0 ? "" : i + 1 == words.size() ? " or " : ", ") + words[i];
+    return text;
 }
 
 } // namespace moatctl

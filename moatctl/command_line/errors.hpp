@@ -1,10 +1,14 @@
 // What is wrong with a command line, in one line: where, which word, what was expected.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
-#include <initializer_list>
 #include <string>
+#include <vector>
+
+namespace CLI
+{
+class App;
+class ParseError;
+} // namespace CLI
 
 namespace moatctl
 {
@@ -12,7 +16,7 @@ namespace moatctl
 // The error that the last parsing of `root` threw.
 std::string describeError(const CLI::ParseError& error, const CLI::App& root);
 
-// Accepts these words only.
-CLI::Validator oneOf(std::initializer_list<const char*> words);
+// "a, b or c"
+std::string alternatives(const std::vector<std::string>& words);
 
 } // namespace moatctl

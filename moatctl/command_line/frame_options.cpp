@@ -3,11 +3,11 @@
 #include "ebtables/operands.hpp"
 #include "moatctl/exit_status.hpp"
 #include "moatctl/tables/problem.hpp"
+#include "moatctl/tables/values.hpp"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
-#include <cctype>
 #include <cstdio>
 #include <string_view>
 
@@ -72,21 +72,17 @@ void setAddress(Frame& frame, std::string_view option, const std::string& word, 
         wrong(option, word, "one IPv4 or IPv6 address");
     const std::uint16_t type = frame.*ip4 ? ethertype::ip4 : ethertype::ip6;
     if (frame.type && *frame.type != type)
-        wrong(option, word, "an address of the same family as the other one and --ethertype: " + typeText(*frame.type));
+        wrong(option, word,
+              "an address of the same family as the other address and --ethertype, " + typeText(*frame.type));
     frame.type = type;
 }
 
-std::uint16_t number(std::string_view option, int value, int largest)
+std::uint16_t number(std::string_view option, const std::string& text, int largest)
 {
-    if (value < 0 || value > largest)
-        wrong(option, std::to_string(value), "a number from 0 to " + std::to_string(largest));
-    return static_cast<std::uint16_t>(value);
-}
-
-std::string lowerCase(std::string text)
-{
-    std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
+    const std::optional<std::int32_t> value = parseNumber(text);
+    if (!value || *value < 0 || *value > largest)
+        wrong(option, text, "a number from 0 to " + std::to_string(largest));
+    return static_cast<std::uint16_t>(*value);
 }
 
 std::string macText(const MacAddress& address)
@@ -107,24 +103,25 @@ std::string ipText(const std::array<std::uint8_t, N>& address)
 
 } // namespace
 
-void addFrameOptions(CLI::App& app, FrameOptions& options)
+void addFrameOptions(const Command& command, FrameOptions& options)
 {
-    app.add_option("--in", options.in, "Port that the frame comes in by")->type_name("PORT")->required();
-    app.add_option("--out", options.out, "Port that it is to leave by; without it the frame is for the device itself")
-        ->type_name("PORT");
-    app.add_option("--src-mac", options.sourceMac, "Its source MAC address")->type_name("MAC")->required();
-    app.add_option("--dst-mac", options.destinationMac, "Its destination MAC address")->type_name("MAC")->required();
-    app.add_option("--vlan", options.vlan, "Its tag; an untagged frame without it")->type_name("NUMBER");
-    app.add_option("--vlan-prio", options.vlanPriority, "The tag's priority, 0 without it")->type_name("NUMBER");
-    app.add_option("--ethertype", options.ethertype,
-                   "What it carries, behind a tag if there is one: IPv4, ARP, 0x88cc, LENGTH for an IEEE 802.3 frame")
-        ->type_name("TYPE");
-    app.add_option("--src", options.source, "IP source address")->type_name("IP");
-    app.add_option("--dst", options.destination, "IP destination address")->type_name("IP");
-    app.add_option("--proto", options.protocol, "IP protocol: tcp, udp, icmp or a number")->type_name("PROTO");
-    app.add_option("--port", options.port, "TCP or UDP destination port; needs --proto")->type_name("NUMBER");
-    app.add_option("--src-port", options.sourcePort, "TCP or UDP source port; needs --proto")->type_name("NUMBER");
-    app.add_flag("--fragment", options.fragment, "It is a later fragment of an IP packet: it has no ports");
+    command.option("--in", "PORT", "Port that the frame arrives on", options.in).required();
+    command.option("--out", "PORT", "Port that it leaves by; without it the frame is for the device itself",
+                   options.out);
+    command.option("--src-mac", "MAC", "Its source MAC address", options.sourceMac).required();
+    command.option("--dst-mac", "MAC", "Its destination MAC address", options.destinationMac).required();
+    command.option("--vlan", "NUMBER", "VLAN id of its tag; without it the frame is untagged", options.vlan);
+    command.option("--vlan-prio", "NUMBER", "Priority in its tag (default 0)", options.vlanPriority);
+    command.option(
+        "--ethertype", "TYPE",
+        "What it carries, after the tag if there is one: IPv4, ARP, 0x88cc, or LENGTH for an IEEE 802.3 frame",
+        options.ethertype);
+    command.option("--src", "IP", "IP source address", options.source);
+    command.option("--dst", "IP", "IP destination address", options.destination);
+    command.option("--proto", "PROTO", "IP protocol: tcp, udp, icmp or a number", options.protocol);
+    command.option("--port", "NUMBER", "TCP or UDP destination port; needs --proto", options.port);
+    command.option("--src-port", "NUMBER", "TCP or UDP source port; needs --proto", options.sourcePort);
+    command.flag("--fragment", "It is a later fragment of an IP packet, which has no ports", options.fragment);
 }
 
 Frame frameOf(const FrameOptions& options)
@@ -136,21 +133,22 @@ Frame frameOf(const FrameOptions& options)
     frame.source = macAddress("--src-mac", options.sourceMac);
     frame.destination = macAddress("--dst-mac", options.destinationMac);
     if ((frame.source[0] & 1U) != 0 || frame.source == MacAddress{})
-        wrong("--src-mac", options.sourceMac, "a station's address: the bridge drops such a frame before any chain");
+        wrong("--src-mac", options.sourceMac,
+              "the address of a station: the bridge drops frames from others before any chain");
 
-    if (options.vlan)
-        frame.vlan = VlanTag{number("--vlan", *options.vlan, 4095), 0};
-    if (options.vlanPriority) {
+    if (!options.vlan.empty())
+        frame.vlan = VlanTag{number("--vlan", options.vlan, 4095), 0};
+    if (!options.vlanPriority.empty()) {
         if (!frame.vlan)
-            throw Failure(ExitStatus::BadInput, "--vlan-prio: expected --vlan with it");
-        frame.vlan->priority = static_cast<std::uint8_t>(number("--vlan-prio", *options.vlanPriority, 7));
+            throw Failure(ExitStatus::BadInput, "--vlan-prio: expected --vlan to go with it");
+        frame.vlan->priority = static_cast<std::uint8_t>(number("--vlan-prio", options.vlanPriority, 7));
     }
     if (!options.ethertype.empty()) {
         const std::optional<ebtables::EthertypeMatch> type = ebtables::parseEthertype(options.ethertype);
         if (!type)
             wrong("--ethertype", options.ethertype, "IPv4, IPv6, ARP, another name, 0x600 to 0xffff, or LENGTH");
         if (!type->lengthField && type->number == ethertype::vlan && !frame.vlan)
-            wrong("--ethertype", options.ethertype, "the type behind the tag, and the tag with --vlan");
+            wrong("--ethertype", options.ethertype, "the type after the tag, and --vlan for the tag");
         constexpr std::uint16_t someLength = 0x40;
         frame.type = type->lengthField ? someLength : type->number;
     }
@@ -164,21 +162,22 @@ Frame frameOf(const FrameOptions& options)
     }
     for (const auto& [option, port] :
          {std::pair("--port", options.port), std::pair("--src-port", options.sourcePort)}) {
-        if (port && !frame.protocol)
-            wrong(option, std::to_string(*port), "--proto tcp or udp with it");
+        if (!port.empty() && !frame.protocol)
+            wrong(option, port, "--proto tcp or udp to go with it");
     }
-    if (options.port)
-        frame.destinationPort = number("--port", *options.port, 65535);
-    if (options.sourcePort)
-        frame.sourcePort = number("--src-port", *options.sourcePort, 65535);
+    if (!options.port.empty())
+        frame.destinationPort = number("--port", options.port, 65535);
+    if (!options.sourcePort.empty())
+        frame.sourcePort = number("--src-port", options.sourcePort, 65535);
     frame.laterFragment = options.fragment;
     return frame;
 }
 
 std::string toText(const Frame& frame)
 {
-    std::string text = "in by " + frame.in + (frame.out.empty() ? ", for the device itself" : ", out by " + frame.out) +
-                       ", from " + macText(frame.source) + " to " + macText(frame.destination);
+    std::string text = "arriving on " + frame.in +
+                       (frame.out.empty() ? ", for the device itself" : ", leaving by " + frame.out) + ", from " +
+                       macText(frame.source) + " to " + macText(frame.destination);
     if (frame.vlan)
         text += ", VLAN " + std::to_string(frame.vlan->id) + " priority " + std::to_string(frame.vlan->priority);
     if (frame.type)

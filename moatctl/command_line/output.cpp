@@ -1,13 +1,10 @@
 #include "moatctl/command_line/output.hpp"
 
-#include "moatctl/command_line/errors.hpp"
-
 #include "moatctl/tables/configuration.hpp"
 #include "ovsdb/json.hpp"
+#include "text/one_line.hpp"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <map>
 #include <ostream>
 
@@ -17,26 +14,6 @@ namespace moatctl
 namespace
 {
 
-// Control characters would be obeyed by a terminal.
-std::string visible(std::string text)
-{
-    const auto isControl = [](unsigned char byte) { return byte < ' ' || byte == 0x7f; };
-    if (std::ranges::none_of(text, isControl))
-        return text;
-    std::string result;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (!isControl(byte)) {
-            result += character;
-            continue;
-        }
-        std::array<char, 8> code{};
-        std::snprintf(code.data(), code.size(), "\\x%02x", static_cast<unsigned>(byte));
-        result += code.data();
-    }
-    return result;
-}
-
 std::string textOf(const Cell& cell)
 {
     if (const auto* value = std::get_if<tessera::Value>(&cell))
@@ -45,20 +22,13 @@ std::string textOf(const Cell& cell)
     return number != nullptr ? std::to_string(*number) : std::string();
 }
 
-// Characters of UTF-8 text, not bytes.
-std::size_t width(std::string_view text)
-{
-    return static_cast<std::size_t>(
-        std::ranges::count_if(text, [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0U) != 0x80U; }));
-}
-
 void writeLine(std::ostream& out, const std::vector<std::string>& cells, const std::vector<std::size_t>& widths)
 {
     std::string line;
     for (std::size_t i = 0; i < cells.size(); ++i) {
         line += cells[i];
         if (i + 1 < cells.size())
-            line.append(widths[i] - width(cells[i]) + 2, ' ');
+            line.append(widths[i] - cells[i].size() + 2, ' ');
     }
     out << line << '\n';
 }
@@ -70,7 +40,7 @@ void writeTable(std::ostream& out, const Sheet& sheet, bool headings, bool colou
     std::vector<std::size_t> widths(sheet.headings.size(), 0);
     const auto measure = [&widths](const std::vector<std::string>& cells) {
         for (std::size_t i = 0; i < cells.size(); ++i)
-            widths[i] = std::max(widths[i], width(cells[i]));
+            widths[i] = std::max(widths[i], cells[i].size());
     };
     if (headings)
         measure(sheet.headings);
@@ -78,7 +48,7 @@ void writeTable(std::ostream& out, const Sheet& sheet, bool headings, bool colou
         std::vector<std::string>& cells = lines.emplace_back();
         cells.reserve(row.size());
         for (const Cell& cell : row)
-            cells.push_back(visible(textOf(cell)));
+            cells.push_back(text::oneLine(textOf(cell), std::string::npos));
         measure(cells);
     }
     if (headings) {
@@ -136,17 +106,16 @@ void writeJson(std::ostream& out, const std::vector<Sheet>& sheets)
 
 } // namespace
 
-void addOutputOptions(CLI::App& app, OutputStyle& style)
+void addOutputOptions(const Command& command, OutputStyle& style)
 {
     static const std::map<std::string, Format> formats{
         {"table", Format::Table}, {"json", Format::Json}, {"csv", Format::Csv}};
-    app.add_option_function<std::string>(
-           "--format", [&style](const std::string& name) { style.format = formats.at(name); }, "Form of the output")
-        ->check(oneOf({"table", "json", "csv"}))
-        ->type_name("table|json|csv")
-        ->default_str("table");
-    app.add_flag_function(
-        "--no-headings", [&style](std::int64_t) { style.headings = false; }, "Leave out titles and headings");
+    command
+        .option("--format", "table|json|csv", "Form of the output",
+                [&style](const std::string& name) { style.format = formats.at(name); })
+        .oneOf({"table", "json", "csv"})
+        .defaultsTo("table");
+    command.flag("--no-headings", "Leave out titles and headings", style.noHeadings);
 }
 
 void writeSheets(std::ostream& out, const std::vector<Sheet>& sheets, const OutputStyle& style, bool colour)
@@ -156,15 +125,15 @@ void writeSheets(std::ostream& out, const std::vector<Sheet>& sheets, const Outp
         return;
     }
     for (const Sheet& sheet : sheets) {
-        if (&sheet != &sheets.front() && style.headings)
+        if (&sheet != &sheets.front() && !style.noHeadings)
             out << (style.format == Format::Csv ? "\r\n" : "\n");
         if (style.format == Format::Csv) {
-            writeCsv(out, sheet, style.headings, sheets.size() > 1);
+            writeCsv(out, sheet, !style.noHeadings, sheets.size() > 1);
             continue;
         }
-        if (style.headings && sheets.size() > 1)
+        if (!style.noHeadings && sheets.size() > 1)
             out << (colour ? "\033[1m" : "") << sheet.title << (colour ? "\033[0m" : "") << '\n';
-        writeTable(out, sheet, style.headings, colour);
+        writeTable(out, sheet, !style.noHeadings, colour);
     }
 }
 

@@ -1,9 +1,8 @@
 // Writes rows as a table for people, as JSON or as CSV.
 #pragma once
 
+#include "moatctl/command_line/options.hpp"
 #include "platform/value_list.hpp"
-
-#include <CLI/CLI.hpp>
 
 #include <cstdint>
 #include <iosfwd>
@@ -19,11 +18,11 @@ enum class Format { Table, Json, Csv };
 
 struct OutputStyle {
     Format format = Format::Table;
-    bool headings = true;
+    bool noHeadings = false;
 };
 
 // --format and --no-headings; the style must outlive the parsing.
-void addOutputOptions(CLI::App& app, OutputStyle& style);
+void addOutputOptions(const Command& command, OutputStyle& style);
 
 // A value of the configuration, a larger number, or nothing (null in JSON, else empty).
 using Cell = std::variant<std::monostate, tessera::Value, std::uint64_t>;
@@ -35,9 +34,10 @@ struct Sheet {
     std::vector<std::vector<Cell>> rows; // as many cells as headings
 };
 
-// Table: a title when there are several sheets, headings, aligned columns; bytes that a terminal would obey are made
-// visible. JSON: one object, a list of objects per sheet. CSV (RFC 4180): headings and rows; when there are several
-// sheets, each row begins with the sheet's name and an empty line stands between the sheets.
+// Table: a title when there are several sheets, headings, aligned columns; what is not printable ASCII is
+// written as \\xNN, so that a terminal obeys none of it. JSON: one object, a list of objects per sheet. CSV (RFC 4180):
+// headings and rows; when there are several sheets, each row begins with the sheet's name and an empty line stands
+// between the sheets.
 void writeSheets(std::ostream& out, const std::vector<Sheet>& sheets, const OutputStyle& style, bool colour);
 
 // A CSV field: quoted when it has to be.

@@ -36,7 +36,7 @@ SplitLine splitLine(std::string_view line)
         }
     }
     if (quote != '\0')
-        result.error = std::string("a quotation mark ") + quote + " without its end";
+        result.error = std::string("missing closing quotation mark ") + quote;
     if (inWord)
         result.words.push_back(std::move(word));
     return result;

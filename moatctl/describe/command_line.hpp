@@ -1,10 +1,14 @@
 // The command line of moatctl as text for other programs, made from the same definitions that parse it.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <iosfwd>
-#include <string>
+#include <vector>
+
+namespace CLI
+{
+class App;
+class Option;
+} // namespace CLI
 
 namespace moatctl
 {

@@ -2,6 +2,8 @@
 
 #include "moatctl/tables/table_names.hpp"
 
+#include <CLI/CLI.hpp>
+
 #include <ostream>
 
 namespace moatctl

@@ -1,5 +1,7 @@
 #include "moatctl/describe/command_line.hpp"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <istream>
 #include <ostream>

@@ -81,6 +81,12 @@ std::int32_t Configuration::nextId(TableId table) const
     return candidate;
 }
 
+std::string nameOf(const Row& row)
+{
+    std::string name(row.table->name);
+    return row.table->hasIds() ? name + " Id " + std::to_string(row.id()) : name;
+}
+
 std::string toText(const tessera::Value& value)
 {
     return value.isText() ? value.getText() : std::to_string(value.getInteger());

@@ -64,6 +64,9 @@ private:
     std::array<std::vector<Row>, schema::tableCount> m_tables;
 };
 
+// The row in words: "MoatKeeperRuleset Id 5".
+std::string nameOf(const Row& row);
+
 // A value as text, as it stands in the table.
 std::string toText(const tessera::Value& value);
 

@@ -1,11 +1,11 @@
 #include "moatctl/tables/edit.hpp"
 
+#include "moatctl/exit_status.hpp"
 #include "moatctl/tables/difference.hpp"
-#include "moatctl/tables/load.hpp"
 #include "moatctl/tables/problem.hpp"
+#include "moatctl/tables/server.hpp"
+#include "ovsdb/client.hpp"
 #include "schema/server/database.hpp"
-
-#include <ostream>
 
 namespace moatctl
 {
@@ -87,9 +87,8 @@ bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
 
 } // namespace
 
-ExitStatus applyEdit(Program& program, const std::function<void(Editor&)>& edit)
+std::vector<std::string> applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit)
 {
-    ovsdb::Client client = program.connect();
     for (int attempt = 0; attempt < attemptLimit; ++attempt) {
         const Configuration before = loadFromServer(client);
         Editor editor(before);
@@ -103,12 +102,11 @@ ExitStatus applyEdit(Program& program, const std::function<void(Editor&)>& edit)
             if (!result.committed())
                 refuse(plan, result);
         }
-        for (const std::string& line : editor.reports())
-            program.out << line << '\n';
-        return ExitStatus::Ok;
+        return editor.reports();
     }
-    throw Failure(ExitStatus::Conflict, "others changed the same rows again and again (" +
-                                            std::to_string(attemptLimit) + " attempts); nothing was changed");
+    throw Failure(ExitStatus::Conflict,
+                  "gave up after " + std::to_string(attemptLimit) +
+                      " attempts because other clients kept changing the same rows; nothing was changed");
 }
 
 } // namespace moatctl

@@ -2,7 +2,6 @@
 // longer what the copy says, and then made again on a fresh copy.
 #pragma once
 
-#include "moatctl/command_line/verb.hpp"
 #include "moatctl/tables/configuration.hpp"
 
 #include <functional>
@@ -11,6 +10,11 @@
 #include <utility>
 #include <vector>
 
+namespace ovsdb
+{
+class Client;
+}
+
 namespace moatctl
 {
 
@@ -18,8 +22,10 @@ namespace moatctl
 class Editor
 {
 public:
-    explicit Editor(Configuration state) : configuration(std::move(state)) {}
+    // The state must outlive the editor.
+    explicit Editor(const Configuration& state) : before(state), configuration(state) {}
 
+    const Configuration& before;
     Configuration configuration;
 
     // The change is right only as long as this row, if it is there, has the values it has now. Rows that are
@@ -27,7 +33,7 @@ public:
     void reliesOn(TableId table, std::int32_t id) { m_reliedOn.emplace(table, id); }
     const std::set<std::pair<TableId, std::int32_t>>& reliedOn() const { return m_reliedOn; }
 
-    // A line for standard output once the change is done.
+    // A line for the operator once the change is done.
     void report(std::string line) { m_reports.push_back(std::move(line)); }
     const std::vector<std::string>& reports() const { return m_reports; }
 
@@ -37,9 +43,9 @@ private:
 };
 
 // Reads, edits, writes; at most attemptLimit times, as long as others come in between. Does nothing when the edit
-// changes nothing. Throws what the edit throws, Failure(Conflict) when it never got through, Failure(BadInput) when
-// the server refuses a value, and the errors of ovsdb::Client.
+// changes nothing. Returns what the edit that held reports. Throws what the edit throws, Failure(Conflict) when it
+// never got through, Failure(BadInput) when the server refuses a value, and the errors of ovsdb::Client.
 inline constexpr int attemptLimit = 50;
-ExitStatus applyEdit(Program& program, const std::function<void(Editor&)>& edit);
+std::vector<std::string> applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit);
 
 } // namespace moatctl

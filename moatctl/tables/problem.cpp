@@ -1,18 +1,9 @@
 #include "moatctl/tables/problem.hpp"
 
-#include <array>
-#include <cstdio>
 #include <ostream>
 
 namespace moatctl
 {
-
-namespace
-{
-
-constexpr std::size_t longestQuote = 80;
-
-} // namespace
 
 Problem problemAt(Severity severity, const Configuration& configuration, const Row& row, std::string_view column,
                   std::string text)
@@ -56,22 +47,6 @@ std::size_t writeProblems(std::ostream& out, const std::vector<Problem>& problem
     }
     out << lines;
     return errors;
-}
-
-std::string inQuotes(std::string_view text)
-{
-    std::string result = "\"";
-    for (const char character : text.substr(0, longestQuote)) {
-        if (character >= ' ' && character <= '~') {
-            result += character;
-        } else {
-            std::array<char, 8> code{};
-            std::snprintf(code.data(), code.size(), "\\x%02x",
-                          static_cast<unsigned>(static_cast<unsigned char>(character)));
-            result += code.data();
-        }
-    }
-    return result + (text.size() > longestQuote ? "\"..." : "\"");
 }
 
 std::string inQuotes(const tessera::Value& value)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "moatctl/tables/configuration.hpp"
+#include "text/one_line.hpp"
 
 #include <cstdint>
 #include <iosfwd>
@@ -35,8 +36,8 @@ std::string toText(const Problem& problem);
 // One line each. Returns the number of errors among them.
 std::size_t writeProblems(std::ostream& out, const std::vector<Problem>& problems);
 
-// The value for a message: quoted when it is a text, bytes outside printable ASCII made visible, cut when long.
+// The value for a message; quoted when it is a text.
+using text::inQuotes;
 std::string inQuotes(const tessera::Value& value);
-std::string inQuotes(std::string_view text);
 
 } // namespace moatctl

@@ -1,5 +1,6 @@
 #include "moatctl/tables/rule_order.hpp"
 
+#include "moatctl/exit_status.hpp"
 #include "moatctl/tables/kernel_order.hpp"
 
 #include <algorithm>
@@ -46,7 +47,7 @@ void placeBeside(Editor& editor, Row& row, std::int32_t anchorId, bool before)
     Configuration& configuration = editor.configuration;
     const std::int32_t id = row.id();
     if (id == anchorId)
-        throw Failure(ExitStatus::BadInput, "rule " + std::to_string(id) + " cannot stand beside itself");
+        throw Failure(ExitStatus::BadInput, "rule " + std::to_string(id) + " cannot be moved next to itself");
     if (configuration.find(TableId::Rules, anchorId) == nullptr)
         throw Failure(ExitStatus::Conflict, "there is no rule " + std::to_string(anchorId));
 
@@ -77,7 +78,7 @@ void placeBeside(Editor& editor, Row& row, std::int32_t anchorId, bool before)
             configuration.find(TableId::Rules, (*place)->id())->set("RulePrio", static_cast<std::int32_t>(last));
         }
         if (last > largest || (place != order.end() && priorityOf(*place) <= last))
-            throw Failure(ExitStatus::Conflict, "no larger priority is left behind rule " + std::to_string(anchorId));
+            throw Failure(ExitStatus::Conflict, "there is no free priority after rule " + std::to_string(anchorId));
     }
     row.set("RulePrio", static_cast<std::int32_t>(*priority));
 }

@@ -6,19 +6,22 @@
 namespace moatctl
 {
 
-void addCheck(CLI::App& root, Program& program);
-void addExplain(CLI::App& root, Program& program);
-void addStatus(CLI::App& root, Program& program);
-void addShow(CLI::App& root, Program& program);
-void addRule(CLI::App& root, Program& program);
-void addPolicy(CLI::App& root, Program& program);
-void addForwardPolicy(CLI::App& root, Program& program);
-void addFilter(CLI::App& root, Program& program);
-void addFilterRule(CLI::App& root, Program& program);
-void addGlobal(CLI::App& root, Program& program);
-void addBatch(CLI::App& root, Program& program);
-void addExport(CLI::App& root, Program& program);
-void addImport(CLI::App& root, Program& program);
-void addMonitor(CLI::App& root, Program& program);
+// In the order of the help.
+std::span<const Verb> allVerbs();
+
+void addCheck(const Command& root, Program& program);
+void addExplain(const Command& root, Program& program);
+void addStatus(const Command& root, Program& program);
+void addShow(const Command& root, Program& program);
+void addRule(const Command& root, Program& program);
+void addPolicy(const Command& root, Program& program);
+void addForwardPolicy(const Command& root, Program& program);
+void addFilter(const Command& root, Program& program);
+void addFilterRule(const Command& root, Program& program);
+void addGlobal(const Command& root, Program& program);
+void addBatch(const Command& root, Program& program);
+void addExport(const Command& root, Program& program);
+void addImport(const Command& root, Program& program);
+void addMonitor(const Command& root, Program& program);
 
 } // namespace moatctl

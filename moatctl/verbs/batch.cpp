@@ -1,10 +1,10 @@
+#include "moatctl/command_line/parser.hpp"
+#include "moatctl/command_line/run.hpp"
 #include "moatctl/command_line/split_line.hpp"
 
-#include "moatctl/command_line/errors.hpp"
-
 #include "moatctl/tables/edit.hpp"
-#include "moatctl/tables/load.hpp"
 #include "moatctl/tables/problem.hpp"
+#include "moatctl/tables/read_text.hpp"
 #include "moatctl/verbs/all.hpp"
 
 #include <algorithm>
@@ -33,7 +33,7 @@ class Batch
 public:
     Batch(Program& program, const std::string& path) : m_program(program), m_name(nameOf(path))
     {
-        parse(readText(program, path));
+        parse(readText(program.in, path));
     }
 
     void apply(Editor& editor)
@@ -61,22 +61,21 @@ private:
     void parse(const std::string& text)
     {
         // The same verbs as on the command line, but only those that change rows.
-        Program inner{.in = m_program.in, .out = m_program.out, .err = m_program.err, .action = {}, .edit = {}};
-        CLI::App root("", "");
-        describeCommandLine(root, inner, true);
+        Program inner{.in = m_program.in, .out = m_program.out, .err = m_program.err, .verbs = m_program.verbs};
+        Parser parser(inner, Parser::OnlyChanges{});
         std::size_t number = 0;
         for (std::size_t begin = 0; begin < text.size(); ++number) {
             const std::size_t end = std::min(text.find('\n', begin), text.size());
-            parseLine(root, inner, std::string_view(text).substr(begin, end - begin), number + 1);
+            parseLine(parser, inner, std::string_view(text).substr(begin, end - begin), number + 1);
             begin = end + 1;
         }
     }
 
-    void parseLine(CLI::App& root, Program& inner, std::string_view line, std::size_t number)
+    void parseLine(Parser& parser, Program& inner, std::string_view line, std::size_t number)
     {
         const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r'; };
         if (const auto control = std::ranges::find_if(line, isControl); control != line.end())
-            throw Failure(ExitStatus::BadInput, m_name + ':' + std::to_string(number) + ": no text, found " +
+            throw Failure(ExitStatus::BadInput, m_name + ':' + std::to_string(number) + ": not a text: found " +
                                                     inQuotes(std::string_view(&*control, 1)) + "; nothing was changed");
         SplitLine split = splitLine(line);
         if (!split.error.empty()) {
@@ -87,17 +86,13 @@ private:
             return;
         inner.edit = {};
         try {
-            std::ranges::reverse(split.words);
-            root.parse(split.words);
-            if (inner.edit)
+            if (!parser.parse(std::move(split.words)).empty())
+                m_wrongLines.push_back({number, ExitStatus::BadInput, "--help cannot be used in a batch"});
+            else if (inner.edit)
                 m_steps.push_back({number, inner.edit});
             else
                 m_wrongLines.push_back(
                     {number, ExitStatus::BadInput, "changes nothing: expected a verb that changes rows"});
-        } catch (const CLI::Success&) {
-            m_wrongLines.push_back({number, ExitStatus::BadInput, "--help has no place in a batch"});
-        } catch (const CLI::ParseError& error) {
-            m_wrongLines.push_back({number, ExitStatus::BadInput, describeError(error, root)});
         } catch (const Failure& failure) {
             m_wrongLines.push_back({number, failure.status(), failure.what()});
         }
@@ -124,18 +119,19 @@ private:
 
 } // namespace
 
-void addBatch(CLI::App& root, Program& program)
+void addBatch(const Command& root, Program& program)
 {
     auto file = std::make_shared<std::string>("-");
-    CLI::App* app = addSubcommand(root, "batch", "Make several changes at once: a verb a line, all of them or none",
-                                  "batch changes.txt");
-    app->add_option("FILE", *file, "Lines such as: rule add --in eth0 --drop # comment; - is standard input")
-        ->capture_default_str();
-    app->callback([&program, file] {
+    const Command command =
+        root.add("batch", "Make several changes at once, one verb a line: all of them or none", "batch changes.txt");
+    command
+        .option("FILE", "", "File with lines such as: rule add --in eth0 --drop # comment; - for standard input", *file)
+        .defaultsTo("-");
+    command.onGiven([&program, file] {
         program.action = [&program, file] {
             Batch batch(program, *file);
             try {
-                return applyEdit(program, [&batch](Editor& editor) { batch.apply(editor); });
+                return carryOut(program, [&batch](Editor& editor) { batch.apply(editor); });
             } catch (const ovsdb::Error& error) {
                 batch.stopAtWrongLines(error);
                 throw;

@@ -1,7 +1,9 @@
 #include "moatctl/check/check.hpp"
 
 #include "moatctl/command_line/output.hpp"
-#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/file.hpp"
+#include "moatctl/tables/read_text.hpp"
+#include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 
 #include <algorithm>
@@ -40,7 +42,7 @@ ExitStatus check(Program& program, const Options& options)
         ovsdb::Client client = program.connect();
         loaded.configuration = loadFromServer(client);
     } else {
-        loaded = parseConfiguration(readText(program, options.path), nameOf(options.path));
+        loaded = parseConfiguration(readText(program.in, options.path), nameOf(options.path));
     }
 
     CheckOptions checkOptions;
@@ -73,18 +75,19 @@ ExitStatus check(Program& program, const Options& options)
 
 } // namespace
 
-void addCheck(CLI::App& root, Program& program)
+void addCheck(const Command& root, Program& program)
 {
     auto options = std::make_shared<Options>();
-    CLI::App* app = addSubcommand(root, "check", "Find what is wrong with a configuration before it takes effect",
-                                  "check rules.json");
-    app->add_option("FILE", options->path,
-                    "A file as export writes it, - for standard input; the server's "
-                    "configuration when left out");
-    app->add_flag("--elsewhere", options->elsewhere,
-                  "The configuration is for another device: do not look for its interfaces on this machine");
-    addOutputOptions(*app, options->style);
-    app->callback([&program, options] { program.action = [&program, options] { return check(program, *options); }; });
+    const Command command =
+        root.add("check", "Find what is wrong with a configuration before it takes effect", "check rules.json");
+    command.option("FILE", "",
+                   "File to check, as export writes it; - for standard input (default: the server's configuration)",
+                   options->path);
+    command.flag("--elsewhere",
+                 "The configuration is for another device: do not look for its interfaces on this machine",
+                 options->elsewhere);
+    addOutputOptions(command, options->style);
+    command.onGiven([&program, options] { program.action = [&program, options] { return check(program, *options); }; });
 }
 
 } // namespace moatctl

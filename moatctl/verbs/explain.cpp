@@ -1,8 +1,10 @@
 #include "moatctl/bridge/expected.hpp"
-#include "moatctl/command_line/errors.hpp"
+#include "moatctl/bridge/walk.hpp"
 #include "moatctl/command_line/frame_options.hpp"
 #include "moatctl/command_line/output.hpp"
-#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/file.hpp"
+#include "moatctl/tables/read_text.hpp"
+#include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "ovsdb/json.hpp"
 
@@ -23,23 +25,15 @@ struct Options {
     bool json = false;
 };
 
-const Row* originOf(const Step& step)
-{
-    return step.rule != nullptr ? step.rule->origin : step.chain->policyOrigin;
-}
-
 // The rule, or the policy at the end of the chain, as the tool writes it.
 std::string textOf(const Step& step)
 {
-    return step.rule != nullptr ? ebtables::toText(step.rule->rule) : "policy " + step.chain->policy;
+    return step.rule != nullptr ? ebtables::toText(*step.rule->rule) : "policy " + step.chain->policy;
 }
 
 std::string nameOfOrigin(const Row* row)
 {
-    if (row == nullptr)
-        return "the daemon's own";
-    std::string name(row->table->name);
-    return row->table->hasIds() ? name + " Id " + std::to_string(row->id()) : name;
+    return row != nullptr ? moatctl::nameOf(*row) : "the daemon's own";
 }
 
 std::string answerOf(const Step& step)
@@ -60,9 +54,9 @@ const char* nameOf(Fate fate)
     return fate == Fate::Accept ? "ACCEPT" : fate == Fate::Drop ? "DROP" : "UNKNOWN";
 }
 
-ovsdb::Json placeOf(const Step& step)
+ovsdb::Json placeOf(const Applied& applied, const Step& step)
 {
-    const Row* origin = originOf(step);
+    const Row* origin = applied.rowOf(step.origin());
     ovsdb::Json::Object object{
         {"chain", step.chain->name},
         {"rule", step.rule != nullptr ? ovsdb::Json(static_cast<std::int64_t>(step.position) + 1) : ovsdb::Json()},
@@ -73,23 +67,23 @@ ovsdb::Json placeOf(const Step& step)
     return object;
 }
 
-void writeJson(std::ostream& out, const Frame& frame, const Walk& walked)
+void writeJson(std::ostream& out, const Frame& frame, const Applied& applied, const Walk& walked)
 {
     ovsdb::Json::Array steps;
     for (const Step& step : walked.steps) {
-        ovsdb::Json place = placeOf(step);
+        ovsdb::Json place = placeOf(applied, step);
         ovsdb::Json::Object object = *place.asObject();
         object.emplace_back("matches", answerOf(step));
         steps.emplace_back(std::move(object));
     }
     out << ovsdb::toText(ovsdb::Json::Object{{"frame", toText(frame)},
                                              {"fate", nameOf(walked.fate)},
-                                             {"decided_by", placeOf(walked.steps.back())},
+                                             {"decided_by", placeOf(applied, walked.steps.back())},
                                              {"steps", std::move(steps)}})
         << '\n';
 }
 
-void writeText(Program& program, const Frame& frame, const Walk& walked)
+void writeText(Program& program, const Frame& frame, const Applied& applied, const Walk& walked)
 {
     program.out << "frame " << toText(frame) << '\n';
     Sheet sheet{"steps", "Steps", {"CHAIN", "RULE", "MATCHES", "ROW", "TEXT"}, {}};
@@ -97,21 +91,20 @@ void writeText(Program& program, const Frame& frame, const Walk& walked)
     for (const Step& step : walked.steps) {
         const std::string number = step.rule != nullptr ? std::to_string(step.position + 1) : "-";
         sheet.rows.push_back({Value(std::string(2 * std::size_t{step.depth}, ' ') + step.chain->name), Value(number),
-                              Value(answerOf(step)), Value(nameOfOrigin(originOf(step))), Value(textOf(step))});
+                              Value(answerOf(step)), Value(nameOfOrigin(applied.rowOf(step.origin()))),
+                              Value(textOf(step))});
     }
     writeSheets(program.out, {sheet}, {}, program.colour);
 
     const Step& last = walked.steps.back();
+    const std::string by = nameOfOrigin(applied.rowOf(last.origin()));
     program.out << nameOf(walked.fate) << ": ";
     if (walked.fate == Fate::Unknown)
-        program.out << "it depends on " << last.result.missing << ", which " << nameOfOrigin(originOf(last))
-                    << " looks at\n";
+        program.out << "it depends on " << last.result.missing << ", which " << by << " looks at\n";
     else if (last.rule != nullptr)
-        program.out << nameOfOrigin(originOf(last)) << " (rule " << last.position + 1 << " of " << last.chain->name
-                    << ")\n";
+        program.out << by << " (rule " << last.position + 1 << " of " << last.chain->name << ")\n";
     else
-        program.out << "no rule decides; the policy of " << last.chain->name << ", " << nameOfOrigin(originOf(last))
-                    << '\n';
+        program.out << "no rule decides; the policy of " << last.chain->name << ", " << by << '\n';
 }
 
 // What the bridge itself does with some addresses, whatever the chains say.
@@ -126,7 +119,7 @@ void writeNotes(std::ostream& err, const Frame& frame)
         err << "note: the bridge does not forward frames to this address unless its group_fwd_mask says so or, for "
                "01:80:c2:00:00:00, its spanning tree protocol is off\n";
     if (frame.in == frame.out)
-        err << "note: the bridge sends no frame back out of the port that it came in by, unless in hairpin mode\n";
+        err << "note: the bridge does not send a frame back to the port that it came from, except in hairpin mode\n";
 }
 
 ExitStatus explain(Program& program, const Options& options)
@@ -137,7 +130,7 @@ ExitStatus explain(Program& program, const Options& options)
         ovsdb::Client client = program.connect();
         configuration = loadFromServer(client);
     } else {
-        LoadedFile loaded = parseConfiguration(readText(program, options.path), moatctl::nameOf(options.path));
+        LoadedFile loaded = parseConfiguration(readText(program.in, options.path), moatctl::nameOf(options.path));
         if (writeProblems(program.err, loaded.problems) != 0)
             throw Failure(ExitStatus::BadInput, "the configuration has errors; nothing is explained");
         configuration = std::move(loaded.configuration);
@@ -151,31 +144,34 @@ ExitStatus explain(Program& program, const Options& options)
                         << ": a line is left out because the tool would refuse it (see moatctl check)\n";
     }
 
-    const Walk walked = walk(applied.model, frame);
+    const Walk walked = walk(applied.table, frame);
     if (options.json)
-        writeJson(program.out, frame, walked);
+        writeJson(program.out, frame, applied, walked);
     else
-        writeText(program, frame, walked);
+        writeText(program, frame, applied, walked);
     writeNotes(program.err, frame);
     return walked.fate == Fate::Unknown ? ExitStatus::BadInput : ExitStatus::Ok;
 }
 
 } // namespace
 
-void addExplain(CLI::App& root, Program& program)
+void addExplain(const Command& root, Program& program)
 {
     auto options = std::make_shared<Options>();
-    CLI::App* app = addSubcommand(root, "explain", "Say what becomes of a frame, and which row decides it",
-                                  "explain --in eth0 --out eth1 --src-mac 00:11:22:33:44:55 "
-                                  "--dst-mac 00:11:22:33:44:66 --src 10.0.0.1 --dst 10.0.0.2 --proto tcp --port 80");
-    addFrameOptions(*app, options->frame);
-    app->add_option("--file", options->path, "A configuration file instead of the server's, - for standard input")
-        ->type_name("FILE");
-    app->add_option_function<std::string>(
-           "--format", [options](const std::string& format) { options->json = format == "json"; }, "table or json")
-        ->type_name("FORMAT")
-        ->check(oneOf({"table", "json"}));
-    app->callback([&program, options] { program.action = [&program, options] { return explain(program, *options); }; });
+    const Command command = root.add("explain", "Show what happens to a frame, and which row decides",
+                                     "explain --in eth0 --out eth1 --src-mac 00:11:22:33:44:55 "
+                                     "--dst-mac 00:11:22:33:44:66 --src 10.0.0.1 --dst 10.0.0.2 --proto tcp --port 80");
+    addFrameOptions(command, options->frame);
+    command.option("--file", "FILE",
+                   "Configuration file to use instead of the server's configuration; - for standard input",
+                   options->path);
+    command
+        .option("--format", "table|json", "Form of the output",
+                [options](const std::string& format) { options->json = format == "json"; })
+        .oneOf({"table", "json"})
+        .defaultsTo("table");
+    command.onGiven(
+        [&program, options] { program.action = [&program, options] { return explain(program, *options); }; });
 }
 
 } // namespace moatctl

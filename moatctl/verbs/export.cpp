@@ -1,4 +1,4 @@
-#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "ovsdb/json.hpp"
 
@@ -44,11 +44,11 @@ ExitStatus exportAll(Program& program)
 
 } // namespace
 
-void addExport(CLI::App& root, Program& program)
+void addExport(const Command& root, Program& program)
 {
-    CLI::App* app = addSubcommand(root, "export", "Write all tables as one JSON file to standard output",
-                                  "export > configuration.json");
-    app->callback([&program] { program.action = [&program] { return exportAll(program); }; });
+    const Command command =
+        root.add("export", "Write all tables as one JSON file to standard output", "export > configuration.json");
+    command.onGiven([&program] { program.action = [&program] { return exportAll(program); }; });
 }
 
 } // namespace moatctl

@@ -34,14 +34,14 @@ void removeItsRules(const Given& given, Editor& editor, const Row& filter)
     if (!rules.empty() && !given.has("--with-rules"))
         throw Failure(ExitStatus::Conflict,
                       "filter " + std::to_string(filter.id()) + " has " + std::to_string(rules.size()) +
-                          (rules.size() == 1 ? " rule" : " rules") + ": remove them first, or say --with-rules");
+                          (rules.size() == 1 ? " rule" : " rules") + ": remove them first, or use --with-rules");
     for (const std::int32_t rule : rules)
         editor.configuration.remove(TableId::FilterRules, rule);
 }
 
 } // namespace
 
-void addFilter(CLI::App& root, Program& program)
+void addFilter(const Command& root, Program& program)
 {
     addTableVerb(
         root, program,
@@ -57,15 +57,16 @@ void addFilter(CLI::App& root, Program& program)
          .addExample = "--between eth0 wlan0 --match mac --mode whitelist",
          .setExample = "1 --mode blacklist",
          .describe =
-             [](CLI::App& app, bool) {
-                 addValueOption(app, "--between", "PORT", "The two ports, in place of --in and --out")
-                     ->expected(2)
-                     ->excludes(app.get_option("--in"))
-                     ->excludes(app.get_option("--out"));
+             [](const Command& command) {
+                 command.option("--between", "PORT", "The two ports, instead of --in and --out")
+                     .values(2)
+                     .excludes(command.find("--in"))
+                     .excludes(command.find("--out"));
              },
          .complete = takePorts,
          .arrange = takePriority,
-         .describeRemove = [](CLI::App& app) { addFlag(app, "--with-rules", "Remove the rules of the filter, too"); },
+         .describeRemove =
+             [](const Command& command) { command.flag("--with-rules", "Also remove the rules of the filter"); },
          .beforeRemove = removeItsRules});
 }
 

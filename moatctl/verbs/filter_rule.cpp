@@ -17,7 +17,7 @@ void requireFilter(const Given&, Editor& editor, Row& row, bool)
 
 } // namespace
 
-void addFilterRule(CLI::App& root, Program& program)
+void addFilterRule(const Command& root, Program& program)
 {
     addTableVerb(root, program,
                  {.table = TableId::FilterRules,

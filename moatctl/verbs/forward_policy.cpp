@@ -4,7 +4,7 @@
 namespace moatctl
 {
 
-void addForwardPolicy(CLI::App& root, Program& program)
+void addForwardPolicy(const Command& root, Program& program)
 {
     addTableVerb(root, program,
                  {.table = TableId::ForwardingPolicies,

@@ -1,4 +1,4 @@
-#include "moatctl/values.hpp"
+#include "moatctl/tables/values.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "moatctl/verbs/table_verb.hpp"
 
@@ -30,16 +30,15 @@ void setGlobal(const Given& given, Editor& editor)
 
 } // namespace
 
-void addGlobal(CLI::App& root, Program& program)
+void addGlobal(const Command& root, Program& program)
 {
     const std::string example = "global set --input DROP --forward ACCEPT";
-    CLI::App* global = addSubcommand(root, "global", "Global policies: frames that nothing else decides", example);
-    global->require_subcommand(1);
-    CLI::App* set = addSubcommand(*global, "set", "Change the global policies", example);
-    addValueOption(*set, "--input", "ACCEPT|DROP", "For frames to the device itself");
-    addValueOption(*set, "--forward", "ACCEPT|DROP", "For frames between ports");
-    set->callback([set, &program] {
-        const Given given(*set);
+    const Command global = root.add("global", "Global policies: frames that nothing else decides", example);
+    const Command set = global.add("set", "Change the global policies", example);
+    set.option("--input", "ACCEPT|DROP", "Policy for frames to the device itself");
+    set.option("--forward", "ACCEPT|DROP", "Policy for frames between ports");
+    set.onGiven([set, &program] {
+        const Given given(set);
         Row probe(schema::table(TableId::Global));
         takePolicies(given, probe); // what is wrong is told without the server
         program.edit = [given](Editor& editor) { setGlobal(given, editor); };

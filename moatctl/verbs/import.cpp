@@ -1,8 +1,11 @@
 #include "moatctl/check/change.hpp"
 #include "moatctl/command_line/progress.hpp"
+#include "moatctl/command_line/run.hpp"
 #include "moatctl/tables/difference.hpp"
 #include "moatctl/tables/edit.hpp"
-#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/file.hpp"
+#include "moatctl/tables/read_text.hpp"
+#include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 
 #include <algorithm>
@@ -34,7 +37,7 @@ public:
     Import(Program& program, const Options& options)
         : m_program(program), m_progress(program), m_replace(options.replace)
     {
-        m_file = parseConfiguration(readText(program, options.file), nameOf(options.file));
+        m_file = parseConfiguration(readText(program.in, options.file), nameOf(options.file));
         if (!m_file.readable)
             refuse(m_file.problems);
         if (!options.elsewhere)
@@ -57,10 +60,9 @@ public:
     {
         m_metServer = true;
         m_sending.clear();
-        const Configuration before = editor.configuration;
         merge(editor.configuration);
-        check(before, editor.configuration);
-        show(difference(before, editor.configuration));
+        check(editor.before, editor.configuration);
+        show(difference(editor.before, editor.configuration));
     }
 
     // When the server could not be read: what is wrong with the file whatever the server holds. Throws Failure when
@@ -150,9 +152,10 @@ ExitStatus import(Program& program, const Options& options)
     Import work(program, options);
     try {
         if (!options.dryRun)
-            return applyEdit(program, [&work](Editor& editor) { work.apply(editor); });
+            return carryOut(program, [&work](Editor& editor) { work.apply(editor); });
         ovsdb::Client client = program.connect();
-        Editor editor(loadFromServer(client));
+        const Configuration before = loadFromServer(client);
+        Editor editor(before);
         work.apply(editor);
     } catch (const ovsdb::Error& error) {
         work.checkWithoutServer(error);
@@ -163,20 +166,23 @@ ExitStatus import(Program& program, const Options& options)
 
 } // namespace
 
-void addImport(CLI::App& root, Program& program)
+void addImport(const Command& root, Program& program)
 {
     auto options = std::make_shared<Options>();
-    CLI::App* app = addSubcommand(root, "import", "Take over tables from a JSON file, all of it or nothing",
-                                  "import configuration.json --replace --dry-run");
-    app->add_option("FILE", options->file, "As export writes it, with // and /* */ comments; - is standard input")
-        ->required();
-    CLI::Option* replace = app->add_flag("--replace", options->replace, "Remove every row that is not in the file");
-    addFlag(*app, "--merge", "Leave the rows that are not in the file (so it is when nothing is said)")
-        ->excludes(replace);
-    app->add_flag("--elsewhere", options->elsewhere,
-                  "The configuration is for another device: do not look for its interfaces on this machine");
-    app->add_flag("--dry-run", options->dryRun, "Check the file and show what would change, without doing it");
-    app->callback([&program, options] { program.action = [&program, options] { return import(program, *options); }; });
+    const Command command = root.add("import", "Import tables from a JSON file, completely or not at all",
+                                     "import configuration.json --replace --dry-run");
+    command
+        .option("FILE", "", "File as export writes it, may contain // and /* */ comments; - for standard input",
+                options->file)
+        .required();
+    const Option replace = command.flag("--replace", "Remove rows that are not in the file", options->replace);
+    command.flag("--merge", "Keep rows that are not in the file (default)").excludes(replace);
+    command.flag("--elsewhere",
+                 "The configuration is for another device: do not look for its interfaces on this machine",
+                 options->elsewhere);
+    command.flag("--dry-run", "Only check the file and show what would change", options->dryRun);
+    command.onGiven(
+        [&program, options] { program.action = [&program, options] { return import(program, *options); }; });
 }
 
 } // namespace moatctl

@@ -1,9 +1,9 @@
-#include "moatctl/command_line/errors.hpp"
 #include "moatctl/command_line/time_stamp.hpp"
 #include "moatctl/tables/difference.hpp"
-#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "ovsdb/json.hpp"
+#include "schema/server/database.hpp"
 
 #include <chrono>
 #include <csignal>
@@ -79,18 +79,17 @@ ExitStatus monitor(Program& program, bool json)
 
 } // namespace
 
-void addMonitor(CLI::App& root, Program& program)
+void addMonitor(const Command& root, Program& program)
 {
     auto format = std::make_shared<std::string>("text");
-    CLI::App* app = addSubcommand(root, "monitor",
-                                  "Show changes with the time as they happen, until interrupted; a server that goes "
-                                  "away is waited for",
-                                  "monitor --format=json");
-    app->add_option("--format", *format, "Form of a change: a line for people, or a JSON object on a line")
-        ->check(oneOf({"text", "json"}))
-        ->type_name("text|json")
-        ->capture_default_str();
-    app->callback(
+    const Command command = root.add(
+        "monitor",
+        "Show changes as they happen, with the time, until interrupted; connects again when the server was away",
+        "monitor --format=json");
+    command.option("--format", "text|json", "Form of a change: a line for people, or a JSON object on a line", *format)
+        .oneOf({"text", "json"})
+        .defaultsTo("text");
+    command.onGiven(
         [&program, format] { program.action = [&program, format] { return monitor(program, *format == "json"); }; });
 }
 

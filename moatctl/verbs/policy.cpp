@@ -4,7 +4,7 @@
 namespace moatctl
 {
 
-void addPolicy(CLI::App& root, Program& program)
+void addPolicy(const Command& root, Program& program)
 {
     addTableVerb(root, program,
                  {.table = TableId::InputPolicies,

@@ -33,7 +33,7 @@ void arrange(const Given& given, Editor& editor, Row& row, bool isNew)
 
 } // namespace
 
-void addRule(CLI::App& root, Program& program)
+void addRule(const Command& root, Program& program)
 {
     addTableVerb(root, program,
                  {.table = TableId::Rules,
@@ -54,14 +54,12 @@ void addRule(CLI::App& root, Program& program)
                   .addExample = "--in eth0 --out eth1 --src 10.0.0.0/8 --proto tcp --port 80 --log --drop",
                   .setExample = "3 --port 443 --after 5",
                   .describe =
-                      [](CLI::App& app, bool) {
-                          CLI::Option* priority = app.get_option("--priority");
-                          CLI::Option* before =
-                              addValueOption(app, "--before", "ID", "Put the rule directly before this one");
-                          CLI::Option* after =
-                              addValueOption(app, "--after", "ID", "Put the rule directly behind this one");
-                          before->excludes(priority)->excludes(after);
-                          after->excludes(priority);
+                      [](const Command& command) {
+                          const Option priority = command.find("--priority");
+                          Option before = command.option("--before", "ID", "Put the rule directly before this one");
+                          Option after = command.option("--after", "ID", "Put the rule directly after this one");
+                          before.excludes(priority).excludes(after);
+                          after.excludes(priority);
                       },
                   .complete = inferEthertype,
                   .arrange = arrange});

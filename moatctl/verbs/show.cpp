@@ -1,7 +1,7 @@
 #include "moatctl/command_line/sheets.hpp"
 #include "moatctl/tables/kernel_order.hpp"
-#include "moatctl/tables/load.hpp"
 #include "moatctl/tables/problem.hpp"
+#include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 
 #include <memory>
@@ -32,22 +32,24 @@ ExitStatus show(Program& program, const Options& options)
 
 } // namespace
 
-void addShow(CLI::App& root, Program& program)
+void addShow(const Command& root, Program& program)
 {
     auto options = std::make_shared<Options>();
-    CLI::App* app = addSubcommand(root, "show", "Show the tables in the order in which the kernel consults them",
-                                  "show rule --format=csv");
-    app->add_option("TABLE", options->table,
-                    "global, policy, forward-policy, rule, filter, filter-rule or a table's name on the server; "
-                    "all tables when left out")
-        ->check([](const std::string& name) {
+    const Command command =
+        root.add("show", "Show the tables in the order in which the kernel consults them", "show rule --format=csv");
+    command
+        .option(
+            "TABLE", "",
+            "global, policy, forward-policy, rule, filter, filter-rule or a table's name on the server (default: all "
+            "tables)",
+            options->table)
+        .check([](const std::string& name) {
             return findTable(name) != nullptr
                        ? std::string()
-                       : inQuotes(name) + ": expected global, policy, forward-policy, rule, filter or "
-                                          "filter-rule";
+                       : inQuotes(name) + ": expected global, policy, forward-policy, rule, filter or filter-rule";
         });
-    addOutputOptions(*app, options->style);
-    app->callback([&program, options] { program.action = [&program, options] { return show(program, *options); }; });
+    addOutputOptions(command, options->style);
+    command.onGiven([&program, options] { program.action = [&program, options] { return show(program, *options); }; });
 }
 
 } // namespace moatctl

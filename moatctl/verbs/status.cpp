@@ -1,12 +1,11 @@
 #include "ebtables/line_parser.hpp"
 #include "moatctl/bridge/compare.hpp"
 #include "moatctl/bridge/expected.hpp"
+#include "moatctl/bridge/kernel.hpp"
 #include "moatctl/command_line/output.hpp"
 #include "moatctl/command_line/time_stamp.hpp"
-#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
-#include "platform_linux/queue/record_file.hpp"
-#include "platform_linux/queue/tool.hpp"
 
 #include <algorithm>
 #include <filesystem>
@@ -69,24 +68,13 @@ std::optional<std::string> daemonPid(const std::string& pidFolder)
     return std::nullopt;
 }
 
-std::string lastCommit()
+std::string lastCommitText()
 {
     std::string reason;
-    const auto time = ebtables::lastCommit(ebtables::defaultRecordFolder, reason);
+    const auto time = lastCommit(reason);
     if (!time)
         return "unknown: " + reason;
-    return *time == ebtables::CommitTime() ? "never" : timeStamp(*time);
-}
-
-std::optional<ebtables::Table> readKernel(std::string& reason)
-{
-    const ebtables::ToolPaths paths;
-    const ebtables::RunResult result = ebtables::run(paths.save, {"-c"}, "");
-    if (result.end == ebtables::RunResult::End::Exited && result.exitCode == 0)
-        return ebtables::parseSaved(result.output);
-    reason = paths.save + ": " +
-             (result.end == ebtables::RunResult::End::Exited ? ebtables::printable(result.errors) : result.reason);
-    return std::nullopt;
+    return *time == CommitTime() ? "never" : timeStamp(*time);
 }
 
 const char* nameOf(EntryState state)
@@ -105,20 +93,21 @@ const char* nameOf(EntryState state)
 }
 
 // compared: whether the states mean something.
-Sheet entriesSheet(const std::vector<Entry>& entries, bool compared)
+Sheet entriesSheet(const Applied& applied, const std::vector<Entry>& entries, bool compared)
 {
     Sheet sheet{"rules", "Rules", {"CHAIN", "RULE", "STATE", "FRAMES", "BYTES", "TABLE", "ID", "TEXT"}, {}};
     using tessera::Value;
     for (const Entry& entry : entries) {
         const auto number = [](bool known, std::uint64_t value) { return known ? Cell(value) : Cell(); };
         const ebtables::Counters counters = entry.counters.value_or(ebtables::Counters());
-        const bool hasId = entry.origin != nullptr && entry.origin->table->hasIds();
+        const Row* origin = applied.rowOf(entry.origin);
+        const bool hasId = origin != nullptr && origin->table->hasIds();
         sheet.rows.push_back({Value(entry.chain), number(entry.position != 0, entry.position),
                               Value(std::string(compared ? nameOf(entry.state) : "unknown")),
                               number(entry.counters.has_value(), counters.packets),
                               number(entry.counters.has_value(), counters.bytes),
-                              entry.origin != nullptr ? Cell(Value(std::string(entry.origin->table->name))) : Cell(),
-                              hasId ? Cell(Value(entry.origin->id())) : Cell(), Value(entry.text)});
+                              origin != nullptr ? Cell(Value(std::string(origin->table->name))) : Cell(),
+                              hasId ? Cell(Value(origin->id())) : Cell(), Value(entry.text)});
     }
     return sheet;
 }
@@ -153,24 +142,26 @@ ExitStatus status(Program& program, const Options& options)
     }
     const std::optional<std::string> pid = daemonPid(options.pidFolder);
     add("daemon", pid ? "running, process " + *pid : "not running");
-    add("last commit", lastCommit());
+    add("last commit", lastCommitText());
     inOrder = inOrder && pid;
 
     std::string reason;
     const std::optional<ebtables::Table> kernel = readKernel(reason);
+    Applied applied;
     std::vector<Entry> entries;
     if (!kernel) {
         add("kernel tables", "unknown: " + reason);
         inOrder = false;
     } else {
         // Without the server there is nothing to compare with: everything is shown as it is.
-        const Applied applied = configuration ? apply(expectedOf(*configuration)) : Applied();
-        entries = compare(applied.model, *kernel);
+        if (configuration)
+            applied = apply(expectedOf(*configuration));
+        entries = compare(applied.table, *kernel);
         const std::string found = summaryOf(entries);
         add("kernel tables", configuration ? found : "not compared: the server is down");
         inOrder = inOrder && found == "as configured";
     }
-    std::vector<Sheet> sheets{std::move(summary), entriesSheet(entries, configuration.has_value())};
+    std::vector<Sheet> sheets{std::move(summary), entriesSheet(applied, entries, configuration.has_value())};
     if (options.style.format != Format::Table) {
         for (Sheet& sheet : sheets) {
             for (std::string& heading : sheet.headings)
@@ -184,18 +175,19 @@ ExitStatus status(Program& program, const Options& options)
 
 } // namespace
 
-void addStatus(CLI::App& root, Program& program)
+void addStatus(const Command& root, Program& program)
 {
     auto options = std::make_shared<Options>();
-    CLI::App* app = addSubcommand(root, "status",
-                                  "Say whether server and daemon run and the kernel holds what is configured, with "
-                                  "the counters of every rule",
-                                  "status --format=json");
-    app->add_option("--pid-folder", options->pidFolder, "Where the daemon's PID file is")
-        ->type_name("FOLDER")
-        ->capture_default_str();
-    addOutputOptions(*app, options->style);
-    app->callback([&program, options] { program.action = [&program, options] { return status(program, *options); }; });
+    const Command command =
+        root.add("status",
+                 "Show whether server and daemon run and whether the kernel has what is configured, "
+                 "with counters for every rule",
+                 "status --format=json");
+    command.option("--pid-folder", "FOLDER", "Folder of the daemon's PID file", options->pidFolder)
+        .defaultsTo(options->pidFolder);
+    addOutputOptions(command, options->style);
+    command.onGiven(
+        [&program, options] { program.action = [&program, options] { return status(program, *options); }; });
 }
 
 } // namespace moatctl

@@ -1,8 +1,9 @@
 #include "moatctl/verbs/table_verb.hpp"
 
+#include "moatctl/check/row.hpp"
 #include "moatctl/command_line/sheets.hpp"
-#include "moatctl/tables/load.hpp"
-#include "moatctl/values.hpp"
+#include "moatctl/tables/server.hpp"
+#include "moatctl/tables/values.hpp"
 
 #include <algorithm>
 #include <limits>
@@ -119,8 +120,8 @@ void checkSet(const TableVerb& verb, const Given& given)
 {
     checkIds(given);
     if (!given.hasOtherThan({"ID", "--if-exists"}))
-        throw Failure(ExitStatus::BadInput, "expected something to change: see moatctl " +
-                                                std::string(schema::table(verb.table).word) + " set --help");
+        throw Failure(ExitStatus::BadInput, "nothing to change: expected an option (see moatctl " +
+                                                std::string(schema::table(verb.table).word) + " set --help)");
     Row row(schema::table(verb.table));
     takeColumns(verb, given, row);
     if (verb.complete)
@@ -132,7 +133,7 @@ void checkRows(const TableVerb&, const Given& given)
     std::set<std::int32_t> seen;
     for (const std::int32_t id : given.ids("ID")) {
         if (!seen.insert(id).second)
-            throw Failure(ExitStatus::BadInput, "ID " + std::to_string(id) + " is given twice: expected each once");
+            throw Failure(ExitStatus::BadInput, "ID " + std::to_string(id) + " is repeated: expected each Id once");
     }
 }
 
@@ -142,7 +143,7 @@ void addRow(const TableVerb& verb, const Given& given, Editor& editor)
     Row row(schema::table(verb.table));
     row.set("Id", given.has("--id") ? given.id("--id") : configuration.nextId(verb.table));
     if (row.id() == 0)
-        throw Failure(ExitStatus::Conflict, "all Ids are taken");
+        throw Failure(ExitStatus::Conflict, "all Ids are in use");
     takeColumns(verb, given, row);
     if (verb.complete)
         verb.complete(given, row);
@@ -159,7 +160,7 @@ void addRow(const TableVerb& verb, const Given& given, Editor& editor)
     requireGood(verb, configuration, row);
     const std::int32_t id = row.id();
     if (!configuration.add(std::move(row)))
-        throw Failure(ExitStatus::Conflict, nameOfRow(verb, id) + " is there already" +
+        throw Failure(ExitStatus::Conflict, nameOfRow(verb, id) + " exists already" +
                                                 (given.has("--may-exist") ? ", with other values" : ""));
     editor.report(std::to_string(id));
 }
@@ -207,44 +208,44 @@ void switchRows(const TableVerb& verb, const Given& given, Editor& editor, bool 
     }
 }
 
-void describeColumns(CLI::App& app, const TableVerb& verb)
+void describeColumns(const Command& command, const TableVerb& verb)
 {
     const schema::Table& table = schema::table(verb.table);
     for (const ColumnOption& option : verb.options) {
         const schema::Column& column = table.columns[table.at(option.column)];
-        addValueOption(app, option.name, option.type,
+        command.option(option.name, option.type,
                        std::string(column.meaning) + ": " + std::string(schema::expectedValue(column.kind)));
     }
     if (!verb.targetColumn.empty()) {
-        CLI::Option* accept = addFlag(app, "--accept", "Let the frame pass");
-        addFlag(app, "--drop", "Throw the frame away")->excludes(accept);
+        const Option accept = command.flag("--accept", "Let the frame pass");
+        command.flag("--drop", "Drop the frame").excludes(accept);
     }
     if (verb.logs) {
-        CLI::Option* log = addFlag(app, "--log", "Log matching frames");
-        addFlag(app, "--no-log", "Do not log matching frames")->excludes(log);
+        const Option log = command.flag("--log", "Log matching frames");
+        command.flag("--no-log", "Do not log matching frames").excludes(log);
     }
-    CLI::Option* enabled = addFlag(app, "--enabled", "Put the row in force (a new one is, if nothing is said)");
-    addFlag(app, "--disabled", "Keep the row without effect")->excludes(enabled);
+    const Option enabled = command.flag("--enabled", "Enable the row (default for a new one)");
+    command.flag("--disabled", "Disable the row, but keep it").excludes(enabled);
 }
 
-void onEdit(CLI::App& app, Program& program, const Shared& verb, void (*check)(const TableVerb&, const Given&),
+void onEdit(const Command& command, Program& program, const Shared& verb, void (*check)(const TableVerb&, const Given&),
             void (*change)(const TableVerb&, const Given&, Editor&))
 {
-    app.callback([&app, &program, verb, check, change] {
-        const Given given(app);
+    command.onGiven([command, &program, verb, check, change] {
+        const Given given(command);
         check(*verb, given);
         program.edit = [verb, change, given](Editor& editor) { change(*verb, given, editor); };
     });
 }
 
-void addList(CLI::App& parent, Program& program, TableId table)
+void addList(const Command& parent, Program& program, TableId table)
 {
     auto style = std::make_shared<OutputStyle>();
     const std::string word(schema::table(table).word);
-    CLI::App* list = addSubcommand(parent, "list", "Show the rows in the order in which the kernel consults them",
-                                   word + " list --format=json");
-    addOutputOptions(*list, *style);
-    list->callback([&program, style, table] {
+    const Command list = parent.add("list", "Show the rows in the order in which the kernel consults them",
+                                    word + " list --format=json");
+    addOutputOptions(list, *style);
+    list.onGiven([&program, style, table] {
         program.action = [&program, style, table] {
             ovsdb::Client client = program.connect();
             const Configuration configuration = loadFromServer(client);
@@ -256,38 +257,6 @@ void addList(CLI::App& parent, Program& program, TableId table)
 
 } // namespace
 
-Given::Given(const CLI::App& app)
-{
-    for (const CLI::Option* option : app.get_options()) {
-        if (option->count() != 0)
-            m_values.emplace(option->get_name(), option->results());
-    }
-}
-
-bool Given::hasOtherThan(std::initializer_list<std::string_view> options) const
-{
-    return std::ranges::any_of(
-        m_values, [&](const auto& value) { return std::ranges::find(options, value.first) == options.end(); });
-}
-
-std::int32_t Given::id(const std::string& option) const
-{
-    return ids(option).front();
-}
-
-std::vector<std::int32_t> Given::ids(const std::string& option) const
-{
-    std::vector<std::int32_t> result;
-    for (const std::string& text : values(option)) {
-        const auto number = parseNumber(text);
-        if (!number || *number < 1)
-            throw Failure(ExitStatus::BadInput, option + ' ' + inQuotes(text) + ": expected " +
-                                                    std::string(schema::expectedValue(ValueKind::Id)));
-        result.push_back(*number);
-    }
-    return result;
-}
-
 std::int32_t nextPriority(const Configuration& configuration, TableId table, std::string_view column)
 {
     constexpr std::int32_t step = 10;
@@ -296,51 +265,47 @@ std::int32_t nextPriority(const Configuration& configuration, TableId table, std
     for (const Row& row : configuration.rows(table))
         largest = std::max(largest, row.values[index].getInteger());
     if (largest > std::numeric_limits<std::int32_t>::max() - step)
-        throw Failure(ExitStatus::Conflict, "no larger priority is left: give one with --priority");
+        throw Failure(ExitStatus::Conflict, "there is no larger priority: choose one with --priority");
     return largest + step;
 }
 
-void addTableVerb(CLI::App& root, Program& program, const TableVerb& description)
+void addTableVerb(const Command& root, Program& program, const TableVerb& description)
 {
     const Shared verb = std::make_shared<const TableVerb>(description);
     const std::string word(schema::table(verb->table).word);
-    CLI::App* parent = addSubcommand(root, word, verb->description, word + " add " + verb->addExample);
-    parent->require_subcommand(1);
+    const Command parent = root.add(word, verb->description, word + " add " + verb->addExample);
 
-    CLI::App* add = addSubcommand(*parent, "add", "Add a row and print its Id", word + " add " + verb->addExample);
-    addValueOption(*add, "--id", "ID", "Id of the row; the next free one when left out");
-    describeColumns(*add, *verb);
-    addFlag(*add, "--may-exist", "Do nothing when there is a row already that does the same");
+    const Command add = parent.add("add", "Add a row and print its Id", word + " add " + verb->addExample);
+    add.option("--id", "ID", "Id of the row (default: the next free one)");
+    describeColumns(add, *verb);
+    add.flag("--may-exist", "Do nothing if there is already a row that does the same");
 
-    CLI::App* set = addSubcommand(*parent, "set", "Change the columns given", word + " set " + verb->setExample);
-    addValueOption(*set, "ID", "", "The row")->required();
-    describeColumns(*set, *verb);
+    const Command set = parent.add("set", "Change columns of a row", word + " set " + verb->setExample);
+    set.option("ID", "", "The row").required();
+    describeColumns(set, *verb);
 
-    CLI::App* remove = addSubcommand(*parent, "remove", "Remove rows", word + " remove 3 --if-exists");
-    CLI::App* enable = addSubcommand(*parent, "enable", "Put rows in force", word + " enable 3 4");
-    CLI::App* disable = addSubcommand(*parent, "disable", "Keep rows without effect", word + " disable 3");
-    for (CLI::App* app : {remove, enable, disable})
-        addValueOption(*app, "ID", "", "The rows")
-            ->required()
-            ->expected(1, CLI::detail::expected_max_vector_size)
-            ->allow_extra_args();
-    for (CLI::App* app : {set, remove, enable, disable})
-        addFlag(*app, "--if-exists", "Do nothing when there is no such row");
+    const Command remove = parent.add("remove", "Remove rows", word + " remove 3 --if-exists");
+    const Command enable = parent.add("enable", "Enable rows", word + " enable 3 4");
+    const Command disable = parent.add("disable", "Disable rows, but keep them", word + " disable 3");
+    for (const Command& command : {remove, enable, disable})
+        command.option("ID", "", "The rows").required().anyNumber();
+    for (const Command& command : {set, remove, enable, disable})
+        command.flag("--if-exists", "Do nothing if there is no such row");
     if (verb->describe) {
-        verb->describe(*add, true);
-        verb->describe(*set, false);
+        verb->describe(add);
+        verb->describe(set);
     }
     if (verb->describeRemove)
-        verb->describeRemove(*remove);
+        verb->describeRemove(remove);
 
-    onEdit(*add, program, verb, checkAdd, addRow);
-    onEdit(*set, program, verb, checkSet, setRow);
-    onEdit(*remove, program, verb, checkRows, removeRows);
-    onEdit(*enable, program, verb, checkRows,
+    onEdit(add, program, verb, checkAdd, addRow);
+    onEdit(set, program, verb, checkSet, setRow);
+    onEdit(remove, program, verb, checkRows, removeRows);
+    onEdit(enable, program, verb, checkRows,
            [](const auto& v, const auto& given, auto& editor) { switchRows(v, given, editor, true); });
-    onEdit(*disable, program, verb, checkRows,
+    onEdit(disable, program, verb, checkRows,
            [](const auto& v, const auto& given, auto& editor) { switchRows(v, given, editor, false); });
-    addList(*parent, program, verb->table);
+    addList(parent, program, verb->table);
 }
 
 } // namespace moatctl

@@ -1,37 +1,17 @@
 // add, set, remove, enable, disable and list: the same for every table with Ids.
 #pragma once
 
+#include "moatctl/command_line/given.hpp"
 #include "moatctl/command_line/verb.hpp"
 #include "moatctl/tables/edit.hpp"
 
 #include <functional>
-#include <initializer_list>
-#include <map>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace moatctl
 {
-
-// The options that were given, copied: the command line of a batch is parsed again for its next line.
-class Given
-{
-public:
-    explicit Given(const CLI::App& app);
-
-    bool has(const std::string& option) const { return m_values.contains(option); }
-    const std::vector<std::string>& values(const std::string& option) const { return m_values.at(option); }
-    const std::string& value(const std::string& option) const { return m_values.at(option).front(); }
-    bool hasOtherThan(std::initializer_list<std::string_view> options) const;
-    // The value as an Id. Throws Failure(BadInput).
-    std::int32_t id(const std::string& option) const;
-    std::vector<std::int32_t> ids(const std::string& option) const;
-
-private:
-    std::map<std::string, std::vector<std::string>> m_values;
-};
 
 // An option that is a column.
 struct ColumnOption {
@@ -50,18 +30,18 @@ struct TableVerb {
     std::string addExample; // what follows "moatctl rule add "
     std::string setExample;
     // Options of add and set beyond those of the columns.
-    std::function<void(CLI::App& app, bool isAdd)> describe{};
+    std::function<void(const Command& command)> describe{};
     // Fills in values that follow from the options given.
     std::function<void(const Given& given, Row& row)> complete{};
     // Gives the row its place among the others. A new row is not in the configuration yet; a present one stands there
     // unchanged.
     std::function<void(const Given& given, Editor& editor, Row& row, bool isNew)> arrange{};
     // Before a row is removed: throws, or removes what depends on it.
-    std::function<void(CLI::App& app)> describeRemove{};
+    std::function<void(const Command& command)> describeRemove{};
     std::function<void(const Given& given, Editor& editor, const Row& row)> beforeRemove{};
 };
 
-void addTableVerb(CLI::App& root, Program& program, const TableVerb& verb);
+void addTableVerb(const Command& root, Program& program, const TableVerb& verb);
 
 // The largest priority plus ten; ten for the first row.
 std::int32_t nextPriority(const Configuration& configuration, TableId table, std::string_view column);

@@ -2,6 +2,7 @@
 
 #include "ebtables/line_parser.hpp"
 #include "ebtables/operands.hpp"
+#include "text/one_line.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -152,7 +153,7 @@ std::optional<Footprint> Footprint::fromText(std::string_view text, std::string_
         const std::string chain(rest.substr(0, rest.find(' ')));
         rest.remove_prefix(std::min(rest.size(), chain.size() + 1));
         if (!isChainName(chain)) {
-            reason = "damaged: no chain name in \"" + printable(line) + '"';
+            reason = "damaged: no chain name in \"" + text::oneLine(line) + '"';
             return std::nullopt;
         }
         if (kind == "chain" && !isBuiltIn(chain)) {
@@ -162,7 +163,7 @@ std::optional<Footprint> Footprint::fromText(std::string_view text, std::string_
         } else if (const auto rule = parseRule(rest, chain); kind == "rule" && rule) {
             footprint.m_rules.push_back({chain, *rule});
         } else {
-            reason = "damaged: unknown line \"" + printable(line) + '"';
+            reason = "damaged: unknown line \"" + text::oneLine(line) + '"';
             return std::nullopt;
         }
     }

@@ -1,6 +1,7 @@
 #include "platform_linux/queue/messages.hpp"
 
 #include "ebtables/line_parser.hpp"
+#include "text/one_line.hpp"
 
 #include <algorithm>
 #include <charconv>
@@ -61,7 +62,7 @@ Messages parseMessages(int exitCode, std::string_view errors)
         if (line.empty())
             continue;
         if (messages.text.size() < 300)
-            messages.text += (messages.text.empty() ? "" : " / ") + printable(line, 200);
+            messages.text += (messages.text.empty() ? "" : " / ") + text::oneLine(line, 200);
 
         messages.shortage = messages.shortage || speaksOfShortage(line);
         unsigned number = 0;
@@ -69,7 +70,7 @@ Messages parseMessages(int exitCode, std::string_view errors)
         if (exitCode == 4 && rest.starts_with("line ")) {
             rest.remove_prefix(5);
             if (complete && takeNumber(rest, number) && rest.starts_with(": "))
-                messages.lines.push_back({number, rest.size() > 2 ? printable(rest.substr(2)) : noReason});
+                messages.lines.push_back({number, rest.size() > 2 ? text::oneLine(rest.substr(2)) : noReason});
             else if (!complete)
                 messages.cut = true;
         } else if (exitCode == 1 && rest.starts_with("line ")) {
@@ -77,14 +78,14 @@ Messages parseMessages(int exitCode, std::string_view errors)
             if (takeNumber(rest, number) && rest.starts_with(" failed")) {
                 rest.remove_prefix(7);
                 rest.remove_prefix(rest.starts_with(": ") ? 2 : 0);
-                messages.lines.push_back({number, rest.empty() || rest == "." ? noReason : printable(rest)});
+                messages.lines.push_back({number, rest.empty() || rest == "." ? noReason : text::oneLine(rest)});
             }
         } else if (exitCode == 2 && rest.starts_with("Error occurred at line: ")) {
             rest.remove_prefix(24);
             if (takeNumber(rest, number))
                 messages.lines.push_back({number, previous.empty() ? noReason : previous});
         }
-        previous = printable(line);
+        previous = text::oneLine(line);
     }
     return messages;
 }

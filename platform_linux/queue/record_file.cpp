@@ -147,16 +147,6 @@ std::string RecordFile::noteCommit() const
     return !m_locked || setTime(m_lock, now) ? "" : failed("set the time of", lockIn(m_folder));
 }
 
-std::optional<CommitTime> lastCommit(const std::string& folder, std::string& reason)
-{
-    struct stat status;
-    if (lstat(lockIn(folder).c_str(), &status) != 0) {
-        reason = failed("look at", lockIn(folder));
-        return std::nullopt;
-    }
-    return CommitTime(std::chrono::seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec));
-}
-
 std::string networkNamespace()
 {
     struct stat status;

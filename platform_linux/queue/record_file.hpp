@@ -1,7 +1,6 @@
 // A small file that only its owner may have written, replaced as a whole.
 #pragma once
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,7 +35,8 @@ public:
     bool lock();
     int lockDescriptor() const { return m_lock; }
 
-    // Notes that something was carried out just now, for lastCommit.
+    // Notes that something was carried out just now: as the modification time of the file "lock" in the folder, where
+    // moatctl finds it. Taking the lock sets it to zero: nothing yet.
     std::string noteCommit() const;
 
     std::string path() const { return m_folder + "/tables"; }
@@ -46,12 +46,6 @@ private:
     int m_lock = -1;
     bool m_locked = false;
 };
-
-using CommitTime = std::chrono::sys_time<std::chrono::nanoseconds>;
-
-// When the process that holds the folder's lock, or last held it, last carried something out; the time's zero when it
-// has not yet. Nothing, and a reason, when that cannot be told.
-std::optional<CommitTime> lastCommit(const std::string& folder, std::string& reason);
 
 // Names the network namespace that this process is in.
 std::string networkNamespace();

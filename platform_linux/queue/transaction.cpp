@@ -5,6 +5,7 @@
 #include "platform_linux/queue/messages.hpp"
 #include "platform_linux/queue/restore_block.hpp"
 #include "platform_linux/queue/trial.hpp"
+#include "text/one_line.hpp"
 
 #include <algorithm>
 #include <string_view>
@@ -78,7 +79,7 @@ private:
     RunResult runRestore(const std::string& input)
     {
         ++m_outcome.processes;
-        return run(m_paths.restore, {"--noflush"}, input, m_limits);
+        return runTool(m_paths.restore, {"--noflush"}, input, m_limits);
     }
 
     Outcome finish()
@@ -138,6 +139,18 @@ private:
         }
     }
 
+    // For each command why the tables make the tool refuse it. What is dropped has no effect.
+    std::vector<std::optional<std::string>> foretell() const
+    {
+        TableModel model(*m_table);
+        std::vector<std::optional<std::string>> reasons(m_commands.size());
+        for (std::size_t i = 0; i < m_commands.size(); ++i) {
+            if (!m_dropped[i])
+                reasons[i] = model.apply(m_commands[i]);
+        }
+        return reasons;
+    }
+
     // Drops what the tool named. When the tables explain one of these, everything else that they explain goes as well:
     // the tool would name it next. Returns whether they do.
     bool dropWithForetold(const std::vector<Refused>& said)
@@ -148,7 +161,7 @@ private:
             ++m_outcome.processes;
         }
         if (m_table) {
-            const std::vector<std::optional<std::string>> reasons = foretell(*m_table, m_commands, m_dropped);
+            const std::vector<std::optional<std::string>> reasons = foretell();
             // A busy chain and a jump to nowhere are noticed last: what the tool said of a later line may follow from
             // it.
             const auto noticedLate = [&](std::size_t i) {
@@ -280,7 +293,7 @@ Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands,
     Outcome outcome;
     for (; outcome.done < commands.size(); ++outcome.done) {
         ++outcome.processes;
-        const RunResult result = run(paths.ebtables, arguments(commands[outcome.done]), {}, limits);
+        const RunResult result = runTool(paths.ebtables, arguments(commands[outcome.done]), {}, limits);
         if (result.end != RunResult::End::Exited) {
             outcome.cannotRun = true;
             outcome.stopped = result.end == RunResult::End::Stopped;
@@ -306,14 +319,14 @@ Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands,
 
 std::optional<Table> readTable(const ToolPaths& paths, std::string* reason, const RunLimits& limits)
 {
-    const RunResult result = run(paths.save, {}, {}, limits);
+    const RunResult result = runTool(paths.save, {}, {}, limits);
     if (result.end == RunResult::End::Exited && result.exitCode == 0)
         return parseSaved(result.output);
     if (reason != nullptr)
         *reason = result.end != RunResult::End::Exited
                       ? result.reason
                       : paths.save + " ended with status " + std::to_string(result.exitCode) + ": " +
-                            printable(result.errors);
+                            text::oneLine(result.errors);
     return std::nullopt;
 }
 

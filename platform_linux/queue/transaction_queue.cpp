@@ -6,6 +6,7 @@
 #include "platform_linux/queue/footprint.hpp"
 #include "platform_linux/queue/record_file.hpp"
 #include "platform_linux/queue/transaction.hpp"
+#include "text/one_line.hpp"
 
 #include <algorithm>
 #include <span>
@@ -61,7 +62,7 @@ public:
     {
         ebtables::ParsedLine parsed = ebtables::parseLine(line);
         if (parsed.error) {
-            error(101, "refused \"" + ebtables::printable(line) + "\": " + parsed.error->text());
+            error(101, "refused \"" + text::oneLine(line) + "\": " + parsed.error->text());
             m_groupRefused = true;
             return;
         }

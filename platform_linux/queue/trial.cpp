@@ -134,7 +134,7 @@ Trial tryElsewhere(const ToolPaths& paths, std::span<const Command> commands, st
             for (const std::vector<std::size_t>& indexes : wave)
                 inputs.push_back(texts.emplace_back(trialBlock(commands, indexes)).text());
             const std::vector<RunResult> results =
-                runTogether(paths.restore, {"--noflush"}, inputs, limits, Network::OneOfItsOwn);
+                subprocess::runTogether(paths.restore, {"--noflush"}, inputs, limits, subprocess::Network::OneOfItsOwn);
             trial.processes += static_cast<unsigned>(results.size());
             for (std::size_t i = 0; i < results.size(); ++i) {
                 if (results[i].end != RunResult::End::Exited || (results[i].exitCode != 0 && results[i].exitCode != 4))

@@ -1,6 +1,6 @@
 #include "tests/moatctl/kernel_lab.hpp"
 
-#include "platform_linux/queue/tool.hpp"
+#include "subprocess/run.hpp"
 
 #include <gtest/gtest.h>
 
@@ -14,10 +14,11 @@ namespace
 {
 
 constexpr const char* nft = "/usr/sbin/nft";
+constexpr const char* restoreProgram = "/usr/sbin/ebtables-restore";
 
-bool succeeded(const ebtables::RunResult& result)
+bool succeeded(const subprocess::RunResult& result)
 {
-    return result.end == ebtables::RunResult::End::Exited && result.exitCode == 0;
+    return result.end == subprocess::RunResult::End::Exited && result.exitCode == 0;
 }
 
 } // namespace
@@ -25,12 +26,12 @@ bool succeeded(const ebtables::RunResult& result)
 bool enterNamespace()
 {
     return unshare(CLONE_NEWNET) == 0 &&
-           succeeded(ebtables::run(ebtables::ToolPaths().restore, {"--noflush"}, "*filter\n-P INPUT ACCEPT\nCOMMIT\n"));
+           succeeded(subprocess::run(restoreProgram, {"--noflush"}, "*filter\n-P INPUT ACCEPT\nCOMMIT\n"));
 }
 
 std::string runOrFail(const std::string& path, const std::vector<std::string>& arguments, const std::string& input)
 {
-    const ebtables::RunResult result = ebtables::run(path, arguments, input);
+    const subprocess::RunResult result = subprocess::run(path, arguments, input);
     std::string words;
     for (const std::string& argument : arguments)
         words += ' ' + argument;
@@ -50,7 +51,7 @@ std::string restore(const moatctl::Expected& expected)
         }
     }
     runOrFail(nft, {"-f", "-"}, "add table bridge filter\ndelete table bridge filter\n");
-    const ebtables::RunResult result = ebtables::run(ebtables::ToolPaths().restore, {"--noflush"}, batch + "COMMIT\n");
+    const subprocess::RunResult result = subprocess::run(restoreProgram, {"--noflush"}, batch + "COMMIT\n");
     return succeeded(result) ? "" : "status " + std::to_string(result.exitCode) + ": " + result.errors + "\n" + batch;
 }
 

@@ -242,7 +242,7 @@ class Stops(rehearsal.Rehearsal):
         tool.waitForBatches(2)
         self.assertEqual(self.daemon.stop(), 0)
         self.assertEqual(tool.batches()[2:], [[*CHANGED, *STOP]])
-        self.assertRegex(self.daemon.readLog(), f"queue:111: .*{tool.RESTORE} was killed because moatkeeper is to stop")
+        self.assertRegex(self.daemon.readLog(), f"queue:111: .*{tool.RESTORE} was killed because a stop signal came")
 
     def testStopTwiceWhileItHangsForEver(self):
         self.startWith({})

@@ -71,7 +71,7 @@ class CommandLine(Case):
                 ("rule add --in", "--in has no value: expected PORT"), ("rule set", "ID is missing"),
                 ("rule add --in eth0 --in eth1", "--in is given 2 times: expected once"),
                 ("rule set 1 2 --drop", 'unexpected word "2"'), ("rule remove", "ID is missing"),
-                ("rule remove x", 'ID "x": expected a number'), ("rule remove 3 3", "ID 3 is given twice"),
+                ("rule remove x", 'ID "x": expected a number'), ("rule remove 3 3", "ID 3 is repeated"),
                 ("rule list --format", r"--format has no value: expected table\|json\|csv"),
                 ("rule list --format=x", '--format "x": expected table, json or csv'), ("import", "FILE is missing"),
                 ("filter add --between eth0", "--between: expected 2 values"), ("import --merge --replace x", "--replace excludes --merge"),
@@ -80,7 +80,7 @@ class CommandLine(Case):
                 ("status x", 'unexpected word "x"'), ("check a b", 'unexpected word "b"'),
                 ("status --pid-folder", "--pid-folder has no value: expected FOLDER"),
                 ("explain --in eth0", "--src-mac is missing"), ("--server", "--server has no value: expected PATH"),
-                ("--timeout x show", '--timeout "x": expected a number'), ("--timeout 0 show", '--timeout "0": expected sec')):
+                ("--timeout x show", '--timeout "x": expected sec'), ("--timeout 0 show", '--timeout "0": expected sec')):
             done = subprocess.run([MOATCTL, *words.split()], capture_output=True, text=True, timeout=60, check=False)
             self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""), words)
             self.assertRegex(done.stderr, f"^moatctl: {message}.*\n$", words)
@@ -110,16 +110,18 @@ class CommandLine(Case):
             self.refused(BAD_INPUT, f"^moatctl: {self.folder}/absent: cannot be read: No such file", verb,
                          self.folder / "absent")
             self.refused(BAD_INPUT, f"^moatctl: {self.folder}: cannot be read: Is a directory", verb, self.folder)
+            self.refused(BAD_INPUT, "^moatctl: /dev/zero: cannot be read: more than 268435456 bytes; expected at most",
+                         verb, "/dev/zero")
             if os.geteuid() != 0:
                 self.refused(BAD_INPUT, f"^moatctl: {secret}: cannot be read: Permission denied", verb, secret)
-        for path, message in ((empty, "nothing in it; expected an object with"), (binary, "no JSON: .+; expected an object")):
+        for path, message in ((empty, "empty; expected an object with"), (binary, "not JSON: .+; expected an object")):
             done = self.run_tool("import", path)
             self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""))
             self.assertRegex(done.stderr, f"^{path}:1: error: {message}.*\nmoatctl: {path}: 1 error; nothing was changed\n$")
             done = self.run_tool("check", path)
             self.assertEqual((done.returncode, done.stderr), (BAD_INPUT, ""))
             self.assertRegex(done.stdout, f"^{path}:1: error: {message}.*\n$")
-        self.refused(BAD_INPUT, f'^moatctl: {binary}:1: no text, found ".x00"; nothing was changed', "batch", binary)
+        self.refused(BAD_INPUT, f'^moatctl: {binary}:1: not a text: found ".x00"; nothing was changed', "batch", binary)
         self.assertEqual(self.ok("batch", empty), "")
 
     def test_version(self):

@@ -91,7 +91,7 @@ global set --input DROP --forward ACCEPT
             ("3", rule, "1", "RulePrio"), ("4", rule, "2", "Target"), ("5", rule, "2", "SrcMAC"),
             ("6", rule, "3", "InInterface"), ("7", rule, "4", "RulePrio"), ("7", rule, "4", "Colour"),
             ("8", rule, "1", "Id"), ("11", "MoatKeeperBridgeFilterRules", "1", "BridgeFilterID")])
-        self.assertIn(':12: error: no table is called "Rules"', done.stderr)
+        self.assertIn(':12: error: there is no table "Rules"', done.stderr)
         self.assertIn("9 errors; nothing was changed", done.stderr)
         self.assertEqual(self.rows("rule"), [])
 
@@ -130,7 +130,7 @@ rule add --id 10 --priority 60 --in eth5 --out eth6 --drop
             ("6", "error", "BridgeFilterRules", "2"), ("9", "error", "Ruleset", "2"),
             ("11", "warning", "Ruleset", "3")])
         for problem, pattern in zip(told, ("expected a VLAN id", "is that of MoatKeeperBridgeFilters Id 1",
-                                           "7: there is no such filter", "a port needs an IPProto",
+                                           "7: there is no such filter", "80: expected a protocol",
                                            "contradicts MoatKeeperRuleset Id 1")):
             self.assertIn(pattern, problem[4])
         self.assertIn("standard input: 4 errors; nothing was changed\n", done.stderr)

@@ -192,7 +192,7 @@ class Servers(Case):
         for words, pattern in ((("rule", "add", "--in", "eth0", "--drop", "--src-mac", "zz"), "--src-mac"),
                                (("rule", "set", "1", "--vlan", "5000"), "--vlan"),
                                (("rule", "add", "--in", "e", "--drop", "--port", "80", "--ethertype", "IPv4"), "--port 80"),
-                               (("rule", "remove", "0"), "ID"), (("rule", "set", "1"), "something to change"),
+                               (("rule", "remove", "0"), "ID"), (("rule", "set", "1"), "nothing to change"),
                                (("global", "set", "--input", "no"), "--input")):
             done = self.run_tool(*words, socket_path=absent)
             self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (BAD_INPUT, "", 1), done.stderr)

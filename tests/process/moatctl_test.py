@@ -57,13 +57,13 @@ class Rules(Case):
         self.refused(BAD_INPUT, "--port 80.*protocol", *add, "--ethertype", "IPv4", "--port", "80")
         self.refused(BAD_INPUT, "--src .*VLAN", *add, "--vlan", "5", "--src", "10.0.0.1")
         self.refused(BAD_INPUT, "--src .*IPv6", *add, "--ethertype", "IPv6", "--src", "10.0.0.1")
-        self.refused(BAD_INPUT, "--proto .*ethertype", *add, "--proto", "tcp", "--port", "80")
+        self.refused(BAD_INPUT, "--proto .*Ethertype", *add, "--proto", "tcp", "--port", "80")
         self.assertEqual(self.rows("rule"), [])
 
     def test_ids(self):
         self.assertEqual(self.ok("rule", "add", "--in", "eth0", "--drop", "--id", "7"), "7\n")
         self.assertEqual(self.ok("rule", "add", "--in", "eth0", "--drop"), "8\n")
-        self.refused(CONFLICT, "rule 7 is there already", "rule", "add", "--in", "eth1", "--drop", "--id", "7")
+        self.refused(CONFLICT, "rule 7 exists already", "rule", "add", "--in", "eth1", "--drop", "--id", "7")
         self.ok("rule", "add", "--in", "eth2", "--drop", "--id", "2147483647")
         self.assertEqual(self.ok("rule", "add", "--in", "eth3", "--drop"), "1\n")
 
@@ -89,7 +89,7 @@ class Rules(Case):
         self.ok("rule", "set", "2", "--after", "3")
         self.assertEqual([rule for rule, _ in self.rule_order()], [4, 1, 5, 3, 2])
         self.refused(CONFLICT, "no rule 99", "rule", "set", "2", "--after", "99")
-        self.refused(BAD_INPUT, "beside itself", "rule", "set", "2", "--after", "2")
+        self.refused(BAD_INPUT, "next to itself", "rule", "set", "2", "--after", "2")
         self.refused(BAD_INPUT, "excludes", "rule", "set", "2", "--after", "1", "--priority", "3")
         self.assertNotIn(0, [priority for _, priority in self.rule_order()])
 

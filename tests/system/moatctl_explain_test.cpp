@@ -1,9 +1,9 @@
 // What moatctl explain says, against what the kernel does: for every frame, which rules match and what becomes of it.
 #include "ebtables/table.hpp"
 #include "moatctl/bridge/expected.hpp"
-#include "moatctl/bridge/model.hpp"
+#include "moatctl/bridge/walk.hpp"
 #include "moatctl/command_line/frame_options.hpp"
-#include "platform_linux/queue/tool.hpp"
+#include "subprocess/run.hpp"
 #include "tests/moatctl/kernel_lab.hpp"
 #include "tests/moatctl/random_configuration.hpp"
 
@@ -185,7 +185,7 @@ protected:
             at = probe.find("packets ", at) + 8;
             *place = std::stoull(probe.substr(at));
         }
-        const ebtables::Table table = ebtables::parseSaved(test::runOrFail(ebtables::ToolPaths().save, {"-c"}));
+        const ebtables::Table table = ebtables::parseSaved(test::runOrFail("/usr/sbin/ebtables-save", {"-c"}));
         for (const ebtables::Chain& chain : table.chains) {
             for (std::size_t i = 0; i < chain.rules.size(); ++i)
                 result.rules[{chain.name, i}] = chain.rules[i].counters.value().packets;
@@ -217,10 +217,10 @@ protected:
         return ways;
     }
 
-    static void expectWalk(Counts& expected, const BridgeModel& model, Frame frame, const std::string& out)
+    static void expectWalk(Counts& expected, const ebtables::Table& table, Frame frame, const std::string& out)
     {
         frame.out = out;
-        const Walk walked = walk(model, frame);
+        const Walk walked = walk(table, frame);
         for (const Step& step : walked.steps) {
             if (step.rule != nullptr && step.result.answer == Answer::Yes)
                 ++expected.rules[{step.chain->name, step.position}];
@@ -268,7 +268,7 @@ TEST_F(ExplainAgreesWithTheKernel, OverRandomConfigurationsAndFrames)
             Counts expected = before;
             ++expected.arrived;
             for (const std::string& out : waysOf(frame))
-                expectWalk(expected, applied.model, frame, out);
+                expectWalk(expected, applied.table, frame, out);
             const bool optionsHeader = random.oneIn(4) && frame.protocol != ipProtocol::ip6NoNext;
             send(frame.in, bytesOf(frame, optionsHeader));
             const Counts after = countsAfter(expected.arrived);

@@ -220,10 +220,4 @@ TEST(LineParser, WhatItWritesItReadsBack)
     }
 }
 
-TEST(LineParser, PrintableHidesNothingAndCuts)
-{
-    EXPECT_EQ(ebtables::printable("a\nb\x7f"), "a\\x0ab\\x7f");
-    EXPECT_EQ(ebtables::printable("abcdef", 3), "abc...");
-}
-
 } // namespace

@@ -7,10 +7,8 @@
 #include <algorithm>
 
 using ebtables::Command;
-using ebtables::Table;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace
 {
@@ -36,11 +34,12 @@ std::vector<Command> commands(const std::string& lines)
 }
 
 // The reasons, "" for a command that is taken.
-std::vector<std::string> foretell(const std::string& lines, const std::vector<bool>& skip = {})
+std::vector<std::string> foretell(const std::string& lines)
 {
+    ebtables::TableModel model(ebtables::parseSaved(saved));
     std::vector<std::string> reasons;
-    for (const auto& reason : ebtables::foretell(ebtables::parseSaved(saved), commands(lines), skip))
-        reasons.push_back(reason.value_or(""));
+    for (const Command& command : commands(lines))
+        reasons.push_back(model.apply(command).value_or(""));
     return reasons;
 }
 
@@ -109,16 +108,27 @@ TEST(ModelTest, InDoubtACommandIsTaken)
     EXPECT_THAT(foretell("ebtables -D INPUT -j Own; ebtables -X Own"), ElementsAre("", HasSubstr("busy")));
 }
 
-TEST(ModelTest, WhatIsLeftOutHasNoEffect)
+TEST(ModelTest, TheTableIsWhatTheCommandsMakeOfIt)
 {
-    const std::string lines = "ebtables -N New; ebtables -A New -i eth0 -j DROP; ebtables -F FORWARD";
-    EXPECT_THAT(foretell(lines, {true, false, true}), ElementsAre("", noChain, ""));
-    EXPECT_THAT(foretell(lines, {false}), ElementsAre("", "", "")) << "a short list leaves out none of the rest";
-}
-
-TEST(ModelTest, NoCommandsNoReasons)
-{
-    EXPECT_THAT(ebtables::foretell(Table(), {}, {}), IsEmpty());
+    ebtables::TableModel model;
+    EXPECT_EQ(model.table().chains.size(), 3U);
+    ebtables::Origin origin = 0;
+    for (const Command& command :
+         commands("ebtables -N A; ebtables -N B; ebtables -P B DROP; ebtables -A INPUT -i eth0 -j B; "
+                  "ebtables -I INPUT 1 -i eth1 -j ACCEPT; ebtables -A B -i eth2 -j DROP; ebtables -X A; "
+                  "ebtables -A FORWARD -i eth3 -j DROP; ebtables -D FORWARD -i eth3 -j DROP"))
+        ASSERT_FALSE(model.apply(command, ++origin));
+    std::vector<std::string> lines;
+    for (const ebtables::Chain& chain : model.table().chains) {
+        lines.push_back(chain.name + ' ' + chain.policy + ' ' + std::to_string(chain.policyOrigin));
+        for (const ebtables::TableRule& rule : chain.rules)
+            lines.push_back(toText(*rule.rule) + ' ' + std::to_string(rule.origin));
+    }
+    EXPECT_THAT(lines, ElementsAre("INPUT ACCEPT 0", "-i eth1 -j ACCEPT 5", "-i eth0 -j B 4", "FORWARD ACCEPT 0",
+                                   "OUTPUT ACCEPT 0", "B DROP 3", "-i eth2 -j DROP 6"));
+    // Chains are still found after one in front of them has gone.
+    EXPECT_FALSE(model.apply(commands("ebtables -A B -i eth4 -j DROP").front()));
+    EXPECT_EQ(model.table().find("B")->rules.size(), 2U);
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include "ebtables/model.hpp"
 #include "moatctl/bridge/compare.hpp"
 
 #include "ebtables/line_parser.hpp"
@@ -11,21 +12,21 @@ namespace
 using namespace moatctl;
 using testing::ElementsAre;
 
-BridgeModel modelOf(const std::vector<std::string>& rules)
+ebtables::TableModel modelOf(const std::vector<std::string>& rules)
 {
-    BridgeModel model;
+    ebtables::TableModel model;
     for (const std::string& rule : rules) {
         for (const ebtables::Command& command : ebtables::parseLine("ebtables -A FORWARD " + rule).commands)
-            model.apply(command, nullptr);
+            model.apply(command);
     }
     return model;
 }
 
 // State, chain and position of everything that is not as it should be.
-std::vector<std::string> differences(const BridgeModel& model, const std::string& saved)
+std::vector<std::string> differences(const ebtables::TableModel& model, const std::string& saved)
 {
     std::vector<std::string> texts;
-    for (const Entry& entry : compare(model, ebtables::parseSaved(saved))) {
+    for (const Entry& entry : compare(model.table(), ebtables::parseSaved(saved))) {
         constexpr const char* names[] = {"same", "missing", "extra", "different"};
         if (entry.state != EntryState::Same)
             texts.push_back(std::string(names[static_cast<int>(entry.state)]) + ' ' + entry.chain + ' ' +
@@ -46,7 +47,7 @@ TEST(Compare, EqualTablesHaveNoDifference)
 
 TEST(Compare, TellsWhatIsMissingExtraAndElsewhere)
 {
-    const BridgeModel model = modelOf({"-i eth0 -j DROP", "-i eth1 -j DROP", "-i eth2 -j DROP"});
+    const ebtables::TableModel model = modelOf({"-i eth0 -j DROP", "-i eth1 -j DROP", "-i eth2 -j DROP"});
     EXPECT_THAT(
         differences(model,
                     head + "-A FORWARD -i eth1 -j DROP\n-A FORWARD -i eth0 -j DROP\n-A FORWARD -i eth9 -j DROP\n"),
@@ -55,8 +56,8 @@ TEST(Compare, TellsWhatIsMissingExtraAndElsewhere)
 
 TEST(Compare, LooksAtPoliciesAndChains)
 {
-    BridgeModel model = modelOf({});
-    model.apply({ebtables::CommandKind::NewChain, "mine", 1, "", {}}, nullptr);
+    ebtables::TableModel model = modelOf({});
+    model.apply({ebtables::CommandKind::NewChain, "mine", 1, "", {}});
     EXPECT_THAT(differences(model, "*filter\n:INPUT DROP\n:FORWARD ACCEPT\n:OUTPUT DROP\n:other RETURN\n"),
                 ElementsAre("different INPUT 0", "missing mine 0", "extra other 0"));
 }

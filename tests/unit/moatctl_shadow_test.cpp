@@ -1,6 +1,8 @@
+#include "ebtables/model.hpp"
 #include "moatctl/bridge/cover_index.hpp"
 #include "moatctl/bridge/expected.hpp"
 #include "moatctl/bridge/shadow.hpp"
+#include "moatctl/bridge/walk.hpp"
 #include "tests/moatctl/random_configuration.hpp"
 
 #include <gtest/gtest.h>
@@ -24,13 +26,13 @@ TEST(Shadow, NeverNamesARuleThatAFrameReaches)
         test::Random random(seed);
         const Configuration configuration = test::randomConfiguration(random, 0);
         const Applied applied = apply(expectedOf(configuration));
-        std::set<const ModelRule*> unreachable;
-        for (const Shadowed& shadowed : findShadowed(applied.model))
+        std::set<const ebtables::TableRule*> unreachable;
+        for (const Shadowed& shadowed : findShadowed(applied.table))
             unreachable.insert(shadowed.rule);
         named += unreachable.size();
         for (int i = 0; i < frames; ++i) {
             const Frame frame = test::randomFrame(random);
-            for (const Step& step : walk(applied.model, frame).steps)
+            for (const Step& step : walk(applied.table, frame).steps)
                 ASSERT_FALSE(step.rule != nullptr && step.result.answer == Answer::Yes &&
                              unreachable.contains(step.rule))
                     << "seed " << seed << ", " << step.chain->name << " rule " << step.position + 1;
@@ -40,12 +42,12 @@ TEST(Shadow, NeverNamesARuleThatAFrameReaches)
 }
 
 // A rule that leads to the chain; null when there is none.
-const ebtables::Rule* jumpTo(const BridgeModel& model, const std::string& name)
+const ebtables::Rule* jumpTo(const ebtables::Table& table, const std::string& name)
 {
-    for (const ModelChain& chain : model.chains()) {
-        for (const ModelRule& rule : chain.rules) {
-            if (rule.rule.target == name)
-                return &rule.rule;
+    for (const ebtables::Chain& chain : table.chains) {
+        for (const ebtables::TableRule& rule : chain.rules) {
+            if (rule.rule->target == name)
+                return &*rule.rule;
         }
     }
     return nullptr;
@@ -62,10 +64,10 @@ TEST(Shadow, TheIndexFindsAllThatCover)
         const Applied applied = apply(expectedOf(configuration));
         std::vector<Conjunction> all;
         CoverIndex index;
-        for (const ModelChain& chain : applied.model.chains()) {
-            for (const ModelRule& rule : chain.rules) {
-                all.push_back({&rule.rule});
-                if (const ebtables::Rule* jump = jumpTo(applied.model, chain.name))
+        for (const ebtables::Chain& chain : applied.table.chains) {
+            for (const ebtables::TableRule& rule : chain.rules) {
+                all.push_back({&*rule.rule});
+                if (const ebtables::Rule* jump = jumpTo(applied.table, chain.name))
                     all.back().insert(all.back().begin(), jump);
                 index.add(all.back(), all.size() - 1);
             }
@@ -99,10 +101,10 @@ ebtables::Command append(const std::string& chain, const std::string& options)
 // Whether `later` is out of reach behind `earlier`.
 bool shadows(const std::string& earlier, const std::string& later)
 {
-    BridgeModel model;
-    model.apply(append("FORWARD", earlier), nullptr);
-    model.apply(append("FORWARD", later), nullptr);
-    return !findShadowed(model).empty();
+    ebtables::TableModel model;
+    model.apply(append("FORWARD", earlier));
+    model.apply(append("FORWARD", later));
+    return !findShadowed(model.table()).empty();
 }
 
 TEST(Shadow, LooksAtEveryKindOfMatch)
@@ -131,30 +133,30 @@ TEST(Shadow, LooksAtEveryKindOfMatch)
 TEST(Shadow, SeesTheEndOfAChainAndWhatLeavesItEarlier)
 {
     const auto model = [](bool withReturn) {
-        BridgeModel result;
-        result.apply({ebtables::CommandKind::NewChain, "white", 1, "", {}}, nullptr);
-        result.apply({ebtables::CommandKind::Policy, "white", 1, "DROP", {}}, nullptr);
+        ebtables::TableModel result;
+        result.apply({ebtables::CommandKind::NewChain, "white", 1, "", {}});
+        result.apply({ebtables::CommandKind::Policy, "white", 1, "DROP", {}});
         if (withReturn)
-            result.apply(append("white", "-s 02:00:00:00:00:01 -j RETURN"), nullptr);
-        result.apply(append("FORWARD", "-i eth0 -j white"), nullptr);
-        result.apply(append("FORWARD", "-i eth0 -j ACCEPT"), nullptr);
+            result.apply(append("white", "-s 02:00:00:00:00:01 -j RETURN"));
+        result.apply(append("FORWARD", "-i eth0 -j white"));
+        result.apply(append("FORWARD", "-i eth0 -j ACCEPT"));
         return result;
     };
-    const BridgeModel closed = model(false);
-    EXPECT_EQ(findShadowed(closed).size(), 1U);
-    const BridgeModel open = model(true);
-    EXPECT_TRUE(findShadowed(open).empty());
+    const ebtables::TableModel closed = model(false);
+    EXPECT_EQ(findShadowed(closed.table()).size(), 1U);
+    const ebtables::TableModel open = model(true);
+    EXPECT_TRUE(findShadowed(open.table()).empty());
 }
 
 // The kinds of a rule's values must not make it slow.
 TEST(Shadow, TakesAboutLinearTime)
 {
-    BridgeModel model;
+    ebtables::TableModel model;
     for (int i = 0; i < 10'000; ++i) {
         const std::string address = "10." + std::to_string(i / 250) + '.' + std::to_string(i % 250) + ".0/24";
-        model.apply(append("FORWARD", "-i eth0 -p IPv4 --ip-source " + address + " -j DROP"), nullptr);
+        model.apply(append("FORWARD", "-i eth0 -p IPv4 --ip-source " + address + " -j DROP"));
     }
-    EXPECT_TRUE(findShadowed(model).empty());
+    EXPECT_TRUE(findShadowed(model.table()).empty());
 }
 
 } // namespace

@@ -1,19 +1,26 @@
 #include "moatctl/command_line/output.hpp"
 #include "moatctl/command_line/split_line.hpp"
+#include "moatctl/exit_status.hpp"
 #include "moatctl/tables/configuration.hpp"
 #include "moatctl/tables/difference.hpp"
 #include "moatctl/tables/edit.hpp"
+#include "moatctl/tables/file.hpp"
 #include "moatctl/tables/kernel_order.hpp"
-#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/read_text.hpp"
 #include "moatctl/tables/rule_order.hpp"
-#include "moatctl/values.hpp"
+#include "moatctl/tables/values.hpp"
+#include "tests/unit/scratch_folder.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <fstream>
 #include <limits>
 #include <random>
 #include <sstream>
+#include <sys/stat.h>
+#include <thread>
 
 namespace moatctl
 {
@@ -211,21 +218,68 @@ TEST(Output, SheetsInThreeForms)
     const std::vector<Sheet> numbers{{"n", "", {"A", "B"}, {{std::uint64_t{18446744073709551615U}, Cell()}}}};
     const auto written = [&sheets](Format format, bool headings) {
         std::ostringstream out;
-        writeSheets(out, sheets, {format, headings}, false);
+        writeSheets(out, sheets, {format, !headings}, false);
         return out.str();
     };
-    EXPECT_EQ(written(Format::Table, true), "First\nA   B\n1   \xc3\xa4\\x1b\n22  \n\nSecond\nC\n");
-    EXPECT_EQ(written(Format::Table, false), "1   \xc3\xa4\\x1b\n22  \n");
+    EXPECT_EQ(written(Format::Table, true), "First\nA   B\n1   \\xc3\\xa4\\x1b\n22  \n\nSecond\nC\n");
+    EXPECT_EQ(written(Format::Table, false), "1   \\xc3\\xa4\\x1b\n22  \n");
     EXPECT_EQ(written(Format::Csv, true), "Table,A,B\r\none,1,\xc3\xa4\x1b\r\none,22,\r\n\r\nTable,C\r\n");
     EXPECT_EQ(ovsdb::toText(ovsdb::parseJson(written(Format::Json, true))),
               ovsdb::toText(ovsdb::parseJson(
                   "{\"one\":[{\"A\":1,\"B\":\"\xc3\xa4\\u001b\"},{\"A\":22,\"B\":\"\"}],\"two\":[]}")));
     std::ostringstream json;
-    writeSheets(json, numbers, {Format::Json, true}, false);
+    writeSheets(json, numbers, {Format::Json, false}, false);
     EXPECT_NE(json.str().find("{\"A\": 18446744073709551615, \"B\": null}"), std::string::npos) << json.str();
     std::ostringstream csv;
-    writeSheets(csv, numbers, {Format::Csv, false}, false);
+    writeSheets(csv, numbers, {Format::Csv, true}, false);
     EXPECT_EQ(csv.str(), "18446744073709551615,\r\n");
+}
+
+// What readText says of a file; "" when it reads it.
+std::string complaint(const std::string& path, const ReadLimits& limits)
+{
+    std::istringstream standardInput("0123456789");
+    try {
+        readText(standardInput, path, limits);
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.status(), ExitStatus::BadInput);
+        return failure.what();
+    }
+    return "";
+}
+
+TEST(ReadText, AFileUpToTheLimitIsRead)
+{
+    const ScratchFolder folder;
+    folder.write("file", "0123456789");
+    std::istringstream standardInput("0123456789");
+    EXPECT_EQ(readText(standardInput, folder.path("file"), {.bytes = 10}), "0123456789");
+    EXPECT_EQ(readText(standardInput, "-", {.bytes = 10}), "0123456789");
+    EXPECT_THAT(complaint(folder.path("file"), {.bytes = 9}),
+                HasSubstr(": cannot be read: 10 bytes; expected at most 9"));
+    EXPECT_EQ(complaint("-", {.bytes = 9}), "standard input: cannot be read: more than 9 bytes; expected at most 9");
+}
+
+TEST(ReadText, WhatHasNoEndIsRefused)
+{
+    EXPECT_EQ(complaint("/dev/zero", {.bytes = 1000}),
+              "/dev/zero: cannot be read: more than 1000 bytes; expected at most 1000");
+    EXPECT_THAT(complaint("/", {}), HasSubstr("Is a directory"));
+    EXPECT_THAT(complaint("/no/such", {}), HasSubstr("No such file"));
+}
+
+TEST(ReadText, APipeIsReadAndNotWaitedForWithoutEnd)
+{
+    const ScratchFolder folder;
+    const std::string pipe = folder.path("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_EQ(complaint(pipe, {.silence = std::chrono::milliseconds(50)}),
+              pipe + ": cannot be read: nothing came for 50 ms")
+        << "nobody has the other end";
+    std::thread writer([&pipe] { std::ofstream(pipe) << "words"; });
+    std::istringstream standardInput;
+    EXPECT_EQ(readText(standardInput, pipe), "words");
+    writer.join();
 }
 
 TEST(Values, FromPersonToTable)
@@ -275,7 +329,7 @@ TEST(Load, RowsThatAreThereTwice)
         if (problem.text.find("already") != std::string::npos || problem.text.find("second") != std::string::npos)
             twice.push_back(std::to_string(problem.line) + ": " + problem.text);
     }
-    EXPECT_THAT(twice, ElementsAre("2: a second row: the table has one row at most", "5: used already in line 4"));
+    EXPECT_THAT(twice, ElementsAre("2: a second row: the table has one row at most", "5: already used in line 4"));
 }
 
 TEST(Load, LinesOfErrorsAndDefaults)

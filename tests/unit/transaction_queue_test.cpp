@@ -420,7 +420,7 @@ TEST_F(TransactionQueueTest, AStopSignalEndsTheWaitAndTheCleanUpFollows)
     queueLines({"ebtables -X U"});
     stop();
     sigaction(SIGTERM, &before, nullptr);
-    EXPECT_THAT(log(), HasSubstr("was killed because moatkeeper is to stop"));
+    EXPECT_THAT(log(), HasSubstr("was killed because a stop signal came"));
     EXPECT_THAT(batches(), ElementsAre("-N U\n", "-N U\n", "-F U\n-X U\n"));
     EXPECT_FALSE(isRecorded());
 }

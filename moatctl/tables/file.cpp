@@ -1,14 +1,9 @@
-#include "moatctl/tables/load.hpp"
+#include "moatctl/tables/file.hpp"
 
 #include "ovsdb/json.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <istream>
 #include <limits>
 #include <map>
 #include <optional>
@@ -21,6 +16,9 @@ namespace
 {
 
 using ovsdb::Json;
+
+// Six times those of 100,000 rules with all columns. Each takes some 50 bytes.
+constexpr std::size_t mostValues = 10'000'000;
 
 // Line numbers of offsets without walking the text each time.
 class LineIndex
@@ -49,7 +47,7 @@ public:
     {
         m_result.configuration.file = name;
         try {
-            parse(ovsdb::parseJson(text, {.comments = true}));
+            parse(ovsdb::parseJson(text, {.values = mostValues, .comments = true}));
         } catch (const ovsdb::JsonError& error) {
             m_result.readable = false;
             const bool empty = text.find_first_not_of(" \t\r\n") == std::string_view::npos;
@@ -58,8 +56,7 @@ public:
             if (reason.ends_with('.'))
                 reason.pop_back();
             report(error.offset(), "", 0, "",
-                   (empty ? "nothing in it" : "no JSON: " + reason) +
-                       "; expected an object with a list of rows per table");
+                   (empty ? "empty" : "not JSON: " + reason) + "; expected an object with a list of rows per table");
         }
     }
     LoadedFile take() { return std::move(m_result); }
@@ -87,7 +84,7 @@ private:
         for (const auto& [name, rows] : *tables) {
             const auto table = std::ranges::find(schema::allTables(), std::string_view(name), &schema::Table::name);
             if (table == schema::allTables().end())
-                report(rows.offset(), "", 0, "", "no table is called " + inQuotes(name));
+                report(rows.offset(), "", 0, "", "there is no table " + inQuotes(name));
             else
                 parseTable(*table, rows);
         }
@@ -148,7 +145,7 @@ private:
         const auto [first, isNew] = m_lineOfRow.try_emplace({row.table->id, row.id()}, row.line);
         if (!isNew)
             report(offset, row.table->name, row.id(), hasIds ? "Id" : "",
-                   hasIds ? "used already in line " + std::to_string(first->second)
+                   hasIds ? "already used in line " + std::to_string(first->second)
                           : "a second row: the table has one row at most");
         return isNew;
     }
@@ -199,53 +196,9 @@ private:
 
 } // namespace
 
-Configuration toConfiguration(const ovsdb::TableCache& cache)
-{
-    Configuration configuration;
-    for (const schema::Table& table : schema::allTables()) {
-        for (const ovsdb::Row& from : cache.rows(table.name)) {
-            Row row(table);
-            row.values = from.values;
-            row.uuid = from.uuid;
-            configuration.add(std::move(row));
-        }
-    }
-    return configuration;
-}
-
-Configuration loadFromServer(ovsdb::Client& client)
-{
-    return toConfiguration(client.read());
-}
-
 LoadedFile parseConfiguration(std::string_view text, const std::string& name)
 {
     return FileParser(text, name).take();
-}
-
-std::string readText(Program& program, const std::string& path)
-{
-    std::ifstream file;
-    if (path != "-") {
-        errno = 0;
-        file.open(path, std::ios::binary);
-    }
-    std::istream& in = path == "-" ? program.in : file;
-    std::string text;
-    std::array<char, 65536> block{};
-    while (in) {
-        in.read(block.data(), block.size());
-        text.append(block.data(), static_cast<std::size_t>(in.gcount()));
-    }
-    if (in.bad() || (path != "-" && !file.is_open()))
-        throw Failure(ExitStatus::BadInput,
-                      nameOf(path) + ": cannot be read: " + std::strerror(errno != 0 ? errno : EIO));
-    return text;
-}
-
-std::string nameOf(const std::string& path)
-{
-    return path == "-" ? "standard input" : path;
 }
 
 } // namespace moatctl

@@ -1,0 +1,45 @@
+#include "moatctl/bridge/kernel.hpp"
+
+#include "subprocess/run.hpp"
+#include "text/one_line.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace moatctl
+{
+
+namespace
+{
+
+constexpr const char* saveProgram = "/usr/sbin/ebtables-save";
+// The daemon touches its lock whenever a commit is done.
+constexpr const char* daemonsLock = "/run/moatkeeper/lock";
+
+} // namespace
+
+std::optional<ebtables::Table> readKernel(std::string& reason)
+{
+    const subprocess::RunResult result = subprocess::run(saveProgram, {"-c"}, "");
+    const bool exited = result.end == subprocess::RunResult::End::Exited;
+    if (exited && result.exitCode == 0)
+        return ebtables::parseSaved(result.output);
+    reason = exited ? std::string(saveProgram) + ": " + text::oneLine(result.errors) : result.reason;
+    if (result.error == ENOENT)
+        reason += "; install the package ebtables";
+    return std::nullopt;
+}
+
+std::optional<CommitTime> lastCommit(std::string& reason)
+{
+    struct stat status {
+    };
+    if (lstat(daemonsLock, &status) != 0) {
+        reason = std::string("cannot look at ") + daemonsLock + ": " + std::strerror(errno);
+        return std::nullopt;
+    }
+    return CommitTime(std::chrono::seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec));
+}
+
+} // namespace moatctl

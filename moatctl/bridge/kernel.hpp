@@ -1,0 +1,22 @@
+// What the machine says: the kernel's table, and when the daemon last changed it.
+#pragma once
+
+#include "ebtables/table.hpp"
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace moatctl
+{
+
+// With counters. Nothing, and a reason in one line, when it cannot be read.
+std::optional<ebtables::Table> readKernel(std::string& reason);
+
+using CommitTime = std::chrono::sys_time<std::chrono::nanoseconds>;
+
+// Of the daemon that runs, or ran last; the time's zero when it has changed nothing yet. Nothing, and a reason, when
+// that cannot be told.
+std::optional<CommitTime> lastCommit(std::string& reason);
+
+} // namespace moatctl

@@ -1,0 +1,99 @@
+#include "moatctl/command_line/parser.hpp"
+
+#include "moatctl/command_line/errors.hpp"
+#include "moatctl/tables/problem.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+namespace moatctl
+{
+
+namespace
+{
+
+constexpr double longestTimeout = 3600;
+
+constexpr const char* closingText = R"(Exit status:
+  0  done; check found nothing
+  1  check found warnings; status found something wrong
+  2  the command line, a file or a configuration has errors; nothing was changed
+  3  the server cannot be reached, does not answer in time or has another schema
+  4  a row is missing, exists already or is in use, or others kept changing it
+  5  the output could not be written, or there was not enough memory
+
+Example:
+  moatctl rule add --in eth0 --out eth1 --src-mac 00:11:22:33:44:55 --drop)";
+
+std::chrono::milliseconds timeoutOf(const std::string& text)
+{
+    double seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (error != std::errc() || end != text.data() + text.size() || !(seconds > 0) || seconds > longestTimeout)
+        throw Failure(ExitStatus::BadInput,
+                      "--timeout " + inQuotes(text) + ": expected seconds, more than 0 and at most 3600");
+    return std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(seconds * 1000)));
+}
+
+std::unique_ptr<CLI::App> rootOf(Program& program, bool onlyChanges)
+{
+    auto root = std::make_unique<CLI::App>("", onlyChanges ? "" : "moatctl");
+    root->require_subcommand(1);
+    root->fallthrough(); // options of the whole program may also follow the verb
+    for (const Verb& verb : program.verbs) {
+        if (verb.changesRows || !onlyChanges)
+            verb.add(Command(*root), program);
+    }
+    return root;
+}
+
+// Parses, and names what is wrong.
+template <typename... Arguments>
+std::string parseWith(CLI::App& root, Arguments&&... arguments)
+{
+    try {
+        root.parse(std::forward<Arguments>(arguments)...);
+        return {};
+    } catch (const CLI::CallForHelp&) {
+        return root.help();
+    } catch (const CLI::CallForVersion& version) {
+        return std::string(version.what()) + '\n';
+    } catch (const CLI::ParseError& error) {
+        throw Failure(ExitStatus::BadInput, describeError(error, root));
+    }
+}
+
+} // namespace
+
+Parser::Parser(Program& program) : m_root(rootOf(program, false))
+{
+    m_root->description("Reads and changes the filtering configuration of this device.");
+    m_root->footer(closingText);
+    m_root->set_version_flag("--version", "moatctl " MOATCTL_VERSION, "Print the version and exit");
+    const Command root(*m_root);
+    root.option("--server", "PATH", "Socket of the configuration server", program.server.socketPath)
+        .defaultsTo(program.server.socketPath);
+    root.option("--timeout", "SECONDS", "Longest wait for an answer from the server",
+                [&program](const std::string& text) { program.server.timeout = timeoutOf(text); })
+        .defaultsTo("5");
+}
+
+Parser::Parser(Program& program, OnlyChanges) : m_root(rootOf(program, true)) {}
+
+Parser::~Parser() = default;
+
+std::string Parser::parse(int argc, const char* const* argv)
+{
+    return parseWith(*m_root, argc, argv);
+}
+
+std::string Parser::parse(std::vector<std::string> words)
+{
+    std::ranges::reverse(words); // as the library wants them
+    return parseWith(*m_root, std::move(words));
+}
+
+} // namespace moatctl
