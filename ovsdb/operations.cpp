@@ -13,7 +13,7 @@ Json atom(const tessera::Value& value)
     return value.isText() ? Json(value.getText()) : Json(std::int64_t{value.getInteger()});
 }
 
-Json condition(const char* column, Json value)
+Json condition(std::string_view column, Json value)
 {
     return Json::Array{Json(Json::Array{Json(column), Json("=="), std::move(value)})};
 }
@@ -83,6 +83,15 @@ Json requireRow(const Table& table, const Row& row)
 Json requireNoRow(std::string_view tableName, std::int32_t id)
 {
     return waitFor(tableName, rowWithId(id), Json::Array{Json("Id")}, Json::Array());
+}
+
+Json requireOnlyRows(std::string_view tableName, std::string_view column, std::int32_t number,
+                     const std::vector<std::int32_t>& ids)
+{
+    Json::Array rows;
+    for (const std::int32_t id : ids)
+        rows.emplace_back(Json::Object{{"Id", Json(id)}});
+    return waitFor(tableName, condition(column, Json(number)), Json::Array{Json("Id")}, std::move(rows));
 }
 
 Json commitDurably()

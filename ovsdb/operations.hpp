@@ -34,6 +34,9 @@ Json deleteRows(std::string_view tableName, const Where& where);
 // still does not exist): for a change that was decided upon from a copy.
 Json requireRow(const Table& table, const Row& row);
 Json requireNoRow(std::string_view tableName, std::int32_t id);
+// Likewise unless the rows with this number in the column are those of these Ids and no others.
+Json requireOnlyRows(std::string_view tableName, std::string_view column, std::int32_t number,
+                     const std::vector<std::int32_t>& ids);
 
 // Makes the server's acknowledgement wait until the change is on the disk.
 Json commitDurably();

@@ -7,6 +7,8 @@
 #include "ovsdb/client.hpp"
 #include "schema/server/database.hpp"
 
+#include <map>
+
 namespace moatctl
 {
 
@@ -41,10 +43,34 @@ struct Plan {
     }
 };
 
+// An entry of a filter needs its filter: what others do to either in the meantime must not part them.
+void keepTogether(const std::vector<Change>& changes, const Configuration& before,
+                  std::set<std::pair<TableId, std::int32_t>>& reliedOn, Plan& plan)
+{
+    std::map<std::int32_t, std::vector<std::int32_t>> entriesOf; // of filters that go
+    for (const Change& change : changes) {
+        if (change.table->id == TableId::FilterRules && change.after != nullptr)
+            reliedOn.emplace(TableId::Filters, change.after->integer("BridgeFilterID"));
+        if (change.table->id == TableId::Filters && change.after == nullptr)
+            entriesOf[change.id];
+    }
+    if (entriesOf.empty())
+        return;
+    for (const Row& entry : before.rows(TableId::FilterRules)) {
+        if (const auto filter = entriesOf.find(entry.integer("BridgeFilterID")); filter != entriesOf.end())
+            filter->second.push_back(entry.id());
+    }
+    for (const auto& [filter, entries] : entriesOf)
+        plan.add(ovsdb::requireOnlyRows(schema::table(TableId::FilterRules).name, "BridgeFilterID", filter, entries),
+                 nullptr);
+}
+
 Plan planOf(const std::vector<Change>& changes, const Configuration& before, const Editor& editor)
 {
     Plan plan;
-    for (const auto& [table, id] : editor.reliedOn()) {
+    std::set<std::pair<TableId, std::int32_t>> reliedOn = editor.reliedOn();
+    keepTogether(changes, before, reliedOn, plan);
+    for (const auto& [table, id] : reliedOn) {
         if (const Row* row = before.find(table, id))
             plan.add(require(*row), nullptr);
     }

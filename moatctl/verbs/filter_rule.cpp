@@ -12,7 +12,6 @@ void requireFilter(const Given&, Editor& editor, Row& row, bool)
     const std::int32_t filter = row.integer("BridgeFilterID");
     if (filter != 0 && editor.configuration.find(TableId::Filters, filter) == nullptr)
         throw Failure(ExitStatus::Conflict, "there is no filter " + std::to_string(filter));
-    editor.reliesOn(TableId::Filters, filter);
 }
 
 } // namespace

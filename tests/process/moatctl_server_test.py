@@ -31,6 +31,28 @@ class Concurrency(Case):
             row = self.rows("rule")[0]
             self.assertEqual((row["EnableLogging"], row["Enabled"]), (1, 0))
 
+    def test_a_filter_that_goes_leaves_no_entry(self):
+        """Somebody removes a filter while somebody else adds an entry: both hold, or one of them is refused."""
+        for number in range(1, 61):
+            self.ok("filter", "add", "--id", number, "--between", "eth0", "eth1", "--match", "mac", "--mode", "blacklist")
+            match = ("--match", "02:00:00:00:00:01")
+            if number % 2:
+                self.ok("filter-rule", "add", "--filter", number, *match)
+            if number % 3:
+                added = ("filter-rule", "add", "--filter", number, *match)
+            else:
+                file = self.folder / "entry.json"
+                row = {"Id": number, "Enabled": 1, "BridgeFilterID": number, "FilterMatch": match[1]}
+                file.write_text(json.dumps({"MoatKeeperBridgeFilterRules": [row]}), encoding="utf-8")
+                added = ("import", "--elsewhere", file)
+            words = (("filter", "remove", number, "--with-rules"), added)
+            running = [subprocess.Popen(self.command(*w), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                       for w in words]
+            results = [process.communicate(timeout=60) + (process.returncode,) for process in running]
+            filters = {row["Id"] for row in self.rows("filter")}
+            self.assertEqual({row["BridgeFilterID"] for row in self.rows("filter-rule")} - filters, set(),
+                             f"round {number}: {results}")
+
 
 class Monitor(Case):
     def watch(self, *words):
