@@ -83,8 +83,7 @@ try() { # clone, kind
 case "${1-}" in
 --enter)
     root=$2
-    # The second clone need not compile the same once more.
-    enterRoot CCACHE_BASEDIR="$3" CCACHE_NOHASHDIR=1 sh -c "cd $3 && $4"
+    enterRoot sh -c "cd $3 && $4"
     ;;
 --inside)
     root=$2

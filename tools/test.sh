@@ -5,10 +5,6 @@ set -eu
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
 
-if command -v ccache >/dev/null; then
-    export CMAKE_CXX_COMPILER_LAUNCHER="${CMAKE_CXX_COMPILER_LAUNCHER-ccache}"
-fi
-
 # Each test that could not run here, with its reason as GoogleTest, unittest or the test's script wrote it.
 showSkipped() { # log of ctest
     awk '
