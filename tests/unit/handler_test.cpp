@@ -189,9 +189,10 @@ TEST_F(Handler, RowsThatCannotBeReadHaveNoValues)
     handler->loadFromConfig(tables, "");
     commit();
     const auto lines = queue.lines();
-    for (const auto& [table, start] : linesOfOneRow)
-        EXPECT_EQ(std::ranges::count_if(lines, [&](const std::string& line) { return line.starts_with(start); }), 1)
-            << table;
+    for (const auto& row : linesOfOneRow) {
+        const auto isOfRow = [&](const std::string& line) { return line.starts_with(row.second); };
+        EXPECT_EQ(std::ranges::count_if(lines, isOfRow), 1) << row.first;
+    }
 }
 
 TEST_F(Handler, StatusesDoNotMatterButACountThatIsNotGivenIsNone)
