@@ -6,9 +6,10 @@ namespace zol::moatkeeper
 namespace
 {
 
+constexpr std::string_view append = "ebtables -A ";
 constexpr std::int32_t noVlan = -1;
 constexpr std::uint32_t vlanIdEnd = 4095; // the last id is reserved
-constexpr std::size_t optionsRoom = 256;  // most rules fit
+constexpr std::size_t lineRoom = 256;     // most rules fit
 
 // What the option names of an ethertype begin with; empty where ebtables has no IP options for it.
 std::string_view ipOptionPrefix(std::string_view ethertype)
@@ -25,14 +26,15 @@ std::string_view ipOptionPrefix(std::string_view ethertype)
 RowLines linesOf(const RuleRow& row)
 {
     RowLines lines;
-    std::string options;
-    options.reserve(optionsRoom);
-    const auto add = [&](std::string_view option, std::string_view value) { options.append(option).append(value); };
+    std::string line;
+    line.reserve(lineRoom);
+    const auto add = [&](std::string_view option, std::string_view value) { line.append(option).append(value); };
     const auto addIfSet = [&](std::string_view option, std::string_view value) {
         if (!value.empty())
             add(option, value);
     };
 
+    add(append, row.outInterface.empty() ? "UserInputRules" : "UserForwardRules");
     add(" -i ", row.inInterface);
     addIfSet(" -o ", row.outInterface);
     addIfSet(" -d ", row.dstMAC);
@@ -49,7 +51,7 @@ RowLines linesOf(const RuleRow& row)
         const std::string_view prefix = ipOptionPrefix(row.ethertype);
         const auto addIp = [&](std::string_view option, std::string_view value) {
             if (!prefix.empty() && !value.empty())
-                options.append(prefix).append(option).append(value);
+                line.append(prefix).append(option).append(value);
         };
         addIp("-source ", row.ipSrcAddr);
         addIp("-destination ", row.ipDstAddr);
@@ -78,9 +80,8 @@ RowLines linesOf(const RuleRow& row)
         add(" --log --log-prefix ", logPrefix);
     add(" -j ", row.target);
 
-    const std::string_view chain = row.outInterface.empty() ? "UserInputRules" : "UserForwardRules";
-    lines.addCommand.append("ebtables -A ").append(chain).append(options);
-    lines.deleteCommand.append("ebtables -D ").append(chain).append(options);
+    lines.addCommand = line;
+    lines.deleteCommand = line.replace(0, append.size(), "ebtables -D ");
     return lines;
 }
 
