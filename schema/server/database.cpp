@@ -12,12 +12,13 @@ ovsdb::Database makeDatabase()
 {
     ovsdb::Database database{.name = std::string(databaseName), .schemaMajorVersion = majorVersion, .tables = {}};
     for (const Table& table : allTables()) {
-        ovsdb::Table& made = database.tables.emplace_back(std::string(table.name), std::vector<ovsdb::Column>());
+        ovsdb::Table made{.name = std::string(table.name), .columns = {}};
         for (const Column& column : table.columns)
             made.columns.push_back({.name = std::string(column.name),
                                     .kind = column.isText() ? ovsdb::ColumnKind::Text : ovsdb::ColumnKind::Integer,
                                     .optional = column.mayBeUnset,
                                     .ifUnset = column.defaultValue()});
+        database.tables.push_back(std::move(made));
     }
     return database;
 }
