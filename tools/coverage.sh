@@ -12,7 +12,7 @@ find build/coverage -name '*.gcda' -delete
 status=0
 ctest --preset coverage -LE install -j "$(nproc)" "$@" || status=$?
 
-folders='daemon handler records platform_linux ebtables ovsdb nftables schema'
+folders='daemon handler records platform_linux text subprocess ebtables ovsdb nftables schema'
 # shellcheck disable=SC2046,SC2086 # two words for each folder
 gcovr -r . build/coverage -j "$(nproc)" --exclude-unreachable-branches --exclude-throw-branches \
     --gcov-ignore-parse-errors $(printf -- '--filter %s/ ' $folders) --json build/coverage/coverage.json
