@@ -4,8 +4,8 @@
 #include "ovsdb/rpc_session.hpp"
 #include "ovsdb/subscription.hpp"
 #include "platform/config_handler.hpp"
-#include "platform/config_reader.hpp"
 #include "platform/sysloglevel.h"
+#include "platform_linux/config_source.hpp"
 #include "platform_linux/delivery_names.hpp"
 #include "platform_linux/event_dispatcher.hpp"
 #include "platform_linux/queue/transaction_queue.hpp"
@@ -32,40 +32,6 @@ using std::chrono::milliseconds;
 using tessera::net::EventDispatcher;
 
 const char* const label = "ovsdb";
-
-// The copy of the tables, as the handler's readers see it.
-class CacheReader : public IConfigReader
-{
-public:
-    explicit CacheReader(const ovsdb::TableCache& tables) : m_tables(tables) {}
-
-    ConfigStatus getRowCount(const std::string& tableName, std::uint32_t& rowCount) override
-    {
-        if (!m_tables.holds(tableName))
-            return {.ok = false, .text = "no table \"" + tableName + "\" is subscribed"};
-        rowCount = static_cast<std::uint32_t>(m_tables.rows(tableName).size());
-        return {};
-    }
-
-    ConfigStatus readRow(const std::string& tableName, std::uint32_t rowIndex, tessera::NameList& names,
-                         tessera::ValueList& values) override
-    {
-        const auto rows = m_tables.rows(tableName);
-        if (rowIndex >= rows.size())
-            return {.ok = false, .text = "table \"" + tableName + "\" has no row " + std::to_string(rowIndex)};
-        const ovsdb::Table& table = schema::serverDatabase().at(tableName);
-        names.clear();
-        values.clear();
-        for (std::size_t i = 0; i < table.columns.size(); ++i) {
-            names.emplace_back(table.columns[i].name);
-            values.setValue(table.columns[i].name, rows[rowIndex].values[i]);
-        }
-        return {};
-    }
-
-private:
-    const ovsdb::TableCache& m_tables;
-};
 
 // What the log last said about the server. Each change is one line, however many attempts it lasts.
 enum class Health { Unknown, Connected, Absent, Lost, Foreign, Malformed, Unsuitable, Stalled };
@@ -103,6 +69,7 @@ public:
         handler->getTableNames(names);
         m_handler = handler;
         m_subscription.emplace(schema::serverDatabase(), std::vector<std::string>(names.begin(), names.end()));
+        m_source.emplace(m_subscription->tables(), m_logModule);
     }
 
     void initialize()
@@ -137,11 +104,10 @@ private:
             Delivery& operator=(const Delivery&) = delete;
             TransactionQueue& queue;
         };
-        CacheReader source(m_subscription->tables());
         const Delivery delivery(m_queue);
         for (const std::string& name : names)
-            m_handler->loadFromConfig(source, name);
-        m_handler->commitToSystem(source, &m_queue);
+            m_handler->loadFromConfig(*m_source, name);
+        m_handler->commitToSystem(*m_source, &m_queue);
     }
 
     // While the tool cannot run, its lines wait in the queue.
@@ -211,6 +177,7 @@ private:
     void handleMessage(const ovsdb::RpcMessage& message)
     {
         auto progress = m_subscription->handle(message, *m_session);
+        m_source->update(progress.changedTables);
         if (progress.synchronised) {
             // Delivered even if nothing differs from what was delivered last: every delivery is a read and a commit,
             // so no change waits that an equal read could cancel, and a commit without changes does nothing.
@@ -297,6 +264,7 @@ private:
     TransactionQueue m_queue;
     IConfigHandler* m_handler = nullptr;
     std::optional<ovsdb::Subscription> m_subscription;
+    std::optional<ConfigSource> m_source; // of the subscription's tables
 
     std::optional<ovsdb::Connection> m_connection;
     std::optional<ovsdb::RpcSession> m_session;

@@ -1,7 +1,38 @@
 #include "schema/values.hpp"
 
+#include <algorithm>
+
 namespace schema
 {
+
+namespace
+{
+
+bool isNumber(std::string_view text)
+{
+    if (text.starts_with('-'))
+        text.remove_prefix(1);
+    return !text.empty() && std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// A blank, a quote or a `;` would change the line around the value.
+bool isSingleWord(std::string_view text)
+{
+    if (text.starts_with('!'))
+        text.remove_prefix(text.starts_with("! ") ? 2 : 1);
+    return !text.empty() && std::ranges::all_of(text, [](char c) {
+        return c > ' ' && c <= '~' && c != '"' && c != '\'' && c != '`' && c != ';';
+    });
+}
+
+bool looksLikeOption(std::string_view text)
+{
+    if (text.starts_with("! "))
+        text.remove_prefix(2);
+    return text.starts_with('-') && !isNumber(text);
+}
+
+} // namespace
 
 bool isText(ValueKind kind)
 {
@@ -65,6 +96,44 @@ std::string_view expectedValue(ValueKind kind)
         return "a MAC address, an IP address or network, or a VLAN id, as the filter matches";
     }
     return "";
+}
+
+std::size_t longestText(ValueKind kind)
+{
+    constexpr std::size_t negation = 2; // "! "
+    constexpr std::size_t mac = 17;
+    constexpr std::size_t ipv6 = 45; // with the last four bytes written as IPv4
+    switch (kind) {
+    case ValueKind::Interface:
+        return negation + 15;
+    case ValueKind::Mac:
+        return negation + mac + 1 + mac;
+    case ValueKind::Network:
+    case ValueKind::FilterMatch:
+        return negation + ipv6 + 1 + ipv6;
+    case ValueKind::Ethertype:
+    case ValueKind::Protocol:
+    case ValueKind::Target:
+    case ValueKind::Criteria:
+    case ValueKind::Mode:
+        return 32; // names, of which the longest that means something has 12
+    default:
+        return 0;
+    }
+}
+
+std::optional<std::string> expectedOperand(ValueKind kind, std::string_view text)
+{
+    if (text.empty())
+        return std::nullopt;
+    const std::string expected(expectedValue(kind));
+    if (text.size() > longestText(kind))
+        return "a text of at most " + std::to_string(longestText(kind)) + " characters";
+    if (!isSingleWord(text))
+        return expected + ", as a single word";
+    if (looksLikeOption(text))
+        return expected + ", not an option";
+    return std::nullopt;
 }
 
 } // namespace schema

@@ -22,13 +22,13 @@ nftables             ebtables system libmnl libnftnl
 schema               platform
 schema/server        schema ovsdb platform
 
-platform_linux       platform_linux/queue platform ebtables ovsdb nftables schema schema/server system
+platform_linux       platform_linux/queue platform ebtables ovsdb nftables schema schema/server text system
 platform_linux/queue platform_linux platform ebtables nftables schema subprocess text system
 platform_fake        platform
 
 moatctl              moatctl/command_line moatctl/verbs schema unistd.h
 moatctl/tables       moatctl ebtables ovsdb schema schema/server platform text system
-moatctl/bridge       moatctl/tables handler records ebtables subprocess text system
+moatctl/bridge       moatctl/tables handler records ebtables schema subprocess text system
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
 moatctl/command_line moatctl moatctl/tables moatctl/bridge ebtables ovsdb schema schema/server platform text
                      system CLI

@@ -3,7 +3,9 @@
 #include "ebtables/model.hpp"
 #include "handler/first_commit.hpp"
 #include "handler/row_values.hpp"
+#include "schema/tables.hpp"
 
+#include <array>
 #include <utility>
 
 namespace moatctl
@@ -14,25 +16,54 @@ namespace
 
 namespace daemon = zol::moatkeeper;
 
-// The rows of a table as the daemon sees them.
-template <typename Make>
-auto rowsOf(const Configuration& configuration, TableId table, const Make& make)
+// The rows that the daemon's data source delivers: without those with a text that would not be one operand of a line.
+class DeliveredRows
 {
-    std::vector<decltype(make(std::declval<const Row&>()))> rows;
-    rows.reserve(configuration.rows(table).size());
-    for (const Row& row : configuration.rows(table))
-        rows.push_back(make(row));
-    return rows;
-}
+public:
+    explicit DeliveredRows(const Configuration& configuration)
+    {
+        for (const schema::Table& table : schema::allTables()) {
+            for (const Row& row : configuration.rows(table.id)) {
+                if (isDelivered(row))
+                    m_rows[static_cast<std::size_t>(table.id)].push_back(&row);
+            }
+        }
+    }
 
-daemon::Tables tablesOf(const Configuration& configuration)
+    const std::vector<const Row*>& of(TableId table) const { return m_rows[static_cast<std::size_t>(table)]; }
+
+    // The rows of a table as the daemon sees them.
+    template <typename Make>
+    auto made(TableId table, const Make& make) const
+    {
+        std::vector<decltype(make(std::declval<const Row&>()))> rows;
+        rows.reserve(of(table).size());
+        for (const Row* row : of(table))
+            rows.push_back(make(*row));
+        return rows;
+    }
+
+private:
+    static bool isDelivered(const Row& row)
+    {
+        for (std::size_t i = 0; i < row.values.size(); ++i) {
+            if (schema::expectedOperand(row.table->columns[i].kind, row.values[i].getText()))
+                return false;
+        }
+        return true;
+    }
+
+    std::array<std::vector<const Row*>, schema::tableCount> m_rows;
+};
+
+daemon::Tables tablesOf(const DeliveredRows& rows)
 {
-    return {.global = rowsOf(configuration, TableId::Global, daemon::globalRow<Row>),
-            .inputPolicies = rowsOf(configuration, TableId::InputPolicies, daemon::inputPolicyRow<Row>),
-            .forwardingPolicies = rowsOf(configuration, TableId::ForwardingPolicies, daemon::forwardingPolicyRow<Row>),
-            .rules = rowsOf(configuration, TableId::Rules, daemon::ruleRow<Row>),
-            .filters = rowsOf(configuration, TableId::Filters, daemon::filterRow<Row>),
-            .filterRules = rowsOf(configuration, TableId::FilterRules, daemon::filterRuleRow<Row>)};
+    return {.global = rows.made(TableId::Global, daemon::globalRow<Row>),
+            .inputPolicies = rows.made(TableId::InputPolicies, daemon::inputPolicyRow<Row>),
+            .forwardingPolicies = rows.made(TableId::ForwardingPolicies, daemon::forwardingPolicyRow<Row>),
+            .rules = rows.made(TableId::Rules, daemon::ruleRow<Row>),
+            .filters = rows.made(TableId::Filters, daemon::filterRow<Row>),
+            .filterRules = rows.made(TableId::FilterRules, daemon::filterRuleRow<Row>)};
 }
 
 TableId idOf(daemon::Table table)
@@ -58,10 +89,9 @@ TableId idOf(daemon::Table table)
 
 Expected expectedOf(const Configuration& configuration)
 {
-    const auto rowAt = [&](const daemon::RowPlace& place) {
-        return &configuration.rows(idOf(place.table))[place.index];
-    };
-    daemon::FirstCommit commit = daemon::firstCommit(tablesOf(configuration));
+    const DeliveredRows rows(configuration);
+    const auto rowAt = [&](const daemon::RowPlace& place) { return rows.of(idOf(place.table))[place.index]; };
+    daemon::FirstCommit commit = daemon::firstCommit(tablesOf(rows));
     Expected expected;
     for (daemon::QueuedLine& line : commit.lines)
         expected.lines.push_back({std::move(line.text), line.origin ? rowAt(*line.origin) : nullptr});

@@ -95,6 +95,8 @@ std::string expectedInstead(const schema::Column& column, const tessera::Value& 
 
 std::optional<std::string> wrongValue(const schema::Column& column, const tessera::Value& value)
 {
+    if (const auto expected = schema::expectedOperand(column.kind, value.getText()))
+        return inQuotes(value) + ": expected " + *expected;
     if (isGood(column.kind, value))
         return std::nullopt;
     return expectedInstead(column, value);

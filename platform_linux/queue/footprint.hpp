@@ -24,6 +24,7 @@ public:
     // Everything of the other one as well, rules as often as the one that has them more often.
     void unite(const Footprint& other);
 
+    const std::set<std::string>& chains() const { return m_chains; }
     bool empty() const { return m_chains.empty() && m_rules.empty() && m_policies.empty(); }
 
     // The commands that take out of the table whatever of this is really in it. Nothing else is touched.

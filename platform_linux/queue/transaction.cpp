@@ -40,14 +40,16 @@ std::string cannotRunReason(const ToolPaths& paths, const RunResult& result)
 class Transaction
 {
 public:
-    Transaction(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits)
-        : m_paths(paths), m_commands(commands), m_limits(limits), m_dropped(commands.size(), false)
+    Transaction(const ToolPaths& paths, std::span<const Command> commands, const OwnChains& own,
+                const RunLimits& limits)
+        : m_paths(paths), m_commands(commands), m_own(own), m_limits(limits), m_dropped(commands.size(), false)
     {
     }
 
     Outcome apply()
     {
         for (unsigned tries = 0; tries < maxTries; ++tries) {
+            dropOnChainsOfOthers();
             RestoreBlock block;
             for (std::size_t i = 0; i < m_commands.size(); ++i) {
                 if (!m_dropped[i])
@@ -104,6 +106,18 @@ private:
             return;
         m_dropped[index] = true;
         m_outcome.refused.push_back({index, reason});
+    }
+
+    // What works on a chain that turned out to be somebody else's.
+    void dropOnChainsOfOthers()
+    {
+        OwnChains own = m_own;
+        for (std::size_t i = 0; i < m_commands.size(); ++i) {
+            if (!m_dropped[i] && !own.mayCarryOut(m_commands[i]))
+                drop(i, std::string(notOurChain));
+            if (!m_dropped[i])
+                own.expect(m_commands[i]);
+        }
     }
 
     // Which commands the messages are about, ascending.
@@ -202,6 +216,7 @@ private:
     {
         m_outcome.notAtomic = why.empty() ? "no message" : why;
         for (std::size_t i = 0; i < m_commands.size(); ++i) {
+            dropOnChainsOfOthers();
             if (m_dropped[i])
                 continue;
             RestoreBlock block;
@@ -226,6 +241,7 @@ private:
 
     const ToolPaths& m_paths;
     std::span<const Command> m_commands;
+    const OwnChains& m_own;
     const RunLimits& m_limits;
     std::vector<bool> m_dropped;
     bool m_tableRead = false;
@@ -264,14 +280,27 @@ std::vector<std::string> arguments(const Command& command)
     return words;
 }
 
+void noteCarriedOut(std::span<const Command> commands, std::span<const Refused> refused, OwnChains& own)
+{
+    for (std::size_t i = 0; i < commands.size(); ++i) {
+        if (!refused.empty() && refused.front().index == i)
+            refused = refused.subspan(1);
+        else
+            own.note(commands[i]);
+    }
+}
+
 } // namespace
 
-Outcome applyTransaction(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits)
+Outcome applyTransaction(const ToolPaths& paths, std::span<const Command> commands, const OwnChains& own,
+                         const RunLimits& limits)
 {
     Outcome whole;
+    OwnChains now = own;
     while (whole.done < commands.size()) {
         const std::span<const Command> rest = commands.subspan(whole.done);
-        Outcome part = Transaction(paths, rest.first(transactionLength(rest)), limits).apply();
+        Outcome part = Transaction(paths, rest.first(transactionLength(rest)), now, limits).apply();
+        noteCarriedOut(rest.first(part.done), part.refused, now);
         for (Refused& refused : part.refused)
             whole.refused.push_back({refused.index + whole.done, std::move(refused.reason)});
         whole.done += part.done;
@@ -288,10 +317,14 @@ Outcome applyTransaction(const ToolPaths& paths, std::span<const Command> comman
     return whole;
 }
 
-Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits)
+Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands, OwnChains own, const RunLimits& limits)
 {
     Outcome outcome;
     for (; outcome.done < commands.size(); ++outcome.done) {
+        if (!own.mayCarryOut(commands[outcome.done])) {
+            outcome.refused.push_back({outcome.done, std::string(notOurChain)});
+            continue;
+        }
         ++outcome.processes;
         const RunResult result = runTool(paths.ebtables, arguments(commands[outcome.done]), {}, limits);
         if (result.end != RunResult::End::Exited) {
@@ -300,8 +333,10 @@ Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands,
             outcome.reason = result.reason;
             return outcome;
         }
-        if (result.exitCode == 0)
+        if (result.exitCode == 0) {
+            own.note(commands[outcome.done]);
             continue;
+        }
         const Messages messages = parseMessages(result.exitCode, result.errors);
         const std::string& text = messages.text;
         const bool forbidden =

@@ -3,6 +3,7 @@
 
 #include "ebtables/command.hpp"
 #include "ebtables/table.hpp"
+#include "platform_linux/queue/own_chains.hpp"
 #include "platform_linux/queue/tool.hpp"
 
 #include <cstddef>
@@ -35,10 +36,15 @@ struct Outcome {
 // them or none. Commands that are refused are left out and reported; the others are carried out. Only a chain that is
 // made and deleted again by the same commands takes more than one transaction, and so do refusals that the tool does
 // not explain.
-Outcome applyTransaction(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits = {});
+//
+// `own` says which chains of filters are ours before. When one cannot be made because somebody else has it, everything
+// that would work on it is refused as well.
+Outcome applyTransaction(const ToolPaths& paths, std::span<const Command> commands, const OwnChains& own,
+                         const RunLimits& limits = {});
 
 // The same with a tool that knows no transactions: one process a command.
-Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands, const RunLimits& limits = {});
+Outcome applyOneByOne(const ToolPaths& paths, std::span<const Command> commands, OwnChains own,
+                      const RunLimits& limits = {});
 
 // The kernel's table now. Nothing when the tool cannot run; reason (when given) says why.
 std::optional<Table> readTable(const ToolPaths& paths, std::string* reason = nullptr, const RunLimits& limits = {});

@@ -4,6 +4,7 @@
 #include "platform/sysloglevel.h"
 #include "platform_linux/queue/command_batch.hpp"
 #include "platform_linux/queue/footprint.hpp"
+#include "platform_linux/queue/gate.hpp"
 #include "platform_linux/queue/record_file.hpp"
 #include "platform_linux/queue/transaction.hpp"
 #include "text/one_line.hpp"
@@ -52,7 +53,10 @@ class TransactionQueue::State
 {
 public:
     explicit State(TransactionQueueOptions options)
-        : m_options(std::move(options)), m_record(m_options.recordFolder), m_namespace(ebtables::networkNamespace())
+        : m_options(std::move(options)),
+          m_gate(m_options.anyForm),
+          m_record(m_options.recordFolder),
+          m_namespace(ebtables::networkNamespace())
     {
         detect();
         readRecord();
@@ -60,7 +64,7 @@ public:
 
     void add(const std::string& line)
     {
-        ebtables::ParsedLine parsed = ebtables::parseLine(line);
+        ebtables::ParsedLine parsed = m_gate.take(line);
         if (parsed.error) {
             error(101, "refused \"" + text::oneLine(line) + "\": " + parsed.error->text());
             m_groupRefused = true;
@@ -184,8 +188,9 @@ private:
         ebtables::RunLimits limits = m_options.limits;
         limits.keepOpen = m_record.lockDescriptor();
         const bool legacy = m_variant == ebtables::Variant::Legacy;
-        const ebtables::Outcome outcome = legacy ? ebtables::applyOneByOne(m_options.tools, commands, limits)
-                                                 : ebtables::applyTransaction(m_options.tools, commands, limits);
+        const ebtables::OwnChains own(m_footprint.chains());
+        const ebtables::Outcome outcome = legacy ? ebtables::applyOneByOne(m_options.tools, commands, own, limits)
+                                                 : ebtables::applyTransaction(m_options.tools, commands, own, limits);
         finishOutcome(outcome, commands, ahead);
     }
 
@@ -213,6 +218,8 @@ private:
         }
         m_leftover = Footprint();
         dropClosed(m_closed);
+        if (m_queued.commands().empty())
+            m_gate.settle(ebtables::OwnChains(m_footprint.chains()));
         writeRecord(m_footprint);
         m_nextTry.reset();
         m_pause = std::chrono::milliseconds(0);
@@ -269,6 +276,7 @@ private:
     }
 
     TransactionQueueOptions m_options;
+    Gate m_gate;
     ebtables::Variant m_variant = ebtables::Variant::Unknown;
     ebtables::RecordFile m_record;
     std::string m_namespace;

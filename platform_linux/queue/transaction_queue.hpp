@@ -19,6 +19,8 @@ struct TransactionQueueOptions {
     ebtables::RunLimits limits;
     // What is in the tables is written down here, for the next start, and when that was last changed.
     std::string recordFolder = ebtables::defaultRecordFolder;
+    // Takes every line that ebtables can take, not only the forms that the handler makes.
+    bool anyForm = false;
     std::chrono::milliseconds firstPause{500};      // before the second try when the tool cannot run; doubles ...
     std::chrono::milliseconds longestPause{30'000}; // ... up to this
 };

@@ -47,7 +47,7 @@ int direct(const ebtables::ToolPaths& tools)
             commands.push_back(std::move(command));
     }
     const Clock::time_point start = Clock::now();
-    const ebtables::Outcome outcome = ebtables::applyTransaction(tools, commands);
+    const ebtables::Outcome outcome = ebtables::applyTransaction(tools, commands, {});
     std::cout << "us=" << microsecondsSince(start) << " commands=" << commands.size()
               << " refused=" << outcome.refused.size() << " processes=" << outcome.processes
               << " cannotRun=" << outcome.cannotRun << '\n';
@@ -86,6 +86,10 @@ int main(int argc, char** argv)
         const std::string option = argv[i];
         if (option == "--direct")
             return direct(options.tools);
+        if (option == "--any-form") {
+            options.anyForm = true;
+            continue;
+        }
         const std::string value = i + 1 < argc ? argv[++i] : "";
         if (option == "--tools")
             options.tools = {value + "/ebtables", value + "/ebtables-restore", value + "/ebtables-save"};

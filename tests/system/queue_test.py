@@ -29,8 +29,8 @@ def tables():
 class Queue:
     """A running driver."""
 
-    def __init__(self, folder, tools=None):
-        words = [DRIVER, "--record", os.path.join(folder, "record")]
+    def __init__(self, folder, tools=None, anyForm=True):
+        words = [DRIVER, *(["--any-form"] if anyForm else []), "--record", os.path.join(folder, "record")]
         if tools:
             words += ["--tools", tools]
         self.errors = tempfile.TemporaryFile("w+", dir=folder)
@@ -74,6 +74,17 @@ CLEANUP = ["ebtables -D INPUT -j UserInputRules", "ebtables -X UserInputRules", 
 
 def mac_rule(number, chain="UserInputRules"):
     return f"ebtables -A {chain} -s 02:00:00:00:{number >> 8:02x}:{number & 255:02x} -j DROP"
+
+
+def filter_lines(chain):
+    return [f"ebtables -N {chain}; ebtables -P {chain} RETURN",
+            f"ebtables -I FORWARD 1 -i p2 -o p1 -j {chain};ebtables -I FORWARD 1 -o p2 -i p1 -j {chain};",
+            f"ebtables -A {chain} -s 02:00:00:00:00:01 -j DROP"]
+
+
+def filter_end(chain):
+    return [f"ebtables -D FORWARD -i p2 -o p1 -j {chain};ebtables -D FORWARD -o p2 -i p1 -j {chain};",
+            f"ebtables -F {chain}; ebtables -X {chain}"]
 
 
 class QueueTest(unittest.TestCase):
@@ -294,6 +305,46 @@ class QueueTest(unittest.TestCase):
         queue.send(*["add " + line for line in CLEANUP], "process")
         queue.finish()
         self.assertEqual(tables(), before, queue.log())
+
+    def test_a_filters_chain_that_somebody_else_has_is_left_alone(self):
+        for chain in ("9p2p1macblacklist", "FilterID12"):
+            with self.subTest(chain):
+                shutil.rmtree(self.folder + "/record", ignore_errors=True)
+                sh("nft", "flush", "ruleset")
+                sh("ebtables", "-N", chain)
+                sh("ebtables", "-A", chain, "-i", "eth9", "-j", "DROP")
+                sh("ebtables", "-A", "FORWARD", "-i", "eth9", "-j", chain)
+                before = tables()
+                queue = Queue(self.folder, anyForm=False)
+                own = "11p2p1macblacklist"
+                queue.commit(filter_lines(chain) + filter_lines(own))
+                now = tables()
+                self.assertIn(f"-A {own} -s 02:00:00:00:00:01 -j DROP", now, queue.log())
+                self.assertEqual(2, sum(line.endswith("-j " + own) for line in now))
+                self.assertEqual(before, [line for line in now if own not in line])
+                queue.commit(filter_end(chain) + filter_end(own))
+                self.assertEqual(before, tables())
+                log = queue.log()
+                self.assertIn("not one that this process has made", log)
+                # It is gone: now it can be ours.
+                sh("ebtables", "-F", "FORWARD")
+                sh("ebtables", "-F", chain)
+                sh("ebtables", "-X", chain)
+                queue.commit(filter_lines(chain))
+                self.assertIn(f"-A {chain} -s 02:00:00:00:00:01 -j DROP", tables())
+                queue.commit(filter_end(chain))
+                self.assertNotIn(chain, str(tables()))
+                queue.finish()
+
+    def test_only_the_forms_of_the_handler_pass(self):
+        sh("ebtables", "-N", "Foreign")
+        before = tables()
+        queue = Queue(self.folder, anyForm=False)
+        queue.commit(["ebtables -A OUTPUT -j DROP", "ebtables -F FORWARD", "ebtables -X Foreign", "ebtables -N Other",
+                      "ebtables -A INPUT -i eth0 -j DROP", "ebtables -P FORWARD ACCEPT; ebtables -P OUTPUT DROP"])
+        self.assertEqual(before, tables())
+        self.assertEqual(6, queue.log().count("refused"), queue.log())
+        queue.finish()
 
     def test_a_successor_without_a_commit_cleans_up_too(self):
         queue = Queue(self.folder)

@@ -60,7 +60,7 @@ protected:
     }
     Outcome apply(const std::string& lines, const ebtables::RunLimits& limits = {}) const
     {
-        return ebtables::applyTransaction(m_tool.paths(), commands(lines), limits);
+        return ebtables::applyTransaction(m_tool.paths(), commands(lines), {}, limits);
     }
     static std::string block(const std::string& lines) { return "*filter\n" + lines + "COMMIT\n"; }
 
@@ -127,7 +127,7 @@ TEST_F(TransactionTest, OfManyRefusalsAllAreFoundAndNothingElseIsLost)
         all.push_back(commands("ebtables " + rule).front());
         good += bad ? "" : rule + '\n';
     }
-    const Outcome outcome = ebtables::applyTransaction(m_tool.paths(), all);
+    const Outcome outcome = ebtables::applyTransaction(m_tool.paths(), all, {});
     EXPECT_EQ(outcome.done, 400U);
     EXPECT_EQ(outcome.notAtomic, "");
     ASSERT_THAT(outcome.refused, SizeIs(40));
@@ -276,8 +276,10 @@ TEST_F(TransactionTest, OneByOneEveryCommandIsAProcess)
     m_tool.onVersion("for word in \"$@\"; do printf '[%s]' \"$word\"; done >> " + m_tool.folder().path("lines") +
                      "; echo >> " + m_tool.folder().path("lines"));
     const Outcome outcome = ebtables::applyOneByOne(
-        m_tool.paths(), commands("ebtables -N U; ebtables -A U -i eth0 --log --log-prefix \"Moatkeeper denied: \" -j "
-                                 "DROP; ebtables -X U; ebtables -P INPUT DROP"));
+        m_tool.paths(),
+        commands("ebtables -N U; ebtables -A U -i eth0 --log --log-prefix \"Moatkeeper denied: \" -j "
+                 "DROP; ebtables -X U; ebtables -P INPUT DROP"),
+        {});
     EXPECT_EQ(outcome.done, 4U);
     EXPECT_EQ(outcome.processes, 4U);
     EXPECT_EQ(m_tool.folder().read("lines"),
@@ -289,7 +291,7 @@ TEST_F(TransactionTest, OneByOneARefusalCostsItselfOnly)
 {
     m_tool.onVersion(
         R"(case "$*" in *bad*) echo "The kernel doesn't support it." >&2; exit 255;; *eth1*) exit 1;; esac)");
-    const Outcome outcome = ebtables::applyOneByOne(m_tool.paths(), commands(threeRules));
+    const Outcome outcome = ebtables::applyOneByOne(m_tool.paths(), commands(threeRules), {});
     EXPECT_FALSE(outcome.cannotRun);
     EXPECT_EQ(outcome.done, 3U);
     EXPECT_THAT(outcome.refused,
@@ -306,7 +308,7 @@ TEST_F(TransactionTest, OneByOneItGoesOnWhereTheToolFailed)
                  {"echo 'Cannot allocate memory' >&2; exit 255", "Cannot allocate memory; is there memory enough?"}};
     for (const auto& test : cases) {
         m_tool.onVersion(std::string("case \"$*\" in *bad*) ") + test.script + ";; esac");
-        const Outcome outcome = ebtables::applyOneByOne(m_tool.paths(), commands(threeRules));
+        const Outcome outcome = ebtables::applyOneByOne(m_tool.paths(), commands(threeRules), {});
         EXPECT_TRUE(outcome.cannotRun);
         EXPECT_EQ(outcome.done, 1U);
         EXPECT_THAT(outcome.refused, IsEmpty());

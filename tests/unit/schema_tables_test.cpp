@@ -2,6 +2,7 @@
 #include "schema/tables.hpp"
 
 #include "ovsdb/json.hpp"
+#include "schema/values.hpp"
 
 #include <gtest/gtest.h>
 
@@ -50,6 +51,27 @@ TEST(SchemaTablesTest, IntegersAreBoundedTo32Bits)
                 continue;
             EXPECT_GE(key.find("minInteger")->asInteger(), INT32_MIN) << tableName << " " << name;
             EXPECT_LE(key.find("maxInteger")->asInteger(), INT32_MAX) << tableName << " " << name;
+        }
+    }
+}
+
+// The server refuses early what the daemon would leave out, and nothing that it would not.
+TEST(SchemaTablesTest, TextsAreAsLongInTheSchemaFile)
+{
+    const Json schema = ovsdb::parseJson(schemaText());
+    for (const schema::Table& table : schema::allTables()) {
+        for (const schema::Column& column : table.columns) {
+            if (!column.isText())
+                continue;
+            const Json& key =
+                *schema.find("tables")->find(table.name)->find("columns")->find(column.name)->find("type")->find("key");
+            if (const Json* values = key.find("enum")) {
+                for (const Json& value : *(*values->asArray())[1].asArray())
+                    EXPECT_FALSE(schema::expectedOperand(column.kind, *value.asText())) << column.name;
+                continue;
+            }
+            EXPECT_EQ(key.find("maxLength")->asInteger(), schema::longestText(column.kind)) << column.name;
+            EXPECT_EQ(key.find("minLength") != nullptr, column.required) << table.name << ' ' << column.name;
         }
     }
 }

@@ -1,0 +1,103 @@
+#include "platform_linux/config_source.hpp"
+
+#include "schema/tables.hpp"
+#include "text/one_line.hpp"
+
+#include <functional>
+#include <optional>
+#include <utility>
+
+namespace zol::cfg
+{
+
+namespace
+{
+
+constexpr const char* label = "config";
+
+// The first column with a text that is no operand, and what was expected instead.
+struct Flaw {
+    std::size_t column;
+    std::string expected;
+};
+
+std::optional<Flaw> flawOf(const schema::Table& table, const ovsdb::Row& row)
+{
+    for (std::size_t i = 0; i < table.columns.size(); ++i) {
+        const schema::Column& column = table.columns[i];
+        if (!column.isText())
+            continue;
+        if (auto expected = schema::expectedOperand(column.kind, row.values[i].getText()))
+            return Flaw{i, std::move(*expected)};
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+ConfigSource::ConfigSource(const ovsdb::TableCache& tables, ZOL_Sysloglevel_Module logModule)
+    : m_tables(tables), m_logModule(logModule)
+{
+    for (const std::string& name : tables.tableNames())
+        look(name, m_views[name]);
+}
+
+void ConfigSource::update(const std::set<std::string>& changedTables)
+{
+    for (const std::string& name : changedTables)
+        look(name, m_views[name]);
+}
+
+void ConfigSource::look(const std::string& tableName, View& view)
+{
+    const schema::Table& table = *schema::findTable(tableName);
+    const auto rows = m_tables.rows(tableName);
+    view.rows.clear();
+    const auto before = std::exchange(view.leftOut, {});
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const std::optional<Flaw> flaw = flawOf(table, rows[i]);
+        if (!flaw) {
+            view.rows.push_back(static_cast<std::uint32_t>(i));
+            continue;
+        }
+        const std::string& value = rows[i].values[flaw->column].getText();
+        const std::size_t reason = std::hash<std::string_view>()(value) + flaw->column;
+        view.leftOut.emplace(rows[i].uuid, reason);
+        if (const auto known = before.find(rows[i].uuid); known != before.end() && known->second == reason)
+            continue;
+        std::string place = tableName;
+        if (table.hasIds())
+            place += " Id " + std::to_string(rows[i].values.front().getInteger());
+        ZOL_Sysloglevel_warning(m_logModule, label, 10,
+                                place + " is left out: column " + std::string(table.columns[flaw->column].name) + ", " +
+                                    text::inQuotes(value) + ": expected " + flaw->expected);
+    }
+}
+
+ConfigStatus ConfigSource::getRowCount(const std::string& tableName, std::uint32_t& rowCount)
+{
+    const auto view = m_views.find(tableName);
+    if (view == m_views.end())
+        return {.ok = false, .text = "no table \"" + tableName + "\" is subscribed"};
+    rowCount = static_cast<std::uint32_t>(view->second.rows.size());
+    return {};
+}
+
+ConfigStatus ConfigSource::readRow(const std::string& tableName, std::uint32_t rowIndex, tessera::NameList& names,
+                                   tessera::ValueList& values)
+{
+    const auto view = m_views.find(tableName);
+    if (view == m_views.end() || rowIndex >= view->second.rows.size())
+        return {.ok = false, .text = "table \"" + tableName + "\" has no row " + std::to_string(rowIndex)};
+    const schema::Table& table = *schema::findTable(tableName);
+    const ovsdb::Row& row = m_tables.rows(tableName)[view->second.rows[rowIndex]];
+    names.clear();
+    values.clear();
+    for (std::size_t i = 0; i < table.columns.size(); ++i) {
+        names.emplace_back(table.columns[i].name);
+        values.setValue(table.columns[i].name, row.values[i]);
+    }
+    return {};
+}
+
+} // namespace zol::cfg

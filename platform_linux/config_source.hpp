@@ -1,0 +1,46 @@
+// The configuration tables as the handler's readers see them: the server's rows, without those that have a text which
+// would not be one operand of a command line. Such a row is left out whole, and the log says so once.
+#pragma once
+
+#include "ovsdb/table_cache.hpp"
+#include "platform/config_reader.hpp"
+#include "platform/sysloglevel.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zol::cfg
+{
+
+// Reads from the tables given, which must outlive it; update must have been called since they last changed.
+class ConfigSource : public IConfigReader
+{
+public:
+    ConfigSource(const ovsdb::TableCache& tables, ZOL_Sysloglevel_Module logModule);
+
+    // Looks through tables that are other ones now. A line is logged for a row that is left out from now on, and for
+    // one that is left out for another value than before.
+    void update(const std::set<std::string>& changedTables);
+
+    ConfigStatus getRowCount(const std::string& tableName, std::uint32_t& rowCount) override;
+    ConfigStatus readRow(const std::string& tableName, std::uint32_t rowIndex, tessera::NameList& names,
+                         tessera::ValueList& values) override;
+
+private:
+    struct View {
+        std::vector<std::uint32_t> rows;            // which of the table's rows are delivered, in their order
+        std::map<ovsdb::Uuid, std::size_t> leftOut; // a hash of the column and the value that are the reason
+    };
+    void look(const std::string& tableName, View& view);
+
+    const ovsdb::TableCache& m_tables;
+    const ZOL_Sysloglevel_Module m_logModule;
+    std::map<std::string, View, std::less<>> m_views;
+};
+
+} // namespace zol::cfg
