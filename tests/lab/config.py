@@ -49,6 +49,22 @@ class Config:
         self.send(*operations)
         return self.receive()
 
+    def attempt(self, operations):
+        """Each operation as a transaction of its own; for each whether the server has done it."""
+        done, waiting, size = [], [], 0
+        for operation in operations:
+            self.send(operation)
+            waiting.append(self._number)
+            size += len(str(operation))
+            if size > 20000:  # no more than fits the sockets on the way
+                done += [self._wasDone(number) for number in waiting]
+                waiting, size = [], 0
+        return done + [self._wasDone(number) for number in waiting]
+
+    def _wasDone(self, number):
+        reply = self._receive(number)
+        return not reply["error"] and not any("error" in result for result in reply["result"] if result)
+
     def send(self, *operations):
         """The first half of transact: does not wait for the answer."""
         self._number += 1
@@ -57,14 +73,14 @@ class Config:
 
     def receive(self):
         """The second half of transact."""
-        reply = self._receive()
+        reply = self._receive(self._number)
         results = reply["result"]
         problems = [result for result in results or [] if result and "error" in result]
         if reply["error"] or problems:
             raise Refused(reply["error"] or problems)
         return results
 
-    def _receive(self):
+    def _receive(self, number):
         decoder = json.JSONDecoder()
         while True:
             message = None
@@ -82,7 +98,7 @@ class Config:
             elif message.get("method") == "echo":
                 self._socket.sendall(json.dumps(
                     {"id": message["id"], "result": message["params"], "error": None}).encode())
-            elif message.get("id") == self._number:
+            elif message.get("id") == number:
                 return message
 
 

@@ -18,11 +18,13 @@ class Machine(unittest.TestCase):
     """A bridge with the ports p1, p2 and p3, a server with empty tables and a running daemon, for a whole class."""
 
     maxDiff = None
+    schema = SCHEMA
+    database = "configuration.db"
 
     @classmethod
     def setUpClass(cls):
         os.makedirs(FOLDER, exist_ok=True)
-        cls.server = programs.startServer(SCHEMA, FOLDER)
+        cls.server = programs.startServer(cls.schema, FOLDER, cls.database)
         cls.addClassCleanup(lambda: cls.server.stop())
         cls.config = config.Config()
         cls.addClassCleanup(lambda: cls.config.close())
