@@ -122,7 +122,7 @@ class HostileValues:
                 values = hostile_values.forColumn(good[column] or "IPv4")
                 self.assertGreaterEqual(len(values), 2000)
                 with self.subTest(table=table, column=column):
-                    complaints = len(self.complaints(table, column))
+                    self.takeLog()
                     bad = self.tryRows(table, good, column, values)
                     now = saved()
                     flipped = [line for line in outside(now, own) if not line.startswith(":FORWARD")]
@@ -130,7 +130,8 @@ class HostileValues:
                                      flipped)
                     self.assertEqual(others, ofOthers())
                     self.assertEqual([], [line for line in KEPT if line not in now], "good rows")
-                    self.assertEqual(bad, len(self.complaints(table, column)) - complaints)
+                    complaint = re.compile(rf"config:10: {table} Id \d+ is left out: column {column}, ")
+                    self.assertEqual(bad, len(complaint.findall(self.takeLog())))
                     tried += len(values)
                 self.mark({"op": "delete", "table": table, "where": [["Id", ">=", 1000]]})
         self.mark()
@@ -146,9 +147,6 @@ class HostileValues:
             row["Prio"] = int(f"1{number:04}")  # so that each has a chain of its own
         return row
 
-    def complaints(self, table, column):
-        return self.daemon.matching(rf"config:10: {table} Id \d+ is left out: column {column}, ")
-
     def testGlobalPolicies(self):
         before, others = saved(), ofOthers()
         delivered = 0
@@ -159,7 +157,7 @@ class HostileValues:
                 continue
             # All that get as far as the handler are applied one by one; the others never leave the data source.
             if isOneOperand("", value):
-                wanted = f"Global Policys changed: INPUT: {value.replace(chr(92), chr(92) * 2)}, FORWARD: "
+                wanted = f"Global Policys changed: INPUT: {value}, FORWARD: "
                 self.waitForGrowth(wanted)
                 delivered += 1
         self.config.update(config.MAIN, None, GlobalInputPolicy="ACCEPT", GlobalForwardingPolicy="DROP")
@@ -170,18 +168,22 @@ class HostileValues:
         self.assertEqual(others, ofOthers())
         print(f"{type(self).__name__}: {delivered} global policies reached the handler", flush=True)
 
-    def waitForGrowth(self, text):
-        """The text in what the log has got since the last call."""
-        with open(self.daemon.logPath, encoding="utf-8", errors="replace") as log:
+    def takeLog(self):
+        """What the daemon's log has got since the last call."""
+        with open(self.daemon.logPath, "rb") as log:
             log.seek(getattr(self, "_seen", 0))
-            grown = ""
-
-            def found():
-                nonlocal grown
-                grown += log.read()
-                return text in grown
-            waiting.until(found, lambda: f"'{text}' in {grown[-500:]!r}", 20)
+            grown = log.read()
             self._seen = log.tell()
+        return grown.decode(errors="replace")
+
+    def waitForGrowth(self, text):
+        grown = ""
+
+        def found():
+            nonlocal grown
+            grown += self.takeLog()
+            return text in grown
+        waiting.until(found, lambda: f"'{text}' in {grown[-500:]!r}", 20)
 
     def testWhatNoServerTakes(self):
         before = saved()
@@ -230,7 +232,7 @@ class WithOurSchema(HostileValues, machine.Machine):
         done = self.config.attempt(config.insert(table, **self.row(good, column, number, value))
                                    for number, value in enumerate(values))
         self.mark()
-        self.assertLess(sum(done), len(values) / 2)
+        self.assertLess(sum(done), len(values), "the schema refuses some")
         return sum(not isOneOperand(column, value) for value, accepted in zip(values, done) if accepted)
 
 
