@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """How long moatctl takes with many rules: import, which checks them, show, export, check, one more rule.
 
-Starts an ovsdb-server of its own in a temporary folder. Prints the shortest and the median wall time of each verb, and
-the processor time of tool and server together.
+Starts an ovsdb-server of its own in a temporary folder. Prints the shortest and the median wall time of each verb, the
+processor time of tool and server together, and the most memory that the tool took.
 """
 
 import json
@@ -64,10 +64,13 @@ def main():
 
 
 def run(command):
-    """Statuses above 1, which stands for warnings, are errors."""
-    done = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    if done.returncode > 1:
-        raise subprocess.CalledProcessError(done.returncode, command)
+    """Returns the most memory in kB. Statuses above 1, which stands for warnings, are errors."""
+    process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    _, status, usage = os.wait4(process.pid, 0)
+    process.returncode = os.waitstatus_to_exitcode(status)
+    if process.returncode not in (0, 1):
+        raise subprocess.CalledProcessError(process.returncode, command)
+    return usage.ru_maxrss
 
 
 def measure(tool, server, folder, count, runs):
@@ -81,16 +84,18 @@ def measure(tool, server, folder, count, runs):
              "rule add": ("rule", "add", "--in", "eth0", "--drop"), "import, all removed": ("import", empty, "--replace")}
     wall = {verb: [] for verb in verbs}
     processor = {verb: [] for verb in verbs}
+    memory = {verb: 0 for verb in verbs}
     for _ in range(runs):
         for verb, words in verbs.items():
             before = time.monotonic(), processor_seconds(server), sum(os.times()[2:4])
-            tool(*words)
+            memory[verb] = max(memory[verb], tool(*words))
             wall[verb].append(time.monotonic() - before[0])
             processor[verb].append(processor_seconds(server) - before[1] + sum(os.times()[2:4]) - before[2])
     print(f"{count} rules, {runs} runs, seconds")
-    print(f"{'verb':22}{'shortest':>10}{'median':>10}{'processor':>11}")
+    print(f"{'verb':22}{'shortest':>10}{'median':>10}{'processor':>11}{'memory, MB':>12}")
     for verb in verbs:
-        print(f"{verb:22}{min(wall[verb]):10.2f}{statistics.median(wall[verb]):10.2f}{min(processor[verb]):11.2f}")
+        print(f"{verb:22}{min(wall[verb]):10.2f}{statistics.median(wall[verb]):10.2f}{min(processor[verb]):11.2f}"
+              f"{memory[verb] / 1024:12.0f}")
 
 
 if __name__ == "__main__":

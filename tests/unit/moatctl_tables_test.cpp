@@ -235,6 +235,16 @@ TEST(Output, SheetsInThreeForms)
     EXPECT_EQ(csv.str(), "18446744073709551615,\r\n");
 }
 
+TEST(ParseConfiguration, TakesMoreValuesThanAnyConfigurationHas)
+{
+    std::string text = "{\"X\":[0";
+    for (int values = 0; values < 2'000'000; ++values) // those of 100,000 rules with all columns, and more
+        text += ",0";
+    const LoadedFile loaded = parseConfiguration(text + "]}", "f");
+    ASSERT_EQ(loaded.problems.size(), 1U);
+    EXPECT_EQ(loaded.problems.front().text, "there is no table \"X\"");
+}
+
 // What readText says of a file; "" when it reads it.
 std::string complaint(const std::string& path, const ReadLimits& limits)
 {
