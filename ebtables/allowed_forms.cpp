@@ -209,7 +209,7 @@ public:
         if (ends != 0) { // a whole form, and something behind it
             const std::size_t end = static_cast<std::size_t>(std::bit_width(ends)) - 1;
             if (end >= m_furthest)
-                m_expected.assign(1, "nothing behind it");
+                m_expected.assign(1, "nothing after it");
             m_furthest = std::max(m_furthest, end);
         }
         return error();

@@ -136,7 +136,7 @@ private:
     {
         m_negated = takeNegation();
         if (m_next == m_words.size())
-            refuse("!", "", "an option behind the !");
+            refuse("!", "", "an option after the !");
         const Word& word = m_words[m_next++];
         const std::optional<Option> option = optionByName(word);
         if (!option)
@@ -197,7 +197,7 @@ private:
         if (!match->name.empty())
             return;
         if (match->negated)
-            refuse("+", m_option, "a port name behind !: the lone + is every port");
+            refuse("+", m_option, "a port name after !: a lone + means every port");
         match.reset();
     }
 
@@ -373,13 +373,13 @@ std::string_view chainWord(std::span<const Word> words, std::string_view option)
 void expectEnd(std::span<const Word> words, std::string_view option)
 {
     if (!words.empty())
-        refuse(words.front().text, option, "nothing behind it");
+        refuse(words.front().text, option, "nothing after it");
 }
 
 void parsePolicy(Command& command, std::span<const Word> words, std::string_view option)
 {
     const bool builtIn = isBuiltIn(command.chain);
-    const char* expected = builtIn ? "the policy ACCEPT or DROP" : "the policy ACCEPT, DROP or RETURN";
+    const char* expected = builtIn ? "a policy: ACCEPT or DROP" : "a policy: ACCEPT, DROP or RETURN";
     const std::string_view word = words.empty() ? "" : words.front().text;
     if (word != "ACCEPT" && word != "DROP" && (builtIn || word != "RETURN"))
         refuse(word, option, expected);
@@ -440,8 +440,9 @@ Command parseCommand(std::span<const Word> words)
 
 std::string LineError::text() const
 {
-    const std::string of = option.empty() ? "" : (word.empty() ? " behind " : " of ") + option;
-    return (word.empty() ? "missing word" : "word \"" + word + '"') + of + ": expected " + expected;
+    if (word.empty())
+        return option.empty() ? "missing word: expected " + expected : option + " needs " + expected;
+    return "word \"" + word + '"' + (option.empty() ? "" : " of " + option) + ": expected " + expected;
 }
 
 ParsedLine parseLine(std::string_view line)

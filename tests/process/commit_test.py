@@ -65,7 +65,7 @@ class Batches(rehearsal.Rehearsal):
         self.startWith({config.MAIN: []})
         self.assertBatches(rehearsal.CHAINS)
         self.assertEqual(self.daemon.matching("^queue:101:"), [
-            f'queue:101: refused "ebtables -P {chain} ": missing word behind -P: expected the policy ACCEPT or DROP'
+            f'queue:101: refused "ebtables -P {chain} ": -P needs a policy: ACCEPT or DROP'
             for chain in ("INPUT", "FORWARD")])
 
     def testTheToolGetsNothingButItsInput(self):

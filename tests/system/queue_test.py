@@ -142,7 +142,7 @@ class QueueTest(unittest.TestCase):
         self.assertEqual(len(rules), 2, tables())
         log = queue.log()
         for part in ['word "broken" of -s: expected a MAC', "Missing -s", "No chain/target/match", "AlsoMissing",
-                     "already exists", "Bad rule", "expected the policy ACCEPT or DROP"]:
+                     "already exists", "Bad rule", "needs a policy: ACCEPT or DROP"]:
             self.assertIn(part, log)
         self.assertEqual(log.count("refused"), 6, log)
 

@@ -198,7 +198,7 @@ TEST(AllowedFormsTest, TheReasonNamesTheWordAndWhatWasExpected)
     EXPECT_EQ(whyNotAllowed("ebtables -A UserInputPolicy -i eth0 -j RETURN")->text(),
               "word \"RETURN\" of -j: expected ACCEPT or DROP, as in the lines that moatkeeper makes");
     EXPECT_EQ(whyNotAllowed("ebtables -F UserInputRules; ebtables -F OUTPUT")->text(),
-              "word \";\": expected nothing behind it, as in the lines that moatkeeper makes");
+              "word \";\": expected nothing after it, as in the lines that moatkeeper makes");
     EXPECT_EQ(whyNotAllowed("reboot")->text(), "word \"reboot\": expected the command ebtables with its options");
     EXPECT_THAT(whyNotAllowed("ebtables -A UserInputRules -i a" + std::string(100, ' ') + "b c d")->text(),
                 HasSubstr("word \"b\""));

@@ -157,7 +157,7 @@ TEST_F(TransactionQueueTest, ALineThatIsNoneOfEbtablesIsRefused)
     m_queue->endDelivery();
     EXPECT_THAT(batches(), ElementsAre("-F INPUT\n-F FORWARD\n"));
     EXPECT_THAT(log(), HasSubstr("queue:101: refused \"ebtables -F INPUT; id\": "));
-    EXPECT_THAT(log(), HasSubstr("queue:101: refused \"ebtables -P INPUT \": missing word behind -P"));
+    EXPECT_THAT(log(), HasSubstr("queue:101: refused \"ebtables -P INPUT \": -P needs a policy"));
 }
 
 TEST_F(TransactionQueueTest, WhatTheToolRefusesIsLoggedWithItsLine)
