@@ -18,7 +18,7 @@ text
 subprocess           system
 ebtables             text arpa/inet.h
 ovsdb                platform system rapidjson
-nftables             ebtables system libmnl libnftnl
+nftables             ebtables text system libmnl
 schema               platform
 schema/server        schema ovsdb platform
 

@@ -1,0 +1,75 @@
+// Attributes of netlink messages, within this folder. libmnl's loops are macros for C; these are the same for C++.
+#pragma once
+
+#include <arpa/inet.h> // before the kernel's headers, which then leave out what it has
+
+#include <endian.h>
+#include <libmnl/libmnl.h>
+
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+namespace nftables
+{
+
+inline void forEachAttribute(const nlattr* attribute, const void* end, auto&& visit)
+{
+    while (mnl_attr_ok(attribute,
+                       static_cast<int>(static_cast<const char*>(end) - reinterpret_cast<const char*>(attribute)))) {
+        visit(attribute);
+        attribute = mnl_attr_next(attribute);
+    }
+}
+
+// Those behind a header of so many bytes.
+inline void forEachAttribute(const nlmsghdr* message, std::size_t header, auto&& visit)
+{
+    forEachAttribute(static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(message, header)),
+                     mnl_nlmsg_get_payload_tail(message), visit);
+}
+
+inline void forEachNested(const nlattr* nest, auto&& visit)
+{
+    const auto* const begin = static_cast<const char*>(mnl_attr_get_payload(nest));
+    forEachAttribute(reinterpret_cast<const nlattr*>(begin), begin + mnl_attr_get_payload_len(nest), visit);
+}
+
+// Up to the first zero byte; a view of the message.
+inline std::string_view textOf(const nlattr* attribute)
+{
+    const auto* const begin = static_cast<const char*>(mnl_attr_get_payload(attribute));
+    return {begin, strnlen(begin, mnl_attr_get_payload_len(attribute))};
+}
+
+inline std::optional<std::uint32_t> numberOf(const nlattr* attribute)
+{
+    if (attribute == nullptr || mnl_attr_get_payload_len(attribute) != sizeof(std::uint32_t))
+        return std::nullopt;
+    return ntohl(mnl_attr_get_u32(attribute));
+}
+
+inline std::optional<std::uint64_t> longNumberOf(const nlattr* attribute)
+{
+    if (attribute == nullptr || mnl_attr_get_payload_len(attribute) != sizeof(std::uint64_t))
+        return std::nullopt;
+    return be64toh(mnl_attr_get_u64(attribute));
+}
+
+inline void put32(nlmsghdr* message, int type, std::uint32_t value)
+{
+    mnl_attr_put_u32(message, static_cast<std::uint16_t>(type), htonl(value));
+}
+
+inline void put64(nlmsghdr* message, int type, std::uint64_t value)
+{
+    mnl_attr_put_u64(message, static_cast<std::uint16_t>(type), htobe64(value));
+}
+
+inline void putText(nlmsghdr* message, int type, const char* text)
+{
+    mnl_attr_put_strz(message, static_cast<std::uint16_t>(type), text);
+}
+
+} // namespace nftables

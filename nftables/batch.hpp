@@ -1,0 +1,72 @@
+// A transaction to be: changes of the bridge family's filter table that the kernel takes all at once or not at all.
+#pragma once
+
+#include "ebtables/command.hpp"
+#include "nftables/expressions.hpp"
+#include "nftables/socket.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct nlmsghdr;
+
+namespace nftables
+{
+
+// Where a new rule goes.
+struct Place {
+    enum class Where { AtTheEnd, InFront, Behind };
+    Where where = Where::AtTheEnd;
+    std::uint64_t handle = 0; // of the rule that it goes behind
+};
+
+// Messages in order. What an operation returns is the message's index, by which the answer names it. Rules and chains
+// must exist, or have been added before, when a message names them. No operation throws but std::bad_alloc.
+class Batch
+{
+public:
+    // generation: of the tables that the changes are meant for. When the kernel's is another one by then, it refuses
+    // the batch. Without, it is taken as it comes.
+    explicit Batch(std::optional<std::uint32_t> generation);
+
+    std::size_t addTable();
+    std::size_t addBuiltInChain(const std::string& chain, const std::string& policy);
+    std::size_t setPolicy(const std::string& builtInChain, const std::string& policy);
+    std::size_t addChain(const std::string& chain);
+    std::size_t deleteChain(const std::string& chain); // it must be empty by then
+    std::size_t addRule(const std::string& chain, const ebtables::Rule& rule, Place place);
+    std::size_t addChainPolicy(const std::string& chain, const std::string& policy); // at the end of a user chain
+    std::size_t deleteRule(const std::string& chain, std::uint64_t handle);
+    std::size_t deleteRules(const std::string& chain);
+
+    std::size_t messages() const { return m_count; }
+    std::size_t rulesAdded() const { return m_rulesAdded; }
+
+    // Whether the kernel is to tell the handles of the rules that it adds.
+    void askForHandles() { m_echo = true; }
+
+    // The whole datagram: message `index` has the sequence number first + 1 + index. Nothing can be added any more.
+    Bytes finish(std::uint32_t first);
+
+    // The sequence numbers that it takes.
+    std::uint32_t sequenceNumbers() const { return static_cast<std::uint32_t>(m_count) + 2; }
+
+private:
+    nlmsghdr* begin(std::uint16_t type, std::uint16_t flags);
+    nlmsghdr* beginControl(std::uint16_t type, std::uint16_t flags);
+    std::size_t end(const nlmsghdr* message);
+    std::size_t putRule(const std::string& chain, const Expressions& expressions,
+                        const std::optional<ebtables::EthertypeMatch>& ethertype, Place place, bool isPolicy);
+
+    std::vector<std::uint8_t> m_bytes;
+    std::size_t m_used = 0;
+    std::size_t m_count = 0;
+    std::size_t m_rulesAdded = 0;
+    std::size_t m_last = 0; // where the last message begins
+    bool m_echo = false;
+    Expressions m_expressions;
+};
+
+} // namespace nftables

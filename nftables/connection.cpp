@@ -1,0 +1,393 @@
+#include "nftables/connection.hpp"
+
+#include "nftables/attributes.hpp"
+#include "text/one_line.hpp"
+
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter_bridge.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace nftables
+{
+
+namespace
+{
+
+constexpr int notNow = 85; // ERESTART, which programs do not get to see otherwise
+constexpr std::size_t bufferSize = 64U << 10U;
+constexpr std::uint16_t tables = NFNL_SUBSYS_NFTABLES << 8U;
+constexpr std::size_t headerSize = sizeof(nfgenmsg);
+
+// What waits in the socket takes more room than its bytes.
+constexpr std::size_t roomForError = 1U << 10U;
+constexpr std::size_t roomForRule = 4U << 10U;
+constexpr std::size_t mostRoom = 64U << 20U;
+
+struct ErrorMessage {
+    int error = 0; // as in errno; 0: an acknowledgement
+    std::string text;
+};
+
+// Nothing when the message is none that the kernel sends.
+std::optional<ErrorMessage> readError(const nlmsghdr* message)
+{
+    if (mnl_nlmsg_get_payload_len(message) < sizeof(nlmsgerr))
+        return std::nullopt;
+    const auto* const content = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(message));
+    if (content->error > 0 || content->error < -4095)
+        return std::nullopt;
+    ErrorMessage result{-content->error, {}};
+    if (result.error == 0)
+        return result;
+    result.text = result.error == notNow ? "the tables have changed" : std::strerror(result.error);
+    const bool capped = (message->nlmsg_flags & NLM_F_CAPPED) != 0;
+    if ((message->nlmsg_flags & NLM_F_ACK_TLVS) == 0 || !capped)
+        return result;
+    forEachAttribute(message, sizeof(nlmsgerr), [&](const nlattr* attribute) {
+        if (mnl_attr_get_type(attribute) == NLMSGERR_ATTR_MSG)
+            result.text += " (" + text::oneLine(textOf(attribute)) + ')';
+    });
+    return result;
+}
+
+// What an error of a whole request says.
+Answer answerTo(int error)
+{
+    switch (error) {
+    case EPERM:
+    case EACCES:
+        return Answer::Forbidden;
+    case notNow:
+        return Answer::Changed;
+    case EINTR:
+    case EAGAIN:
+    case ENOMEM:
+    case ENOBUFS:
+    case EMSGSIZE:
+    case EMFILE:
+    case ENFILE:
+        return Answer::Shortage;
+    case EOPNOTSUPP:
+    case EPROTONOSUPPORT:
+    case EAFNOSUPPORT:
+    case EINVAL:
+        return Answer::Unsupported;
+    default:
+        return Answer::Unclear;
+    }
+}
+
+std::string advice(Answer answer, int error)
+{
+    if (answer == Answer::Forbidden)
+        return "; run as root or with CAP_NET_ADMIN";
+    if (error == EMSGSIZE)
+        return "; more than this process may send at once: CAP_NET_ADMIN of the machine lifts that";
+    if (answer == Answer::Shortage)
+        return "; is there memory enough?";
+    if (answer == Answer::Unsupported)
+        return "; is the kernel built with nf_tables for bridges?";
+    return "";
+}
+
+std::optional<std::uint32_t> generationOf(const nlmsghdr* message)
+{
+    std::optional<std::uint32_t> result;
+    forEachAttribute(message, headerSize, [&](const nlattr* attribute) {
+        if (mnl_attr_get_type(attribute) == NFTA_GEN_ID)
+            result = numberOf(attribute);
+    });
+    return result;
+}
+
+// Nothing when the chain is of another table.
+std::optional<ChainView> readChain(const nlmsghdr* message)
+{
+    ChainView chain;
+    bool ours = false;
+    bool hooked = false;
+    std::optional<std::uint32_t> hook;
+    std::optional<std::uint32_t> policy;
+    forEachAttribute(message, headerSize, [&](const nlattr* attribute) {
+        switch (mnl_attr_get_type(attribute)) {
+        case NFTA_CHAIN_TABLE:
+            ours = textOf(attribute) == filterTable;
+            break;
+        case NFTA_CHAIN_NAME:
+            chain.name = textOf(attribute);
+            break;
+        case NFTA_CHAIN_POLICY:
+            policy = numberOf(attribute);
+            break;
+        case NFTA_CHAIN_HOOK: {
+            hooked = true;
+            forEachNested(attribute, [&](const nlattr* part) {
+                if (mnl_attr_get_type(part) == NFTA_HOOK_HOOKNUM)
+                    hook = numberOf(part);
+            });
+            break;
+        }
+        default:
+            break;
+        }
+    });
+    if (!ours || chain.name.empty())
+        return std::nullopt;
+    const std::array<std::pair<const char*, std::uint32_t>, 3> builtIn{
+        {{"INPUT", NF_BR_LOCAL_IN}, {"FORWARD", NF_BR_FORWARD}, {"OUTPUT", NF_BR_LOCAL_OUT}}};
+    chain.builtIn = hooked && std::ranges::any_of(builtIn, [&](const auto& known) {
+                        return chain.name == known.first && hook == known.second;
+                    });
+    chain.foreign = hooked && !chain.builtIn;
+    chain.policy = policy == std::uint32_t{NF_DROP} ? "DROP" : "ACCEPT";
+    return chain;
+}
+
+} // namespace
+
+Connection::Connection(SocketOpener opener)
+    : m_opener(std::move(opener)),
+      m_sequence(static_cast<std::uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count()))
+{
+}
+
+Connection::~Connection() = default;
+
+bool Connection::open(Result& result)
+{
+    int error = 0;
+    if (!m_socket)
+        m_socket = m_opener(error);
+    if (!m_socket) {
+        result = failed(error);
+        return false;
+    }
+    return true;
+}
+
+Result Connection::failed(int error) const
+{
+    Result result;
+    result.answer = answerTo(error);
+    result.reason = (error == notNow ? std::string("the tables have changed") : std::strerror(error)) +
+                    advice(result.answer, error);
+    return result;
+}
+
+Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function<void(const nlmsghdr*)>& visit,
+                        bool& settled)
+{
+    Result result;
+    if (!open(result))
+        return result;
+    m_buffer.resize(bufferSize);
+    const bool isDump = type != NFT_MSG_GETGEN;
+    nlmsghdr* request = mnl_nlmsg_put_header(m_buffer.data());
+    request->nlmsg_type = static_cast<std::uint16_t>(tables | type);
+    request->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | (isDump ? NLM_F_DUMP : 0));
+    request->nlmsg_seq = ++m_sequence;
+    auto* const header = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(request, headerSize));
+    header->nfgen_family = isDump ? NFPROTO_BRIDGE : NFPROTO_UNSPEC;
+    if (filterOnly)
+        mnl_attr_put_strz(request, NFTA_RULE_TABLE, filterTable);
+    if (const int error = m_socket->send({m_buffer.data(), request->nlmsg_len}); error != 0)
+        return failed(error);
+    for (;;) {
+        const Socket::Received got = m_socket->receive(m_buffer, true);
+        if (got.error == EINTR)
+            continue;
+        if (got.error != 0) {
+            result = failed(got.error);
+            // What is still on its way must not be taken for the answer to the next request.
+            m_socket.reset();
+            return result;
+        }
+        int left = static_cast<int>(got.size);
+        for (const auto* message = reinterpret_cast<const nlmsghdr*>(m_buffer.data()); mnl_nlmsg_ok(message, left);
+             message = mnl_nlmsg_next(message, &left)) {
+            if (message->nlmsg_seq != m_sequence)
+                continue;
+            if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0)
+                settled = false;
+            if (message->nlmsg_type == NLMSG_DONE) {
+                result.answer = Answer::Done;
+                return result;
+            }
+            if (message->nlmsg_type == NLMSG_ERROR) {
+                const std::optional<ErrorMessage> error = readError(message);
+                return failed(error && error->error != 0 ? error->error : EBADMSG);
+            }
+            if (message->nlmsg_type < NLMSG_MIN_TYPE || mnl_nlmsg_get_payload_len(message) < headerSize)
+                continue;
+            visit(message);
+            if (!isDump) {
+                result.answer = Answer::Done;
+                return result;
+            }
+        }
+    }
+}
+
+Result Connection::generation()
+{
+    std::optional<std::uint32_t> generation;
+    bool settled = true;
+    Result result = dump(
+        NFT_MSG_GETGEN, false, [&](const nlmsghdr* message) { generation = generationOf(message); }, settled);
+    result.generation = generation;
+    if (result.answer == Answer::Done && !generation)
+        return failed(EBADMSG);
+    return result;
+}
+
+Result Connection::readChains(std::vector<ChainView>& chains, std::uint64_t& table)
+{
+    chains.clear();
+    table = 0;
+    bool settled = true;
+    Result result = dump(
+        NFT_MSG_GETTABLE, false,
+        [&](const nlmsghdr* message) {
+            bool isFilter = false;
+            std::uint64_t handle = 0;
+            forEachAttribute(message, headerSize, [&](const nlattr* attribute) {
+                if (mnl_attr_get_type(attribute) == NFTA_TABLE_NAME)
+                    isFilter = textOf(attribute) == filterTable;
+                else if (mnl_attr_get_type(attribute) == NFTA_TABLE_HANDLE)
+                    handle = longNumberOf(attribute).value_or(0);
+            });
+            if (isFilter)
+                table = handle;
+        },
+        settled);
+    if (result.answer != Answer::Done)
+        return result;
+    return dump(
+        NFT_MSG_GETCHAIN, false,
+        [&](const nlmsghdr* message) {
+            std::optional<ChainView> chain = readChain(message);
+            if (chain && std::ranges::find(chains, chain->name, &ChainView::name) == chains.end())
+                chains.push_back(std::move(*chain));
+        },
+        settled);
+}
+
+Result Connection::readRules(const std::function<void(const RuleView&)>& visit, bool& settled)
+{
+    settled = true;
+    return dump(
+        NFT_MSG_GETRULE, true,
+        [&](const nlmsghdr* message) {
+            const RuleView rule = readRule(message);
+            if (rule.table == filterTable && !rule.chain.empty() && rule.handle != 0)
+                visit(rule);
+        },
+        settled);
+}
+
+Result Connection::apply(Batch& batch)
+{
+    Result result;
+    if (!open(result))
+        return result;
+    if (batch.messages() == 0) {
+        result.answer = Answer::Done;
+        return result;
+    }
+    const std::uint32_t first = m_sequence + 1;
+    m_sequence += batch.sequenceNumbers();
+    const Bytes datagram = batch.finish(first);
+    m_socket->makeRoom(
+        datagram.size() + (64U << 10U),
+        std::min(mostRoom, (256U << 10U) + batch.messages() * roomForError + (batch.rulesAdded() * roomForRule)));
+    if (const int error = m_socket->send(datagram); error != 0)
+        return failed(error);
+    std::optional<int> batchError;
+    std::vector<Refusal> errors;
+    const bool whole = takeAnswers(first, batch, result, batchError, errors);
+    if (!errors.empty() || batchError) {
+        Result refused = classify(errors, batchError);
+        refused.refusals = std::move(errors);
+        return refused;
+    }
+    if (!whole) {
+        result.answer = Answer::Unclear;
+        result.reason = "the kernel's answer is missing";
+        m_socket.reset();
+        return result;
+    }
+    result.answer = Answer::Done;
+    return result;
+}
+
+// Reads up to the last message's acknowledgement. False when that does not come.
+bool Connection::takeAnswers(std::uint32_t first, const Batch& batch, Result& result, std::optional<int>& batchError,
+                             std::vector<Refusal>& errors)
+{
+    m_buffer.resize(bufferSize);
+    const std::uint32_t last = first + static_cast<std::uint32_t>(batch.messages());
+    for (;;) {
+        const Socket::Received got = m_socket->receive(m_buffer, true);
+        if (got.error == EINTR)
+            continue;
+        if (got.error != 0)
+            return false;
+        int left = static_cast<int>(got.size);
+        for (const auto* message = reinterpret_cast<const nlmsghdr*>(m_buffer.data()); mnl_nlmsg_ok(message, left);
+             message = mnl_nlmsg_next(message, &left)) {
+            const std::uint32_t sequence = message->nlmsg_seq;
+            if (sequence - first > last - first)
+                continue;
+            if (message->nlmsg_type == NLMSG_ERROR) {
+                const std::optional<ErrorMessage> error = readError(message);
+                if (!error)
+                    return false;
+                if (sequence == first) {
+                    if (error->error != 0) {
+                        batchError = error->error;
+                        return true;
+                    }
+                    continue; // newer kernels acknowledge the beginning as well
+                }
+                if (error->error != 0)
+                    errors.push_back({sequence - first - 1, error->error, error->text});
+                if (sequence == last)
+                    return true;
+            } else if (message->nlmsg_type == (tables | NFT_MSG_NEWGEN) && sequence == first) {
+                result.generation = generationOf(message);
+            } else if (message->nlmsg_type == (tables | NFT_MSG_NEWRULE) && sequence != first) {
+                if (const std::uint64_t handle = readRule(message).handle; handle != 0)
+                    result.newRules.push_back({sequence - first - 1, handle});
+            }
+        }
+    }
+}
+
+// A batch with an error was undone as a whole.
+Result Connection::classify(const std::vector<Refusal>& errors, std::optional<int> batchError)
+{
+    if (batchError) {
+        Result result = failed(*batchError);
+        if (result.answer == Answer::Unclear)
+            result.answer = Answer::Shortage;
+        return result;
+    }
+    Result result;
+    result.answer = Answer::Refused;
+    for (const Refusal& refusal : errors) {
+        const Answer answer = answerTo(refusal.error);
+        if (answer == Answer::Forbidden || answer == Answer::Shortage || answer == Answer::Changed)
+            return failed(refusal.error);
+    }
+    result.reason = errors.front().text;
+    return result;
+}
+
+} // namespace nftables

@@ -1,0 +1,43 @@
+// Tells when a transaction has changed the kernel's tables, whoever made it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace nftables
+{
+
+struct GenerationChange {
+    std::uint32_t generation = 0;
+    std::uint32_t process = 0;
+    std::string program; // as the kernel knows it: at most 15 characters
+    bool lost = false;   // changes were lost: only that there were some is known
+};
+
+// A socket that lets nothing but these messages through. Threading: one thread. No operation throws but std::bad_alloc.
+class GenerationWatch
+{
+public:
+    GenerationWatch() = default;
+    ~GenerationWatch();
+    GenerationWatch(const GenerationWatch&) = delete;
+    GenerationWatch& operator=(const GenerationWatch&) = delete;
+
+    // 0 or an error (errno).
+    int open();
+
+    // Readable when there is a change; -1 unless opened.
+    int descriptor() const { return m_descriptor; }
+
+    // The next change; nothing when there is none now. Never waits.
+    std::optional<GenerationChange> next();
+
+private:
+    int m_descriptor = -1;
+};
+
+// One message's content; nothing when it is none of these. Any bytes are taken.
+std::optional<GenerationChange> readGenerationChange(const void* bytes, std::size_t size);
+
+} // namespace nftables
