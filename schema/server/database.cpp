@@ -2,6 +2,9 @@
 
 #include "schema/tables.hpp"
 
+#include <string>
+#include <utility>
+
 namespace schema
 {
 
