@@ -66,11 +66,11 @@ public:
 
     const std::string& schemaVersion() const { return m_schemaVersion; }
 
-    Json call(std::string_view method, Json params)
+    Json call(std::string_view method, Json params, std::size_t answerParts = 0)
     {
         if (m_subscribed) // its changes would come in between
             connect();
-        const std::int64_t id = m_session->request(method, std::move(params));
+        const std::int64_t id = m_session->request(method, std::move(params), answerParts);
         m_requestSize = m_session->output().size();
         const RpcMessage answer = receive(deadline());
         if (answer.id != id)
@@ -87,9 +87,8 @@ public:
             connect();
         m_subscribed = true;
         subscription.begin(*m_session);
-        const auto end = deadline();
-        for (;;) {
-            Subscription::Progress progress = subscription.handle(receive(end), *m_session);
+        for (;;) { // each answer and each row ahead of it has the time of its own
+            Subscription::Progress progress = subscription.handle(receive(deadline()), *m_session);
             if (progress.synchronised)
                 return std::move(progress.changedTables);
         }
@@ -211,49 +210,16 @@ TableCache Client::read()
 
 TableCache Client::read(const std::vector<std::string>& tableNames)
 {
-    const Database& database = m_state->database();
-    Json::Array params{Json(database.name)};
-    for (const std::string& name : tableNames) {
-        Json::Array columns{Json("_uuid")};
-        for (const Column& column : database.at(name).columns)
-            columns.emplace_back(column.name);
-        params.emplace_back(
-            Json::Object{{"op", "select"}, {"table", name}, {"where", everyRow()}, {"columns", std::move(columns)}});
-    }
-    const Json reply = m_state->call("transact", std::move(params));
-    const Json::Array* results = reply.asArray();
-    if (results == nullptr || results->size() != tableNames.size())
-        throw ProtocolError("the server answered a read by something else than its tables");
-
-    // A row as the cache takes it: { uuid: { "new": columns } }.
-    Json::Object tables;
-    for (std::size_t i = 0; i < tableNames.size(); ++i) {
-        const Json* rows = (*results)[i].find("rows");
-        if (rows == nullptr || rows->asArray() == nullptr)
-            throw RequestError("the server refused to read table " + tableNames[i] + ": " +
-                               describeError((*results)[i]));
-        Json::Object updates;
-        for (const Json& row : *rows->asArray()) {
-            const Json* uuid = row.find("_uuid");
-            const Json::Array* pair = uuid != nullptr ? uuid->asArray() : nullptr;
-            if (pair == nullptr || pair->size() != 2 || (*pair)[1].asText() == nullptr)
-                throw ProtocolError("the server answered with a row without a name");
-            Json::Object columns = *row.asObject();
-            std::erase_if(columns, [](const auto& member) { return member.first == "_uuid"; });
-            updates.emplace_back(*(*pair)[1].asText(), Json::Object{{"new", std::move(columns)}});
-        }
-        tables.emplace_back(tableNames[i], std::move(updates));
-    }
-    TableCache cache(database, tableNames);
-    cache.replace(tables, UpdateFormat::OldAndNew);
-    return cache;
+    Subscription subscription(m_state->database(), tableNames);
+    m_state->start(subscription);
+    return subscription.takeTables();
 }
 
 TransactionResult Client::transact(const std::vector<Json>& operations)
 {
     Json::Array params{Json(m_state->database().name)};
     params.insert(params.end(), operations.begin(), operations.end());
-    const Json reply = m_state->call("transact", std::move(params));
+    const Json reply = m_state->call("transact", std::move(params), operations.size());
     const Json::Array* results = reply.asArray();
     if (results == nullptr || results->size() < operations.size() || results->size() > operations.size() + 1)
         throw ProtocolError("the server answered a transaction by another number of results than operations");

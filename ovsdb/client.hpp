@@ -19,7 +19,7 @@ namespace ovsdb
 
 struct ClientOptions {
     std::string socketPath;
-    // For each answer. A server that is not there is an error at once.
+    // For each answer, or the next part of a long one. A server that is not there is an error at once.
     std::chrono::milliseconds timeout{5000};
     // Called now and then while an answer is waited for, with how much of the request is sent; may be empty.
     std::function<void(std::size_t sentBytes, std::size_t allBytes)> onProgress{};

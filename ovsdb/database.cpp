@@ -1,6 +1,6 @@
 #include "ovsdb/database.hpp"
 
-#include <stdexcept>
+#include "ovsdb/error.hpp"
 
 namespace ovsdb
 {
@@ -27,7 +27,7 @@ const Table& Database::at(std::string_view tableName) const
 {
     const Table* table = find(tableName);
     if (table == nullptr)
-        throw std::invalid_argument("no table is called \"" + std::string(tableName) + "\"");
+        throw SchemaError("no table is called \"" + std::string(tableName) + "\"");
     return *table;
 }
 

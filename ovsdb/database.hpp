@@ -39,7 +39,7 @@ struct Database {
 
     // nullptr when there is no such table.
     const Table* find(std::string_view tableName) const;
-    // As find; throws std::invalid_argument when there is no such table.
+    // As find; throws SchemaError when there is no such table.
     const Table& at(std::string_view tableName) const;
     std::vector<std::string> tableNames() const;
 };

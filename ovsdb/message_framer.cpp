@@ -2,13 +2,14 @@
 
 #include "ovsdb/error.hpp"
 
+#include <algorithm>
+#include <utility>
+
 namespace ovsdb
 {
 
 namespace
 {
-
-constexpr std::size_t keptCapacity = 64 * 1024;
 
 bool isBlank(char c)
 {
@@ -19,70 +20,125 @@ bool isBlank(char c)
 
 void MessageFramer::append(std::string_view bytes)
 {
-    if (m_begin > 0 && m_seen == m_begin) { // forget what has been cut off
-        m_buffer.erase(0, m_begin);
-        m_begin = m_seen = 0;
-    }
+    m_buffer.erase(0, std::exchange(m_next, 0));
     m_buffer.append(bytes);
 }
 
-void MessageFramer::skipBlanks()
+std::optional<MessagePiece> MessageFramer::next()
 {
-    while (m_begin < m_buffer.size() && isBlank(m_buffer[m_begin]))
-        ++m_begin;
-    m_seen = m_begin;
-}
-
-std::optional<std::string> MessageFramer::next()
-{
-    if (m_depth == 0) {
-        skipBlanks();
-        if (m_begin == m_buffer.size()) {
-            m_buffer.clear();
-            if (m_buffer.capacity() > keptCapacity)
-                m_buffer.shrink_to_fit();
-            m_begin = m_seen = 0;
-            return std::nullopt;
+    while (m_next < m_buffer.size()) {
+        if (m_depth > 0 && !m_escaped) { // what means nothing here is taken at once
+            const std::size_t end =
+                std::min(m_buffer.find_first_of(m_inText ? "\"\\" : "{}[],\"", m_next), m_buffer.size());
+            put(std::string_view(m_buffer).substr(m_next, end - m_next));
+            m_next = end;
+            if (end == m_buffer.size())
+                return std::nullopt;
         }
-        if (m_buffer[m_begin] != '{')
-            throw ProtocolError("bytes that begin no message: expected '{', found byte " +
-                                std::to_string(static_cast<unsigned char>(m_buffer[m_begin])));
-    }
-    for (; m_seen < m_buffer.size(); ++m_seen) {
-        const char c = m_buffer[m_seen];
-        if (m_seen - m_begin >= maximumMessageSize)
-            throw ProtocolError("message larger than " + std::to_string(maximumMessageSize) + " bytes");
-        if (m_inText) {
-            if (m_escaped)
-                m_escaped = false;
-            else if (c == '\\')
-                m_escaped = true;
-            else if (c == '"')
-                m_inText = false;
-        } else if (c == '"') {
-            m_inText = true;
-        } else if (c == '{' || c == '[') {
-            if (++m_depth > maximumMessageDepth)
-                throw ProtocolError("message deeper than " + std::to_string(maximumMessageDepth) + " levels");
-        } else if ((c == '}' || c == ']') && --m_depth == 0) {
-            return cut(m_seen + 1);
-        }
+        if (auto piece = take(m_buffer[m_next++]))
+            return piece;
     }
     return std::nullopt;
 }
 
-std::string MessageFramer::cut(std::size_t end)
+std::optional<MessagePiece> MessageFramer::take(char c)
 {
-    std::string message;
-    if (m_begin == 0 && end == m_buffer.size()) { // the usual case: no copy of a large message
-        message = std::move(m_buffer);
-        m_buffer = {};
-        m_begin = m_seen = 0;
-        return message;
+    if (m_depth == 0) {
+        if (isBlank(c))
+            return std::nullopt;
+        if (c != '{')
+            throw ProtocolError("bytes that begin no message: expected '{', found byte " +
+                                std::to_string(static_cast<unsigned char>(c)));
+        m_lastText = 0;
     }
-    message = m_buffer.substr(m_begin, end - m_begin);
-    m_begin = m_seen = end;
-    return message;
+    if (m_inText) {
+        put({&c, 1});
+        if (m_escaped)
+            m_escaped = false;
+        else if (c == '\\')
+            m_escaped = true;
+        else if (c == '"')
+            m_inText = false;
+        return std::nullopt;
+    }
+    switch (c) {
+    case '{':
+    case '[':
+        return open(c);
+    case '}':
+    case ']':
+        return close(c);
+    case ',':
+        if (m_inRows && m_depth == m_rowsDepth)
+            return cutRow();
+        break;
+    case '"':
+        m_inText = true;
+        if (!m_inRows)
+            m_lastText = m_message.size();
+        break;
+    default:
+        break;
+    }
+    put({&c, 1});
+    return std::nullopt;
+}
+
+std::optional<MessagePiece> MessageFramer::open(char c)
+{
+    if (++m_depth > maximumMessageDepth)
+        throw ProtocolError("message deeper than " + std::to_string(maximumMessageDepth) + " levels");
+    if (c == '{' && m_depth == m_rowsDepth && !m_inRows)
+        beginRows();
+    else
+        put({&c, 1});
+    return std::nullopt;
+}
+
+std::optional<MessagePiece> MessageFramer::close(char c)
+{
+    const bool endOfRows = m_inRows && m_depth == m_rowsDepth;
+    --m_depth;
+    if (endOfRows) {
+        if (c != '}')
+            throw ProtocolError("message is no JSON: rows end with ']'");
+        std::optional<MessagePiece> last;
+        if (m_rowCount > 0 || m_row.find_first_not_of(" \t\r\n") != std::string::npos)
+            last = cutRow();
+        m_inRows = false;
+        m_row.clear();
+        m_message += "{\"\":" + std::to_string(m_rowCount) + '}';
+        return last;
+    }
+    put({&c, 1});
+    if (m_depth > 0)
+        return std::nullopt;
+    return MessagePiece{.isRow = false, .text = std::exchange(m_message, {}), .table = {}};
+}
+
+void MessageFramer::put(std::string_view bytes)
+{
+    std::string& text = m_inRows ? m_row : m_message;
+    const std::size_t limit = m_inRows ? maximumPieceSize : m_limit;
+    if (text.size() + bytes.size() > limit)
+        throw ProtocolError((m_inRows ? "row larger than " : "message larger than ") + std::to_string(limit) +
+                            " bytes");
+    text += bytes;
+}
+
+void MessageFramer::beginRows()
+{
+    m_inRows = true;
+    m_rowCount = 0;
+    // What stands behind the text, a colon and blanks if this is a member, is for the parser of the message.
+    const std::size_t end = m_message.rfind('"');
+    m_table = end != std::string::npos && end > m_lastText ? m_message.substr(m_lastText, end + 1 - m_lastText) : "";
+}
+
+MessagePiece MessageFramer::cutRow()
+{
+    ++m_rowCount;
+    return {.isRow = true, .text = std::exchange(m_row, {}), .table = m_table};
 }
 
 } // namespace ovsdb

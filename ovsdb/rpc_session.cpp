@@ -1,5 +1,6 @@
 #include "ovsdb/rpc_session.hpp"
 
+#include <algorithm>
 #include <utility>
 
 namespace ovsdb
@@ -10,6 +11,36 @@ namespace
 
 constexpr std::size_t longestEcho = 64 * 1024;     // a server's echo carries nothing, or its own name
 constexpr std::size_t longestOutput = 1024 * 1024; // of echoes that the peer does not read
+
+// Of a message without its rows. A schema has some 2,000.
+constexpr std::size_t maximumValues = 100'000;
+// What one part of an answer takes at most: {"uuid":["uuid","..."]} is 5 values in some 60 bytes.
+constexpr std::size_t bytesPerPart = 256;
+constexpr std::size_t valuesPerPart = 8;
+
+Json parse(std::string_view text, const JsonLimits& limits, const char* what)
+{
+    try {
+        return parseJson(text, limits);
+    } catch (const JsonError& e) {
+        throw ProtocolError(std::string(what) + " is no JSON: " + e.what() + " at byte " + std::to_string(e.offset()));
+    }
+}
+
+// A row comes as a member of an object: "name": value.
+RpcRow rowOf(const MessagePiece& piece)
+{
+    RpcRow row;
+    if (!piece.table.empty())
+        row.table = *parse(piece.table, {}, "message").asText();
+    Json object = parse('{' + piece.text + '}', {.depth = maximumMessageDepth, .values = 1000}, "row");
+    Json::Object& members = *object.asObject();
+    if (members.size() != 1)
+        throw ProtocolError("message is no JSON: expected a row between two commas");
+    row.name = std::move(members.front().first);
+    row.value = std::move(members.front().second);
+    return row;
+}
 
 std::string oneLine(std::string text)
 {
@@ -35,25 +66,34 @@ std::string describeError(const Json& error)
     return oneLine(*name->asText() + ": " + *details->asText());
 }
 
-std::int64_t RpcSession::request(std::string_view method, Json params)
+std::int64_t RpcSession::request(std::string_view method, Json params, std::size_t answerParts)
 {
     const std::int64_t id = ++m_lastId;
     send(Json::Object{{"method", method}, {"params", std::move(params)}, {"id", id}});
-    m_pending.insert(id);
+    m_pending.emplace(id, answerParts);
+    m_framer.limitMessages(maximumPieceSize + bytesPerPart * largestAnswer());
     return id;
+}
+
+std::size_t RpcSession::largestAnswer() const
+{
+    std::size_t parts = 0;
+    for (const auto& [id, answerParts] : m_pending)
+        parts = std::max(parts, answerParts);
+    return parts;
 }
 
 std::optional<RpcMessage> RpcSession::next()
 {
-    while (const auto text = m_framer.next()) {
-        Json message;
-        try {
-            message = parseJson(*text, {.depth = maximumMessageDepth});
-        } catch (const JsonError& e) {
-            throw ProtocolError("message is no JSON: " + std::string(e.what()) + " at byte " +
-                                std::to_string(e.offset()));
+    while (const auto piece = m_framer.next()) {
+        if (piece->isRow) {
+            RpcMessage part;
+            part.row = rowOf(*piece);
+            return part;
         }
-        if (auto result = handle(message))
+        const JsonLimits limits{.depth = maximumMessageDepth,
+                                .values = maximumValues + valuesPerPart * largestAnswer()};
+        if (auto result = handle(parse(piece->text, limits, "message")))
             return result;
     }
     return std::nullopt;
@@ -69,7 +109,7 @@ std::optional<RpcMessage> RpcSession::handle(const Json& message)
         if (name == nullptr || params == nullptr || params->asArray() == nullptr)
             throw ProtocolError("message with a method, but without a text as its name or a list as its params");
         if (id == nullptr || id->isNull())
-            return RpcMessage{.method = *name, .id = 0, .result = *params, .error = {}};
+            return RpcMessage{.method = *name, .result = *params};
         if (*name != "echo")
             throw ProtocolError("request that only a server answers: " + oneLine(*name));
         const std::string reply = toText(Json::Object{{"id", *id}, {"result", *params}, {"error", Json()}});
@@ -85,7 +125,8 @@ std::optional<RpcMessage> RpcSession::handle(const Json& message)
         throw ProtocolError("message that is neither request, answer nor notification");
     if (m_pending.erase(*number) == 0)
         throw ProtocolError("answer to a request that was not made: id " + std::to_string(*number));
-    RpcMessage answer{.method = {}, .id = *number, .result = {}, .error = {}};
+    m_framer.limitMessages(maximumPieceSize + bytesPerPart * largestAnswer());
+    RpcMessage answer{.id = *number};
     if (error != nullptr && !error->isNull())
         answer.error = describeError(*error);
     else if (result != nullptr)

@@ -5,28 +5,41 @@
 #include "ovsdb/message_framer.hpp"
 
 #include <cstdint>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 
 namespace ovsdb
 {
 
-// An answer to a request of ours (method is empty), or a notification (method is set, params in result).
+// A row of a table, cut out of a message whose rest is still to come.
+struct RpcRow {
+    std::string table;
+    std::string name;
+    Json value;
+};
+
+// An answer to a request of ours (method is empty), or a notification (method is set, params in result). Or a row
+// ahead of the message that it belongs to: then only row is set.
 struct RpcMessage {
-    std::string method;
+    std::string method{};
     std::int64_t id = 0;
-    Json result;
-    std::optional<std::string> error; // one line: the server's name of the error and its explanation
+    Json result{};
+    std::optional<std::string> error{}; // one line: the server's name of the error and its explanation
+    std::optional<RpcRow> row{};
 };
 
 // One side of one connection. Answers "echo" itself. Threading: none of its own.
 class RpcSession
 {
 public:
-    // Queues a request and returns its id.
-    std::int64_t request(std::string_view method, Json params);
+    // Queues a request and returns its id. answerParts: how many results the answer has if it is a list of small ones.
+    std::int64_t request(std::string_view method, Json params, std::size_t answerParts = 0);
+
+    // From the next message on, rows come ahead of their message; see MessageFramer. In the message the object
+    // {"": number} stands in their place.
+    void splitRowsAt(std::size_t depth) { m_framer.splitRowsAt(depth); }
 
     // Takes bytes from the peer.
     void receive(std::string_view bytes) { m_framer.append(bytes); }
@@ -45,11 +58,12 @@ public:
 private:
     std::optional<RpcMessage> handle(const Json& message);
     void send(const Json& message);
+    std::size_t largestAnswer() const; // in parts
 
     MessageFramer m_framer;
     std::string m_output;
     std::int64_t m_lastId = 0;
-    std::set<std::int64_t> m_pending;
+    std::map<std::int64_t, std::size_t> m_pending; // by id: the parts of the answer
 };
 
 // "error: details" of an error that a server sent, cut to a length that fits a log line.

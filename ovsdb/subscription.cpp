@@ -12,6 +12,11 @@ namespace
 
 const char* const noTransaction = "00000000-0000-0000-0000-000000000000";
 
+// How deep the objects stand that hold a table's rows: {"result": {"table": {rows}}}, and with a list around the
+// tables.
+constexpr std::size_t rowsInAnswer = 3;
+constexpr std::size_t rowsInList = 4;
+
 // Which columns of which tables to tell of.
 Json monitorRequests(const Database& database, const std::vector<std::string>& tableNames, bool conditional)
 {
@@ -28,11 +33,9 @@ Json monitorRequests(const Database& database, const std::vector<std::string>& t
 
 } // namespace
 
-Subscription::Subscription(const Database& database, std::vector<std::string> tableNames)
-    : m_database(database),
-      m_tableNames(std::move(tableNames)),
-      m_tables(m_database, m_tableNames),
-      m_lastTransaction(noTransaction)
+Subscription::Subscription(const Database& database, const std::vector<std::string>& tableNames,
+                           std::size_t memoryLimit)
+    : m_database(database), m_tables(database, tableNames, memoryLimit), m_lastTransaction(noTransaction)
 {
 }
 
@@ -40,15 +43,24 @@ void Subscription::begin(RpcSession& session)
 {
     m_phase = Phase::AskedForSchema;
     m_method = Method::Since;
+    m_incoming.reset();
     m_request = session.request("get_schema", Json::Array{Json(m_database.name)});
+}
+
+void Subscription::end()
+{
+    m_phase = Phase::Idle;
+    m_incoming.reset();
 }
 
 void Subscription::subscribe(RpcSession& session)
 {
     m_phase = Phase::Subscribing;
+    m_incoming.reset();
+    session.splitRowsAt(m_method == Method::Since ? rowsInList : rowsInAnswer);
     // The subscription is named after the database.
     Json::Array params{Json(m_database.name), Json(m_database.name),
-                       monitorRequests(m_database, m_tableNames, m_method != Method::Plain)};
+                       monitorRequests(m_database, m_tables.tableNames(), m_method != Method::Plain)};
     if (m_method == Method::Since) {
         params.emplace_back(m_lastTransaction);
         m_request = session.request("monitor_cond_since", std::move(params));
@@ -57,8 +69,28 @@ void Subscription::subscribe(RpcSession& session)
     }
 }
 
+TableUpdate& Subscription::incoming()
+{
+    if (!m_incoming)
+        m_incoming.emplace(m_tables, m_method == Method::Plain ? UpdateFormat::OldAndNew : UpdateFormat::Difference);
+    return *m_incoming;
+}
+
+// The rows that came ahead of the message of which this is the object of tables.
+TableUpdate Subscription::takeIncoming(const Json& tables)
+{
+    incoming().finish(tables);
+    TableUpdate update = *std::move(m_incoming);
+    m_incoming.reset();
+    return update;
+}
+
 Subscription::Progress Subscription::handle(const RpcMessage& message, RpcSession& session)
 {
+    if (message.row) {
+        incoming().add(message.row->table, message.row->name, message.row->value);
+        return {};
+    }
     if (!message.method.empty())
         return updated(message);
     if (message.id != m_request)
@@ -66,7 +98,7 @@ Subscription::Progress Subscription::handle(const RpcMessage& message, RpcSessio
     if (m_phase == Phase::AskedForSchema) {
         if (message.error)
             throw SchemaError("the server has no database \"" + m_database.name + "\" (" + *message.error + ")");
-        m_schemaVersion = checkSchema(message.result, m_database, m_tableNames);
+        m_schemaVersion = checkSchema(message.result, m_database, m_tables.tableNames());
         subscribe(session);
         return {};
     }
@@ -89,13 +121,14 @@ Subscription::Progress Subscription::subscribed(const RpcMessage& answer, RpcSes
         const std::string* last = found ? (*reply)[1].asText() : nullptr;
         if (last == nullptr || !Uuid::fromText(*last))
             throw ProtocolError("subscription answered by something else than [boolean, transaction, tables]");
-        progress.changedTables = *found ? m_tables.apply((*reply)[2], UpdateFormat::Difference)
-                                        : m_tables.replace((*reply)[2], UpdateFormat::Difference);
+        TableUpdate update = takeIncoming((*reply)[2]);
+        progress.changedTables = *found ? m_tables.apply(update) : m_tables.replace(update);
         m_lastTransaction = *last;
     } else {
-        const auto format = m_method == Method::Plain ? UpdateFormat::OldAndNew : UpdateFormat::Difference;
-        progress.changedTables = m_tables.replace(answer.result, format);
+        TableUpdate update = takeIncoming(answer.result);
+        progress.changedTables = m_tables.replace(update);
         m_lastTransaction = noTransaction;
+        session.splitRowsAt(rowsInList);
     }
     m_phase = Phase::Following;
     return progress;
@@ -114,8 +147,8 @@ Subscription::Progress Subscription::updated(const RpcMessage& notification)
     const std::string* transaction = m_method == Method::Since ? params[1].asText() : nullptr;
     if (m_method == Method::Since && (transaction == nullptr || !Uuid::fromText(*transaction)))
         throw ProtocolError(std::string(name) + " without a transaction");
-    const auto format = m_method == Method::Plain ? UpdateFormat::OldAndNew : UpdateFormat::Difference;
-    Progress progress{.synchronised = false, .changedTables = m_tables.apply(params.back(), format)};
+    TableUpdate update = takeIncoming(params.back());
+    Progress progress{.synchronised = false, .changedTables = m_tables.apply(update)};
     if (transaction != nullptr)
         m_lastTransaction = *transaction;
     return progress;

@@ -4,10 +4,12 @@
 
 #include "ovsdb/rpc_session.hpp"
 #include "ovsdb/table_cache.hpp"
+#include "ovsdb/table_update.hpp"
 
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ovsdb
@@ -17,13 +19,20 @@ namespace ovsdb
 class Subscription
 {
 public:
-    // The names must be of tables of the database, which must outlive this; others throw std::invalid_argument.
-    Subscription(const Database& database, std::vector<std::string> tableNames);
+    // The names must be of tables of the database, which must outlive this; others throw SchemaError.
+    Subscription(const Database& database, const std::vector<std::string>& tableNames,
+                 std::size_t memoryLimit = maximumTableMemory);
+    Subscription(const Subscription&) = delete;
+    Subscription& operator=(const Subscription&) = delete;
 
     // A new connection: asks for the schema. The copy of the tables stays until the server has told the current state.
     void begin(RpcSession& session);
 
-    // The tables that a message changed, and whether it was the first full state of this connection.
+    // The connection is lost: forgets what has come of a message that is not complete.
+    void end();
+
+    // The tables that a message changed, and whether it was the first full state of this connection. A row ahead of its
+    // message changes nothing yet.
     struct Progress {
         bool synchronised = false;
         std::set<std::string> changedTables;
@@ -36,6 +45,8 @@ public:
     bool synchronised() const { return m_phase == Phase::Following; }
 
     const TableCache& tables() const { return m_tables; }
+    // Leaves the object without use.
+    TableCache takeTables() { return std::move(m_tables); }
     const std::string& schemaVersion() const { return m_schemaVersion; }
 
 private:
@@ -44,12 +55,14 @@ private:
     enum class Method { Since, Conditional, Plain };
 
     void subscribe(RpcSession& session);
+    TableUpdate& incoming();
+    TableUpdate takeIncoming(const Json& tables);
     Progress subscribed(const RpcMessage& answer, RpcSession& session);
     Progress updated(const RpcMessage& notification);
 
     const Database& m_database;
-    const std::vector<std::string> m_tableNames;
     TableCache m_tables;
+    std::optional<TableUpdate> m_incoming; // the rows of a message that is not complete
     Phase m_phase = Phase::Idle;
     Method m_method = Method::Since;
     std::int64_t m_request = 0;

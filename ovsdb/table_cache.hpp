@@ -2,13 +2,10 @@
 #pragma once
 
 #include "ovsdb/database.hpp"
-#include "ovsdb/json.hpp"
+#include "ovsdb/row.hpp"
 #include "platform/value_list.hpp"
 
-#include <array>
-#include <compare>
-#include <cstdint>
-#include <optional>
+#include <cstddef>
 #include <set>
 #include <span>
 #include <string>
@@ -18,36 +15,20 @@
 namespace ovsdb
 {
 
-// The server's own name of a row.
-struct Uuid {
-    std::array<std::uint8_t, 16> bytes{};
+class TableUpdate;
+struct TableChanges;
 
-    auto operator<=>(const Uuid&) const = default;
-    std::string toText() const;
-    // Nothing unless the text is a UUID in its usual form of 36 characters.
-    static std::optional<Uuid> fromText(std::string_view text);
-};
-
-struct Row {
-    Uuid uuid;
-    std::vector<tessera::Value> values; // one per column, in the order of Table::columns; unset ones are filled in
-
-    bool operator==(const Row&) const = default;
-};
-
-// The three forms in which a server describes changes.
-enum class UpdateFormat {
-    OldAndNew, // "update": rows before and after
-    Difference // "update2", "update3": only what differs
-};
+// What a copy holds at most: over a million rows, and far more than the server itself can be asked to keep.
+inline constexpr std::size_t maximumTableMemory = std::size_t{1} << 30;
 
 // One consistent state of some tables. Plain value.
 class TableCache
 {
 public:
     // Empty tables. The names must be of tables of the database, which must outlive the cache and its copies; others
-    // throw std::invalid_argument.
-    TableCache(const Database& database, const std::vector<std::string>& tableNames);
+    // throw SchemaError.
+    TableCache(const Database& database, const std::vector<std::string>& tableNames,
+               std::size_t memoryLimit = maximumTableMemory);
 
     // The rows of a table by ascending Id; none when the table is not held. Valid until the next change.
     std::span<const Row> rows(std::string_view tableName) const;
@@ -55,27 +36,31 @@ public:
     // The row's value by column name, nullptr when the table has no such column.
     static const tessera::Value* value(const Table& table, const Row& row, std::string_view columnName);
 
-    bool holds(std::string_view tableName) const;
+    // nullptr when the table is not held.
+    const Table* find(std::string_view tableName) const;
+    bool holds(std::string_view tableName) const { return find(tableName) != nullptr; }
     std::vector<std::string> tableNames() const;
+    std::size_t memoryLimit() const { return m_memoryLimit; }
 
-    // Takes over a description of changes: all of it, or, when any of it does not fit (unknown table, column or row,
-    // wrong kind, integer outside 32 bits, missing column, a row twice), nothing, and throws ProtocolError.
-    // Returns the tables of which at least one row is different now.
-    std::set<std::string> apply(const Json& tableUpdates, UpdateFormat format);
+    // Takes over the changes: all of them, or, when any does not fit (a row to be inserted that is there, a row twice,
+    // a row too many for the memory), none, and throws ProtocolError. The update was made from this state and is used
+    // up. Returns the tables of which at least one row is different now.
+    std::set<std::string> apply(TableUpdate& update);
 
-    // Becomes the state that the description of all rows gives, under the rules of apply.
-    std::set<std::string> replace(const Json& tableUpdates, UpdateFormat format);
+    // Becomes the state that the update, which must insert all rows, gives; under the rules of apply.
+    std::set<std::string> replace(TableUpdate& update);
 
 private:
     struct Held {
         const Table* table;
         std::vector<Row> rows;
+        std::size_t memory = 0;
     };
-    TableCache() = default;
-    TableCache empty() const; // of the same tables
-    Held* find(std::string_view tableName);
+    std::size_t memory() const;
+    static std::size_t check(const Held& held, TableChanges& changes);
 
     std::vector<Held> m_tables;
+    std::size_t m_memoryLimit;
 };
 
 } // namespace ovsdb

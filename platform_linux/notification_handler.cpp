@@ -150,6 +150,8 @@ private:
             m_dispatcher.removeDescriptor(m_connection->descriptor());
         m_connection.reset();
         m_session.reset();
+        if (m_subscription)
+            m_subscription->end();
     }
 
     void handleEvents(std::uint32_t events)
@@ -196,7 +198,7 @@ private:
             m_dispatcher.modifyDescriptor(m_connection->descriptor(), wantsWrite ? EPOLLIN | EPOLLOUT : EPOLLIN);
     }
 
-    // Keeps a timer while the server owes something; restarted whenever a whole message has come.
+    // Keeps a timer while the server owes something; restarted whenever a message or a row of one has come.
     void watchForStall(bool progress)
     {
         const bool waiting = m_session->waiting() || m_wantsWrite;

@@ -1,9 +1,11 @@
 // Bytes from a configuration server, at four moments of a connection: before the schema, before the subscription, and
-// with rows held from an old and from a current server. Whatever comes, it is taken or refused with an error of ours,
-// and refused bytes leave the tables as they were.
+// with rows held from an old and from a current server, in pieces of several sizes. Whatever comes, it is taken or
+// refused with an error of ours, refused bytes leave the tables as they were, and the sizes of the pieces do not
+// matter.
 #include "ovsdb/subscription.hpp"
 #include "schema/server/database.hpp"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -38,26 +40,23 @@ void take(std::string_view bytes, ovsdb::RpcSession& session, ovsdb::Subscriptio
         subscription.handle(*message, session);
 }
 
-std::vector<std::vector<ovsdb::Row>> copyOf(const ovsdb::TableCache& tables)
+using Copy = std::vector<std::vector<ovsdb::Row>>;
+
+Copy copyOf(const ovsdb::TableCache& tables)
 {
-    std::vector<std::vector<ovsdb::Row>> copy;
+    Copy copy;
     for (const std::string& name : tables.tableNames())
         copy.emplace_back(tables.rows(name).begin(), tables.rows(name).end());
     return copy;
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+// The tables after the bytes, or after what was taken of them.
+Copy tablesAfter(int moment, std::string_view bytes, std::size_t atATime)
 {
-    if (size == 0)
-        return 0;
-    const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
     ovsdb::Subscription subscription(schema::serverDatabase(),
                                      {"MoatKeeper", "MoatKeeperInputPolicy", "MoatKeeperRuleset"});
     ovsdb::RpcSession session;
     subscription.begin(session);
-    const int moment = data[0] % 4;
     if (moment >= 1)
         take(schemaReply(), session, subscription);
     if (moment == 2) {
@@ -70,21 +69,37 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                  R"(":{"initial":)" + row + "}}}]}",
              session, subscription);
     }
-
     try {
-        session.receive(bytes);
-        while (const auto message = session.next()) {
-            const auto before = copyOf(subscription.tables());
-            try {
-                subscription.handle(*message, session);
-            } catch (const ovsdb::Error&) {
-                if (copyOf(subscription.tables()) != before)
-                    std::abort(); // half a change was taken
-                throw;
+        for (; !bytes.empty(); bytes.remove_prefix(std::min(atATime, bytes.size()))) {
+            session.receive(bytes.substr(0, atATime));
+            while (const auto message = session.next()) {
+                const Copy before = copyOf(subscription.tables());
+                try {
+                    subscription.handle(*message, session);
+                } catch (const ovsdb::Error&) {
+                    if (copyOf(subscription.tables()) != before)
+                        std::abort(); // half a change was taken
+                    throw;
+                }
+                if (message->row && copyOf(subscription.tables()) != before)
+                    std::abort(); // a row was taken before its message was complete
             }
         }
-    } catch (const ovsdb::Error&) {
-        return 0; // the connection would be dropped
+    } catch (const ovsdb::Error&) { // the connection would be dropped
     }
+    return copyOf(subscription.tables());
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    if (size == 0)
+        return 0;
+    const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
+    const int moment = data[0] % 4;
+    const Copy whole = tablesAfter(moment, bytes, size);
+    if (tablesAfter(moment, bytes, 1 + data[0] / 4) != whole)
+        std::abort();
     return 0;
 }

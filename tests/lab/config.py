@@ -19,9 +19,10 @@ class Refused(Exception):
 class Config:
     """One connection to the server. Every operation here is a transaction of its own."""
 
-    def __init__(self, path=SOCKET):
+    def __init__(self, path=SOCKET, seconds=10):
+        """seconds: how long each answer may take."""
         self._socket = socket.socket(socket.AF_UNIX)
-        self._socket.settimeout(10)
+        self._socket.settimeout(seconds)
         self._socket.connect(str(path))
         self._buffer = ""
         self._number = 0

@@ -141,6 +141,7 @@ class Server(rehearsal.Rehearsal):
         self.server.stop(signal.SIGKILL)
         self.daemon.waitForLines("^ovsdb:30: ")
         self.startServer()
+        tool.waitForBatches(2, seconds=60)  # with a line in the log for each row
         self.assertBatches(start(1), rules(1) + ["-A UserInputRules -i p1 -s 02:00:00:00:00:01 -j DROP"] * 2000)
 
 

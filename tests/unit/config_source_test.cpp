@@ -1,6 +1,7 @@
 // The rows that the handler's readers get, and what the log says of the others.
 #include "platform_linux/config_source.hpp"
 
+#include "ovsdb/table_update.hpp"
 #include "schema/server/database.hpp"
 #include "tests/unit/captured_descriptor.hpp"
 
@@ -27,9 +28,9 @@ protected:
     // Rows are told apart by a number; `change` is {"insert": ...} or the like.
     void change(int row, const std::string& text, const std::string& table = policies)
     {
-        const std::string update = R"({")" + table + R"(": {"aaaaaaaa-0000-0000-0000-00000000000)" +
-                                   std::to_string(row) + R"(": )" + text + "}}";
-        m_source.update(m_tables.apply(ovsdb::parseJson(update), ovsdb::UpdateFormat::Difference));
+        ovsdb::TableUpdate update(m_tables, ovsdb::UpdateFormat::Difference);
+        update.add(table, "aaaaaaaa-0000-0000-0000-00000000000" + std::to_string(row), ovsdb::parseJson(text));
+        m_source.update(m_tables.apply(update));
     }
     void insert(int row, const std::string& interface)
     {

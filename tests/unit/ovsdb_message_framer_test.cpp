@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 namespace
@@ -16,7 +17,7 @@ std::vector<std::string> allOf(MessageFramer& framer)
 {
     std::vector<std::string> messages;
     while (auto message = framer.next())
-        messages.push_back(*message);
+        messages.push_back(message->text);
     return messages;
 }
 
@@ -53,6 +54,40 @@ TEST(OvsdbMessageFramerTest, KnowsAnUnfinishedMessage)
     EXPECT_FALSE(framer.unfinished());
 }
 
+// Each piece: a message, or TABLE|MEMBER.
+std::vector<std::string> piecesOf(std::string_view bytes, std::size_t depth, std::size_t atATime)
+{
+    MessageFramer framer;
+    framer.splitRowsAt(depth);
+    std::vector<std::string> pieces;
+    for (; !bytes.empty(); bytes.remove_prefix(std::min(atATime, bytes.size()))) {
+        framer.append(bytes.substr(0, atATime));
+        while (const auto piece = framer.next())
+            pieces.push_back(piece->isRow ? piece->table + '|' + piece->text : piece->text);
+    }
+    EXPECT_FALSE(framer.unfinished());
+    return pieces;
+}
+
+TEST(OvsdbMessageFramerTest, RowsAreCutOutOfTheMessage)
+{
+    const std::string message = R"({"a": "{", "b": {"T" : {"r1": {"c": [1, "},"]}, "r,2":5 }, "U": { }, "V": [{}]}})";
+    const std::vector<std::string> wanted{R"("T"|"r1": {"c": [1, "},"]})", R"("T"| "r,2":5 )",
+                                          R"({"a": "{", "b": {"T" : {"":2}, "U": {"":0}, "V": [{}]}})"};
+    for (const std::size_t atATime : {message.size(), std::size_t{1}, std::size_t{7}})
+        EXPECT_EQ(piecesOf(message, 3, atATime), wanted) << atATime;
+    EXPECT_EQ(piecesOf(message + message, 3, 5).size(), 6U);
+    EXPECT_EQ(piecesOf(message, 0, 5), std::vector<std::string>{message});
+}
+
+TEST(OvsdbMessageFramerTest, ARowHasALimitOfItsOwn)
+{
+    MessageFramer framer;
+    framer.splitRowsAt(2);
+    framer.append(R"({"T":{"r":")" + std::string(ovsdb::maximumPieceSize, 'x'));
+    EXPECT_THROW(framer.next(), ProtocolError);
+}
+
 TEST(OvsdbMessageFramerTest, RefusesWhatBeginsNoMessage)
 {
     for (const char* bytes : {"[1]", "x", "\xff", "}", "{}]"}) {
@@ -66,7 +101,7 @@ TEST(OvsdbMessageFramerTest, RefusesDepthBeforeTheMessageEnds)
 {
     MessageFramer framer;
     framer.append("{\"a\":" + std::string(ovsdb::maximumMessageDepth - 1, '['));
-    EXPECT_EQ(framer.next(), std::nullopt);
+    EXPECT_FALSE(framer.next());
     framer.append("[");
     EXPECT_THROW(framer.next(), ProtocolError);
 }
@@ -85,16 +120,16 @@ TEST(OvsdbMessageFramerTest, RefusesSizeBeforeTheMessageEnds)
         }
     };
     EXPECT_THROW(feed(), ProtocolError);
-    EXPECT_LE(taken, ovsdb::maximumMessageSize + block.size());
+    EXPECT_LE(taken, ovsdb::maximumPieceSize + block.size());
 }
 
 TEST(OvsdbMessageFramerTest, TheLargestMessagePasses)
 {
     std::string message = "{\"a\":\"";
-    message += std::string(ovsdb::maximumMessageSize - message.size() - 2, 'x') + "\"}";
+    message += std::string(ovsdb::maximumPieceSize - message.size() - 2, 'x') + "\"}";
     MessageFramer framer;
     framer.append(message);
-    EXPECT_EQ(framer.next(), message);
+    EXPECT_EQ(framer.next()->text, message);
 }
 
 } // namespace

@@ -55,9 +55,13 @@ protected:
 
     Subscription::Progress take(const std::string& message)
     {
+        Subscription::Progress progress;
         m_session->receive(message);
-        const auto received = m_session->next();
-        return received ? m_subscription.handle(*received, *m_session) : Subscription::Progress();
+        while (const auto received = m_session->next()) {
+            EXPECT_FALSE(progress.synchronised || !progress.changedTables.empty()) << "before the message's end";
+            progress = m_subscription.handle(*received, *m_session);
+        }
+        return progress;
     }
     Subscription::Progress answer(const std::string& result)
     {
@@ -228,6 +232,100 @@ TEST_F(OvsdbSubscriptionTest, NotificationsOfAnotherShapeAreRefusedAndChangeNoth
     follow(1);
     EXPECT_THROW(notify("update3", R"(["moatkeeper", ")" + second + R"(", )" + gone + "]"), ProtocolError);
     EXPECT_THROW(notify("update2", R"(["moatkeeper", )" + gone + ", 1]"), ProtocolError);
+}
+
+std::string otherUuid(int number)
+{
+    return uuid.substr(0, 30) + std::to_string(100'000 + number);
+}
+
+std::string policy(int id)
+{
+    return R"({"initial": {"Id": )" + std::to_string(id) + R"(, "Interface": "eth0", "Policy": "DROP"}})";
+}
+
+TEST_F(OvsdbSubscriptionTest, RowsAreTakenInAsTheyCome)
+{
+    answerSchema();
+    asked();
+    m_session->receive(R"({"error": null, "result": [false, ")" + first + R"(", {")" + policies + R"(": {)");
+    for (int i = 0; i < 100; ++i) {
+        m_session->receive((i > 0 ? ", \"" : "\"") + otherUuid(i) + "\": " + policy(100 - i));
+        while (const auto part = m_session->next())
+            EXPECT_FALSE(m_subscription.handle(*part, *m_session).synchronised);
+        EXPECT_EQ(count(), 0U) << "the message is not complete";
+    }
+    EXPECT_TRUE(take(R"(}}], "id": )" + std::to_string(m_id) + "}").synchronised);
+    ASSERT_EQ(count(), 100U);
+    EXPECT_EQ(m_subscription.tables().rows(policies)[0].values[0].getInteger(), 1);
+}
+
+TEST_F(OvsdbSubscriptionTest, AMessageThatIsCutOffIsForgotten)
+{
+    follow();
+    m_session->receive(R"({"id": null, "method": "update3", "params": ["moatkeeper", ")" + second + R"(", {")" +
+                       policies + R"(": {")" + otherUuid(1) + R"(": {"insert": {"Id": 8}}, )");
+    while (const auto part = m_session->next())
+        m_subscription.handle(*part, *m_session);
+    m_subscription.end();
+    EXPECT_EQ(count(), 1U);
+    follow();
+    EXPECT_EQ(count(), 1U);
+}
+
+TEST_F(OvsdbSubscriptionTest, RowsWithoutEndAreRefused)
+{
+    Subscription subscription(schema::serverDatabase(), {policies}, 100'000);
+    RpcSession session;
+    subscription.begin(session);
+    std::ifstream file(MOATKEEPER_SCHEMA);
+    session.receive(R"({"id": 1, "result": )" + std::string(std::istreambuf_iterator<char>(file), {}) + "}");
+    subscription.handle(*session.next(), session);
+    session.receive(R"({"id": 2, "result": [false, ")" + first + R"(", {")" + policies + R"(": {)");
+    int rowsTaken = 0;
+    const auto feed = [&] {
+        for (;; ++rowsTaken) {
+            session.receive('"' + otherUuid(rowsTaken) + "\": " + policy(rowsTaken) + ",");
+            while (const auto part = session.next())
+                subscription.handle(*part, session);
+        }
+    };
+    EXPECT_THAT(feed, ThrowsMessage<ProtocolError>(HasSubstr("rows of more than 100000 bytes")));
+    EXPECT_GT(rowsTaken, 200);
+    EXPECT_LT(rowsTaken, 1000);
+}
+
+TEST_F(OvsdbSubscriptionTest, RowsInAnotherPlaceAreRefused)
+{
+    const std::string row2 = R"({")" + otherUuid(2) + R"(": {"insert": {"Id": 8}}})";
+    for (const std::string& message : {
+             // in a member that means nothing, in another param, in a list
+             R"({"x": {"y": {")" + policies + R"(": )" + row2 + R"(}}, "id": null, "method": "update3",
+                "params": ["moatkeeper", ")" +
+                 second + R"(", {}]})",
+             R"({"id": null, "method": "update3", "params": ["moatkeeper", {")" + policies + R"(": )" + row2 +
+                 R"(}, {}]})",
+             R"({"id": null, "method": "update3", "params": ["moatkeeper", ")" + second + R"(", [")" + policies +
+                 R"(", )" + row2 + "]]}",
+             // twice, once empty, once not
+             R"({"id": null, "method": "update3", "params": ["moatkeeper", ")" + second + R"(", {")" + policies +
+                 R"(": {}, ")" + policies + R"(": )" + row2 + "}]}",
+             // a number of rows of the peer's own
+             R"({"id": null, "method": "update3", "params": ["moatkeeper", ")" + second + R"(", {")" + policies +
+                 R"(": {"": 0}}]})",
+             // what is no row
+             R"({"id": null, "method": "update3", "params": ["moatkeeper", ")" + second + R"(", {")" + policies +
+                 R"(": {,}}]})",
+             R"({"id": null, "method": "update3", "params": ["moatkeeper", ")" + second + R"(", {")" + policies +
+                 R"(": {")" + uuid + R"(": {"delete": null},}}]})",
+             R"({"id": null, "method": "update3", "params": ["moatkeeper", ")" + second + R"(", {")" + policies +
+                 R"(": {")" + uuid + R"(": {"delete": null}]}]})",
+         }) {
+        follow();
+        EXPECT_THROW(take(message), ProtocolError) << message;
+        EXPECT_EQ(count(), 1U) << message;
+        m_subscription.end();
+    }
 }
 
 TEST_F(OvsdbSubscriptionTest, NothingIsToldBeforeTheAnswer)
