@@ -1,12 +1,12 @@
 #include "platform_linux/log_writer.hpp"
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <climits>
 #include <cstdlib>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -18,6 +18,10 @@ namespace
 
 std::string g_programName;    // syslog(3) keeps a pointer to it
 bool g_journalStream = false; // standard error leads to the journal
+
+constexpr int patienceMs = 1000;
+unsigned long g_lost = 0; // lines that standard error did not take, since the last one that it did
+bool g_midLine = false;   // it took a part of the last one
 
 void appendEscaped(std::string& out, unsigned char c)
 {
@@ -63,6 +67,36 @@ void occupyStandardDescriptors()
     }
 }
 
+std::string asLine(Severity severity, const std::string& formattedLine)
+{
+    const std::string prefix = g_journalStream ? '<' + std::to_string(static_cast<int>(severity)) + '>' : "";
+    return prefix + formattedLine + '\n';
+}
+
+// Whoever reads the other end of a pipe may rest, or have gone: the daemon waits for a moment, and after that no more
+// until a line gets through.
+bool writeAll(std::string_view text)
+{
+    g_midLine = false;
+    while (!text.empty()) {
+        pollfd ready{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+        const int count = poll(&ready, 1, g_lost == 0 ? patienceMs : 0);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return false;
+        // A pipe that is ready has room for so much.
+        const ssize_t written = ::write(STDERR_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        text.remove_prefix(static_cast<std::size_t>(written));
+        g_midLine = true;
+    }
+    return true;
+}
+
 } // namespace
 
 std::string formatLine(std::string_view label, int line, std::string_view text)
@@ -102,21 +136,24 @@ void prepare(std::string_view programName)
 
 void write(Target target, Severity severity, const std::string& formattedLine) noexcept
 {
-    const int level = static_cast<int>(severity);
     if (target == Target::syslog) {
-        syslog(level, "%s", formattedLine.c_str());
+        syslog(static_cast<int>(severity), "%s", formattedLine.c_str());
         return;
     }
-
-    std::array<char, 8> prefix{};
-    const int prefixLength = g_journalStream ? std::snprintf(prefix.data(), prefix.size(), "<%d>", level) : 0;
-    char newline = '\n';
-    const std::array<iovec, 3> parts{{
-        {prefix.data(), static_cast<std::size_t>(prefixLength)},
-        {const_cast<char*>(formattedLine.data()), formattedLine.size()},
-        {&newline, 1},
-    }};
-    while (writev(STDERR_FILENO, parts.data(), static_cast<int>(parts.size())) < 0 && errno == EINTR) {
+    try {
+        if (g_lost > 0) {
+            const std::string told =
+                formatLine("log", 10, std::to_string(g_lost) + " lost: standard error took no line");
+            if (!writeAll((g_midLine ? "\n" : "") + asLine(Severity::warning, told))) {
+                ++g_lost;
+                return;
+            }
+            g_lost = 0;
+        }
+        if (!writeAll(asLine(severity, formattedLine)))
+            ++g_lost;
+    } catch (...) { // out of memory
+        ++g_lost;
     }
 }
 

@@ -1,7 +1,8 @@
 // Puts one log line where it belongs: standard error or syslog. Shared by the log facility, the assertion
 // hook and the daemon control.
 //
-// Threading: the daemon's one thread. Failure: a line that cannot be written is lost, silently.
+// Threading: the daemon's one thread. Failure: a line that standard error does not take within a second is lost; how
+// many were is told as soon as it takes one again.
 #pragma once
 
 #include <string>
@@ -23,7 +24,8 @@ std::string formatLine(std::string_view label, int line, std::string_view text);
 // the journal, which then gets the severity in front of each line.
 void prepare(std::string_view programName);
 
-// Writes a formatted line with a single call, so that lines of several processes do not mix.
+// Writes a formatted line with a single call (a very long one with several), so that lines of several processes do not
+// mix.
 void write(Target target, Severity severity, const std::string& formattedLine) noexcept;
 
 } // namespace logging

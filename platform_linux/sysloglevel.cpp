@@ -1,6 +1,7 @@
 #include "platform/sysloglevel.h"
 
 #include "platform_linux/log_writer.hpp"
+#include "platform_linux/signals.hpp"
 
 #include <cstdarg>
 #include <cstdio>
@@ -38,6 +39,7 @@ void writeLine(logging::Severity severity, const char* label, int line, std::str
 
 void ZOL_Sysloglevel_construct2(const char* /*configuration*/, const char* programPath)
 {
+    zol::platform::ignoreMeaninglessSignals(); // here, because it is the first thing that a process calls
     const std::string_view path = programPath;
     logging::prepare(path.substr(path.rfind('/') + 1)); // npos + 1 is 0: the whole path
 }

@@ -165,6 +165,8 @@ const char* hintFor(int error)
     switch (error) {
     case EACCES:
         return "; make it executable";
+    case EFBIG:
+        return "; raise the limit of file sizes";
     case EAGAIN:
     case ENOMEM:
         return "; free memory or raise the limit of processes";

@@ -67,6 +67,8 @@ std::string RecordFile::prepare()
         return wrong;
     if ((status.st_mode & 07777) != 0700 && chmod(m_folder.c_str(), 0700) != 0)
         return failed("set the mode of", m_folder);
+    if (lstat(lockIn(m_folder).c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+        return lockIn(m_folder) + " is no file of ours";
     return {};
 }
 
@@ -103,7 +105,8 @@ std::optional<std::string> RecordFile::read(std::string& reason) const
 std::string RecordFile::write(std::string_view content) const
 {
     const std::string temporary = path() + ".new";
-    const int file = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    unlink(temporary.c_str()); // whatever it is, opening it could wait for ever
+    const int file = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (file < 0)
         return failed("write", temporary);
     bool good = true;

@@ -52,6 +52,24 @@ TEST_F(RecordFileTest, TheFolderIsMadeForItsOwnerOnly)
     EXPECT_EQ(m_record.prepare(), "") << "it may be there";
 }
 
+TEST_F(RecordFileTest, PipesInItsPlaceAreReplaced)
+{
+    ASSERT_EQ(m_record.prepare(), "");
+    ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((path() + ".new").c_str(), 0600), 0);
+    expectRefused("is no file of ours");
+    EXPECT_EQ(m_record.write("x"), "");
+    std::string reason;
+    EXPECT_EQ(m_record.read(reason), "x");
+}
+
+TEST_F(RecordFileTest, ALockThatIsNoFileIsRefused)
+{
+    ASSERT_EQ(m_record.prepare(), "");
+    ASSERT_EQ(mkfifo((m_folder + "/lock").c_str(), 0600), 0);
+    EXPECT_THAT(m_record.prepare(), EndsWith("/lock is no file of ours"));
+}
+
 TEST_F(RecordFileTest, AFolderThatOthersCanReadIsClosedToThem)
 {
     fs::create_directory(m_folder);
@@ -161,10 +179,17 @@ TEST_F(RecordFileTest, WhatCannotBeWrittenSaysSo)
     fs::create_directories(path() + "/full");
     EXPECT_THAT(m_record.write("x"), HasSubstr("cannot replace " + path()));
     EXPECT_THAT(m_record.remove(), HasSubstr("cannot remove " + path()));
-    fs::remove(m_folder + "/tables.new");
-    fs::create_symlink(m_scratch.path("elsewhere"), m_folder + "/tables.new");
+    fs::remove(path() + ".new");
+    fs::create_directories(path() + ".new/full");
     EXPECT_THAT(m_record.write("x"), HasSubstr("cannot write"));
-    EXPECT_FALSE(m_scratch.has("elsewhere")) << "nothing is written through a link";
+}
+
+TEST_F(RecordFileTest, NothingIsWrittenThroughALink)
+{
+    ASSERT_EQ(m_record.prepare(), "");
+    fs::create_symlink(m_scratch.path("elsewhere"), path() + ".new");
+    EXPECT_EQ(m_record.write("x"), "");
+    EXPECT_FALSE(m_scratch.has("elsewhere"));
 }
 
 TEST_F(RecordFileTest, TheLockIsForOne)

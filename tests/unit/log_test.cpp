@@ -2,11 +2,13 @@
 #include "platform_linux/log_writer.hpp"
 #include "tests/unit/captured_descriptor.hpp"
 
+#include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 using namespace std::string_literals;
 
@@ -65,6 +67,33 @@ TEST_F(LogTest, OtherTextIsLeftAsItIs)
 {
     EXPECT_EQ(logging::formatLine("x", 1, "Tür 100% \\n \"%s\" \xc2\xa0 \xc2"),
               "x:1: Tür 100% \\n \"%s\" \xc2\xa0 \xc2");
+}
+
+TEST_F(LogTest, APipeThatNobodyReadsHoldsNobodyUpAndWhatIsLostIsTold)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    const int saved = dup(STDERR_FILENO);
+    const std::string block(4096, 'x');
+    while (write(ends[1], block.data(), block.size()) > 0) {
+    }
+    fcntl(ends[1], F_SETFL, 0); // blocking, as a shell makes it
+    dup2(ends[1], STDERR_FILENO);
+    const auto started = std::chrono::steady_clock::now();
+    for (int i = 0; i < 100; ++i)
+        ZOL_Sysloglevel_error(m_module, "main", i, "lost");
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+    std::string content(1 << 20, '\0');
+    while (read(ends[0], content.data(), content.size()) > 0) {
+    }
+    ZOL_Sysloglevel_error(m_module, "main", 1, "again");
+    ZOL_Sysloglevel_error(m_module, "main", 2, std::string(10'000, 'y'));
+    dup2(saved, STDERR_FILENO);
+    content.resize(static_cast<std::size_t>(read(ends[0], content.data(), content.size())));
+    EXPECT_EQ(content, "log:10: 100 lost: standard error took no line\nmain:1: again\nmain:2: " +
+                           std::string(10'000, 'y') + "\n");
+    for (const int end : {saved, ends[0], ends[1]})
+        close(end);
 }
 
 TEST_F(LogTest, TraceLinesFollowTheModulesLevel)

@@ -1,0 +1,21 @@
+#include "platform_linux/signals.hpp"
+
+#include <csignal>
+#include <initializer_list>
+
+namespace zol::platform
+{
+
+void ignoreMeaninglessSignals()
+{
+    struct sigaction ignore {
+    };
+    ignore.sa_handler = SIG_IGN;
+    for (const int number :
+         {SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGPIPE, SIGIO, SIGPWR, SIGSTKFLT, SIGXCPU, SIGXFSZ})
+        sigaction(number, &ignore, nullptr);
+    for (int number = SIGRTMIN; number <= SIGRTMAX; ++number)
+        sigaction(number, &ignore, nullptr);
+}
+
+} // namespace zol::platform

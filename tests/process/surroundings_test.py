@@ -1,0 +1,172 @@
+"""The daemon in surroundings that are not as they should be: signals that mean nothing to it, standard streams that are
+closed or full, a file size limit, other things in its record's place.
+
+usage: surroundings_test.py DAEMON [unittest arguments]
+"""
+
+import fcntl
+import os
+import pathlib
+import resource
+import signal
+import subprocess
+
+from lab import config, rehearsal, sandbox, tool, waiting
+
+MEAN_NOTHING = [signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2, signal.SIGALRM, signal.SIGVTALRM, signal.SIGPROF,
+                signal.SIGPIPE, signal.SIGIO, signal.SIGPWR, signal.SIGSTKFLT, signal.SIGXCPU, signal.SIGXFSZ,
+                signal.SIGCHLD, signal.SIGCONT, signal.SIGURG, signal.SIGWINCH,
+                *range(signal.SIGRTMIN, signal.SIGRTMAX + 1)]
+
+
+def rule(rowId):
+    return {"Id": rowId, "RulePrio": rowId, "InInterface": f"p{rowId}", "Target": "DROP"}
+
+
+class Signals(rehearsal.Rehearsal):
+    def sendAll(self):
+        for number in MEAN_NOTHING:
+            os.kill(self.daemon.pid, number)
+
+    def testEachDoesNothing(self):
+        self.startWith({config.RULES: [rule(1)]})
+        for count, number in enumerate(MEAN_NOTHING, start=2):
+            os.kill(self.daemon.pid, number)
+            self.config.insert(config.RULES, **rule(count))
+            waiting.until(lambda count=count: len(tool.batches()) == count or not self.daemon.isRunning(), "a commit")
+            self.assertTrue(self.daemon.isRunning(), f"after signal {number}")
+        self.assertEqual(self.daemon.stop(), 0)
+
+    def testBeforeTheLoop(self):
+        self.startDaemon()
+        self.daemon.waitForLog("Debug mode on")
+        self.sendAll()
+        tool.waitForBatches(1)
+        self.assertEqual(self.daemon.stop(), 0)
+
+    def testWhileTheToolRuns(self):
+        self.startWith({})
+        tool.plan({"hangs": True})
+        self.config.insert(config.RULES, **rule(1))
+        tool.waitForBatches(2)
+        self.sendAll()
+        self.assertEqual(self.daemon.matching("^queue:1[01]"), self.daemon.matching("^queue:103:"))
+        self.assertEqual(self.daemon.stop(), 0)
+        self.assertEqual(len(self.daemon.matching("killed because a stop signal came")), 1)
+
+
+class Surroundings(rehearsal.Rehearsal):
+    def start(self, prepare, **streams):
+        """The daemon, prepare called just before it begins."""
+        def inChild():
+            sandbox.dieWithParent()
+            prepare()
+
+        streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, **streams}
+        process = subprocess.Popen([self.daemonBinary, "-d", "-p", self.folder], preexec_fn=inChild, **streams)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def assertWorksAndStops(self, process):
+        tool.waitForBatches(1)
+        self.config.insert(config.RULES, **rule(7))
+        tool.waitForBatches(2)
+        process.terminate()
+        self.assertEqual(process.wait(20), 0)
+
+    def testClosedStandardStreams(self):
+        process = self.start(lambda: os.closerange(0, 3))
+        tool.waitForBatches(1)
+        for descriptor in range(3):
+            self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{descriptor}"), "/dev/null")
+        self.assertWorksAndStops(process)
+
+    def testNobodyReadsStandardError(self):
+        end, other = os.pipe()
+        os.close(end)
+        process = self.start(lambda: None, stdout=other, stderr=other)
+        os.close(other)
+        self.assertWorksAndStops(process)
+
+    def testStandardErrorIsAFullPipe(self):
+        end, other = os.pipe()
+        fcntl.fcntl(end, fcntl.F_SETPIPE_SZ, 4096)
+        os.write(other, b"x" * 4096)
+        process = self.start(lambda: None, stderr=other)
+        os.close(other)
+        tool.waitForBatches(1)
+        os.read(end, 4096)
+        self.config.insert(config.RULES, **rule(8))
+        tool.waitForBatches(2)
+        process.terminate()
+        self.assertEqual(process.wait(20), 0)
+        with open(end, encoding="utf-8") as log:
+            self.assertRegex(log.read(), r"(?m)^log:10: \d+ lost: standard error took no line$")
+
+    def testFileSizeLimit(self):
+        end, other = os.pipe()
+        process = self.start(lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0)), stderr=other)
+        os.close(other)
+        os.set_blocking(end, False)
+        said = b""
+
+        def hasSaid(text):
+            nonlocal said
+            try:
+                said += os.read(end, 65536)
+            except BlockingIOError:
+                pass
+            return text in said
+
+        waiting.until(lambda: hasSaid(b"File too large; raise the limit of file sizes"), lambda: said.decode())
+        process.terminate()
+        self.assertEqual(process.wait(20), 0)
+        self.assertIn(b"queue:112: cannot write /run/moatkeeper/tables.new: File too large", said)
+        os.close(end)
+
+    def testFileSizeLimitInTheBackground(self):
+        done = subprocess.run([self.daemonBinary, "-b", "-p", self.folder], capture_output=True, text=True, timeout=20,
+                              check=False, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0)))
+        self.assertEqual(done.returncode, 1)
+        self.assertEqual(done.stderr, f"daemonctl:90: PID file {self.folder}/moatkeeper.pid: write: File too large; "
+                                      "expected a folder that can be written\n")
+
+    def placeInTheRecord(self, name, make):
+        folder = pathlib.Path("/run/moatkeeper")
+        folder.mkdir(mode=0o700)
+        make(folder / name)
+        self.startWith({config.RULES: [rule(1)]})
+        self.config.insert(config.RULES, **rule(2))
+        tool.waitForBatches(2)
+
+    def testPipesInPlaceOfTheRecord(self):
+        def make(path):
+            os.mkfifo(path, 0o600)
+            os.mkfifo(f"{path}.new", 0o600)
+        self.placeInTheRecord("tables", make)
+        self.assertEqual(self.daemon.stop(), 0)
+        self.assertIn("queue:107: the record /run/moatkeeper/tables is ignored: /run/moatkeeper/tables is no file of "
+                      "ours", self.daemon.readLog())
+
+    def testAFolderInPlaceOfTheRecord(self):
+        self.placeInTheRecord("tables", lambda path: path.mkdir())
+        self.assertEqual(self.daemon.stop(), 0)
+        self.assertIn("queue:112: cannot replace /run/moatkeeper/tables: ", self.daemon.readLog())
+
+    def testALinkInPlaceOfTheRecord(self):
+        other = pathlib.Path(self.folder, "other")
+        other.write_text("precious", encoding="utf-8")
+        self.placeInTheRecord("tables", lambda path: path.symlink_to(other))
+        self.assertFalse(pathlib.Path("/run/moatkeeper/tables").is_symlink())
+        self.assertEqual(self.daemon.stop(), 0)
+        self.assertEqual(other.read_text(encoding="utf-8"), "precious")
+
+    def testADeviceInPlaceOfTheLock(self):
+        self.placeInTheRecord("lock", lambda path: path.symlink_to("/dev/zero"))
+        self.assertEqual(self.daemon.stop(), 0)
+        self.assertIn("queue:105: /run/moatkeeper/lock is no file of ours", self.daemon.readLog())
+
+
+if __name__ == "__main__":
+    rehearsal.main()
