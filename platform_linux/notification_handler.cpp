@@ -58,6 +58,7 @@ public:
         disconnect();
         m_dispatcher.stopTimer(m_reconnectTimer);
         m_dispatcher.stopTimer(m_retryTimer);
+        m_dispatcher.stopTimer(m_reminderTimer);
     }
 
     State(const State&) = delete;
@@ -76,6 +77,7 @@ public:
     {
         if (m_handler == nullptr)
             throw std::logic_error("no configuration handler is registered");
+        m_reminderTimer = m_dispatcher.startTimer(m_requestTimeout, [this] { remind(m_requestTimeout); });
         if (!connect() && m_failWithoutServer)
             throw std::runtime_error("no configuration server at " + m_socketPath);
     }
@@ -184,6 +186,7 @@ private:
             // Delivered even if nothing differs from what was delivered last: every delivery is a read and a commit,
             // so no change waits that an equal read could cancel, and a commit without changes does nothing.
             m_all = true;
+            m_dispatcher.stopTimer(std::exchange(m_reminderTimer, 0));
             report(Health::Connected, "connected to " + m_socketPath + ", schema " + m_subscription->schemaVersion());
         }
         m_changedTables.merge(progress.changedTables);
@@ -213,8 +216,19 @@ private:
         });
     }
 
+    // While there has been no configuration at all, the log says so again and again.
+    void remind(milliseconds waited)
+    {
+        ZOL_Sysloglevel_warning(m_logModule, label, 80,
+                                "no configuration for " + std::to_string(waited.count() / 1000) + " s: " + m_reason +
+                                    ". Nothing is changed before there is one");
+        m_reminderTimer =
+            m_dispatcher.startTimer(m_requestTimeout, [this, waited] { remind(waited + m_requestTimeout); });
+    }
+
     void fail(Health health, const std::string& reason)
     {
+        m_reason = reason;
         disconnect();
         const std::string next = m_reconnect
                                      ? "; trying again every " + std::to_string(m_reconnectInterval.count()) + " ms"
@@ -273,10 +287,12 @@ private:
     bool m_registered = false; // the connection's descriptor, with the dispatcher
     bool m_wantsWrite = false;
     Health m_health = Health::Unknown;
+    std::string m_reason{"the server has not sent it yet"}; // why there may be no configuration
 
     EventDispatcher::State::TimerId m_stallTimer = 0;
     EventDispatcher::State::TimerId m_reconnectTimer = 0;
     EventDispatcher::State::TimerId m_retryTimer = 0;
+    EventDispatcher::State::TimerId m_reminderTimer = 0;
 
     // Not delivered yet.
     bool m_all = false;

@@ -10,6 +10,7 @@
 #include "text/one_line.hpp"
 
 #include <algorithm>
+#include <exception>
 #include <span>
 #include <utility>
 #include <vector>
@@ -88,10 +89,10 @@ public:
         carryOut();
     }
 
-    void finish()
+    void finish(bool afterException)
     {
         closeGroup();
-        if (m_closed == 0 && m_leftover.empty())
+        if (m_closed == 0 && (m_leftover.empty() || afterException))
             return;
         m_options.limits.time = std::min(m_options.limits.time, lastMoments);
         carryOut();
@@ -300,7 +301,7 @@ TransactionQueue::TransactionQueue(TransactionQueueOptions options)
 
 TransactionQueue::~TransactionQueue()
 {
-    m_state->finish();
+    m_state->finish(std::uncaught_exceptions() > 0);
 }
 
 void TransactionQueue::addCommand(const std::string& commandLine)

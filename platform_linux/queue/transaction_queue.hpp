@@ -33,8 +33,9 @@ public:
     // Asks the tool which variant it is and reads what a killed process left. Changes nothing.
     explicit TransactionQueue(TransactionQueueOptions options = {});
 
-    // Carries out what is left, and takes out what a killed process left if no commit has done so. Each child process
-    // has 10 s for it, or limits.afterStop once a stop signal has come.
+    // Carries out what is left, and takes out what a killed process left if no commit has done so: a stop leaves
+    // nothing. Only when an exception is under way and nothing was ever committed does that stay in force, for the next
+    // start. Each child process has 10 s for it, or limits.afterStop once a stop signal has come.
     ~TransactionQueue() override;
     TransactionQueue(const TransactionQueue&) = delete;
     TransactionQueue& operator=(const TransactionQueue&) = delete;

@@ -92,6 +92,15 @@ class ServerConversation(ProbeTest):
                        "row": {"VLANID": ["set", []], "Enabled": 0}})
         probe.waitForLines(r"rule\(3,1,-1,eth0,DROP\) rule\(9,0,-1,eth0,DROP\) rule")
 
+    def testWithoutAConfigurationTheLogSaysSoAgainAndAgain(self):
+        probe = self.probe(timeoutSeconds=1)
+        for seconds in (1, 2):
+            probe.waitForLines(rf"ovsdb:80: no configuration for {seconds} s: no configuration server at .*No such file "
+                               r"or directory\. Nothing is changed before there is one$")
+        self.fake(lambda peer: None)  # it never says anything
+        probe.waitForLines("ovsdb:80: .*: no answer within 1 s. ")
+        self.assertEqual(probe.matching("^load"), [])
+
     def testEachChangedTableByItsNameAndOneCommit(self):
         self.server()
         probe = self.probe()
@@ -172,7 +181,7 @@ class ServerConversation(ProbeTest):
         if shutil.which("strace") is None:
             self.skipTest("strace is not installed")
         self.server()
-        probe = self.probe()
+        probe = self.probe(timeoutSeconds=1)  # whatever would be done after that time would be seen
         probe.waitForLines("^commit$")
         trace = self.folder / "trace"
         strace = subprocess.Popen(["strace", "-f", "-o", trace, "-p", str(probe.pid)], stderr=subprocess.PIPE, text=True)

@@ -138,6 +138,22 @@ class Lifecycle(machine.Machine):
         self.waitForTables(wanted())
         self.assertFilters()
 
+    def testWhatAKilledDaemonLeftStaysUntilThereIsAConfiguration(self):
+        self.daemon.stop(signal.SIGKILL)
+        self.server.stop()
+        self.startDaemon()
+        self.daemon.waitForLog("no configuration server")
+        self.assertEqual(wanted(), kernel.readTables())
+        self.startServer()
+        waiting.until(lambda: os.stat("/run/moatkeeper/lock").st_mtime > 0, "the end of the first commit")
+        self.waitForTables(wanted())
+        self.daemon.stop(signal.SIGKILL)
+        self.server.stop()
+        self.startDaemon()
+        self.daemon.waitForLog("no configuration server")
+        self.assertEqual(0, self.daemon.stop())  # who stops it wants its rules out, whoever put them in
+        self.assertEqual(kernel.untouched(), kernel.readTables(), self.daemon.readLog())
+
     def testChangesArriveInOneStep(self):
         # Each transaction swaps the rule that stops one kind of frame for one that stops the other; whatever the
         # moment, exactly one of the two must pass.

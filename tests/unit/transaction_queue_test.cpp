@@ -14,6 +14,7 @@
 #include <numeric>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
 using testing::ElementsAre;
@@ -146,6 +147,18 @@ TEST_F(TransactionQueueTest, TheCleanUpIsCarriedOutWhenTheOwnerGoes)
     stop();
     EXPECT_THAT(batches(), ElementsAre("-N U\n-P INPUT DROP\n", "-F U\n-X U\n-P INPUT ACCEPT\n"));
     EXPECT_FALSE(isRecorded()) << "nothing is left";
+}
+
+TEST_F(TransactionQueueTest, AnExceptionBeforeTheFirstCommitLeavesWhatAKilledProcessLeft)
+{
+    leaveRecord("ebtables -P INPUT DROP");
+    try {
+        const TransactionQueue queue(options());
+        throw std::runtime_error("no configuration");
+    } catch (const std::runtime_error&) {
+    }
+    EXPECT_THAT(batches(), IsEmpty());
+    EXPECT_TRUE(isRecorded()) << "for the next start";
 }
 
 TEST_F(TransactionQueueTest, ALineThatIsNoneOfEbtablesIsRefused)
