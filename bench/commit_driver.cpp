@@ -113,7 +113,6 @@ int main(int argc, char* argv[])
             setForwardPolicy(target);
             std::cout << "ok" << std::endl;
         } else if (command == "deliver") {
-            queue.beginDelivery();
             handler.loadFromConfig(tables, "");
             const auto start = std::chrono::steady_clock::now();
             handler.commitToSystem(tables, &queue);

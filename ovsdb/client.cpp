@@ -94,15 +94,11 @@ public:
         }
     }
 
-    // Connects and subscribes again, however long that takes. Nothing when keepGoing says no.
-    std::optional<std::set<std::string>> restart(Subscription& subscription, std::type_index told,
-                                                 const std::function<bool()>& keepGoing,
-                                                 const OnConnection& onConnection)
+    // Connects and subscribes again, however long that takes.
+    std::set<std::string> restart(Subscription& subscription, std::type_index told, const OnConnection& onConnection)
     {
         for (;;) {
             std::this_thread::sleep_for(reconnectInterval);
-            if (keepGoing && !keepGoing())
-                return std::nullopt;
             try {
                 connect();
                 return start(subscription);
@@ -113,14 +109,12 @@ public:
         }
     }
 
-    // The next message, or nothing when a signal ended the wait and keepGoing says no.
-    std::optional<RpcMessage> follow(const std::function<bool()>& keepGoing)
+    // The next message, however long it takes to come.
+    RpcMessage follow()
     {
         for (;;) {
             if (auto message = m_session->next())
-                return message;
-            if (keepGoing && !keepGoing())
-                return std::nullopt;
+                return *std::move(message);
             exchange(m_session->waiting() ? std::optional(deadline()) : std::nullopt);
         }
     }
@@ -232,7 +226,7 @@ TransactionResult Client::transact(const std::vector<Json>& operations)
 }
 
 void Client::watch(const std::vector<std::string>& tableNames, const OnChange& onChange,
-                   const std::function<bool()>& keepGoing, const OnConnection& onConnection)
+                   const OnConnection& onConnection)
 {
     Subscription subscription(m_state->database(), tableNames);
     m_state->start(subscription);
@@ -240,21 +234,18 @@ void Client::watch(const std::vector<std::string>& tableNames, const OnChange& o
         return;
     for (;;) {
         try {
-            while (const auto message = m_state->follow(keepGoing)) {
-                const auto changed = m_state->handle(*message, subscription);
+            for (;;) {
+                const auto changed = m_state->handle(m_state->follow(), subscription);
                 if (!changed.empty() && !onChange(subscription.tables(), changed))
                     return;
             }
-            return;
         } catch (const Error& error) {
             if (!onConnection)
                 throw;
             onConnection(&error);
-            const auto changed = m_state->restart(subscription, typeid(error), keepGoing, onConnection);
-            if (!changed)
-                return;
+            const auto changed = m_state->restart(subscription, typeid(error), onConnection);
             onConnection(nullptr);
-            if (!changed->empty() && !onChange(subscription.tables(), *changed))
+            if (!changed.empty() && !onChange(subscription.tables(), changed))
                 return;
         }
     }

@@ -52,8 +52,7 @@ public:
     TransactionResult transact(const std::vector<Json>& operations);
 
     // Calls back once with the first state (all tables named as changed), then after every change, until the callback
-    // returns false. Waits for changes without a limit; interrupted by a signal with a handler, it asks again:
-    // keepGoing is called after every wake-up (may be empty), false ends the watch.
+    // returns false. Waits for changes without a limit.
     using OnChange = std::function<bool(const TableCache& state, const std::set<std::string>& changedTables)>;
     //
     // With onConnection, no error ends the watch once the first state is there: it is called with the error (and again
@@ -62,7 +61,7 @@ public:
     using OnConnection = std::function<void(const Error* lost)>;
     static constexpr std::chrono::milliseconds reconnectInterval{500};
     void watch(const std::vector<std::string>& tableNames, const OnChange& onChange,
-               const std::function<bool()>& keepGoing = {}, const OnConnection& onConnection = {});
+               const OnConnection& onConnection = {});
 
 private:
     class State;

@@ -1,4 +1,8 @@
 // What goes wrong between a client and the configuration server. Every text is one line for a person.
+//
+// All that fails in this library is thrown as one of these; nothing else is, but std::bad_alloc. Nothing is returned
+// for a failure: an empty result means that there is none of what was asked for, and what a server said of the
+// operations of a transaction is its answer.
 #pragma once
 
 #include <stdexcept>
@@ -41,7 +45,8 @@ public:
     using Error::Error;
 };
 
-// The server answers, but has not got our database, or has it with tables of another shape.
+// The server answers, but has not got our database, or has it with tables of another shape; or somebody asks for a
+// table that the database has not got.
 class SchemaError : public Error
 {
 public:

@@ -218,12 +218,4 @@ std::string toText(const Json& value)
     return {buffer.GetString(), buffer.GetSize()};
 }
 
-TextPosition positionOf(std::string_view text, std::size_t offset)
-{
-    const std::string_view before = text.substr(0, std::min(offset, text.size()));
-    const std::size_t lineStart = before.rfind('\n') + 1; // npos + 1 is 0
-    return {static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n')) + 1,
-            before.size() - lineStart + 1};
-}
-
 } // namespace ovsdb

@@ -89,11 +89,4 @@ Json parseJson(std::string_view text, const JsonLimits& limits = {});
 // One line, without blanks.
 std::string toText(const Json& value);
 
-// Line and column (bytes) of an offset, both from 1.
-struct TextPosition {
-    std::size_t line = 1;
-    std::size_t column = 1;
-};
-TextPosition positionOf(std::string_view text, std::size_t offset);
-
 } // namespace ovsdb

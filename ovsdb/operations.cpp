@@ -40,11 +40,6 @@ Where everyRow()
     return Json::Array();
 }
 
-Where rowWithId(std::int32_t id)
-{
-    return condition("Id", Json(id));
-}
-
 Where rowWithUuid(const Uuid& uuid)
 {
     return condition("_uuid", Json(Json::Array{Json("uuid"), Json(uuid.toText())}));
@@ -80,11 +75,6 @@ Json requireRow(const Table& table, const Row& row)
     return waitFor(table.name, rowWithUuid(row.uuid), std::move(columns), Json::Array{Json(std::move(values))});
 }
 
-Json requireNoRow(std::string_view tableName, std::int32_t id)
-{
-    return waitFor(tableName, rowWithId(id), Json::Array{Json("Id")}, Json::Array());
-}
-
 Json requireOnlyRows(std::string_view tableName, std::string_view column, std::int32_t number,
                      const std::vector<std::int32_t>& ids)
 {
@@ -92,16 +82,6 @@ Json requireOnlyRows(std::string_view tableName, std::string_view column, std::i
     for (const std::int32_t id : ids)
         rows.emplace_back(Json::Object{{"Id", Json(id)}});
     return waitFor(tableName, condition(column, Json(number)), Json::Array{Json("Id")}, std::move(rows));
-}
-
-Json commitDurably()
-{
-    return Json::Object{{"op", "commit"}, {"durable", true}};
-}
-
-Json comment(std::string_view text)
-{
-    return Json::Object{{"op", "comment"}, {"comment", text}};
 }
 
 bool TransactionResult::committed() const

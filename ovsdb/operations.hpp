@@ -21,7 +21,6 @@ using ColumnValues = std::vector<std::pair<std::string, std::optional<tessera::V
 // Which rows an operation is about.
 using Where = Json;
 Where everyRow();
-Where rowWithId(std::int32_t id);
 Where rowWithUuid(const Uuid& uuid);
 
 // One operation each, to be put in the list that Client::transact takes. Columns left out of an insert get their
@@ -30,18 +29,12 @@ Json insertRow(std::string_view tableName, const ColumnValues& values);
 Json updateRows(std::string_view tableName, const Where& where, const ColumnValues& values);
 Json deleteRows(std::string_view tableName, const Where& where);
 
-// Makes the transaction fail with "timed out" unless the row still has these values (unless a row with this Id
-// still does not exist): for a change that was decided upon from a copy.
+// Makes the transaction fail with "timed out" unless the row still has these values: for a change that was decided upon
+// from a copy.
 Json requireRow(const Table& table, const Row& row);
-Json requireNoRow(std::string_view tableName, std::int32_t id);
 // Likewise unless the rows with this number in the column are those of these Ids and no others.
 Json requireOnlyRows(std::string_view tableName, std::string_view column, std::int32_t number,
                      const std::vector<std::int32_t>& ids);
-
-// Makes the server's acknowledgement wait until the change is on the disk.
-Json commitDurably();
-// A remark that is stored in the database file beside the change.
-Json comment(std::string_view text);
 
 // What became of one operation. An operation behind a failed one was not tried: neither done nor an error.
 struct Outcome {

@@ -1,7 +1,5 @@
 #include "platform_linux/event_dispatcher.hpp"
 
-#include "platform_linux/signal_mask.hpp"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -19,9 +17,6 @@ namespace tessera::net
 
 namespace
 {
-
-// The mask that a living dispatcher waits with.
-const sigset_t* g_waitingMask = nullptr;
 
 [[noreturn]] void throwErrno(const char* what)
 {
@@ -47,12 +42,10 @@ EventDispatcher::State::State()
         throwErrno("epoll_create1");
     const sigset_t held = heldBackSignals();
     pthread_sigmask(SIG_BLOCK, &held, &m_waitingMask);
-    g_waitingMask = &m_waitingMask;
 }
 
 EventDispatcher::State::~State()
 {
-    g_waitingMask = nullptr;
     pthread_sigmask(SIG_SETMASK, &m_waitingMask, nullptr);
     close(m_epoll);
 }
@@ -152,17 +145,3 @@ bool EventDispatcher::handleEvents()
 }
 
 } // namespace tessera::net
-
-namespace zol::platform
-{
-
-sigset_t waitingSignalMask()
-{
-    if (tessera::net::g_waitingMask != nullptr)
-        return *tessera::net::g_waitingMask;
-    sigset_t mask;
-    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    return mask;
-}
-
-} // namespace zol::platform

@@ -99,14 +99,14 @@ public:
 private:
     void deliver(const std::vector<std::string>& names)
     {
-        struct Delivery {
-            explicit Delivery(TransactionQueue& q) : queue(q) { queue.beginDelivery(); }
-            ~Delivery() { queue.endDelivery(); }
-            Delivery(const Delivery&) = delete;
-            Delivery& operator=(const Delivery&) = delete;
+        struct AtTheEnd {
+            explicit AtTheEnd(TransactionQueue& q) : queue(q) {}
+            ~AtTheEnd() { queue.endDelivery(); }
+            AtTheEnd(const AtTheEnd&) = delete;
+            AtTheEnd& operator=(const AtTheEnd&) = delete;
             TransactionQueue& queue;
         };
-        const Delivery delivery(m_queue);
+        const AtTheEnd carriedOut(m_queue);
         for (const std::string& name : names)
             m_handler->loadFromConfig(*m_source, name);
         m_handler->commitToSystem(*m_source, &m_queue);

@@ -73,7 +73,7 @@ ExitStatus monitor(Program& program, bool json)
                     << '\n'
                     << std::flush;
     };
-    client.watch(schema::serverDatabase().tableNames(), onChange, {}, onConnection);
+    client.watch(schema::serverDatabase().tableNames(), onChange, onConnection);
     return ExitStatus::Ok;
 }
 

@@ -314,8 +314,6 @@ int TransactionQueue::process()
     return m_state->closeGroup();
 }
 
-void TransactionQueue::beginDelivery() {}
-
 void TransactionQueue::endDelivery()
 {
     m_state->deliver();

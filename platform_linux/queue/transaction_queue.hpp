@@ -43,9 +43,8 @@ public:
     void addCommand(const std::string& commandLine) override;
     int process() override;
 
-    // Around the delivery of one notification. Between the two, groups closed by process wait; endDelivery carries
-    // them out, all in one transaction, and is to be called also when the handler threw.
-    void beginDelivery();
+    // At the end of the delivery of one notification, also when the handler threw: carries out the groups that process
+    // has closed, all in one transaction.
     void endDelivery();
 
     // When the tool could not run: how long to wait before calling retry, counted from now (0: at once). Nothing when

@@ -15,7 +15,6 @@ int TransactionQueue::process()
 {
     return 0;
 }
-void TransactionQueue::beginDelivery() {}
 void TransactionQueue::endDelivery() {}
 std::optional<std::chrono::milliseconds> TransactionQueue::retryIn() const
 {

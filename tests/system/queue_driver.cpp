@@ -62,7 +62,6 @@ bool handle(zol::cfg::TransactionQueue& queue, const std::string& verb, const st
     } else if (verb == "process") {
         std::cout << "process " << queue.process() << std::endl;
     } else if (verb == "begin") {
-        queue.beginDelivery();
     } else if (verb == "end") {
         queue.endDelivery();
         std::cout << verb << ' ' << microsecondsSince(start) << std::endl;

@@ -60,7 +60,6 @@ protected:
     // A notification that makes the handler queue one group.
     void deliver(std::initializer_list<const char*> lines)
     {
-        m_queue->beginDelivery();
         queueLines(lines);
         m_queue->endDelivery();
     }
@@ -103,7 +102,6 @@ protected:
 TEST_F(TransactionQueueTest, GroupsWaitForTheEndOfTheDelivery)
 {
     start();
-    m_queue->beginDelivery();
     EXPECT_EQ(queueLines({"ebtables -N U", "ebtables -A INPUT -j U"}), 0);
     EXPECT_EQ(queueLines({"ebtables -A U -i eth0 -j DROP"}), 0);
     EXPECT_EQ(queueLines({}), 0);
@@ -129,7 +127,6 @@ TEST_F(TransactionQueueTest, WithoutLinesNothingIsStarted)
 TEST_F(TransactionQueueTest, AGroupThatIsNotClosedWaitsForTheNextDelivery)
 {
     start();
-    m_queue->beginDelivery();
     m_queue->addCommand("ebtables -F INPUT");
     m_queue->endDelivery();
     EXPECT_THAT(batches(), IsEmpty());
@@ -164,7 +161,6 @@ TEST_F(TransactionQueueTest, AnExceptionBeforeTheFirstCommitLeavesWhatAKilledPro
 TEST_F(TransactionQueueTest, ALineThatIsNoneOfEbtablesIsRefused)
 {
     start();
-    m_queue->beginDelivery();
     EXPECT_EQ(queueLines({"ebtables -F INPUT", "ebtables -F INPUT; id", "ebtables -P INPUT "}), -1);
     EXPECT_EQ(queueLines({"ebtables -F FORWARD"}), 0) << "the next group is another one";
     m_queue->endDelivery();
@@ -287,8 +283,10 @@ TEST_F(TransactionQueueTest, AHungToolIsGivenUp)
     deliver({"ebtables -F INPUT"});
     EXPECT_THAT(log(), HasSubstr("did not end within 2000 ms and was killed"));
     m_tool.onRestore("");
-    waitAndRetry();
-    EXPECT_THAT(batches(), SizeIs(2));
+    for (int tries = 0; m_queue->retryIn() && tries < 20; ++tries) // on a busy machine a good one may be late, too
+        waitAndRetry();
+    EXPECT_EQ(m_queue->retryIn(), std::nullopt);
+    EXPECT_EQ(batches().back(), "-F INPUT\n");
 }
 
 TEST_F(TransactionQueueTest, ACommitThatNeedsSeveralTransactionsSaysSo)
