@@ -10,7 +10,7 @@ namespace moatctl
 {
 
 struct ReadLimits {
-    // 100,000 rules with the longest values in every column are 60 MB as export writes them.
+    // 100,000 rules with the longest values in every column are 50 MB as export writes them.
     std::size_t bytes = std::size_t{256} << 20;
     // How long a pipe or a device may be silent. Standard input may be for ever: somebody may be typing.
     std::chrono::milliseconds silence{60'000};
