@@ -9,6 +9,7 @@
 #include "moatctl/tables/read_text.hpp"
 #include "moatctl/tables/rule_order.hpp"
 #include "moatctl/tables/values.hpp"
+#include "ovsdb/json.hpp"
 #include "tests/unit/scratch_folder.hpp"
 
 #include <gmock/gmock.h>
