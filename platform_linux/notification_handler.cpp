@@ -51,6 +51,11 @@ public:
           m_reconnectInterval(reconnectIntervalMs),
           m_reconnect(reconnect)
     {
+        if (m_queue.watchedDescriptor() >= 0)
+            m_dispatcher.addDescriptor(m_queue.watchedDescriptor(), EPOLLIN, [this](std::uint32_t) {
+                m_queue.handleChange();
+                scheduleRetry();
+            });
     }
 
     ~State()
@@ -59,6 +64,8 @@ public:
         m_dispatcher.stopTimer(m_reconnectTimer);
         m_dispatcher.stopTimer(m_retryTimer);
         m_dispatcher.stopTimer(m_reminderTimer);
+        if (m_queue.watchedDescriptor() >= 0)
+            m_dispatcher.removeDescriptor(m_queue.watchedDescriptor());
     }
 
     State(const State&) = delete;
@@ -112,7 +119,7 @@ private:
         m_handler->commitToSystem(*m_source, &m_queue);
     }
 
-    // While the tool cannot run, its lines wait in the queue.
+    // While the tables cannot be changed, what is wanted waits in the queue.
     void scheduleRetry()
     {
         m_dispatcher.stopTimer(m_retryTimer);

@@ -46,19 +46,19 @@ void Footprint::note(const Command& command)
         break;
     case CommandKind::DeleteChain:
         m_chains.erase(command.chain);
-        std::erase_if(m_rules, [&](const PlacedRule& rule) { return rule.chain == command.chain; });
+        std::erase_if(m_rules, [&](const auto& rule) { return rule.first.first == command.chain; });
         break;
     case CommandKind::Flush:
-        std::erase_if(m_rules, [&](const PlacedRule& rule) { return rule.chain == command.chain; });
+        std::erase_if(m_rules, [&](const auto& rule) { return rule.first.first == command.chain; });
         break;
     case CommandKind::Append:
     case CommandKind::Insert:
         if (!own)
-            m_rules.push_back({command.chain, command.rule});
+            ++m_rules[{command.chain, ebtables::toText(command.rule)}];
         break;
     case CommandKind::Delete:
-        if (const auto found = std::ranges::find(m_rules, PlacedRule{command.chain, command.rule});
-            found != m_rules.end())
+        if (const auto found = m_rules.find({command.chain, ebtables::toText(command.rule)});
+            found != m_rules.end() && --found->second == 0)
             m_rules.erase(found);
         break;
     case CommandKind::Policy:
@@ -72,16 +72,24 @@ void Footprint::note(const Command& command)
     }
 }
 
+void Footprint::addRule(std::string_view chain, std::string_view rule)
+{
+    ++m_rules[{std::string(chain), std::string(rule)}];
+}
+
+unsigned Footprint::rules(std::string_view chain, std::string_view rule) const
+{
+    const auto found = m_rules.find({std::string(chain), std::string(rule)});
+    return found == m_rules.end() ? 0 : found->second;
+}
+
 void Footprint::unite(const Footprint& other)
 {
     m_chains.insert(other.m_chains.begin(), other.m_chains.end());
     m_policies.insert(other.m_policies.begin(), other.m_policies.end());
-    std::vector<PlacedRule> mine = m_rules;
-    for (const PlacedRule& rule : other.m_rules) {
-        if (const auto found = std::ranges::find(mine, rule); found != mine.end())
-            mine.erase(found);
-        else
-            m_rules.push_back(rule);
+    for (const auto& [rule, count] : other.m_rules) {
+        unsigned& mine = m_rules[rule];
+        mine = std::max(mine, count);
     }
 }
 
@@ -95,16 +103,17 @@ std::vector<Command> Footprint::undo(const Table& table) const
         return command;
     };
     Table left = table;
-    for (const PlacedRule& placed : m_rules) {
-        Chain* chain = left.find(placed.chain);
-        if (chain == nullptr)
-            continue;
-        const auto found =
-            std::ranges::find_if(chain->rules, [&](const TableRule& r) { return r.rule == placed.rule; });
-        if (found == chain->rules.end())
-            continue;
-        chain->rules.erase(found);
-        add(CommandKind::Delete, placed.chain).rule = placed.rule;
+    for (const auto& [placed, count] : m_rules) {
+        const auto& [name, text] = placed;
+        Chain* chain = left.find(name);
+        for (unsigned i = 0; chain != nullptr && i < count; ++i) {
+            const auto found = std::ranges::find_if(
+                chain->rules, [&](const TableRule& r) { return r.rule && ebtables::toText(*r.rule) == text; });
+            if (found == chain->rules.end())
+                break;
+            add(CommandKind::Delete, name).rule = *found->rule;
+            chain->rules.erase(found);
+        }
     }
     for (const CommandKind kind : {CommandKind::Flush, CommandKind::DeleteChain}) {
         for (const std::string& chain : m_chains) {
@@ -122,8 +131,10 @@ std::string Footprint::toText(std::string_view networkNamespace) const
     std::string text = std::string(firstLine) + "\nnamespace " + std::string(networkNamespace) + '\n';
     for (const std::string& chain : m_chains)
         text += "chain " + chain + '\n';
-    for (const PlacedRule& placed : m_rules)
-        text += "rule " + placed.chain + ' ' + ebtables::toText(placed.rule) + '\n';
+    for (const auto& [placed, count] : m_rules) {
+        for (unsigned i = 0; i < count; ++i)
+            text += "rule " + placed.first + ' ' + placed.second + '\n';
+    }
     for (const std::string& chain : m_policies)
         text += "policy " + chain + '\n';
     return text + "end " + checksum(text) + '\n';
@@ -161,7 +172,7 @@ std::optional<Footprint> Footprint::fromText(std::string_view text, std::string_
         } else if (kind == "policy" && isBuiltIn(chain)) {
             footprint.m_policies.insert(chain);
         } else if (const auto rule = parseRule(rest, chain); kind == "rule" && rule) {
-            footprint.m_rules.push_back({chain, *rule});
+            footprint.addRule(chain, ebtables::toText(*rule));
         } else {
             reason = "damaged: unknown line \"" + text::oneLine(line) + '"';
             return std::nullopt;

@@ -5,11 +5,13 @@
 #include "ebtables/command.hpp"
 #include "ebtables/table.hpp"
 
+#include <map>
 #include <optional>
 #include <set>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace ebtables
@@ -20,6 +22,15 @@ class Footprint
 public:
     // Takes in a command that was carried out.
     void note(const Command& command);
+
+    // Takes in what is there: a chain of ours, a rule in a chain that is not (as its text), a built-in chain's policy.
+    void addChain(std::string_view chain) { m_chains.emplace(chain); }
+    void addRule(std::string_view chain, std::string_view rule);
+    void addPolicy(std::string_view chain) { m_policies.emplace(chain); }
+
+    bool hasChain(const std::string& chain) const { return m_chains.contains(chain); }
+    bool hasPolicy(std::string_view chain) const { return m_policies.contains(chain); }
+    unsigned rules(std::string_view chain, std::string_view rule) const; // how many such
 
     // Everything of the other one as well, rules as often as the one that has them more often.
     void unite(const Footprint& other);
@@ -38,15 +49,11 @@ public:
     bool operator==(const Footprint&) const = default;
 
 private:
-    struct PlacedRule {
-        std::string chain;
-        Rule rule;
-        bool operator==(const PlacedRule&) const = default;
-    };
+    using PlacedRule = std::pair<std::string, std::string>; // chain and text
 
     std::set<std::string> m_chains;
-    std::vector<PlacedRule> m_rules;
-    std::set<std::string> m_policies;
+    std::map<PlacedRule, unsigned> m_rules; // how often
+    std::set<std::string, std::less<>> m_policies;
 };
 
 } // namespace ebtables

@@ -15,7 +15,6 @@ using subprocess::RunResult;
 // Where the programs are. They are started by these paths and no other.
 struct ToolPaths {
     std::string ebtables = "/usr/sbin/ebtables";
-    std::string restore = "/usr/sbin/ebtables-restore";
     std::string save = "/usr/sbin/ebtables-save";
 };
 

@@ -1,17 +1,22 @@
 #include "platform_linux/queue/transaction_queue.hpp"
 
-#include "ebtables/line_parser.hpp"
+#include "ebtables/allowed_forms.hpp"
+#include "nftables/generation_watch.hpp"
 #include "platform/sysloglevel.h"
-#include "platform_linux/queue/command_batch.hpp"
 #include "platform_linux/queue/footprint.hpp"
 #include "platform_linux/queue/gate.hpp"
+#include "platform_linux/queue/kernel_tables.hpp"
+#include "platform_linux/queue/legacy_tables.hpp"
+#include "platform_linux/queue/line_cache.hpp"
 #include "platform_linux/queue/record_file.hpp"
-#include "platform_linux/queue/transaction.hpp"
+#include "platform_linux/queue/refusals.hpp"
+#include "platform_linux/queue/repair_pace.hpp"
 #include "text/one_line.hpp"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
-#include <span>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -21,13 +26,16 @@ namespace zol::cfg
 namespace
 {
 
-using ebtables::Command;
 using ebtables::CommandKind;
 using ebtables::Footprint;
+using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* label = "queue";
-constexpr std::chrono::milliseconds lastMoments{10'000}; // for all that the destructor starts
+constexpr milliseconds lastMoments{10'000}; // for each process that the destructor starts
+constexpr unsigned lessOfChecks = 10;       // looking for changes of others takes a tenth of the time at most ...
+constexpr milliseconds latestCheck{50};     // ... but is not put off longer than this
+constexpr std::size_t textsAlways = 4'096;  // so many texts and lines are kept whether they are in use or not
 
 ZOL_Sysloglevel_Module logModule()
 {
@@ -57,201 +65,355 @@ public:
         : m_options(std::move(options)),
           m_gate(m_options.anyForm),
           m_record(m_options.recordFolder),
-          m_namespace(ebtables::networkNamespace())
+          m_namespace(ebtables::networkNamespace()),
+          m_tables(
+              m_pool, [this] { writeRecord(m_tables.footprint()); },
+              m_options.openSocket ? m_options.openSocket : nftables::openSocket)
     {
         detect();
-        readRecord();
+        openRecord();
+        if (!m_legacy && !m_options.openSocket)
+            watch();
     }
 
     void add(const std::string& line)
     {
-        ebtables::ParsedLine parsed = m_gate.take(line);
-        if (parsed.error) {
-            error(101, "refused \"" + text::oneLine(line) + "\": " + parsed.error->text());
-            m_groupRefused = true;
+        if (line.find_first_not_of(' ') == std::string::npos)
             return;
-        }
-        if (parsed.commands.empty())
+        m_lines.push_back(line);
+        const LineCache::Commands* commands = m_legacy ? nullptr : m_cache.find(line);
+        if (commands == nullptr)
+            commands = parse(line);
+        if (commands == nullptr)
             return;
-        m_queued.add(std::move(parsed.commands), line);
+        for (const PlayedCommand& command : *commands)
+            m_queued.push_back({command, m_lines.size() - 1});
     }
 
     int closeGroup()
     {
-        m_closed = m_queued.commands().size();
+        m_closed = m_queued.size();
+        m_closedLines = m_lines.size();
         return std::exchange(m_groupRefused, false) ? -1 : 0;
     }
 
     void deliver()
     {
-        if (m_closed == 0 || (m_nextTry && Clock::now() < *m_nextTry))
+        if (m_closedLines == 0)
             return;
-        carryOut();
+        if (!m_nextTry || Clock::now() >= *m_nextTry)
+            return carryOut();
+        playClosed(); // what waits is what is wanted, not the way there
+    }
+
+    void retry()
+    {
+        if (m_waiting && m_nextTry && Clock::now() >= *m_nextTry)
+            carryOut();
+        if (m_nextCheck && Clock::now() >= *m_nextCheck)
+            check();
     }
 
     void finish(bool afterException)
     {
         closeGroup();
-        if (m_closed == 0 && (m_leftover.empty() || afterException))
+        if (m_closedLines == 0 && !m_waiting && (!m_hasLeftover || afterException))
             return;
         m_options.limits.time = std::min(m_options.limits.time, lastMoments);
+        m_nextTry.reset();
         carryOut();
-        if (m_closed > 0)
+        if (m_waiting)
             error(102, "moatkeeper's rules stay in the bridge tables; the next start takes them out");
     }
 
-    std::optional<std::chrono::milliseconds> retryIn() const
+    std::optional<milliseconds> retryIn() const
     {
-        if (!m_nextTry || m_closed == 0)
+        Clock::time_point next = Clock::time_point::max();
+        if (m_waiting && m_nextTry)
+            next = *m_nextTry;
+        if (m_nextCheck)
+            next = std::min(next, *m_nextCheck);
+        if (next == Clock::time_point::max())
             return std::nullopt;
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_nextTry - Clock::now());
-        return std::max(left, std::chrono::milliseconds(0));
+        return std::max(std::chrono::ceil<milliseconds>(next - Clock::now()), milliseconds(0));
+    }
+
+    int watchedDescriptor() const { return m_watch.descriptor(); }
+
+    void handleChange()
+    {
+        while (const std::optional<nftables::GenerationChange> change = m_watch.next()) {
+            if (!change->lost && m_tables.isOwn(change->generation))
+                continue;
+            if (!change->lost)
+                m_who = *change;
+            m_tables.forget();
+            if (!m_nextCheck)
+                m_nextCheck = std::max(m_notBefore, Clock::now());
+        }
+        if (m_nextCheck && Clock::now() >= *m_nextCheck)
+            check();
     }
 
 private:
+    struct Queued {
+        PlayedCommand command;
+        std::size_t line; // in m_lines
+    };
+
     void detect()
     {
         const ebtables::ToolVersion version = ebtables::detect(m_options.tools, m_options.limits);
-        if (version.variant == m_variant)
+        if (version.variant != ebtables::Variant::Legacy) {
+            info(103, "each commit is one transaction of nf_tables");
             return;
-        m_variant = version.variant;
-        if (m_variant == ebtables::Variant::NfTables)
-            info(103, version.text + ": each commit is one transaction");
-        else if (m_variant == ebtables::Variant::Legacy)
-            warning(104, version.text + " knows no transactions: commits are not atomic, lines are run one at a time");
+        }
+        warning(104, version.text + " knows no transactions: commits are not atomic, lines are run one at a time");
+        m_legacy.emplace(m_options.tools, m_options.limits);
     }
 
-    void readRecord()
+    void watch()
     {
-        std::string reason = m_record.prepare();
+        if (const int reason = m_watch.open(); reason != 0)
+            warning(118, std::string("changes by other programs will not be noticed: cannot watch nf_tables: ") +
+                             std::strerror(reason));
+    }
+
+    void openRecord()
+    {
+        const std::string reason = m_record.prepare();
         if (!reason.empty()) {
             warning(105, reason + "; after a kill of this process its rules will have to be removed by hand");
             return;
         }
         m_recording = true;
-        m_record.lock();
-        const std::optional<std::string> content = m_record.read(reason);
-        if (content) {
+        holdRecord();
+    }
+
+    // Whether no other process is at work. The record is read when it is ours: until then another one writes it.
+    bool holdRecord()
+    {
+        if (!m_recording || m_held)
+            return true;
+        m_held = m_record.lock();
+        if (m_held)
+            readRecord();
+        return m_held;
+    }
+
+    void readRecord()
+    {
+        std::string reason;
+        if (const std::optional<std::string> content = m_record.read(reason)) {
             if (std::optional<Footprint> found = Footprint::fromText(*content, m_namespace, reason)) {
-                m_leftover = std::move(*found);
-                m_footprint = m_leftover;
-                m_recorded = m_leftover;
-                if (!m_leftover.empty())
+                m_recorded = *found;
+                m_hasLeftover = !found->empty();
+                if (m_hasLeftover)
                     info(106,
                          "a process that was killed left rules in the bridge tables; the first commit takes them out");
+                if (m_legacy)
+                    m_legacy->setLeftover(std::move(*found));
+                else
+                    m_tables.setLeftover(std::move(*found));
             }
         }
         if (!reason.empty())
             warning(107, "the record " + m_record.path() + " is ignored: " + reason);
     }
 
-    // The lines that take out what a killed process left. Nothing when the tables cannot be read.
-    std::optional<std::vector<Command>> undoLeftover(std::string& reason)
+    const LineCache::Commands* parse(const std::string& line)
     {
-        if (m_leftover.empty())
-            return std::vector<Command>();
-        const std::optional<ebtables::Table> table = ebtables::readTable(m_options.tools, &reason, m_options.limits);
-        return table ? std::optional(m_leftover.undo(*table)) : std::nullopt;
+        ebtables::ParsedLine parsed = m_gate.take(line);
+        if (parsed.error) {
+            m_refusals.noteLine(line);
+            refuse(101, line, "refused \"" + text::oneLine(line) + "\": ", parsed.error->text());
+            m_groupRefused = true;
+            return nullptr;
+        }
+        if (m_legacy) {
+            if (!parsed.commands.empty())
+                m_legacy->add(std::move(parsed.commands), line);
+            return nullptr;
+        }
+        m_parsed.clear();
+        for (const ebtables::Command& command : parsed.commands)
+            m_parsed.push_back(intern(command, m_pool));
+        // Whether a line about a filter's chain passes is another question each time.
+        if (!m_options.anyForm && std::ranges::any_of(m_parsed, namesFilter))
+            return &m_parsed;
+        return &m_cache.add(line, m_parsed);
+    }
+
+    static bool namesFilter(const PlayedCommand& command)
+    {
+        return ebtables::isFilterChain(*command.chain) ||
+               (command.jump != nullptr && ebtables::isFilterChain(*command.jump));
+    }
+
+    // Whether the command leaves alone the chains of filters that are not ours, now that it is known who has them.
+    bool mayCarryOut(const PlayedCommand& command)
+    {
+        const auto isOurs = [&](const std::string& chain) {
+            const ImageChain* found = m_tables.wanted().find(chain);
+            return !ebtables::isFilterChain(chain) || found == nullptr || found->ours;
+        };
+        return m_options.anyForm || command.kind == CommandKind::NewChain ||
+               (isOurs(*command.chain) && (command.jump == nullptr || isOurs(*command.jump)));
+    }
+
+    // Once, until the reason changes or the line is gone.
+    void refuse(int number, const std::string& line, const std::string& text, const std::string& reason)
+    {
+        if (m_refusals.add(line, reason))
+            error(number, text + reason);
+    }
+
+    // Plays what was queued on the tables as they are to be.
+    void playClosed()
+    {
+        std::size_t line = m_lines.size();
+        for (std::size_t i = 0; i < m_closed; ++i) {
+            const Queued& queued = m_queued[i];
+            if (line != queued.line) {
+                line = queued.line;
+                m_refusals.noteLine(m_lines[line]);
+            }
+            if (!mayCarryOut(queued.command))
+                refuseCommand(queued, std::string(ebtables::notOurChain));
+            else if (const auto reason = play(queued.command, m_tables.wanted()))
+                refuseCommand(queued, *reason);
+            else
+                m_played.push_back(queued);
+        }
+        m_queued.erase(m_queued.begin(), m_queued.begin() + static_cast<std::ptrdiff_t>(m_closed));
+        m_closed = 0;
+        m_closedLines = 0;
+        m_waiting = true;
+    }
+
+    void refuseCommand(const Queued& queued, const std::string& reason)
+    {
+        const std::string& line = m_lines[queued.line];
+        refuse(110, line, "refused \"" + line + "\": ", reason);
     }
 
     void carryOut()
     {
-        if (m_recording && !m_record.lock())
+        if (!holdRecord()) {
+            if (!m_legacy)
+                playClosed();
             return cannotRun("another moatkeeper process, or a child of a killed one, is still at work in " +
                              m_options.recordFolder);
-        if (m_variant == ebtables::Variant::Unknown)
-            detect();
+        }
+        if (m_legacy)
+            return carryOutLegacy();
         std::string reason;
-        std::optional<std::vector<Command>> before = undoLeftover(reason);
-        if (!before)
+        const bool known = m_tables.know(reason);
+        playClosed();
+        if (!known)
             return cannotRun(reason);
-        std::span<const Command> commands = m_queued.commands().first(m_closed);
-        const std::size_t ahead = before->size();
-        if (ahead > 0) {
-            before->insert(before->end(), commands.begin(), commands.end());
-            commands = *before;
-        }
-
-        Footprint united = m_footprint;
-        {
-            Footprint after = m_footprint;
-            for (const Command& command : commands) {
-                after.note(command);
-                if (command.kind == CommandKind::DeleteChain || command.kind == CommandKind::Delete)
-                    continue;
-                united.note(command);
-            }
-            united.unite(after);
-            united.unite(m_footprint);
-        }
-        writeRecord(united);
-
-        ebtables::RunLimits limits = m_options.limits;
-        limits.keepOpen = m_record.lockDescriptor();
-        const bool legacy = m_variant == ebtables::Variant::Legacy;
-        const ebtables::OwnChains own(m_footprint.chains());
-        const ebtables::Outcome outcome = legacy ? ebtables::applyOneByOne(m_options.tools, commands, own, limits)
-                                                 : ebtables::applyTransaction(m_options.tools, commands, own, limits);
-        finishOutcome(outcome, commands, ahead);
+        const KernelTables::Outcome outcome = m_tables.bring();
+        for (const Dropped& dropped : outcome.dropped)
+            tellDropped(dropped);
+        tellDrift();
+        if (outcome.changed || (outcome.done && !m_played.empty()))
+            noteCommit();
+        if (!outcome.done)
+            return cannotRun(outcome.reason);
+        m_hasLeftover = false;
+        done();
+        const Footprint footprint = m_tables.footprint();
+        if (m_queued.empty())
+            m_gate.settle(ebtables::OwnChains(footprint.chains()));
+        writeRecord(footprint);
+        tidy();
     }
 
-    void finishOutcome(const ebtables::Outcome& outcome, std::span<const Command> commands, std::size_t ahead)
+    void carryOutLegacy()
     {
-        if (!outcome.notAtomic.empty())
-            warning(114, "this commit was not one transaction: " + outcome.notAtomic);
-        auto refused = outcome.refused.begin();
-        for (std::size_t i = 0; i < outcome.done; ++i) {
-            if (refused != outcome.refused.end() && refused->index == i) {
-                logRefused(commands[i], i, ahead, refused->reason);
-                ++refused;
-            } else {
-                m_footprint.note(commands[i]);
-            }
-        }
-        if (outcome.done > outcome.refused.size())
+        m_waiting = true;
+        m_closed = 0;
+        m_closedLines = 0;
+        m_lines.clear();
+        writeRecord(m_legacy->footprint());
+        const LegacyTables::Outcome outcome = m_legacy->carryOut(m_record.lockDescriptor());
+        for (const LegacyTables::Refused& refused : outcome.refused)
+            error(110, "the tool refused \"" + refused.line + "\": " + refused.reason);
+        if (outcome.changed)
             noteCommit();
-        if (outcome.cannotRun) {
-            if (outcome.done > ahead)
-                dropClosed(outcome.done - ahead);
-            if (outcome.done >= ahead)
-                m_leftover = Footprint();
+        if (!outcome.done)
             return cannotRun(outcome.reason);
-        }
-        m_leftover = Footprint();
-        dropClosed(m_closed);
-        if (m_queued.commands().empty())
-            m_gate.settle(ebtables::OwnChains(m_footprint.chains()));
-        writeRecord(m_footprint);
+        m_hasLeftover = false;
+        done();
+        const Footprint footprint = m_legacy->footprint();
+        m_gate.settle(ebtables::OwnChains(footprint.chains()));
+        writeRecord(footprint);
+    }
+
+    void done()
+    {
+        m_waiting = false;
         m_nextTry.reset();
-        m_pause = std::chrono::milliseconds(0);
+        m_pause = milliseconds(0);
+        for (const std::string& line : m_refusals.takeGone())
+            info(115, "not refused any more, or gone: \"" + text::oneLine(line) + '"');
         if (!std::exchange(m_lastReason, "").empty())
             info(108, "the bridge tables can be changed again; everything that waited is carried out");
     }
 
-    void dropClosed(std::size_t count)
+    void tellDropped(const Dropped& dropped)
     {
-        m_queued.dropFirst(count);
-        m_closed -= count;
+        const std::string whole = "ebtables " + dropped.what;
+        const auto from = std::ranges::find_if(m_played, [&](const Queued& queued) {
+            return dropped.rule != nullptr && queued.command.rule == dropped.rule &&
+                   *queued.command.chain == dropped.chain;
+        });
+        const std::string line = from != m_played.end() ? m_lines[from->line] : whole;
+        const std::string part = line.find(';') == std::string::npos ? "" : ", of it \"" + whole + '"';
+        refuse(110, line, "the kernel refused \"" + line + '"' + part + ": ", dropped.reason);
     }
 
-    void logRefused(const Command& command, std::size_t index, std::size_t ahead, const std::string& reason) const
+    void tellDrift()
     {
-        if (index < ahead) {
-            warning(109, "cannot take out what a killed process left, \"" + toText(command) + "\": " + reason);
+        const std::vector<std::string> drift = m_tables.takeDrift();
+        if (drift.empty())
             return;
-        }
-        const std::string line(m_queued.line(index - ahead));
-        const std::string whole = "ebtables " + toText(command);
-        error(110, "the tool refused \"" + line + '"' +
-                       (line.find(';') == std::string::npos ? "" : ", of it \"" + whole + '"') + ": " + reason);
+        const RepairPace::Verdict verdict = m_pace.repaired(Clock::now());
+        m_notBefore = Clock::now() + verdict.pause;
+        if (!verdict.tell)
+            return;
+        std::string text;
+        for (const std::string& part : drift)
+            text += (text.empty() ? "" : ", ") + part;
+        if (text.size() > 600)
+            text = text.substr(0, 600) + "...";
+        const std::string who = m_who.program.empty()
+                                    ? "another program"
+                                    : text::oneLine(m_who.program) + " (process " + std::to_string(m_who.process) + ')';
+        warning(116, who + " changed moatkeeper's part of the bridge tables, which is put back: " + text);
+        if (verdict.tellStorm)
+            warning(117, "other programs keep changing it; it is put back each time, with growing pauses, and told "
+                         "now and then only");
+    }
+
+    // Others have changed some tables: is it ours?
+    void check()
+    {
+        m_nextCheck.reset();
+        if (m_waiting || m_legacy || !m_everDone || !m_queued.empty())
+            return;
+        const Clock::time_point start = Clock::now();
+        carryOut();
+        const Clock::time_point end = Clock::now();
+        m_notBefore = std::max(m_notBefore, end + std::min<Clock::duration>(lessOfChecks * (end - start), latestCheck));
     }
 
     void cannotRun(const std::string& reason)
     {
-        const auto longest = m_options.longestPause;
-        m_pause = m_pause.count() == 0 ? m_options.firstPause : std::min(2 * m_pause, longest);
+        m_waiting = true;
+        m_pause = m_pause.count() == 0 ? m_options.firstPause : std::min(2 * m_pause, m_options.longestPause);
         m_nextTry = Clock::now() + m_pause;
-        m_closed = m_queued.compact(m_closed);
+        forgetLines();
         if (m_lastReason != reason)
             error(111, "the bridge tables cannot be changed: " + reason + ". Nothing is lost; it is tried again");
         m_lastReason = reason;
@@ -259,6 +421,7 @@ private:
 
     void noteCommit()
     {
+        m_everDone = true;
         const std::string reason = m_record.noteCommit();
         if (!reason.empty() && !std::exchange(m_toldNoTime, true))
             warning(113, reason + "; the time of the last commit will not be known");
@@ -276,22 +439,73 @@ private:
             warning(112, reason + "; after a kill of this process its rules will have to be removed by hand");
     }
 
+    // Lines are kept for messages only: as long as a commit lasts, and those of a group that is still open.
+    void forgetLines()
+    {
+        m_played.clear();
+        if (!m_queued.empty())
+            return;
+        m_lines.clear();
+        m_lines.shrink_to_fit();
+        m_played.shrink_to_fit();
+        m_queued.shrink_to_fit();
+    }
+
+    // What is not in use any more goes.
+    void tidy()
+    {
+        forgetLines();
+        std::size_t rules = 0;
+        for (const auto& [name, chain] : m_tables.wanted().chains)
+            rules += chain.rules.size();
+        m_cache.tidy(2 * rules + textsAlways);
+        if (m_pool.size() < 3 * rules + textsAlways)
+            return;
+        std::unordered_set<RulePool::Text> used;
+        m_cache.forEach([&](const PlayedCommand& command) {
+            used.insert({command.chain, command.rule, command.jump});
+        });
+        for (const Queued& queued : m_queued)
+            used.insert({queued.command.chain, queued.command.rule, queued.command.jump});
+        m_tables.collectTexts([&](RulePool::Text text) { used.insert(text); });
+        m_pool.sweep([&](RulePool::Text text) { return used.contains(text); });
+    }
+
     TransactionQueueOptions m_options;
     Gate m_gate;
-    ebtables::Variant m_variant = ebtables::Variant::Unknown;
     ebtables::RecordFile m_record;
     std::string m_namespace;
     bool m_recording = false;
+    bool m_held = false; // the record's lock
     bool m_toldNoTime = false;
-    Footprint m_leftover;  // what a killed process left and nobody took out yet
-    Footprint m_footprint; // what is in the tables of ours
-    Footprint m_recorded;  // what the record says
-    CommandBatch m_queued;
-    std::size_t m_closed = 0; // so many of the commands queued are in groups that process has closed
+    bool m_hasLeftover = false; // a killed process left something that nobody took out yet
+    Footprint m_recorded;       // what the record says
+
+    RulePool m_pool;
+    LineCache m_cache;
+    LineCache::Commands m_parsed; // of the line parsed last
+    KernelTables m_tables;
+    std::optional<LegacyTables> m_legacy;
+    Refusals m_refusals;
+
+    std::vector<std::string> m_lines; // of the commit that is being queued or carried out
+    std::vector<Queued> m_queued;
+    std::vector<Queued> m_played;
+    std::size_t m_closed = 0; // so many of those queued are in groups that process has closed
+    std::size_t m_closedLines = 0;
     bool m_groupRefused = false;
+
+    bool m_waiting = false; // the tables are not as wanted
+    bool m_everDone = false;
     std::string m_lastReason;
-    std::chrono::milliseconds m_pause{0};
+    milliseconds m_pause{0};
     std::optional<Clock::time_point> m_nextTry;
+
+    nftables::GenerationWatch m_watch;
+    nftables::GenerationChange m_who; // changed the tables last
+    RepairPace m_pace;
+    std::optional<Clock::time_point> m_nextCheck;
+    Clock::time_point m_notBefore{};
 };
 
 TransactionQueue::TransactionQueue(TransactionQueueOptions options)
@@ -326,7 +540,17 @@ std::optional<std::chrono::milliseconds> TransactionQueue::retryIn() const
 
 void TransactionQueue::retry()
 {
-    m_state->deliver();
+    m_state->retry();
+}
+
+int TransactionQueue::watchedDescriptor() const
+{
+    return m_state->watchedDescriptor();
+}
+
+void TransactionQueue::handleChange()
+{
+    m_state->handleChange();
 }
 
 } // namespace zol::cfg

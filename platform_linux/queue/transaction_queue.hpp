@@ -1,7 +1,9 @@
 // The command queue on stock Linux: lines are parsed and checked when they are queued, and carried out as one
-// transaction of the kernel's bridge tables when a notification has been delivered.
+// transaction of the kernel's bridge tables when a notification has been delivered. What is ours there is watched, and
+// put back when another program changes it.
 #pragma once
 
+#include "nftables/socket.hpp"
 #include "platform/action_queue.hpp"
 #include "platform_linux/queue/record_file.hpp"
 #include "platform_linux/queue/tool.hpp"
@@ -23,6 +25,8 @@ struct TransactionQueueOptions {
     bool anyForm = false;
     std::chrono::milliseconds firstPause{500};      // before the second try when the tool cannot run; doubles ...
     std::chrono::milliseconds longestPause{30'000}; // ... up to this
+    // For tests: what to speak to the kernel through, instead of a socket of its own. Nothing is watched then.
+    nftables::SocketOpener openSocket;
 };
 
 // Ownership: owns nothing of its callers'. Threading: the daemon's one thread. Only construction may throw
@@ -30,12 +34,12 @@ struct TransactionQueueOptions {
 class TransactionQueue : public ActionQueue
 {
 public:
-    // Asks the tool which variant it is and reads what a killed process left. Changes nothing.
+    // Asks the tool, if there is one, which variant it is, and reads what a killed process left. Changes nothing.
     explicit TransactionQueue(TransactionQueueOptions options = {});
 
     // Carries out what is left, and takes out what a killed process left if no commit has done so: a stop leaves
     // nothing. Only when an exception is under way and nothing was ever committed does that stay in force, for the next
-    // start. Each child process has 10 s for it, or limits.afterStop once a stop signal has come.
+    // start. Each process of a legacy tool has 10 s for it, or limits.afterStop once a stop signal has come.
     ~TransactionQueue() override;
     TransactionQueue(const TransactionQueue&) = delete;
     TransactionQueue& operator=(const TransactionQueue&) = delete;
@@ -47,12 +51,17 @@ public:
     // has closed, all in one transaction.
     void endDelivery();
 
-    // When the tool could not run: how long to wait before calling retry, counted from now (0: at once). Nothing when
-    // nothing waits.
+    // How long to wait before calling retry, counted from now (0: at once): something waits, or is to be put back.
+    // Nothing when nothing does.
     std::optional<std::chrono::milliseconds> retryIn() const;
 
     // Tries again what waits. Does nothing when nothing does or its time has not come.
     void retry();
+
+    // Readable when somebody has changed the tables: handleChange is to be called then. -1 when there is nothing to
+    // watch.
+    int watchedDescriptor() const;
+    void handleChange();
 
 private:
     class State;

@@ -1,5 +1,5 @@
-"""Configuration server and daemon as on a machine, with the stand-in for the ebtables programs: needs no bridge and no
-root."""
+"""Configuration server and daemon as on a machine with a legacy ebtables, of which there is a stand-in: needs no bridge
+and no root."""
 
 import os
 import pathlib
@@ -61,7 +61,7 @@ class Rehearsal(unittest.TestCase):
         main = {"GlobalInputPolicy": "ACCEPT", "GlobalForwardingPolicy": "ACCEPT"}
         self.config.replace({config.MAIN: [main], **tables})
         self.startDaemon()
-        tool.waitForBatches(1)
+        tool.waitForCommands(len(CHAINS))
 
     def commits(self):
         return len(self.daemon.matching("^moatkeeper:154:"))
@@ -73,10 +73,11 @@ class Rehearsal(unittest.TestCase):
         change()
         waiting.until(lambda: self.commits() > before, "a commit")
 
-    def assertBatches(self, *wanted):
-        """The tool was given these, and nothing else."""
-        tool.waitForBatches(len(wanted))
-        self.assertEqual(tool.batches(), list(wanted), self.daemon.readLog()[-3000:])
+    def assertCommands(self, *wanted):
+        """The tool was run with these, one list after the other, and with nothing else."""
+        lines = [line for part in wanted for line in part]
+        tool.waitForCommands(len(lines), 10 + len(lines) / 20)
+        self.assertEqual(tool.commands(), lines, self.daemon.readLog()[-3000:])
 
 
 def main():

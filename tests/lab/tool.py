@@ -1,9 +1,8 @@
-"""A stand-in for the ebtables programs: it touches no kernel, records how it is called and fails as it is told to.
+"""A stand-in for a legacy ebtables: it touches no kernel and records the commands that it is run with.
 
-For scripts in a sandbox: in their mount namespace it takes the programs' places in /usr/sbin.
+For scripts in a sandbox: in their mount namespace it takes the program's place in /usr/sbin.
 """
 
-import json
 import os
 import pathlib
 import shutil
@@ -11,11 +10,9 @@ import subprocess
 
 from lab import waiting
 
-NAMES = ("ebtables", "ebtables-restore", "ebtables-save")
-RESTORE = "/usr/sbin/ebtables-restore"
 _FOLDER = pathlib.Path("/tmp/tool")
 _SBIN, _MACHINES_SBIN = pathlib.Path("/tmp/tool.sbin"), pathlib.Path("/tmp/tool.machines-sbin")
-_STAND_IN = pathlib.Path(__file__).with_name("tool_stand_in.py")
+_STAND_IN = pathlib.Path(__file__).with_name("legacy_ebtables.sh")
 
 
 def install():
@@ -30,50 +27,21 @@ def install():
 
 
 def reset():
-    """All three are there and work; no call is on record."""
-    for name in NAMES:
-        path = pathlib.Path("/usr/sbin", name)
-        path.unlink(missing_ok=True)
-        shutil.copy(_STAND_IN, path)
-        path.chmod(0o755)
+    """It is there; no call is on record."""
+    path = pathlib.Path("/usr/sbin/ebtables")
+    path.unlink(missing_ok=True)
+    shutil.copy(_STAND_IN, path)
+    path.chmod(0o755)
     (_FOLDER / "calls").write_text("", encoding="utf-8")
-    (_FOLDER / "saved").write_text("", encoding="utf-8")
-    plan()
 
 
-def plan(*ends):
-    """How the next runs of ebtables-restore end, one after the other; those after them end well. Each is a dictionary:
-    status: exit status; errors: text on standard error; megabytes: as many of other text behind it; signal: by which
-    it dies; hangs: it never ends; always: this one is not used up."""
-    temporary = _FOLDER / "plan.new"
-    temporary.write_text(json.dumps(ends), encoding="utf-8")
-    temporary.rename(_FOLDER / "plan")
-
-
-def save(text):
-    """What ebtables-save prints."""
-    (_FOLDER / "saved").write_text(text, encoding="utf-8")
-
-
-def calls(*names):
-    """The calls so far of these programs (of all: none named), in order. Each is a dictionary: tool, arguments, time,
-    environment, descriptors, input."""
+def commands():
+    """The commands so far, each as its words with one blank between them."""
     lines = (_FOLDER / "calls").read_text(encoding="utf-8").splitlines(keepends=True)
-    found = [json.loads(line) for line in lines if line.endswith("\n")]
-    return [call for call in found if not names or call["tool"] in names]
+    return [line[:-1] for line in lines if line.endswith("\n")]
 
 
-def batches():
-    """The inputs of ebtables-restore so far, each as its lines between "*filter" and "COMMIT"."""
-    result = []
-    for call in calls("ebtables-restore"):
-        first, *lines, last = call["input"].splitlines()
-        assert (first, last) == ("*filter", "COMMIT"), call["input"]
-        result.append(lines)
-    return result
-
-
-def waitForBatches(count, seconds=10):
-    """Returns the batches when there are that many."""
-    return waiting.until(lambda: len(found := batches()) >= count and found,
-                         lambda: f"{count} batches; there are:\n{json.dumps(batches(), indent=1)}", seconds)
+def waitForCommands(count, seconds=10):
+    """Returns when there are that many."""
+    waiting.until(lambda: len(commands()) >= count,
+                  lambda: "\n".join([f"{count} commands; there are:", *commands()]), seconds)

@@ -21,5 +21,10 @@ std::optional<std::chrono::milliseconds> TransactionQueue::retryIn() const
     return std::nullopt;
 }
 void TransactionQueue::retry() {}
+int TransactionQueue::watchedDescriptor() const
+{
+    return -1;
+}
+void TransactionQueue::handleChange() {}
 
 } // namespace zol::cfg

@@ -63,10 +63,10 @@ class Server(rehearsal.Rehearsal):
         self.server.stop()
         self.startDaemon()
         self.daemon.waitForLines(f"^ovsdb:20: .*{programs.SOCKET}.*; trying again every 500 ms$")
-        self.assertEqual(tool.batches(), [])
+        self.assertEqual(tool.commands(), [])
         self.startServer()
         self.waitForConnection(1)
-        self.assertBatches(start(1))
+        self.assertCommands(start(1))
         self.assertEqual(len(self.daemon.matching("^ovsdb:")), 2, "one line for any number of attempts")
 
     def testStoppedBeforeItEverConnected(self):
@@ -74,7 +74,7 @@ class Server(rehearsal.Rehearsal):
         self.startDaemon()
         self.daemon.waitForLines("^ovsdb:20: ")
         self.assertEqual(self.daemon.stop(), 0)
-        self.assertEqual(tool.batches(), [])
+        self.assertEqual(tool.commands(), [])
 
     def testDiesAndReturns(self):
         self.startWith({config.RULES: [rule(1)]})
@@ -85,7 +85,7 @@ class Server(rehearsal.Rehearsal):
             self.waitForConnection(turn + 1)
         waiting.until(lambda: self.commits() == 3, "the commit after the return")
         self.config.insert(config.RULES, **rule(2))
-        self.assertBatches(start(1), rules(1, 2))
+        self.assertCommands(start(1), rules(1, 2))
 
     def testReturnsChanged(self):
         self.startWith({config.RULES: [rule(1)]})
@@ -95,7 +95,7 @@ class Server(rehearsal.Rehearsal):
         self.startServer()
         self.resume(self.daemon)
         self.waitForConnection(2)
-        self.assertBatches(start(1), ["-F UserInputPolicy", "-A UserInputPolicy -i p2 -j DROP"])
+        self.assertCommands(start(1), ["-F UserInputPolicy", "-A UserInputPolicy -i p2 -j DROP"])
 
     def testReturnsWithAnotherDatabase(self):
         self.startWith({config.RULES: [rule(1), rule(2)]})
@@ -111,7 +111,7 @@ class Server(rehearsal.Rehearsal):
         elsewhere.stop()
         self.startServer(other.name)
         self.waitForConnection(2)
-        self.assertBatches(start(1, 2), [*rules(2, 3), "-P INPUT ACCEPT", "-P FORWARD DROP"])
+        self.assertCommands(start(1, 2), [*rules(2, 3), "-P INPUT ACCEPT", "-P FORWARD DROP"])
 
     def testPauses(self):
         self.startWith({config.RULES: [rule(1)]})
@@ -119,7 +119,7 @@ class Server(rehearsal.Rehearsal):
         self.config.send(insert(config.RULES, **rule(2)))
         self.resume(self.server)
         self.config.receive()
-        self.assertBatches(start(1), rules(1, 2))
+        self.assertCommands(start(1), rules(1, 2))
         self.assertEqual(len(self.daemon.matching("^ovsdb:")), 1)
         self.pause(self.server)
         self.assertEqual(self.daemon.stop(), 0)
@@ -141,8 +141,7 @@ class Server(rehearsal.Rehearsal):
         self.server.stop(signal.SIGKILL)
         self.daemon.waitForLines("^ovsdb:30: ")
         self.startServer()
-        tool.waitForBatches(2, seconds=60)  # with a line in the log for each row
-        self.assertBatches(start(1), rules(1) + ["-A UserInputRules -i p1 -s 02:00:00:00:00:01 -j DROP"] * 2000)
+        self.assertCommands(start(1), rules(1) + ["-A UserInputRules -i p1 -s 02:00:00:00:00:01 -j DROP"] * 2000)
 
 
 class Stall(rehearsal.Rehearsal):
@@ -166,11 +165,11 @@ class Stall(rehearsal.Rehearsal):
         fake = FakeServer(programs.SOCKET, stall, serve, stall)
         self.addCleanup(fake.close)
         self.startDaemon()
-        tool.waitForBatches(1)
+        tool.waitForCommands(len(start()))
         fake.disconnect()
         self.daemon.waitForLines("^ovsdb:30: ")
         self.daemon.waitForLines("^ovsdb:10: ", count=2, seconds=aSecond())
-        self.assertBatches(start(1), rules(2))
+        self.assertCommands(start(1), rules(2))
         fake.disconnect()
         self.daemon.waitForLines("^ovsdb:10: ", count=3, seconds=aSecond())
         self.assertEqual(self.daemon.stop(), 0)

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""The command queue against the kernel's bridge tables, in a network namespace of its own. What it does when the tool
-cannot run is tested without a kernel: tests/unit/transaction_queue_test.cpp and tests/process/commit_test.py.
+"""The command queue against the kernel's bridge tables, in a network namespace of its own. What it does when the
+kernel's answers go wrong is tested without a kernel: tests/unit/transaction_queue_test.cpp.
 
 usage: queue_test.py QUEUE_DRIVER [unittest arguments]"""
 import os
@@ -12,10 +12,10 @@ import tempfile
 import time
 import unittest
 
-from lab import refusals
+from lab import netfilter
+from lab.queue import Queue
 
 SKIP = 77
-DRIVER = ""
 
 
 def sh(*words, check=True, text_in=None):
@@ -24,48 +24,6 @@ def sh(*words, check=True, text_in=None):
 
 def tables():
     return [line for line in sh("ebtables-save").stdout.splitlines() if not line.startswith("#")]
-
-
-class Queue:
-    """A running driver."""
-
-    def __init__(self, folder, tools=None, anyForm=True):
-        words = [DRIVER, *(["--any-form"] if anyForm else []), "--record", os.path.join(folder, "record")]
-        if tools:
-            words += ["--tools", tools]
-        self.errors = tempfile.TemporaryFile("w+", dir=folder)
-        self.process = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors, text=True)
-
-    def send(self, *lines):
-        self.process.stdin.write("".join(line + "\n" for line in lines))
-        self.process.stdin.flush()
-
-    def answer(self, word):
-        for line in self.process.stdout:
-            if line.startswith(word):
-                return line.split()[-1]
-        raise AssertionError(f"no answer {word}: {self.log()}")
-
-    def commit(self, lines, each_processed=False):
-        self.send("begin")
-        for line in lines:
-            self.send("add " + line, *(["process"] if each_processed else []))
-        self.send("process", "end")
-        return int(self.answer("end")) / 1e6
-
-    def kill(self):
-        self.send("kill")
-        self.process.wait(20)
-
-    def finish(self, timeout=30):
-        self.process.stdin.close()
-        code = self.process.wait(timeout)
-        self.process.stdout.close()
-        return code
-
-    def log(self):
-        self.errors.seek(0)
-        return self.errors.read()
 
 
 SETUP = ["ebtables -N UserInputRules", "ebtables -P UserInputRules RETURN", "ebtables -A INPUT -j UserInputRules"]
@@ -92,45 +50,95 @@ class QueueTest(unittest.TestCase):
         sh("nft", "flush", "ruleset")
         self.folder = tempfile.mkdtemp(prefix="queue_test.")
         self.addCleanup(shutil.rmtree, self.folder)
+        self.addCleanup(Queue.killAll)
 
-    def tools(self, **scripts):
-        """A folder with the real tools, some replaced by scripts."""
-        folder = os.path.join(self.folder, "tools")
-        os.makedirs(folder, exist_ok=True)
-        for name in ("ebtables", "ebtables-restore", "ebtables-save"):
-            path = os.path.join(folder, name)
-            if os.path.lexists(path):
-                os.remove(path)
-            script = scripts.get(name.replace("-", "_"))
-            if script is None:
-                with open(path, "w", encoding="utf-8") as file:
-                    file.write(f'#!/bin/sh\necho {name} >> {folder}/calls\nexec /usr/sbin/{name} "$@"\n')
-            else:
-                with open(path, "w", encoding="utf-8") as file:
-                    file.write(script)
-            os.chmod(path, 0o755)
-        return folder
-
-    def calls(self):
-        path = os.path.join(self.folder, "tools", "calls")
-        return open(path, encoding="utf-8").read().split() if os.path.exists(path) else []
-
-    def test_a_commit_is_one_process_and_waits_for_its_end(self):
-        queue = Queue(self.folder, self.tools())
+    def test_a_commit_is_one_transaction_and_waits_for_its_end(self):
+        queue = Queue(self.folder)
+        before = netfilter.generation()
         queue.send("begin", *["add " + line for line in SETUP], "process", "state")
         queue.answer("ready")
         self.assertNotIn(":UserInputRules RETURN", tables())
         queue.send("add " + mac_rule(1), "process", "end")
         queue.answer("end")
         self.assertIn(":UserInputRules RETURN", tables())
-        self.assertEqual(self.calls().count("ebtables-restore"), 1)
         queue.commit([])
-        self.assertEqual(self.calls().count("ebtables-restore"), 1, "nothing queued, nothing started")
+        self.assertEqual(netfilter.generation(), before + 1, "nothing queued, nothing done")
         queue.send(*["add " + line for line in CLEANUP], "process")
         self.assertEqual(queue.finish(), 0)
-        self.assertEqual(self.calls().count("ebtables-restore"), 2)
+        self.assertEqual(netfilter.generation(), before + 2)
         self.assertNotIn("UserInput", str(tables()))
         self.assertFalse(os.path.exists(self.folder + "/record/tables"))
+
+    def test_a_refill_changes_only_what_changed(self):
+        rules = [mac_rule(i) for i in range(200)]
+        queue = Queue(self.folder)
+        queue.commit(SETUP + rules)
+        handles = self.handles()
+        before = netfilter.generation()
+        queue.commit(["ebtables -F UserInputRules"] + rules)
+        self.assertEqual(netfilter.generation(), before, "the same again is no transaction")
+        queue.commit(["ebtables -F UserInputRules"] + rules[:70] + [mac_rule(999)] + rules[71:150] + rules[151:])
+        after = self.handles()
+        self.assertEqual(len(after), 200)  # the rules, and the jump to their chain
+        self.assertEqual(len(set(after) - set(handles)), 1)
+        self.assertEqual([line for line in tables() if line.startswith("-A UserInputRules")],
+                         [rule.removeprefix("ebtables ") for rule in rules[:70] + [mac_rule(999)] + rules[71:150] + rules[151:]])
+
+    def handles(self):
+        listed = sh("nft", "-a", "list", "ruleset").stdout
+        return [line.rsplit(" ", 1)[1] for line in listed.splitlines() if "# handle" in line and "counter" in line]
+
+    def test_refusals_are_told_once(self):
+        queue = Queue(self.folder)
+        bad = "ebtables -A UserInputRules -s broken -j DROP"
+        queue.commit(SETUP + [bad, mac_rule(1)])
+        for i in range(5):
+            queue.commit(["ebtables -F UserInputRules", bad, mac_rule(2 + i)])
+        self.assertEqual(queue.log().count("broken"), 2, "the line and its word")  # in one log line
+        queue.commit(["ebtables -F UserInputRules", mac_rule(1)])
+        queue.commit(["ebtables -F UserInputRules", bad])
+        self.assertEqual(queue.log().count("refused \"ebtables -A UserInputRules -s broken"), 2, queue.log())
+        queue.finish()
+
+    def test_a_second_process_takes_over_what_the_first_has_now(self):
+        first = Queue(self.folder)
+        first.commit(SETUP)
+        second = Queue(self.folder)
+        second.send("state")
+        second.answer("ready")
+        first.commit(["ebtables -N Later", "ebtables -A INPUT -j Later"])
+        first.kill()
+        second.commit(SETUP + ["ebtables -N Later", "ebtables -A INPUT -j Later"])
+        self.assertEqual([line for line in tables() if line.startswith("-A INPUT")],
+                         ["-A INPUT -j UserInputRules", "-A INPUT -j Later"])
+        second.send(*["add " + line for line in CLEANUP + ["ebtables -D INPUT -j Later", "ebtables -X Later"]], "process")
+        second.finish()
+        self.assertNotIn("User", str(tables()))
+        self.assertNotIn("Later", str(tables()))
+
+    def test_what_others_have_and_nobody_can_read_hinders_nothing(self):
+        sh("nft", "-f", "-", text_in="""table bridge filter {
+            set ports { type ifname; elements = { "eth7", "eth8" }; }
+            chain INPUT { type filter hook input priority -200; policy accept;
+                          ether type ip meta mark set 7 counter; iifname @ports counter drop; }
+            chain theirs { vlan id 5 accept; }
+            }
+            table bridge other {
+            chain c { type filter hook forward priority 5; }
+            }
+            """)
+        before = sh("nft", "-s", "list", "ruleset").stdout
+        queue = Queue(self.folder)
+        queue.commit(SETUP + ["ebtables -P INPUT DROP", mac_rule(1)])
+        listed = sh("nft", "-s", "list", "ruleset").stdout
+        for part in ("jump UserInputRules", "policy drop", "mark set", "@ports", "vlan id 5"):
+            self.assertIn(part, listed)
+        queue.kill()
+        queue = Queue(self.folder)
+        queue.commit(SETUP + [mac_rule(2)])
+        queue.send(*["add " + line for line in CLEANUP], "process")
+        self.assertEqual(queue.finish(), 0)
+        self.assertEqual(sh("nft", "-s", "list", "ruleset").stdout, before, queue.log())
 
     def test_refused_lines_cost_themselves_only(self):
         queue = Queue(self.folder)
@@ -214,15 +222,14 @@ class QueueTest(unittest.TestCase):
                     lines[-1] = lines[-1].replace(f"-j {target}", "-j DROP")
             sh("nft", "flush", "ruleset")
             for line in lines:
-                if line.startswith("-X "):  # delete with the rules, or not at all
-                    sh("ebtables-restore", "--noflush", check=False,
-                       text_in=f"*filter\n-F {line[3:]}\n{line}\nCOMMIT\n")
-                else:
-                    sh("ebtables", *line.split(), check=False)
+                if line.startswith("-X "):  # delete with the rules
+                    sh("ebtables", "-F", line[3:], check=False)
+                sh("ebtables", *line.split(), check=False)
             one_by_one = tables()
             sh("nft", "flush", "ruleset")
             queue = Queue(self.folder)
-            queue.commit(["ebtables " + line for line in lines], each_processed=True)
+            queue.commit([f"ebtables -F {line[3:]}; ebtables {line}" if line.startswith("-X ") else "ebtables " + line
+                          for line in lines], each_processed=True)
             at_once = tables()
             queue.process.kill()
             queue.finish()
@@ -230,57 +237,14 @@ class QueueTest(unittest.TestCase):
             self.assertEqual(sorted(one_by_one), sorted(at_once), f"seed {seed}: {lines}\n{queue.log()}")
             self.assertEqual([r for r in one_by_one if r.startswith("-A")], [r for r in at_once if r.startswith("-A")])
 
-    def test_many_refusals_take_few_processes(self):
-        """How long they take is measured by bench/refusals.py."""
-        for kind, most in (("none", 1), ("chain", 5), ("jump", 5), ("delete", 5), ("kernel", 40)):
-            with self.subTest(kind):
-                sh("nft", "flush", "ruleset")
-                lines = refusals.lines(4000, kind)
-                out = sh(DRIVER, "--direct", text_in="\n".join(lines) + "\n").stdout
-                fields = dict(field.split("=") for field in out.split())
-                in_kernel = sum(1 for line in tables() if line.startswith("-A U"))
-                self.assertEqual(in_kernel, 4000 if kind == "none" else 3600, out)
-                self.assertEqual(int(fields["refused"]), 0 if kind == "none" else 400)
-                self.assertLessEqual(int(fields["processes"]), most, out)
-
-    def check_kernel_refusals(self, count, refused, *wrapper):
-        """Returns how often the tool was run on this namespace's tables, and how many processes there were."""
-        sh("nft", "flush", "ruleset")
-        here = os.path.join(self.folder, "here")
-        with open(here, "w", encoding="ascii"):
-            pass
-        tools = self.tools(ebtables_restore=f"""#!/bin/sh
-            [ "$(readlink /proc/$$/ns/net)" = "{os.readlink('/proc/self/ns/net')}" ] && echo run >> {here}
-            exec /usr/sbin/ebtables-restore "$@"\n""")
-        lines = ["ebtables -N U"] + ["kernel-refuses U" if i in refused else mac_rule(i, "U")
-                                     for i in range(count)]
-        out = sh(*wrapper, DRIVER, "--tools", tools, "--direct", text_in="\n".join(lines) + "\n").stdout
-        fields = dict(field.split("=") for field in out.split())
-        self.assertEqual(int(fields["refused"]), len(refused), out)
-        expected = [mac_rule(i, "U").removeprefix("ebtables ") for i in range(count) if i not in refused]
-        self.assertEqual([line for line in tables() if line.startswith("-A")], expected)
-        with open(here, encoding="ascii") as runs:
-            return len(runs.readlines()), int(fields["processes"])
-
-    def test_all_rules_that_the_kernel_refuses_are_found_and_no_other(self):
-        some = random.Random(3).sample(range(1000), 60)
-        for name, refused in (("first", range(300)), ("last", range(700, 1000)), ("some", some),
-                              ("half", range(0, 1000, 2)), ("all", range(1000)), ("sixteen", range(500, 516)),
-                              ("seventeen", range(500, 517))):
-            with self.subTest(name):
-                here, processes = self.check_kernel_refusals(1000, set(refused))
-                self.assertEqual(here, 2, "the whole, and the whole without what is refused")
-                self.assertLess(processes, 8 + len(refused) / 10)
-
-    def test_refusals_are_found_where_no_namespace_can_be_made(self):
-        here, _ = self.check_kernel_refusals(200, set(range(0, 200, 4)), "setpriv", "--bounding-set=-sys_admin")
-        self.assertGreater(here, 50 / 17, "each run lists sixteen")
-
     def test_what_waited_until_the_clean_up_leaves_nothing(self):
-        tools = self.tools(ebtables_restore="#!/bin/sh\nkill -9 $$\n")
-        queue = Queue(self.folder, tools)
+        held = Queue(self.folder)  # the second one must wait for the first
+        held.send("state")
+        held.answer("ready")
+        queue = Queue(self.folder)
         queue.commit(SETUP + [mac_rule(i) for i in range(10)])
-        self.tools()
+        self.assertNotIn("UserInputRules", str(tables()))
+        held.kill()
         queue.send(*["add " + line for line in CLEANUP], "process")
         queue.finish()
         self.assertNotIn("refused", queue.log())
@@ -294,14 +258,14 @@ class QueueTest(unittest.TestCase):
         queue.commit(SETUP + ["ebtables -P INPUT DROP"] + [mac_rule(i) for i in range(50)])
         queue.kill()
         self.assertIn("-A INPUT -j UserInputRules", tables())
-        tools = self.tools()
-        queue = Queue(self.folder, tools)
+        queue = Queue(self.folder)
+        before_takeover = netfilter.generation()
         queue.commit(SETUP + [mac_rule(99)])
         self.assertEqual(tables().count("-A INPUT -j UserInputRules"), 1)
         self.assertEqual([r for r in tables() if r.startswith("-A UserInputRules")],
                          ["-A UserInputRules -s 02:00:00:00:00:63 -j DROP"])
         self.assertIn(":INPUT ACCEPT", tables())
-        self.assertEqual(self.calls().count("ebtables-restore"), 1)
+        self.assertEqual(netfilter.generation(), before_takeover + 1)
         queue.send(*["add " + line for line in CLEANUP], "process")
         queue.finish()
         self.assertEqual(tables(), before, queue.log())
@@ -368,5 +332,5 @@ if __name__ == "__main__":
     if sh("ebtables-restore", "--noflush", check=False, text_in="*filter\n-N T\nCOMMIT\n").returncode != 0:
         print("skipped: this kernel has no bridge tables")
         sys.exit(SKIP)
-    DRIVER = os.path.abspath(sys.argv.pop(1))
+    Queue.driver = os.path.abspath(sys.argv.pop(1))
     unittest.main(verbosity=2, warnings="ignore")

@@ -60,6 +60,11 @@ class Status(machine.Machine):
         self.startDaemon()
         self.configure(TABLES, WANTED)
 
+    def holdDaemon(self):
+        """What a test spoils is not put back at once."""
+        os.kill(self.daemon.pid, signal.SIGSTOP)
+        self.addCleanup(os.kill, self.daemon.pid, signal.SIGCONT)
+
     def status(self, exitStatus, *words):
         """{what: state} of server, daemon, last commit and kernel tables, and the list of rules."""
         done = run("--format=json", *words)
@@ -153,6 +158,7 @@ class Status(machine.Machine):
         self.assertEqual(counters(CHAIN, 1)[0], 1)
 
     def testWhatIsMissing(self):
+        self.holdDaemon()
         ebtables("-D UserForwardRules", RULE5)
         self.assertEqual(self.notOk(), ("1 missing", [("missing", "UserForwardRules", 1, config.RULES, 5, RULE5)]))
         ebtables("-F", CHAIN)
@@ -162,6 +168,7 @@ class Status(machine.Machine):
         self.assertEqual((row["frames"], row["bytes"]), (None, None), "what is not there counts nothing")
 
     def testAChainThatIsMissing(self):
+        self.holdDaemon()
         ebtables("-D FORWARD -i p1 -o p2 -j", CHAIN)
         ebtables("-D FORWARD -i p2 -o p1 -j", CHAIN)
         ebtables("-F", CHAIN)
@@ -171,6 +178,7 @@ class Status(machine.Machine):
         self.assertIn(("missing", CHAIN, None, config.FILTERS, 9, "policy RETURN"), entries)
 
     def testWhatIsExtra(self):
+        self.holdDaemon()
         ebtables("-I UserForwardRules 1 -i p9 -j DROP")
         ebtables("-N Foreign")
         ebtables("-A Foreign -i p8 -j ACCEPT")
@@ -183,6 +191,7 @@ class Status(machine.Machine):
                          [None, None, 5, 6])
 
     def testWhatIsDifferent(self):
+        self.holdDaemon()
         ebtables("-P INPUT ACCEPT")
         self.assertEqual(self.notOk(), ("1 different", [
             ("different", "INPUT", None, config.MAIN, None, "policy ACCEPT, expected DROP")]))

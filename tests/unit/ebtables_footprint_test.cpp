@@ -61,9 +61,9 @@ TEST(FootprintTest, WhatIsUndoneLeavesNothing)
 TEST(FootprintTest, UndoingTakesOutWhatIsThere)
 {
     EXPECT_THAT(undo(after(setUp), inTable),
-                ElementsAre("-D INPUT -j User", "-D FORWARD -i eth1 -j User", "-D FORWARD -i eth1 -j User",
-                            "-D INPUT --log-level 5 --log-prefix \"Moatkeeper denied: \" -j DROP", "-F Other",
-                            "-F User", "-X Other", "-X User", "-P INPUT ACCEPT"));
+                ElementsAre("-D FORWARD -i eth1 -j User", "-D FORWARD -i eth1 -j User",
+                            "-D INPUT --log-level 5 --log-prefix \"Moatkeeper denied: \" -j DROP", "-D INPUT -j User",
+                            "-F Other", "-F User", "-X Other", "-X User", "-P INPUT ACCEPT"));
 }
 
 TEST(FootprintTest, UndoingLeavesAloneWhatIsNotThereOrNotOurs)

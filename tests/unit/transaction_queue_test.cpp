@@ -4,16 +4,14 @@
 #include "platform_linux/queue/record_file.hpp"
 #include "platform_linux/queue/transaction_queue.hpp"
 #include "tests/unit/captured_descriptor.hpp"
+#include "tests/unit/fake_kernel.hpp"
 #include "tests/unit/scripted_tool.hpp"
 
+#include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <iterator>
-#include <numeric>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -21,13 +19,16 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using testing::SizeIs;
+using testing::Pair;
 using zol::cfg::TransactionQueue;
 using zol::cfg::TransactionQueueOptions;
+using Fault = FakeKernel::Fault;
 using namespace std::chrono_literals;
 
 namespace
 {
+
+using Lines = std::vector<std::string>;
 
 class TransactionQueueTest : public testing::Test
 {
@@ -38,27 +39,24 @@ protected:
         ZOL_Sysloglevel_set(0);
     }
 
-    TransactionQueueOptions options() const
+    void start()
     {
         TransactionQueueOptions options;
         options.tools = m_tool.paths();
         options.recordFolder = m_tool.folder().path("record");
         options.anyForm = true; // what passes the gate is not the matter here
-        options.firstPause = m_firstPause;
-        options.longestPause = 50ms;
-        return options;
+        options.firstPause = 5ms;
+        options.longestPause = 20ms;
+        options.openSocket = m_kernel.opener();
+        m_queue.emplace(options);
     }
-    void start() { m_queue.emplace(options()); }
-    void stop() { m_queue.reset(); }
-
-    int queueLines(std::initializer_list<const char*> lines)
+    int queueLines(const Lines& lines)
     {
-        for (const char* line : lines)
+        for (const std::string& line : lines)
             m_queue->addCommand(line);
         return m_queue->process();
     }
-    // A notification that makes the handler queue one group.
-    void deliver(std::initializer_list<const char*> lines)
+    void deliver(const Lines& lines)
     {
         queueLines(lines);
         m_queue->endDelivery();
@@ -68,373 +66,295 @@ protected:
         std::this_thread::sleep_for(m_queue->retryIn().value_or(0ms));
         m_queue->retry();
     }
-
-    // The inputs of ebtables-restore, without its frame.
-    std::vector<std::string> batches() const
-    {
-        std::vector<std::string> found;
-        for (const std::string& input : m_tool.inputs()) {
-            EXPECT_THAT(input, testing::AllOf(testing::StartsWith("*filter\n"), testing::EndsWith("COMMIT\n")));
-            found.push_back(input.substr(8, input.size() - 15));
-        }
-        return found;
-    }
     bool isRecorded() const { return m_tool.folder().has("record/tables"); }
     std::string log() const { return m_log.text(); }
-
-    // As a process that was killed after these lines leaves it.
-    void leaveRecord(const char* lines) const
+    std::size_t count(const std::string& part) const
     {
-        ebtables::Footprint footprint;
-        for (const ebtables::Command& command : ebtables::parseLine(lines).commands)
-            footprint.note(command);
-        ebtables::RecordFile record(m_tool.folder().path("record"));
-        ASSERT_EQ(record.prepare(), "");
-        ASSERT_EQ(record.write(footprint.toText(ebtables::networkNamespace())), "");
+        const std::string text = log();
+        std::size_t found = 0;
+        for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at)
+            ++found;
+        return found;
     }
 
-    std::chrono::milliseconds m_firstPause = 20ms;
+    FakeKernel m_kernel;
     ScriptedTool m_tool;
     CapturedDescriptor m_log{STDERR_FILENO};
     std::optional<TransactionQueue> m_queue;
 };
 
+const Lines setUp{"ebtables -N U", "ebtables -P U RETURN", "ebtables -A INPUT -j U", "ebtables -A U -i eth0 -j DROP"};
+const Lines cleanUp{"ebtables -D INPUT -j U", "ebtables -X U"};
+
+const auto inKernel =
+    ElementsAre(Pair("INPUT", ElementsAre("ACCEPT", "-j U")), Pair("U", ElementsAre("RETURN", "-i eth0 -j DROP")));
+
 TEST_F(TransactionQueueTest, GroupsWaitForTheEndOfTheDelivery)
 {
     start();
-    EXPECT_EQ(queueLines({"ebtables -N U", "ebtables -A INPUT -j U"}), 0);
-    EXPECT_EQ(queueLines({"ebtables -A U -i eth0 -j DROP"}), 0);
-    EXPECT_EQ(queueLines({}), 0);
-    EXPECT_THAT(batches(), IsEmpty());
+    EXPECT_EQ(queueLines({setUp[0], setUp[1]}), 0);
+    EXPECT_EQ(queueLines({setUp[2], setUp[3]}), 0);
+    EXPECT_EQ(m_kernel.batches(), 0U);
     m_queue->endDelivery();
-    EXPECT_THAT(batches(), ElementsAre("-N U\n-A INPUT -j U\n-A U -i eth0 -j DROP\n"));
+    EXPECT_EQ(m_kernel.batches(), 1U);
+    EXPECT_THAT(m_kernel.tables(), inKernel);
     EXPECT_TRUE(isRecorded());
     EXPECT_EQ(m_queue->retryIn(), std::nullopt);
-    EXPECT_EQ(log(), "queue:103: ebtables 1.8.9 (nf_tables): each commit is one transaction\n");
+    EXPECT_EQ(log(), "queue:103: each commit is one transaction of nf_tables\n");
 }
 
-TEST_F(TransactionQueueTest, WithoutLinesNothingIsStarted)
+TEST_F(TransactionQueueTest, WithoutLinesNothingIsDone)
 {
     start();
     deliver({});
     deliver({"", "   "});
-    m_queue->retry();
-    stop();
-    EXPECT_THAT(batches(), IsEmpty());
+    EXPECT_EQ(m_kernel.batches(), 0U);
     EXPECT_FALSE(isRecorded());
 }
 
-TEST_F(TransactionQueueTest, AGroupThatIsNotClosedWaitsForTheNextDelivery)
+TEST_F(TransactionQueueTest, OnlyWhatChangesIsSent)
 {
     start();
-    m_queue->addCommand("ebtables -F INPUT");
-    m_queue->endDelivery();
-    EXPECT_THAT(batches(), IsEmpty());
-    deliver({"ebtables -F FORWARD"});
-    EXPECT_THAT(batches(), ElementsAre("-F INPUT\n-F FORWARD\n"));
+    deliver(setUp);
+    Lines refill{"ebtables -F U"};
+    for (int i = 0; i < 100; ++i)
+        refill.push_back("ebtables -A U -i p" + std::to_string(i) + " -j DROP");
+    deliver(refill);
+    deliver(refill);
+    EXPECT_EQ(m_kernel.batches(), 2U) << "the same again is nothing";
+    refill[50] = "ebtables -A U -i other -j DROP";
+    deliver(refill);
+    EXPECT_EQ(m_kernel.lastMessages(), 2U) << "one goes, one comes";
+    EXPECT_EQ(m_kernel.tables().at("U")[50], "-i other -j DROP");
+    std::swap(refill[10], refill[90]);
+    deliver(refill);
+    EXPECT_EQ(m_kernel.lastMessages(), 4U) << "two change places";
+    EXPECT_EQ(m_kernel.tables().at("U")[10], "-i p89 -j DROP");
+    EXPECT_EQ(m_kernel.tables().at("U")[90], "-i p9 -j DROP");
 }
 
-TEST_F(TransactionQueueTest, TheCleanUpIsCarriedOutWhenTheOwnerGoes)
+TEST_F(TransactionQueueTest, TheCleanUpIsOneTransactionAndLeavesNothing)
 {
     start();
-    deliver({"ebtables -N U", "ebtables -P INPUT DROP"});
-    queueLines({"ebtables -X U"});
-    m_queue->addCommand("ebtables -P INPUT ACCEPT"); // not even closed
-    EXPECT_THAT(batches(), SizeIs(1));
-    stop();
-    EXPECT_THAT(batches(), ElementsAre("-N U\n-P INPUT DROP\n", "-F U\n-X U\n-P INPUT ACCEPT\n"));
-    EXPECT_FALSE(isRecorded()) << "nothing is left";
+    deliver(setUp);
+    queueLines(cleanUp);
+    m_queue.reset();
+    EXPECT_EQ(m_kernel.batches(), 2U);
+    EXPECT_THAT(m_kernel.tables(), ElementsAre(Pair("INPUT", ElementsAre("ACCEPT"))));
+    EXPECT_FALSE(isRecorded());
+}
+
+TEST_F(TransactionQueueTest, ARefusedLineCostsItselfAndIsToldOnce)
+{
+    start();
+    deliver(setUp);
+    const Lines refill{"ebtables -F U", "ebtables -A U -i eth1 -j DROP", "ebtables -A U -s broken -j DROP",
+                       "ebtables -A Missing -j DROP", "ebtables -A U -j Missing"};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(queueLines(refill), -1);
+        m_queue->endDelivery();
+    }
+    EXPECT_THAT(m_kernel.tables().at("U"), ElementsAre("RETURN", "-i eth1 -j DROP"));
+    EXPECT_EQ(count("queue:101:"), 1U) << log();
+    EXPECT_EQ(count("queue:110:"), 2U) << log();
+    deliver({"ebtables -F U", "ebtables -A U -i eth1 -j DROP"});
+    EXPECT_THAT(log(), HasSubstr("queue:115: not refused any more, or gone: \"ebtables -A U -s broken -j DROP\""));
+    deliver(refill);
+    EXPECT_EQ(count("queue:101:"), 2U) << log();
+}
+
+TEST_F(TransactionQueueTest, WhatTheKernelRefusesIsDroppedAndTheRestGoesIn)
+{
+    start();
+    deliver(setUp);
+    m_kernel.fail({Fault::Kind::Error, EINVAL, 1, 1}); // 0 takes the old rule out
+    deliver({"ebtables -F U", "ebtables -A U -i eth1 -j DROP", "ebtables -A U -i eth2 -j DROP"});
+    EXPECT_THAT(m_kernel.tables().at("U"), ElementsAre("RETURN", "-i eth2 -j DROP"));
+    EXPECT_THAT(log(), HasSubstr("queue:110: the kernel refused \"ebtables -A U -i eth1 -j DROP\": Invalid argument"));
+    EXPECT_EQ(m_queue->retryIn(), std::nullopt);
+}
+
+TEST_F(TransactionQueueTest, WhatWaitsIsWhatIsWanted)
+{
+    start();
+    deliver(setUp);
+    m_kernel.fail({Fault::Kind::BatchError, EPERM, std::nullopt, 1000});
+    const unsigned before = m_kernel.batches();
+    for (int i = 0; i < 500; ++i)
+        deliver({"ebtables -F U", "ebtables -A U -i p" + std::to_string(i) + " -j DROP", "ebtables -P INPUT DROP",
+                 "ebtables -P INPUT ACCEPT"});
+    EXPECT_LT(m_kernel.batches() - before, 100U) << "a pause, growing";
+    EXPECT_EQ(count("queue:111:"), 1U) << log();
+    EXPECT_THAT(log(), HasSubstr("Operation not permitted; run as root or with CAP_NET_ADMIN. Nothing is lost"));
+    m_kernel.fail({Fault::Kind::Error, 0, std::nullopt, 0});
+    waitAndRetry();
+    EXPECT_THAT(m_kernel.tables().at("U"), ElementsAre("RETURN", "-i p499 -j DROP"));
+    EXPECT_EQ(m_kernel.lastMessages(), 2U);
+    EXPECT_EQ(m_queue->retryIn(), std::nullopt);
+    EXPECT_THAT(log(), HasSubstr("queue:108:"));
+}
+
+// Each message of a batch that makes, fills and takes out chains meets each mishap: in the end all is there, once.
+TEST_F(TransactionQueueTest, NothingIsLostOrDoubledWhateverTheAnswer)
+{
+    const Lines change{"ebtables -D INPUT -j U", "ebtables -X U",           "ebtables -N V",
+                       "ebtables -P V DROP",     "ebtables -A V -j ACCEPT", "ebtables -I INPUT 1 -j V",
+                       "ebtables -P INPUT DROP"};
+    const auto after =
+        ElementsAre(Pair("INPUT", ElementsAre("DROP", "-j V")), Pair("V", ElementsAre("DROP", "-j ACCEPT")));
+    const std::vector<Fault> faults = [] {
+        std::vector<Fault> all;
+        for (const int error : {EPERM, ENOMEM, ENOBUFS, EINTR, 85 /* ERESTART */}) {
+            for (std::size_t message = 0; message < 10; ++message)
+                all.push_back({Fault::Kind::Error, error, message, 1});
+            all.push_back({Fault::Kind::BatchError, error, std::nullopt, 1});
+            all.push_back({Fault::Kind::SendError, error, std::nullopt, 1});
+        }
+        for (const auto kind : {Fault::Kind::NoAnswer, Fault::Kind::Overrun, Fault::Kind::Cut, Fault::Kind::Lie}) {
+            for (const unsigned times : {1U, 2U, 5U})
+                all.push_back({kind, 0, std::nullopt, times});
+        }
+        return all;
+    }();
+    for (const Fault& fault : faults) {
+        SCOPED_TRACE(testing::Message() << "kind " << static_cast<int>(fault.kind) << " error " << fault.error
+                                        << " message " << fault.message.value_or(99) << " times " << fault.times);
+        m_kernel = FakeKernel();
+        start();
+        deliver(setUp);
+        m_kernel.fail(fault);
+        deliver(change);
+        for (int i = 0; i < 100 && m_queue->retryIn(); ++i) {
+            EXPECT_THAT(m_kernel.tables(), testing::AnyOf(inKernel, after)) << "never a part";
+            waitAndRetry();
+        }
+        EXPECT_THAT(m_kernel.tables(), after);
+        EXPECT_THAT(log(), Not(HasSubstr("refused")));
+        queueLines({"ebtables -D INPUT -j V", "ebtables -X V", "ebtables -P INPUT ACCEPT"});
+        m_queue.reset();
+        EXPECT_THAT(m_kernel.tables(), ElementsAre(Pair("INPUT", ElementsAre("ACCEPT"))));
+    }
+}
+
+TEST_F(TransactionQueueTest, OthersWhoChangeOtherTablesAreNoHindrance)
+{
+    start();
+    deliver(setUp);
+    m_kernel.interfere(50);
+    deliver({"ebtables -A U -i eth1 -j DROP"});
+    EXPECT_THAT(m_kernel.tables().at("U"), ElementsAre("RETURN", "-i eth0 -j DROP", "-i eth1 -j DROP"));
+    EXPECT_EQ(m_queue->retryIn(), std::nullopt);
+}
+
+TEST_F(TransactionQueueTest, WhatOthersTookOutComesBackWithTheNextCommit)
+{
+    start();
+    deliver(setUp);
+    m_kernel.flush("INPUT");
+    m_kernel.removeChain("U");
+    deliver({"ebtables -A U -i eth1 -j DROP"});
+    EXPECT_THAT(m_kernel.tables(), ElementsAre(Pair("INPUT", ElementsAre("ACCEPT", "-j U")),
+                                               Pair("U", ElementsAre("RETURN", "-i eth0 -j DROP", "-i eth1 -j DROP"))));
+    EXPECT_THAT(log(), HasSubstr("queue:116: another program changed moatkeeper's part of the bridge tables, which is "
+                                 "put back: jumps or rules of ours in INPUT were changed (0 instead of 1), chain U was "
+                                 "gone\n"));
+}
+
+TEST_F(TransactionQueueTest, WhatAKilledProcessLeftIsTakenOverInTheFirstTransaction)
+{
+    start();
+    deliver(setUp);
+    deliver({"ebtables -P FORWARD DROP"});
+    const std::string record = m_tool.folder().read("record/tables");
+    m_queue.reset(); // without a clean-up, as after a kill
+    EXPECT_EQ(m_tool.folder().read("record/tables"), record);
+    const unsigned before = m_kernel.batches();
+    start();
+    EXPECT_THAT(log(), HasSubstr("queue:106:"));
+    deliver({setUp[0], setUp[1], setUp[2], "ebtables -A U -i eth9 -j DROP"});
+    EXPECT_EQ(m_kernel.batches(), before + 1);
+    EXPECT_THAT(m_kernel.tables(),
+                ElementsAre(Pair("FORWARD", ElementsAre("ACCEPT")), Pair("INPUT", ElementsAre("ACCEPT", "-j U")),
+                            Pair("U", ElementsAre("RETURN", "-i eth9 -j DROP"))));
+}
+
+TEST_F(TransactionQueueTest, WithoutACommitWhatAKilledProcessLeftIsTakenOut)
+{
+    start();
+    deliver(setUp);
+    m_queue.reset();
+    start();
+    m_queue.reset();
+    EXPECT_THAT(m_kernel.tables(), ElementsAre(Pair("INPUT", ElementsAre("ACCEPT"))));
+    EXPECT_FALSE(isRecorded());
 }
 
 TEST_F(TransactionQueueTest, AnExceptionBeforeTheFirstCommitLeavesWhatAKilledProcessLeft)
 {
-    leaveRecord("ebtables -P INPUT DROP");
+    start();
+    deliver(setUp);
+    m_queue.reset();
     try {
-        const TransactionQueue queue(options());
+        start();
+        struct AtTheEnd {
+            std::optional<TransactionQueue>& queue;
+            ~AtTheEnd() { queue.reset(); }
+        };
+        const AtTheEnd gone{m_queue};
         throw std::runtime_error("no configuration");
     } catch (const std::runtime_error&) {
     }
-    EXPECT_THAT(batches(), IsEmpty());
+    EXPECT_THAT(m_kernel.tables(), inKernel);
     EXPECT_TRUE(isRecorded()) << "for the next start";
 }
 
-TEST_F(TransactionQueueTest, ALineThatIsNoneOfEbtablesIsRefused)
+TEST_F(TransactionQueueTest, AUsedTableOfOthersIsLeftAlone)
 {
     start();
-    EXPECT_EQ(queueLines({"ebtables -F INPUT", "ebtables -F INPUT; id", "ebtables -P INPUT "}), -1);
-    EXPECT_EQ(queueLines({"ebtables -F FORWARD"}), 0) << "the next group is another one";
-    m_queue->endDelivery();
-    EXPECT_THAT(batches(), ElementsAre("-F INPUT\n-F FORWARD\n"));
-    EXPECT_THAT(log(), HasSubstr("queue:101: refused \"ebtables -F INPUT; id\": "));
-    EXPECT_THAT(log(), HasSubstr("queue:101: refused \"ebtables -P INPUT \": -P needs a policy"));
-}
-
-TEST_F(TransactionQueueTest, WhatTheToolRefusesIsLoggedWithItsLine)
-{
-    m_tool.onSave("printf '*filter\\n:INPUT ACCEPT\\n:FORWARD ACCEPT\\n'");
-    m_tool.onRestore(R"(line=$(grep -n -m1 bad "$input") || exit 0
-        echo "ebtables-restore: line ${line%%:*} failed: Not you." >&2; exit 1)");
+    deliver({"ebtables -N Theirs", "ebtables -A FORWARD -j Theirs", "ebtables -A FORWARD -i e -j DROP"});
+    m_queue.reset();
+    std::filesystem::remove(m_tool.folder().path("record/tables")); // they are somebody else's now
     start();
-    deliver({"ebtables -A INPUT -i eth0 -j DROP", "ebtables  -A INPUT -i bad0 -j DROP",
-             "ebtables -A INPUT -i eth1 -j DROP; ebtables -A FORWARD -i bad1 -j DROP"});
-    EXPECT_EQ(batches().back(), "-A INPUT -i eth0 -j DROP\n-A INPUT -i eth1 -j DROP\n");
-    EXPECT_THAT(log(), HasSubstr("queue:110: the tool refused \"ebtables  -A INPUT -i bad0 -j DROP\": Not you.\n"));
-    EXPECT_THAT(log(), HasSubstr("queue:110: the tool refused \"ebtables -A INPUT -i eth1 -j DROP; ebtables -A FORWARD "
-                                 "-i bad1 -j DROP\", of it \"ebtables -A FORWARD -i bad1 -j DROP\": Not you.\n"));
-    EXPECT_THAT(m_tool.folder().read("record/tables"), Not(HasSubstr("bad"))) << "it is not in the tables";
+    deliver({"ebtables -N Theirs", "ebtables -N U", "ebtables -I FORWARD 1 -j U"});
+    EXPECT_THAT(log(), HasSubstr("refused \"ebtables -N Theirs\": Chain already exists."));
+    EXPECT_THAT(m_kernel.tables().at("FORWARD"), ElementsAre("ACCEPT", "-j U", "-j Theirs", "-i e -j DROP"));
+    queueLines({"ebtables -D FORWARD -j U", "ebtables -X U"});
+    m_queue.reset();
+    EXPECT_THAT(m_kernel.tables(), ElementsAre(Pair("FORWARD", ElementsAre("ACCEPT", "-j Theirs", "-i e -j DROP")),
+                                               Pair("Theirs", ElementsAre("ACCEPT"))));
 }
 
-TEST_F(TransactionQueueTest, WhileTheToolCannotRunEverythingWaitsInOrder)
+TEST_F(TransactionQueueTest, ALegacyToolIsRunForEachLine)
 {
-    m_firstPause = 300ms; // longer than all that follows before the first try again
-    m_tool.onRestore("kill -9 $$");
+    m_tool.onVersion("case $1 in --version) echo 'ebtables v2.0.11 (legacy)';; *) echo \"$*\" >> " +
+                     m_tool.folder().path("calls") + ";; esac");
     start();
-    deliver({"ebtables -N U", "ebtables -A U -i eth0 -j DROP"});
-    m_queue->retry(); // before its time
-    deliver({"ebtables -F INPUT"});
-    EXPECT_THAT(batches(), SizeIs(1)) << "nothing newer goes first";
-    waitAndRetry();
-    m_tool.onRestore("");
-    deliver({"ebtables -F FORWARD"});
-    waitAndRetry();
-    EXPECT_THAT(batches(), ElementsAre("-N U\n-A U -i eth0 -j DROP\n", "-N U\n-A U -i eth0 -j DROP\n-F INPUT\n",
-                                       "-N U\n-A U -i eth0 -j DROP\n-F INPUT\n-F FORWARD\n"));
-    EXPECT_EQ(m_queue->retryIn(), std::nullopt);
-    EXPECT_THAT(log(), HasSubstr("queue:111: the bridge tables cannot be changed: " + m_tool.paths().restore +
-                                 " was killed by signal 9 (Killed); is there memory enough?. Nothing is lost; it is "
-                                 "tried again\nqueue:108: the bridge tables can be changed again"));
-}
-
-TEST_F(TransactionQueueTest, ThePausesGrowUpToTheLongest)
-{
-    const std::string fail = "date +%s%N >> " + m_tool.folder().path("times") + "; kill -9 $$";
-    m_tool.onRestore(fail);
-    start();
-    deliver({"ebtables -F INPUT"});
-    for (const auto pause : {20ms, 40ms, 50ms, 50ms}) {
-        EXPECT_LE(m_queue->retryIn().value(), pause);
-        waitAndRetry();
-    }
-    m_tool.onRestore("");
-    waitAndRetry();
-    m_tool.onRestore(fail);
-    deliver({"ebtables -F INPUT"});
-    EXPECT_LE(m_queue->retryIn().value(), 20ms) << "success starts it anew";
-    stop();
-    EXPECT_THAT(log(), HasSubstr("queue:102: moatkeeper's rules stay in the bridge tables"));
-
-    std::istringstream text(m_tool.folder().read("times"));
-    std::vector<long long> times{std::istream_iterator<long long>(text), {}};
-    std::adjacent_difference(times.begin(), times.end(), times.begin());
-    using std::chrono::nanoseconds;
-    ASSERT_THAT(times, SizeIs(7));
-    EXPECT_GE(nanoseconds(times[1]), 20ms);
-    EXPECT_GE(nanoseconds(times[2]), 40ms);
-    EXPECT_GE(nanoseconds(times[3]), 50ms);
-    EXPECT_GE(nanoseconds(times[4]), 50ms);
-}
-
-TEST_F(TransactionQueueTest, ANewReasonIsLoggedAnOldOneIsNot)
-{
-    m_tool.onRestore("kill -9 $$");
-    start();
-    deliver({"ebtables -F INPUT"});
-    waitAndRetry();
-    m_tool.removeRestore();
-    waitAndRetry();
-    waitAndRetry();
-    std::size_t lines = 0;
-    for (std::size_t at = 0; (at = log().find("queue:111:", at)) != std::string::npos; ++at)
-        ++lines;
-    EXPECT_EQ(lines, 2U) << log();
-}
-
-TEST_F(TransactionQueueTest, WhatWaitsDoesNotGrowWithRepeatedRefills)
-{
-    m_tool.onRestore("kill -9 $$");
-    start();
-    for (const char* rule :
-         {"ebtables -A U -i eth1 -j DROP", "ebtables -A U -i eth2 -j DROP", "ebtables -A U -i eth3 -j DROP"}) {
-        deliver({"ebtables -F U", rule, "ebtables -A U -j Other"});
-        waitAndRetry();
-    }
-    m_tool.onRestore("");
-    waitAndRetry();
-    EXPECT_EQ(batches().back(), "-A U -j Other\n-A U -j Other\n-F U\n-A U -i eth3 -j DROP\n-A U -j Other\n");
-}
-
-TEST_F(TransactionQueueTest, ADoneTransactionIsNotRepeated)
-{
-    // The chain is made and deleted: two transactions, of which the second one fails.
-    m_tool.onRestore(R"(grep -q -e "-X U" "$input" && kill -9 $$; exit 0)");
-    start();
-    deliver({"ebtables -N U", "ebtables -X U", "ebtables -F INPUT"});
-    m_tool.onRestore("");
-    waitAndRetry();
-    EXPECT_THAT(batches(), ElementsAre("-N U\n", "-F U\n-X U\n-F INPUT\n", "-F U\n-X U\n-F INPUT\n"));
-}
-
-TEST_F(TransactionQueueTest, AHungToolIsGivenUp)
-{
-    m_tool.onRestore("exec sleep 1000");
-    TransactionQueueOptions impatient = options();
-    impatient.limits.time = 2s; // enough for all that is to end, on a machine with other work as well
-    m_queue.emplace(impatient);
-    deliver({"ebtables -F INPUT"});
-    EXPECT_THAT(log(), HasSubstr("did not end within 2000 ms and was killed"));
-    m_tool.onRestore("");
-    for (int tries = 0; m_queue->retryIn() && tries < 20; ++tries) // on a busy machine a good one may be late, too
-        waitAndRetry();
-    EXPECT_EQ(m_queue->retryIn(), std::nullopt);
-    EXPECT_EQ(batches().back(), "-F INPUT\n");
-}
-
-TEST_F(TransactionQueueTest, ACommitThatNeedsSeveralTransactionsSaysSo)
-{
-    m_tool.onRestore(R"([ $(wc -l < "$input") -le 3 ] || { echo "sendmsg() failed: Message too long" >&2; exit 1; })");
-    start();
-    deliver({"ebtables -F INPUT", "ebtables -F FORWARD"});
-    EXPECT_THAT(batches(), ElementsAre("-F INPUT\n-F FORWARD\n", "", "-F INPUT\n", "-F FORWARD\n"));
-    EXPECT_THAT(log(),
-                HasSubstr("queue:114: this commit was not one transaction: sendmsg() failed: Message too long\n"));
-}
-
-TEST_F(TransactionQueueTest, WhatAKilledProcessLeftGoesWithTheFirstCommit)
-{
-    leaveRecord("ebtables -N U; ebtables -N Gone; ebtables -A INPUT -j U; ebtables -P FORWARD DROP");
-    m_tool.onSave("printf '*filter\\n:INPUT ACCEPT\\n:FORWARD DROP\\n:U RETURN\\n:Theirs RETURN\\n-A INPUT -j U\\n'");
-    start();
-    EXPECT_THAT(log(), HasSubstr("queue:106: a process that was killed left rules"));
-    deliver({"ebtables -N U", "ebtables -A INPUT -j U"});
-    EXPECT_THAT(batches(), ElementsAre("-D INPUT -j U\n-F U\n-F U\n-X U\n-P FORWARD ACCEPT\n-N U\n-A INPUT -j U\n"));
-    deliver({"ebtables -F U"});
-    EXPECT_THAT(batches(), SizeIs(2));
-    EXPECT_EQ(batches().back(), "-F U\n") << "once";
-}
-
-TEST_F(TransactionQueueTest, WhatAKilledProcessLeftGoesWithoutACommit)
-{
-    leaveRecord("ebtables -N U; ebtables -A INPUT -j U");
-    m_tool.onSave("printf '*filter\\n:INPUT ACCEPT\\n:U RETURN\\n-A INPUT -j U\\n'");
-    start();
-    stop();
-    EXPECT_THAT(batches(), ElementsAre("-D INPUT -j U\n-F U\n-F U\n-X U\n"));
-    EXPECT_FALSE(isRecorded());
-}
-
-TEST_F(TransactionQueueTest, WhatAKilledProcessLeftIsKeptInMindWhileTheTablesCannotBeRead)
-{
-    leaveRecord("ebtables -N U");
-    m_tool.onSave("echo 'Permission denied' >&2; exit 1");
-    start();
-    deliver({"ebtables -F INPUT"});
-    EXPECT_THAT(batches(), IsEmpty());
-    EXPECT_THAT(log(), HasSubstr("ebtables-save ended with status 1: Permission denied"));
+    deliver(setUp);
+    EXPECT_EQ(m_tool.folder().read("calls"), "-N U\n-P U RETURN\n-A INPUT -j U\n-A U -i eth0 -j DROP\n");
+    EXPECT_EQ(m_kernel.batches(), 0U);
+    EXPECT_THAT(log(), HasSubstr("queue:104: ebtables v2.0.11 (legacy) knows no transactions"));
     EXPECT_TRUE(isRecorded());
-    m_tool.onSave("printf '*filter\\n:INPUT ACCEPT\\n:U RETURN\\n'");
-    waitAndRetry();
-    EXPECT_THAT(batches(), ElementsAre("-F U\n-F U\n-X U\n-F INPUT\n"));
-}
-
-TEST_F(TransactionQueueTest, LeftoversThatTheToolRefusesToTakeOutAreAWarning)
-{
-    leaveRecord("ebtables -N U");
-    m_tool.onSave("printf '*filter\\n:INPUT ACCEPT\\n:U RETURN\\n'");
-    m_tool.onRestore(R"(line=$(grep -n -m1 -e "^-X U" "$input") || exit 0
-        echo "ebtables-restore: line ${line%%:*} failed: Busy." >&2; exit 1)");
-    start();
-    deliver({"ebtables -F INPUT"});
-    EXPECT_EQ(batches().back(), "-F U\n-F INPUT\n");
-    EXPECT_THAT(log(), HasSubstr("queue:109: cannot take out what a killed process left, \"-X U\": Busy.\n"));
-}
-
-TEST_F(TransactionQueueTest, ADamagedRecordIsReportedAndIgnored)
-{
-    leaveRecord("ebtables -N U");
-    m_tool.folder().write("record/tables", m_tool.folder().read("record/tables").substr(3));
-    m_tool.onSave("printf '*filter\\n:INPUT ACCEPT\\n:U RETURN\\n'");
-    start();
-    stop();
-    EXPECT_THAT(log(), HasSubstr("queue:107: the record " + m_tool.folder().path("record/tables") +
-                                 " is ignored: damaged: its checksum does not fit\n"));
-    EXPECT_THAT(batches(), IsEmpty());
-}
-
-TEST_F(TransactionQueueTest, WithoutARecordItWorksAllTheSame)
-{
-    m_tool.folder().write("record", "no folder");
-    start();
-    EXPECT_THAT(log(), HasSubstr("queue:105: " + m_tool.folder().path("record") +
-                                 " is no folder; after a kill of this "
-                                 "process its rules will have to be "
-                                 "removed by hand\n"));
-    deliver({"ebtables -N U"});
-    EXPECT_THAT(batches(), ElementsAre("-N U\n"));
-}
-
-TEST_F(TransactionQueueTest, ARecordThatCannotBeWrittenIsAWarning)
-{
-    start();
-    std::filesystem::create_directories(m_tool.folder().path("record/tables.new/full"));
-    deliver({"ebtables -N U"});
-    EXPECT_THAT(batches(), ElementsAre("-N U\n"));
-    EXPECT_THAT(log(), HasSubstr("queue:112: cannot write " + m_tool.folder().path("record/tables.new: ")));
-}
-
-TEST_F(TransactionQueueTest, WhileAnotherOneIsAtWorkNothingIsDone)
-{
-    std::optional<ebtables::RecordFile> other(m_tool.folder().path("record"));
-    ASSERT_EQ(other->prepare(), "");
-    ASSERT_TRUE(other->lock());
-    start();
-    deliver({"ebtables -F INPUT"});
-    EXPECT_THAT(batches(), IsEmpty());
-    EXPECT_THAT(log(), HasSubstr("another moatkeeper process, or a child of a killed one, is still at work in "));
-    other.reset();
-    waitAndRetry();
-    EXPECT_THAT(batches(), ElementsAre("-F INPUT\n"));
-}
-
-TEST_F(TransactionQueueTest, AToolWithoutTransactionsGetsLineByLine)
-{
-    m_tool.onVersion("[ \"$1\" = --version ] && echo 'ebtables v2.0.10.4 (legacy)' && exit\necho \"$@\" >> " +
-                     m_tool.folder().path("lines"));
-    start();
-    EXPECT_EQ(log(), "queue:104: ebtables v2.0.10.4 (legacy) knows no transactions: commits are not atomic, lines are "
-                     "run one at a time\n");
-    deliver({"ebtables -N U", "ebtables -A INPUT -j U"});
-    EXPECT_EQ(m_tool.folder().read("lines"), "-N U\n-A INPUT -j U\n");
-    EXPECT_THAT(batches(), IsEmpty());
-}
-
-TEST_F(TransactionQueueTest, AToolThatIsInstalledLaterIsFound)
-{
-    m_tool.onVersion("exit 1");
-    start();
-    EXPECT_EQ(log(), "");
-    m_tool.onVersion("echo 'ebtables 1.8.9 (nf_tables)'");
-    deliver({"ebtables -F INPUT"});
-    EXPECT_EQ(log(), "queue:103: ebtables 1.8.9 (nf_tables): each commit is one transaction\n");
-}
-
-TEST_F(TransactionQueueTest, AStopSignalEndsTheWaitAndTheCleanUpFollows)
-{
-    struct sigaction action = {};
-    struct sigaction before = {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGTERM, &action, &before);
-    m_tool.onRestore("kill -TERM $PPID; exec sleep 1000");
-    TransactionQueueOptions quick = options();
-    quick.limits.afterStop = 30ms;
-    m_queue.emplace(quick);
-    deliver({"ebtables -N U"});
-    m_tool.onRestore("");
-    queueLines({"ebtables -X U"});
-    stop();
-    sigaction(SIGTERM, &before, nullptr);
-    EXPECT_THAT(log(), HasSubstr("was killed because a stop signal came"));
-    EXPECT_THAT(batches(), ElementsAre("-N U\n", "-N U\n", "-F U\n-X U\n"));
+    queueLines(cleanUp);
+    m_queue.reset();
     EXPECT_FALSE(isRecorded());
+}
+
+TEST_F(TransactionQueueTest, ALegacyToolThatCannotRunKeepsItsLines)
+{
+    const std::string calls = m_tool.folder().path("calls");
+    const auto version = [&](const std::string& rest) {
+        m_tool.onVersion("case $1 in --version) echo 'ebtables v2.0.11 (legacy)'; exit;; esac\n" + rest);
+    };
+    version("echo 'Operation not permitted' >&2; exit 255");
+    start();
+    deliver(setUp);
+    EXPECT_THAT(log(), HasSubstr("queue:111:"));
+    EXPECT_THAT(log(), HasSubstr("run as root or with CAP_NET_ADMIN"));
+    version("echo \"$*\" >> " + calls + "; case $* in *eth0*) echo 'bad luck' >&2; exit 255;; esac");
+    waitAndRetry();
+    EXPECT_EQ(m_tool.folder().read("calls"), "-N U\n-P U RETURN\n-A INPUT -j U\n-A U -i eth0 -j DROP\n");
+    EXPECT_THAT(log(), HasSubstr("queue:110: the tool refused \"ebtables -A U -i eth0 -j DROP\": bad luck"));
+    EXPECT_EQ(m_queue->retryIn(), std::nullopt);
 }
 
 } // namespace

@@ -1,0 +1,488 @@
+#include "platform_linux/queue/kernel_tables.hpp"
+
+#include "ebtables/line_parser.hpp"
+#include "platform_linux/queue/difference.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+#include <unordered_map>
+#include <utility>
+
+namespace zol::cfg
+{
+
+namespace
+{
+
+using Kind = Change::Kind;
+using nftables::Answer;
+
+constexpr unsigned maxReads = 12;  // while others change the tables all the time
+constexpr unsigned namedTries = 3; // then the generation is not named any more
+constexpr unsigned maxTries = 40;
+constexpr unsigned maxUnclear = 3;
+constexpr std::size_t mostEchoes = 256; // more handles are cheaper to read
+
+// Whether two reads found the same.
+bool sameRules(const TableImage& a, const TableImage& b)
+{
+    return a.table == b.table && std::ranges::equal(a.chains, b.chains, [](const auto& left, const auto& right) {
+               const ImageChain& l = left.second;
+               const ImageChain& r = right.second;
+               return left.first == right.first && l.builtIn == r.builtIn && l.present == r.present &&
+                      l.policy == r.policy && l.policyHandle == r.policyHandle &&
+                      std::ranges::equal(l.rules, r.rules, {}, &ImageRule::handle, &ImageRule::handle);
+           });
+}
+
+std::string describe(const Change& change, const TableImage& wanted)
+{
+    const ImageChain* chain = wanted.find(change.chain);
+    switch (change.kind) {
+    case Kind::AddRule:
+        return "-A " + change.chain + ' ' + *chain->rules[change.index].text;
+    case Kind::AddBuiltIn:
+    case Kind::SetPolicy:
+    case Kind::AddChainPolicy:
+        return "-P " + change.chain + ' ' + chain->policy;
+    case Kind::AddChain:
+        return "-N " + change.chain;
+    case Kind::DeleteChain:
+        return "-X " + change.chain;
+    case Kind::DeleteRules:
+        return "-F " + change.chain;
+    default:
+        return "-D " + change.chain;
+    }
+}
+
+} // namespace
+
+KernelTables::KernelTables(RulePool& pool, std::function<void()> beforeChange, nftables::SocketOpener opener)
+    : m_pool(pool), m_beforeChange(std::move(beforeChange)), m_connection(std::move(opener))
+{
+}
+
+ebtables::Footprint KernelTables::footprint() const
+{
+    ebtables::Footprint result = m_wanted.footprint();
+    result.unite(m_actual.footprint());
+    result.unite(m_leftover);
+    return result;
+}
+
+bool KernelTables::isOwn(std::uint32_t generation) const
+{
+    return generation == m_ownGeneration ||
+           (m_isKnown && m_sureOfGeneration && static_cast<std::int32_t>(generation - m_generation) <= 0);
+}
+
+void KernelTables::collectTexts(const std::function<void(RulePool::Text)>& use) const
+{
+    for (const TableImage* image : {&m_wanted, &m_actual}) {
+        for (const auto& [name, chain] : image->chains) {
+            for (const ImageRule& rule : chain.rules) {
+                use(rule.text);
+                use(rule.jump);
+            }
+        }
+    }
+}
+
+// One look at the tables. Rules that were known before are not worked out again: the kernel never changes one.
+bool KernelTables::read(TableImage& image, std::uint32_t& generation, bool& settled, std::string& reason)
+{
+    image = TableImage::untouched();
+    nftables::Result result = m_connection.generation();
+    std::vector<nftables::ChainView> chains;
+    if (result.answer == Answer::Done) {
+        generation = *result.generation;
+        result = m_connection.readChains(chains, image.table);
+    }
+    if (result.answer != Answer::Done) {
+        reason = result.reason;
+        return false;
+    }
+    for (nftables::ChainView& found : chains) {
+        if (found.foreign) // a chain with a hook that the tool would not give it
+            found.builtIn = false;
+        ImageChain& chain = image.chains[found.name];
+        chain.builtIn = found.builtIn;
+        chain.present = true;
+        chain.policy = found.builtIn ? found.policy : "RETURN";
+    }
+    std::unordered_map<std::uint64_t, const ImageRule*> known;
+    std::unordered_map<std::uint64_t, const std::string*> knownPolicies;
+    if (m_everRead && m_actual.table == image.table) {
+        for (const auto& [name, chain] : m_actual.chains) {
+            for (const ImageRule& rule : chain.rules)
+                known.emplace(rule.handle, &rule);
+            knownPolicies.emplace(chain.policyHandle, &chain.policy);
+        }
+    }
+    nftables::Expressions expressions;
+    result = m_connection.readRules(
+        [&](const nftables::RuleView& rule) {
+            ImageChain* chain = image.find(rule.chain);
+            if (chain == nullptr)
+                return;
+            if (chain->policyHandle != 0) { // what stands behind it makes it an ordinary rule
+                chain->rules.push_back({nullptr, nullptr, chain->policyHandle, false});
+                chain->policyHandle = 0;
+                chain->policy = "RETURN";
+            }
+            const bool isPolicy = rule.isChainPolicy && !chain->builtIn;
+            if (const auto policy = knownPolicies.find(rule.handle); isPolicy && policy != knownPolicies.end()) {
+                chain->policyHandle = rule.handle;
+                chain->policy = *policy->second;
+                return;
+            }
+            if (const auto found = known.find(rule.handle); !isPolicy && found != known.end()) {
+                chain->rules.push_back({found->second->text, found->second->jump, rule.handle, false});
+                return;
+            }
+            rule.readExpressions(expressions);
+            const std::optional<ebtables::Rule> decoded = nftables::decode(expressions);
+            if (isPolicy && decoded) {
+                ebtables::Rule plain;
+                plain.target = decoded->target;
+                if (*decoded == plain && (plain.target == "ACCEPT" || plain.target == "DROP")) {
+                    chain->policyHandle = rule.handle;
+                    chain->policy = plain.target;
+                    return;
+                }
+            }
+            ImageRule& added = chain->rules.emplace_back();
+            added.handle = rule.handle;
+            if (decoded && !isPolicy)
+                added.text = m_pool.add(*decoded);
+            if (!expressions.chain.empty())
+                added.jump = m_pool.add(std::string_view(expressions.chain));
+        },
+        settled);
+    if (result.answer == Answer::Done) {
+        result = m_connection.generation();
+        settled = settled && result.generation == generation;
+    }
+    reason = result.reason;
+    return result.answer == Answer::Done;
+}
+
+bool KernelTables::know(std::string& reason)
+{
+    if (m_isKnown)
+        return true;
+    TableImage found;
+    TableImage before;
+    std::uint32_t generation = 0;
+    bool accepted = false;
+    for (unsigned i = 0; i < maxReads && !accepted; ++i) {
+        bool settled = true;
+        if (!read(found, generation, settled, reason))
+            return false;
+        // Others who change other tables make each read doubtful; two that agree are taken all the same.
+        accepted = settled || (i > 0 && sameRules(found, before)) || (m_everRead && sameRules(found, m_actual));
+        m_sureOfGeneration = settled;
+        if (!accepted)
+            before = std::move(found);
+    }
+    if (!accepted) {
+        reason = "other programs change them without a pause";
+        return false;
+    }
+    m_generation = generation;
+    if (!m_everRead || !sameRules(found, m_actual)) {
+        if (m_actual.table != found.table)
+            forgetHandles();
+        fit(m_wanted, m_everRead ? &m_actual : nullptr, found, m_leftover);
+        if (m_everRead)
+            noteDrift(found);
+        m_actual = std::move(found);
+        m_wanted.table = m_actual.table;
+    }
+    m_leftover = {};
+    m_everRead = true;
+    m_isKnown = true;
+    return true;
+}
+
+// Compares what was ours with what is found; `actual` says already which of its rules are.
+void KernelTables::noteDrift(const TableImage& actual)
+{
+    const auto oursOf = [](const ImageChain& chain) {
+        std::vector<RulePool::Text> texts;
+        for (const ImageRule& rule : chain.rules) {
+            if (chain.ours || rule.ours)
+                texts.push_back(rule.text);
+        }
+        return texts;
+    };
+    for (const auto& [name, known] : m_actual.chains) {
+        const ImageChain* found = actual.find(name);
+        const bool present = found != nullptr && found->present;
+        const std::vector<RulePool::Text> before = oursOf(known);
+        if (known.ours && !present) {
+            m_drift.push_back("chain " + name + " was gone");
+            continue;
+        }
+        const std::vector<RulePool::Text> after = present ? oursOf(*found) : std::vector<RulePool::Text>();
+        if (before != after) {
+            const std::string which = known.ours ? "rules of chain " + name : "jumps or rules of ours in " + name;
+            m_drift.push_back(which + " were changed (" + std::to_string(after.size()) + " instead of " +
+                              std::to_string(before.size()) + ')');
+        }
+        const bool policyIsOurs = known.ours || known.policyIsOurs;
+        const std::string policy = present ? found->policy : "ACCEPT";
+        if (policyIsOurs && policy != known.policy)
+            m_drift.push_back("the policy of " + name + " was " + policy + " instead of " + known.policy);
+    }
+}
+
+nftables::Batch KernelTables::build(const std::vector<Change>& changes, bool named) const
+{
+    nftables::Batch batch(named ? std::optional(m_generation) : std::nullopt);
+    for (const Change& change : changes) {
+        const ImageChain* chain = m_wanted.find(change.chain);
+        switch (change.kind) {
+        case Kind::AddTable:
+            batch.addTable();
+            break;
+        case Kind::AddBuiltIn:
+            batch.addBuiltInChain(change.chain, chain->policy);
+            break;
+        case Kind::SetPolicy:
+            batch.setPolicy(change.chain, chain->policy);
+            break;
+        case Kind::DeleteRule:
+            batch.deleteRule(change.chain, change.handle);
+            break;
+        case Kind::DeleteRules:
+            batch.deleteRules(change.chain);
+            break;
+        case Kind::AddChain:
+            batch.addChain(change.chain);
+            break;
+        case Kind::AddRule: {
+            const std::optional<ebtables::Rule> rule =
+                ebtables::parseRule(*chain->rules[change.index].text, change.chain);
+            batch.addRule(change.chain, rule.value_or(ebtables::Rule()), change.place);
+            break;
+        }
+        case Kind::AddChainPolicy:
+            batch.addChainPolicy(change.chain, chain->policy);
+            break;
+        case Kind::DeleteChain:
+            batch.deleteChain(change.chain);
+            break;
+        }
+    }
+    return batch;
+}
+
+KernelTables::Outcome KernelTables::bring()
+{
+    Outcome outcome;
+    unsigned unclear = 0;
+    unsigned changedMeanwhile = 0;
+    for (unsigned tries = 0; tries < maxTries; ++tries) {
+        if (!know(outcome.reason))
+            return outcome;
+        const std::vector<Change> changes = difference(m_actual, m_wanted);
+        if (changes.empty()) {
+            m_actual = m_wanted;
+            outcome.done = true;
+            outcome.reason.clear();
+            return outcome;
+        }
+        // Handles make a difference safe also when others have changed other tables meanwhile.
+        const bool named = m_sureOfGeneration && changedMeanwhile < namedTries;
+        m_beforeChange();
+        nftables::Batch batch = build(changes, named);
+        if (batch.rulesAdded() <= mostEchoes)
+            batch.askForHandles();
+        const nftables::Result result = m_connection.apply(batch);
+        outcome.reason = result.reason;
+        switch (result.answer) {
+        case Answer::Done:
+            outcome.done = true;
+            outcome.changed = true;
+            outcome.reason.clear();
+            m_ownGeneration = result.generation.value_or(m_ownGeneration);
+            m_sureOfGeneration = named && result.generation.has_value();
+            m_generation = result.generation.value_or(m_generation);
+            takeHandles(changes, result);
+            return outcome;
+        case Answer::Changed:
+            ++changedMeanwhile;
+            m_isKnown = false;
+            continue;
+        case Answer::Refused:
+            if (named) {
+                tries = 0; // each time less is wanted
+                drop(changes, result.refusals, outcome);
+                continue;
+            }
+            {
+                // Without the generation a refusal may come of what others did a moment ago.
+                const TableImage before = m_actual;
+                m_isKnown = false;
+                if (!know(outcome.reason))
+                    return outcome;
+                if (sameRules(before, m_actual)) {
+                    difference(m_actual, m_wanted);
+                    drop(changes, result.refusals, outcome);
+                }
+            }
+            continue;
+        case Answer::Unclear:
+            m_isKnown = false;
+            m_leftover.unite(m_wanted.footprint());
+            if (++unclear < maxUnclear)
+                continue;
+            return outcome;
+        case Answer::Forbidden:
+        case Answer::Shortage:
+        case Answer::Unsupported:
+            return outcome;
+        }
+    }
+    outcome.reason = "other programs change them without a pause";
+    return outcome;
+}
+
+// The handles of what was added, from the kernel's echo or by reading.
+void KernelTables::takeHandles(const std::vector<Change>& changes, const nftables::Result& result)
+{
+    bool complete = m_actual.table != 0;
+    std::unordered_map<std::size_t, std::uint64_t> handles;
+    for (const nftables::NewRule& rule : result.newRules)
+        handles.emplace(rule.message, rule.handle);
+    for (std::size_t i = 0; i < changes.size() && complete; ++i) {
+        const Change& change = changes[i];
+        if (change.kind != Kind::AddRule && change.kind != Kind::AddChainPolicy)
+            continue;
+        const auto found = handles.find(i);
+        complete = found != handles.end();
+        if (!complete)
+            break;
+        ImageChain& chain = *m_wanted.find(change.chain);
+        (change.kind == Kind::AddRule ? chain.rules[change.index].handle : chain.policyHandle) = found->second;
+    }
+    m_wanted.table = m_actual.table;
+    m_actual = m_wanted;
+    if (complete || readHandles()) {
+        m_actual = m_wanted;
+        return;
+    }
+    m_isKnown = false;
+    m_leftover.unite(m_wanted.footprint());
+}
+
+// What is there is what is wanted, rule by rule, unless somebody has been there since.
+bool KernelTables::readHandles()
+{
+    std::vector<nftables::ChainView> chains;
+    if (m_connection.readChains(chains, m_wanted.table).answer != Answer::Done || m_wanted.table == 0)
+        return false;
+    std::map<std::string, std::size_t, std::less<>> counts;
+    bool good = true;
+    bool settled = true;
+    const nftables::Result result = m_connection.readRules(
+        [&](const nftables::RuleView& rule) {
+            ImageChain* chain = m_wanted.find(rule.chain);
+            std::size_t& count = counts.try_emplace(std::string(rule.chain), 0).first->second;
+            if (chain == nullptr || count > chain->rules.size()) {
+                good = false;
+                return;
+            }
+            std::uint64_t& handle = count == chain->rules.size() ? chain->policyHandle : chain->rules[count].handle;
+            good = good && (handle == 0 || handle == rule.handle);
+            handle = rule.handle;
+            ++count;
+        },
+        settled);
+    const nftables::Result after = m_connection.generation();
+    return good && settled && result.answer == Answer::Done && m_sureOfGeneration && after.generation == m_generation;
+}
+
+// The tables are new ones, and their numbers begin again.
+void KernelTables::forgetHandles()
+{
+    for (TableImage* image : {&m_wanted, &m_actual}) {
+        for (auto& [name, chain] : image->chains) {
+            chain.policyHandle = 0;
+            for (ImageRule& rule : chain.rules)
+                rule.handle = 0;
+        }
+    }
+}
+
+// Takes what was refused out of what is wanted.
+void KernelTables::drop(const std::vector<Change>& changes, const std::vector<nftables::Refusal>& refusals,
+                        Outcome& outcome)
+{
+    std::map<std::string, std::set<std::size_t>> rules;
+    std::set<std::string> chains;
+    bool judgedAsWhole = false;
+    for (const nftables::Refusal& refusal : refusals) {
+        if (refusal.message >= changes.size())
+            continue;
+        const Change& change = changes[refusal.message];
+        // Where the jumps lead is judged for the table as a whole: the first one named is to blame.
+        if (refusal.error == ELOOP || refusal.error == EMLINK) {
+            if (std::exchange(judgedAsWhole, true))
+                continue;
+        }
+        ImageChain* chain = m_wanted.find(change.chain);
+        Dropped& dropped = outcome.dropped.emplace_back();
+        dropped.chain = change.chain;
+        dropped.what = describe(change, m_wanted);
+        dropped.reason = refusal.text;
+        switch (change.kind) {
+        case Kind::AddRule:
+            dropped.rule = chain->rules[change.index].text;
+            rules[change.chain].insert(change.index);
+            break;
+        case Kind::AddBuiltIn:
+        case Kind::AddChain:
+            chains.insert(change.chain);
+            break;
+        case Kind::SetPolicy:
+        case Kind::AddChainPolicy:
+            chain->policyIsOurs = false;
+            if (const ImageChain* actual = m_actual.find(change.chain))
+                chain->policy = actual->policy;
+            else
+                chain->policy = "RETURN";
+            break;
+        case Kind::DeleteChain: // others have a way to it: it stays, empty, and is theirs
+            if (const ImageChain* actual = m_actual.find(change.chain)) {
+                ImageChain& kept = m_wanted.chains[change.chain];
+                kept = *actual;
+                kept.rules.clear();
+            }
+            break;
+        default:
+            m_isKnown = false; // what was to be taken out is gone already
+            outcome.dropped.pop_back();
+            break;
+        }
+    }
+    for (const auto& [name, indices] : rules) {
+        std::vector<ImageRule>& list = m_wanted.find(name)->rules;
+        for (auto index = indices.rbegin(); index != indices.rend(); ++index)
+            list.erase(list.begin() + static_cast<std::ptrdiff_t>(*index));
+    }
+    for (const std::string& name : chains) {
+        ImageChain* chain = m_wanted.find(name);
+        if (chain->builtIn) {
+            chain->present = false;
+            chain->rules.clear();
+        } else {
+            m_wanted.chains.erase(name);
+        }
+    }
+}
+
+} // namespace zol::cfg

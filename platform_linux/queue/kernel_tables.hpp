@@ -1,0 +1,96 @@
+// The bridge tables in the kernel, kept as they are wanted: the image of what is there, what is to be there, and the
+// way from the one to the other.
+#pragma once
+
+#include "nftables/connection.hpp"
+#include "platform_linux/queue/difference.hpp"
+#include "platform_linux/queue/table_image.hpp"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zol::cfg
+{
+
+// Something wanted that the kernel takes never; it is wanted no more.
+struct Dropped {
+    std::string chain;
+    RulePool::Text rule = nullptr; // nothing when it is about the chain or its policy
+    std::string what;              // as a command without its first word
+    std::string reason;
+};
+
+// Threading: one thread. No operation throws but std::bad_alloc.
+class KernelTables
+{
+public:
+    // beforeChange: called before anything is sent that changes the tables.
+    KernelTables(RulePool& pool, std::function<void()> beforeChange,
+                 nftables::SocketOpener opener = nftables::openSocket);
+
+    // What is to be there; commands are played on it.
+    TableImage& wanted() { return m_wanted; }
+
+    // What a process before us may have put there, to be told before the first read. It is ours.
+    void setLeftover(ebtables::Footprint leftover) { m_leftover = std::move(leftover); }
+    bool hasLeftover() const { return !m_leftover.empty(); }
+
+    // What is or may be there of ours.
+    ebtables::Footprint footprint() const;
+
+    struct Outcome {
+        bool done = false;            // the tables are as wanted
+        std::string reason;           // why not; nothing is lost, it can be tried again
+        bool changed = false;         // something was sent and taken
+        std::vector<Dropped> dropped; // what the kernel refused for good
+    };
+
+    // Reads the tables if they are not known. True when they are.
+    bool know(std::string& reason);
+
+    // Makes the tables as wanted, in one transaction.
+    Outcome bring();
+
+    // The tables may have changed: they are read before anything else is done.
+    void forget() { m_isKnown = false; }
+
+    // Whether that generation was made by us, or is older than what is known.
+    bool isOwn(std::uint32_t generation) const;
+
+    // What others did to what is ours, one phrase each, since this was last asked.
+    std::vector<std::string> takeDrift() { return std::move(m_drift); }
+
+    // Whether the text is in use.
+    void collectTexts(const std::function<void(RulePool::Text)>& use) const;
+
+private:
+    enum class Step { Done, Again, Waiting };
+
+    bool read(TableImage& image, std::uint32_t& generation, bool& settled, std::string& reason);
+    Step apply(const std::vector<Change>& changes, bool named, Outcome& outcome);
+    nftables::Batch build(const std::vector<Change>& changes, bool named) const;
+    void drop(const std::vector<Change>& changes, const std::vector<nftables::Refusal>& refusals, Outcome& outcome);
+    void takeHandles(const std::vector<Change>& changes, const nftables::Result& result);
+    bool readHandles();
+    void forgetHandles();
+    void noteDrift(const TableImage& actual);
+
+    RulePool& m_pool;
+    std::function<void()> m_beforeChange;
+    nftables::Connection m_connection;
+    TableImage m_wanted = TableImage::untouched();
+    TableImage m_actual;            // as last known
+    bool m_everRead = false;        // m_actual says something
+    bool m_isKnown = false;         // and it is what is there, as far as we have heard
+    std::uint32_t m_generation = 0; // that m_actual is exactly
+    std::uint32_t m_ownGeneration = 0;
+    bool m_sureOfGeneration = false;
+    ebtables::Footprint m_leftover;
+    std::vector<std::string> m_drift;
+};
+
+} // namespace zol::cfg
