@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -13,11 +12,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
-#include <list>
-#include <optional>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 namespace subprocess
@@ -147,19 +141,6 @@ private:
     posix_spawn_file_actions_t m_actions;
 };
 
-// A thread enters the new namespace and starts the child there; ours stays where it is.
-int spawnElsewhere(const SpawnPlan& plan, pid_t& child, const std::string& path,
-                   const std::vector<std::string>& arguments)
-{
-    int error = 0;
-    try {
-        std::thread([&] { error = unshare(CLONE_NEWNET) == 0 ? plan.spawn(child, path, arguments) : errno; }).join();
-    } catch (const std::system_error& failure) {
-        error = failure.code().value();
-    }
-    return error;
-}
-
 const char* hintFor(int error)
 {
     switch (error) {
@@ -179,8 +160,7 @@ const char* hintFor(int error)
 class Child
 {
 public:
-    Child(const std::string& path, const std::vector<std::string>& arguments, std::string_view input, int keepOpen,
-          Network network)
+    Child(const std::string& path, const std::vector<std::string>& arguments, std::string_view input, int keepOpen)
         : m_path(path)
     {
         const Descriptor stdIn = memoryFile(input);
@@ -190,9 +170,7 @@ public:
         }
         {
             const SpawnPlan plan(stdIn.get(), m_output.write.get(), m_errors.write.get(), keepOpen);
-            const int error = network == Network::Ours ? plan.spawn(m_pid, path, arguments)
-                                                       : spawnElsewhere(plan, m_pid, path, arguments);
-            if (error != 0) {
+            if (const int error = plan.spawn(m_pid, path, arguments); error != 0) {
                 notStarted(error);
                 return;
             }
@@ -272,8 +250,8 @@ private:
     RunResult m_result;
 };
 
-// Waits for all the children, reading their output. One that does not end in time is killed.
-void attend(std::list<Child>& children, const RunLimits& limits)
+// Waits for the child, reading its output. When it does not end in time, it is killed.
+void attend(Child& child, const RunLimits& limits)
 {
     sigset_t mask;
     sigprocmask(SIG_SETMASK, nullptr, &mask);
@@ -282,57 +260,36 @@ void attend(std::list<Child>& children, const RunLimits& limits)
 
     Clock::time_point deadline = Clock::now() + limits.time;
     bool stopped = false;
-    for (;;) {
-        std::vector<Child*> running;
-        std::vector<pollfd> wanted;
-        for (Child& child : children) {
-            if (!child.running())
-                continue;
-            running.push_back(&child);
-            std::ranges::copy(child.wanted(), std::back_inserter(wanted));
-        }
-        if (running.empty())
-            return;
+    while (child.running()) {
         const auto left = deadline - Clock::now();
         if (left <= Clock::duration::zero()) {
-            for (Child* child : running)
-                stopped
-                    ? child->stop(RunResult::End::Stopped, " was killed because a stop signal came")
-                    : child->stop(RunResult::End::TimedOut,
-                                  " did not end within " + std::to_string(limits.time.count()) + " ms and was killed");
+            if (stopped)
+                child.stop(RunResult::End::Stopped, " was killed because a stop signal came");
+            else
+                child.stop(RunResult::End::TimedOut,
+                           " did not end within " + std::to_string(limits.time.count()) + " ms and was killed");
             return;
         }
         const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
         const timespec wait{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+        std::array<pollfd, 3> wanted = child.wanted();
         const int ready = ppoll(wanted.data(), wanted.size(), &wait, &mask);
         if (ready < 0 && errno == EINTR && !stopped) {
             stopped = true;
             deadline = std::min(deadline, Clock::now() + limits.afterStop);
         }
-        for (std::size_t i = 0; i < running.size(); ++i)
-            running[i]->attend(ready > 0 && wanted[3 * i].revents != 0);
+        child.attend(ready > 0 && wanted[0].revents != 0);
     }
 }
 
 } // namespace
 
-std::vector<RunResult> runTogether(const std::string& path, const std::vector<std::string>& arguments,
-                                   std::span<const std::string> inputs, const RunLimits& limits, Network network)
-{
-    std::list<Child> children;
-    for (const std::string& input : inputs)
-        children.emplace_back(path, arguments, input, limits.keepOpen, network);
-    attend(children, limits);
-    std::vector<RunResult> results;
-    for (Child& child : children)
-        results.push_back(child.takeResult());
-    return results;
-}
-
 RunResult run(const std::string& path, const std::vector<std::string>& arguments, const std::string& input,
               const RunLimits& limits)
 {
-    return std::move(runTogether(path, arguments, {&input, 1}, limits, Network::Ours).front());
+    Child child(path, arguments, input, limits.keepOpen);
+    attend(child, limits);
+    return child.takeResult();
 }
 
 } // namespace subprocess

@@ -1,12 +1,10 @@
 // Runs a program: no shell, a clean environment, no inherited descriptors, a limit in time.
 //
-// Threading: one thread at a time; a process that gets a network namespace of its own is started by a thread that is
-// gone when the call returns. Signals SIGINT, SIGTERM and SIGQUIT are let in while a child is waited for, also
+// Threading: one thread at a time. Signals SIGINT, SIGTERM and SIGQUIT are let in while a child is waited for, also
 // when the caller holds them back, so that a stop request is noticed.
 #pragma once
 
 #include <chrono>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -40,14 +38,5 @@ struct RunResult {
 // for it. Never throws but std::bad_alloc.
 RunResult run(const std::string& path, const std::vector<std::string>& arguments, const std::string& input,
               const RunLimits& limits = {});
-
-enum class Network {
-    Ours,       // the one that we are in
-    OneOfItsOwn // a new, empty one, which is gone with the process; needs CAP_SYS_ADMIN
-};
-
-// The same for several processes of the program at a time, one for each input. The limits are for all of them together.
-std::vector<RunResult> runTogether(const std::string& path, const std::vector<std::string>& arguments,
-                                   std::span<const std::string> inputs, const RunLimits& limits, Network network);
 
 } // namespace subprocess

@@ -104,7 +104,8 @@ std::vector<Command> Footprint::undo(const Table& table) const
     };
     Table left = table;
     for (const auto& [placed, count] : m_rules) {
-        const auto& [name, text] = placed;
+        const std::string& name = placed.first;
+        const std::string& text = placed.second;
         Chain* chain = left.find(name);
         for (unsigned i = 0; chain != nullptr && i < count; ++i) {
             const auto found = std::ranges::find_if(

@@ -435,7 +435,7 @@ private:
             footprint.empty() ? m_record.remove() : m_record.write(footprint.toText(m_namespace));
         if (reason.empty())
             m_recorded = footprint;
-        else
+        if (std::exchange(m_recordProblem, reason) != reason && !reason.empty())
             warning(112, reason + "; after a kill of this process its rules will have to be removed by hand");
     }
 
@@ -478,8 +478,9 @@ private:
     bool m_recording = false;
     bool m_held = false; // the record's lock
     bool m_toldNoTime = false;
-    bool m_hasLeftover = false; // a killed process left something that nobody took out yet
-    Footprint m_recorded;       // what the record says
+    bool m_hasLeftover = false;  // a killed process left something that nobody took out yet
+    Footprint m_recorded;        // what the record says
+    std::string m_recordProblem; // why not what it should
 
     RulePool m_pool;
     LineCache m_cache;

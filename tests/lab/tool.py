@@ -33,6 +33,12 @@ def reset():
     shutil.copy(_STAND_IN, path)
     path.chmod(0o755)
     (_FOLDER / "calls").write_text("", encoding="utf-8")
+    (_FOLDER / "hangs").unlink(missing_ok=True)
+
+
+def hang():
+    """The next command is recorded and does not end."""
+    (_FOLDER / "hangs").touch()
 
 
 def commands():
@@ -45,3 +51,9 @@ def waitForCommands(count, seconds=10):
     """Returns when there are that many."""
     waiting.until(lambda: len(commands()) >= count,
                   lambda: "\n".join([f"{count} commands; there are:", *commands()]), seconds)
+
+
+def waitForCommand(part):
+    """Returns when there is one with that in it."""
+    waiting.until(lambda: any(part in command for command in commands()),
+                  lambda: "\n".join([f"a command with {part}; there are:", *commands()]))

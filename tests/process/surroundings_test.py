@@ -32,8 +32,8 @@ class Signals(rehearsal.Rehearsal):
         self.startWith({config.RULES: [rule(1)]})
         for count, number in enumerate(MEAN_NOTHING, start=2):
             os.kill(self.daemon.pid, number)
-            self.config.insert(config.RULES, **rule(count))
-            waiting.until(lambda count=count: len(tool.batches()) == count or not self.daemon.isRunning(), "a commit")
+            self.config.update(config.RULES, 1, InInterface=f"p{count}")
+            tool.waitForCommand(f"-i p{count} ")
             self.assertTrue(self.daemon.isRunning(), f"after signal {number}")
         self.assertEqual(self.daemon.stop(), 0)
 
@@ -41,16 +41,18 @@ class Signals(rehearsal.Rehearsal):
         self.startDaemon()
         self.daemon.waitForLog("Debug mode on")
         self.sendAll()
-        tool.waitForBatches(1)
+        tool.waitForCommands(len(rehearsal.CHAINS))
         self.assertEqual(self.daemon.stop(), 0)
 
     def testWhileTheToolRuns(self):
         self.startWith({})
-        tool.plan({"hangs": True})
+        tool.waitForCommand("-P FORWARD ACCEPT")
+        tool.hang()
+        before = len(tool.commands())
         self.config.insert(config.RULES, **rule(1))
-        tool.waitForBatches(2)
+        tool.waitForCommands(before + 1)
         self.sendAll()
-        self.assertEqual(self.daemon.matching("^queue:1[01]"), self.daemon.matching("^queue:103:"))
+        self.assertEqual(self.daemon.matching("^queue:1[01]"), self.daemon.matching("^queue:104:"))
         self.assertEqual(self.daemon.stop(), 0)
         self.assertEqual(len(self.daemon.matching("killed because a stop signal came")), 1)
 
@@ -69,15 +71,15 @@ class Surroundings(rehearsal.Rehearsal):
         return process
 
     def assertWorksAndStops(self, process):
-        tool.waitForBatches(1)
+        tool.waitForCommands(len(rehearsal.CHAINS))
         self.config.insert(config.RULES, **rule(7))
-        tool.waitForBatches(2)
+        tool.waitForCommand("-i p7 ")
         process.terminate()
         self.assertEqual(process.wait(20), 0)
 
     def testClosedStandardStreams(self):
         process = self.start(lambda: os.closerange(0, 3))
-        tool.waitForBatches(1)
+        tool.waitForCommands(1)
         for descriptor in range(3):
             self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{descriptor}"), "/dev/null")
         self.assertWorksAndStops(process)
@@ -95,10 +97,10 @@ class Surroundings(rehearsal.Rehearsal):
         os.write(other, b"x" * 4096)
         process = self.start(lambda: None, stderr=other)
         os.close(other)
-        tool.waitForBatches(1)
+        tool.waitForCommands(len(rehearsal.CHAINS))
         os.read(end, 4096)
         self.config.insert(config.RULES, **rule(8))
-        tool.waitForBatches(2)
+        tool.waitForCommand("-i p8 ")
         process.terminate()
         self.assertEqual(process.wait(20), 0)
         with open(end, encoding="utf-8") as log:
@@ -119,10 +121,12 @@ class Surroundings(rehearsal.Rehearsal):
                 pass
             return text in said
 
-        waiting.until(lambda: hasSaid(b"File too large; raise the limit of file sizes"), lambda: said.decode())
+        waiting.until(lambda: hasSaid(b"queue:111: the bridge tables cannot be changed: "), lambda: said.decode())
         process.terminate()
         self.assertEqual(process.wait(20), 0)
-        self.assertIn(b"queue:112: cannot write /run/moatkeeper/tables.new: File too large", said)
+        said += os.read(end, 65536)
+        self.assertIn(b"was killed by signal 25 (File size limit exceeded)", said, "the stand-in keeps a record, too")
+        self.assertEqual(said.count(b"queue:112: cannot write /run/moatkeeper/tables.new: File too large"), 1)
         os.close(end)
 
     def testFileSizeLimitInTheBackground(self):
@@ -138,7 +142,7 @@ class Surroundings(rehearsal.Rehearsal):
         make(folder / name)
         self.startWith({config.RULES: [rule(1)]})
         self.config.insert(config.RULES, **rule(2))
-        tool.waitForBatches(2)
+        tool.waitForCommand("-i p2 ")
 
     def testPipesInPlaceOfTheRecord(self):
         def make(path):
