@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <initializer_list>
 #include <set>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -55,6 +57,14 @@ std::string describe(const Change& change, const TableImage& wanted)
     default:
         return "-D " + change.chain;
     }
+}
+
+std::string joined(std::initializer_list<std::string_view> parts)
+{
+    std::string text;
+    for (const std::string_view part : parts)
+        text += part;
+    return text;
 }
 
 } // namespace
@@ -185,7 +195,7 @@ bool KernelTables::know(std::string& reason)
         accepted = settled || (i > 0 && sameRules(found, before)) || (m_everRead && sameRules(found, m_actual));
         m_sureOfGeneration = settled;
         if (!accepted)
-            before = std::move(found);
+            std::swap(before, found);
     }
     if (!accepted) {
         reason = "other programs change them without a pause";
@@ -229,13 +239,13 @@ void KernelTables::noteDrift(const TableImage& actual)
         const std::vector<RulePool::Text> after = present ? oursOf(*found) : std::vector<RulePool::Text>();
         if (before != after) {
             const std::string which = known.ours ? "rules of chain " + name : "jumps or rules of ours in " + name;
-            m_drift.push_back(which + " were changed (" + std::to_string(after.size()) + " instead of " +
-                              std::to_string(before.size()) + ')');
+            m_drift.push_back(joined({which, " were changed (", std::to_string(after.size()), " instead of ",
+                                      std::to_string(before.size()), ")"}));
         }
         const bool policyIsOurs = known.ours || known.policyIsOurs;
         const std::string policy = present ? found->policy : "ACCEPT";
         if (policyIsOurs && policy != known.policy)
-            m_drift.push_back("the policy of " + name + " was " + policy + " instead of " + known.policy);
+            m_drift.push_back(joined({"the policy of ", name, " was ", policy, " instead of ", known.policy}));
     }
 }
 

@@ -65,7 +65,7 @@ std::vector<std::uint8_t> whole(const nlattr* attribute)
 
 void append(Writer& writer, const std::vector<std::uint8_t>& attribute)
 {
-    std::memcpy(mnl_nlmsg_get_payload_tail(writer.header), attribute.data(), attribute.size());
+    std::ranges::copy(attribute, static_cast<std::uint8_t*>(mnl_nlmsg_get_payload_tail(writer.header)));
     writer.header->nlmsg_len += static_cast<std::uint32_t>(attribute.size());
 }
 
