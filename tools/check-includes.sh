@@ -27,7 +27,7 @@ platform_linux/queue platform_linux platform ebtables nftables schema subprocess
 platform_fake        platform
 
 moatctl              moatctl/command_line moatctl/verbs schema unistd.h
-moatctl/tables       moatctl ebtables ovsdb schema schema/server platform text system
+moatctl/tables       moatctl handler ebtables ovsdb schema schema/server platform text system
 moatctl/bridge       moatctl/tables handler records ebtables schema subprocess text system
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
 moatctl/command_line moatctl moatctl/tables moatctl/bridge ebtables ovsdb schema schema/server platform text

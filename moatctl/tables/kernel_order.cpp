@@ -1,5 +1,7 @@
 #include "moatctl/tables/kernel_order.hpp"
 
+#include "handler/reading.hpp"
+
 #include <algorithm>
 #include <limits>
 #include <unordered_map>
@@ -15,10 +17,12 @@ std::vector<const Row*> inKernelOrder(const Configuration& configuration, TableI
         rows.push_back(&row);
 
     if (table == TableId::Rules) {
-        std::ranges::stable_sort(rows, {}, [](const Row* row) { return row->integer("RulePrio"); });
+        std::ranges::stable_sort(rows, zol::moatkeeper::comesBeforeAsRule,
+                                 [](const Row* row) { return row->integer("RulePrio"); });
     } else if (table == TableId::Filters) {
-        std::ranges::reverse(rows);
-        std::ranges::stable_sort(rows, {}, [](const Row* row) { return row->integer("Prio"); });
+        std::ranges::stable_sort(rows, zol::moatkeeper::comesBeforeAsFilter,
+                                 [](const Row* row) { return row->integer("Prio"); });
+        std::ranges::reverse(rows); // the one set up last stands first
     } else if (table == TableId::FilterRules) {
         std::unordered_map<std::int32_t, std::size_t> places;
         for (const Row* filter : inKernelOrder(configuration, TableId::Filters))

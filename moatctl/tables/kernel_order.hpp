@@ -1,4 +1,4 @@
-// The order in which the kernel consults the rows.
+// The order in which the kernel consults the rows, by the handler's own comparison.
 #pragma once
 
 #include "moatctl/tables/configuration.hpp"

@@ -1,4 +1,4 @@
-#include "moatctl/tables/rule_order.hpp"
+#include "moatctl/tables/place_rule.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "moatctl/verbs/table_verb.hpp"
 

@@ -6,8 +6,8 @@
 #include "moatctl/tables/edit.hpp"
 #include "moatctl/tables/file.hpp"
 #include "moatctl/tables/kernel_order.hpp"
+#include "moatctl/tables/place_rule.hpp"
 #include "moatctl/tables/read_text.hpp"
-#include "moatctl/tables/rule_order.hpp"
 #include "moatctl/tables/values.hpp"
 #include "ovsdb/json.hpp"
 #include "tests/unit/scratch_folder.hpp"
@@ -123,7 +123,7 @@ TEST(KernelOrder, LaterFilterOfEqualPriorityStandsFirst)
 }
 
 // Whatever the priorities: the rule stands directly beside its anchor, the others keep their order.
-TEST(RuleOrder, RandomPlaces)
+TEST(PlaceRule, RandomPlaces)
 {
     std::mt19937 random(1);
     int placed = 0;
@@ -158,7 +158,7 @@ TEST(RuleOrder, RandomPlaces)
     EXPECT_GT(placed, 1000);
 }
 
-TEST(RuleOrder, EndsOfTheNumbers)
+TEST(PlaceRule, EndsOfTheNumbers)
 {
     Editor atEnd(withRules({{1, largest}}));
     Row row = rule(2, 1);

@@ -1,4 +1,4 @@
-#include "moatctl/tables/rule_order.hpp"
+#include "moatctl/tables/place_rule.hpp"
 
 #include "moatctl/exit_status.hpp"
 #include "moatctl/tables/kernel_order.hpp"
