@@ -1,7 +1,8 @@
 #include "handler/first_commit.hpp"
 
 #include "handler/fixed_lines.hpp"
-#include "handler/reading.hpp"
+#include "handler/passed_over.hpp"
+#include "handler/priority_order.hpp"
 #include "records/row_lines.hpp"
 
 #include <algorithm>

@@ -2,8 +2,9 @@
 
 #include "handler/debug_mode.hpp"
 #include "handler/fixed_lines.hpp"
-#include "handler/reading.hpp"
-#include "handler/row_values.hpp"
+#include "handler/passed_over.hpp"
+#include "handler/priority_order.hpp"
+#include "handler/rows_from_values.hpp"
 #include "platform/action_queue.hpp"
 #include "platform/config_reader.hpp"
 
@@ -42,7 +43,7 @@ std::uint32_t rowCount(IConfigReader& source, const std::string& tableName)
     return count;
 }
 
-// The row that was read, as row_values.hpp takes it. Its texts live as long as the values stay as they are.
+// The row that was read, as rows_from_values.hpp takes it. Its texts live as long as the values stay as they are.
 struct RowRead {
     const tessera::ValueList& values;
 

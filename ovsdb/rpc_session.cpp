@@ -1,5 +1,7 @@
 #include "ovsdb/rpc_session.hpp"
 
+#include "text/one_line.hpp"
+
 #include <algorithm>
 #include <utility>
 
@@ -11,6 +13,8 @@ namespace
 
 constexpr std::size_t longestEcho = 64 * 1024;     // a server's echo carries nothing, or its own name
 constexpr std::size_t longestOutput = 1024 * 1024; // of echoes that the peer does not read
+
+constexpr std::size_t longestError = 400; // of a server's, as it is told
 
 // Of a message without its rows. A schema has some 2,000.
 constexpr std::size_t maximumValues = 100'000;
@@ -42,17 +46,6 @@ RpcRow rowOf(const MessagePiece& piece)
     return row;
 }
 
-std::string oneLine(std::string text)
-{
-    if (text.size() > 400)
-        text = text.substr(0, 400) + "...";
-    for (char& c : text) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-            c = ' ';
-    }
-    return text;
-}
-
 } // namespace
 
 std::string describeError(const Json& error)
@@ -60,10 +53,10 @@ std::string describeError(const Json& error)
     const Json* name = error.find("error");
     const Json* details = error.find("details");
     if (name == nullptr || name->asText() == nullptr)
-        return oneLine(error.asText() != nullptr ? *error.asText() : toText(error));
+        return text::oneLine(error.asText() != nullptr ? *error.asText() : toText(error), longestError);
     if (details == nullptr || details->asText() == nullptr)
-        return oneLine(*name->asText());
-    return oneLine(*name->asText() + ": " + *details->asText());
+        return text::oneLine(*name->asText(), longestError);
+    return text::oneLine(*name->asText() + ": " + *details->asText(), longestError);
 }
 
 std::int64_t RpcSession::request(std::string_view method, Json params, std::size_t answerParts)
@@ -111,7 +104,7 @@ std::optional<RpcMessage> RpcSession::handle(const Json& message)
         if (id == nullptr || id->isNull())
             return RpcMessage{.method = *name, .result = *params};
         if (*name != "echo")
-            throw ProtocolError("request that only a server answers: " + oneLine(*name));
+            throw ProtocolError("request that only a server answers: " + text::oneLine(*name));
         const std::string reply = toText(Json::Object{{"id", *id}, {"result", *params}, {"error", Json()}});
         if (reply.size() > longestEcho || m_output.size() + reply.size() > longestOutput)
             throw ProtocolError("echo request too large");

@@ -1,5 +1,7 @@
 #include "platform_linux/log_writer.hpp"
 
+#include "text/one_line.hpp"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -36,10 +38,7 @@ void appendEscaped(std::string& out, unsigned char c)
         out += "\\t";
         return;
     default:
-        constexpr std::string_view digits = "0123456789abcdef";
-        out += "\\x";
-        out += digits[c >> 4];
-        out += digits[c & 15];
+        out += text::escaped(static_cast<char>(c));
     }
 }
 

@@ -8,18 +8,13 @@ namespace
 
 std::string visible(std::string_view text)
 {
-    constexpr std::string_view digits = "0123456789abcdef";
     std::string result;
     result.reserve(text.size());
     for (const char c : text) {
-        if (c >= ' ' && c <= '~') {
+        if (c >= ' ' && c <= '~')
             result += c;
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(c);
-        result += "\\x";
-        result += digits[byte >> 4];
-        result += digits[byte & 15];
+        else
+            result += escaped(c);
     }
     return result;
 }
@@ -34,6 +29,13 @@ std::string oneLine(std::string_view text, std::size_t limit)
 std::string inQuotes(std::string_view text, std::size_t limit)
 {
     return '"' + visible(text.substr(0, limit)) + (text.size() > limit ? "\"..." : "\"");
+}
+
+std::string escaped(char byte)
+{
+    constexpr std::string_view digits = "0123456789abcdef";
+    const auto value = static_cast<unsigned char>(byte);
+    return {'\\', 'x', digits[value >> 4], digits[value & 15]};
 }
 
 } // namespace text

@@ -14,4 +14,7 @@ std::string oneLine(std::string_view text, std::size_t limit = 200);
 // The same in quotation marks: "eth0".
 std::string inQuotes(std::string_view text, std::size_t limit = 80);
 
+// A byte as \xNN.
+std::string escaped(char byte);
+
 } // namespace text

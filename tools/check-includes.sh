@@ -17,7 +17,7 @@ daemon               handler platform unistd.h
 text
 subprocess           system
 ebtables             text arpa/inet.h
-ovsdb                platform system rapidjson
+ovsdb                platform text system rapidjson
 nftables             ebtables text system libmnl
 schema               platform
 schema/server        schema ovsdb platform

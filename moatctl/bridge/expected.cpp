@@ -2,7 +2,7 @@
 
 #include "ebtables/model.hpp"
 #include "handler/first_commit.hpp"
-#include "handler/row_values.hpp"
+#include "handler/rows_from_values.hpp"
 #include "schema/tables.hpp"
 
 #include <array>

@@ -3,7 +3,7 @@
 #include "handler/debug_mode.hpp"
 #include "handler/first_commit.hpp"
 #include "handler/moatkeeper.hpp"
-#include "handler/row_values.hpp"
+#include "handler/rows_from_values.hpp"
 #include "platform_fake/captured_log.hpp"
 #include "platform_fake/recording_queue.hpp"
 

@@ -1,4 +1,4 @@
-#include "handler/reading.hpp"
+#include "handler/passed_over.hpp"
 
 namespace zol::moatkeeper
 {
