@@ -99,7 +99,7 @@ private:
 TEST(RandomSequences, TablesFollowTheRows)
 {
     const auto seed = fromEnvironment("MOATKEEPER_SEED", 20240229);
-    const auto sequences = fromEnvironment("MOATKEEPER_SEQUENCES", 100000);
+    const auto sequences = fromEnvironment("MOATKEEPER_SEQUENCES", MOATKEEPER_DEFAULT_SEQUENCES);
     std::printf("seed %llu, %llu sequences\n", seed, sequences);
     CaseCounts counts;
     for (unsigned long long index = 0; index < sequences; ++index) {

@@ -83,6 +83,8 @@ class HostileValues:
     def setUpClass(cls):
         sh("nft", "flush", "ruleset")
         super().setUpClass()
+        # The tool gives up when the daemon's first commit changes the tables under it.
+        waiting.until(lambda: "-A FORWARD -j UserForwardPolicy" in saved(), lambda: cls.daemon.readLog()[-1500:], 20)
         for command in (f"-N {FOREIGN}", f"-A {FOREIGN} -s 02:00:00:00:00:55 -j DROP", f"-N {LIKE_A_FILTER}",
                         f"-A {LIKE_A_FILTER} -i p1 -j DROP", f"-A FORWARD -i p3 -o p3 -j {LIKE_A_FILTER}",
                         "-A OUTPUT -o p3 -j ACCEPT", "-P OUTPUT ACCEPT", f"-A INPUT -i p3 -j {FOREIGN}"):
