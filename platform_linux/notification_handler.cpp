@@ -1,15 +1,13 @@
 #include "platform/notification_handler.hpp"
 
-#include "ovsdb/connection.hpp"
-#include "ovsdb/rpc_session.hpp"
 #include "ovsdb/subscription.hpp"
 #include "platform/config_handler.hpp"
 #include "platform/sysloglevel.h"
-#include "platform_linux/config_source.hpp"
+#include "platform_linux/delivered_rows.hpp"
 #include "platform_linux/delivery_names.hpp"
 #include "platform_linux/event_dispatcher.hpp"
 #include "platform_linux/queue/transaction_queue.hpp"
-#include "schema/server/database.hpp"
+#include "platform_linux/server_link.hpp"
 
 #include <chrono>
 #include <cstdint>
@@ -28,13 +26,7 @@ namespace zol::cfg
 namespace
 {
 
-using std::chrono::milliseconds;
 using tessera::net::EventDispatcher;
-
-const char* const label = "ovsdb";
-
-// What the log last said about the server. Each change is one line, however many attempts it lasts.
-enum class Health { Unknown, Connected, Absent, Lost, Foreign, Malformed, Unsuitable, Stalled };
 
 } // namespace
 
@@ -43,13 +35,13 @@ class NotificationHandler::State
 public:
     State(std::string socketPath, EventDispatcher& dispatcher, const std::string& clientName, bool failWithoutServer,
           int requestTimeoutSeconds, int reconnectIntervalMs, bool reconnect)
-        : m_socketPath(std::move(socketPath)),
+        : m_settings{.socketPath = std::move(socketPath),
+                     .requestTimeout = std::chrono::seconds(requestTimeoutSeconds),
+                     .reconnectInterval = std::chrono::milliseconds(reconnectIntervalMs),
+                     .reconnect = reconnect},
           m_dispatcher(dispatcher.state()),
           m_logModule(ZOL_Sysloglevel_registerModul(clientName.c_str())),
-          m_failWithoutServer(failWithoutServer),
-          m_requestTimeout(std::chrono::seconds(requestTimeoutSeconds)),
-          m_reconnectInterval(reconnectIntervalMs),
-          m_reconnect(reconnect)
+          m_failWithoutServer(failWithoutServer)
     {
         if (m_queue.watchedDescriptor() >= 0)
             m_dispatcher.addDescriptor(m_queue.watchedDescriptor(), EPOLLIN, [this](std::uint32_t) {
@@ -60,10 +52,7 @@ public:
 
     ~State()
     {
-        disconnect();
-        m_dispatcher.stopTimer(m_reconnectTimer);
         m_dispatcher.stopTimer(m_retryTimer);
-        m_dispatcher.stopTimer(m_reminderTimer);
         if (m_queue.watchedDescriptor() >= 0)
             m_dispatcher.removeDescriptor(m_queue.watchedDescriptor());
     }
@@ -76,17 +65,17 @@ public:
         std::list<std::string> names;
         handler->getTableNames(names);
         m_handler = handler;
-        m_subscription.emplace(schema::serverDatabase(), std::vector<std::string>(names.begin(), names.end()));
-        m_source.emplace(m_subscription->tables(), m_logModule);
+        m_link.emplace(m_settings, m_dispatcher, m_logModule, std::vector<std::string>(names.begin(), names.end()),
+                       [this](ovsdb::Subscription::Progress progress) { takeOver(std::move(progress)); });
+        m_source.emplace(m_link->tables(), m_logModule);
     }
 
     void initialize()
     {
         if (m_handler == nullptr)
             throw std::logic_error("no configuration handler is registered");
-        m_reminderTimer = m_dispatcher.startTimer(m_requestTimeout, [this] { remind(m_requestTimeout); });
-        if (!connect() && m_failWithoutServer)
-            throw std::runtime_error("no configuration server at " + m_socketPath);
+        if (!m_link->start() && m_failWithoutServer)
+            throw std::runtime_error("no configuration server at " + m_settings.socketPath);
     }
 
     void process()
@@ -94,8 +83,7 @@ public:
         if (!m_all && m_changedTables.empty())
             return;
         const std::vector<std::string> names =
-            m_all ? std::vector<std::string>{""}
-                  : deliveryNames(m_subscription->tables().tableNames(), m_changedTables);
+            m_all ? std::vector<std::string>{""} : deliveryNames(m_link->tables().tableNames(), m_changedTables);
         m_all = false;
         m_changedTables.clear();
         deliver(names);
@@ -104,6 +92,15 @@ public:
     }
 
 private:
+    void takeOver(ovsdb::Subscription::Progress progress)
+    {
+        m_source->update(progress.changedTables);
+        // Delivered even if nothing differs from what was delivered last: every delivery is a read and a commit,
+        // so no change waits that an equal read could cancel, and a commit without changes does nothing.
+        m_all = m_all || progress.synchronised;
+        m_changedTables.merge(progress.changedTables);
+    }
+
     void deliver(const std::vector<std::string>& names)
     {
         struct AtTheEnd {
@@ -131,175 +128,16 @@ private:
         }
     }
 
-    bool connect()
-    {
-        try {
-            m_connection.emplace(m_socketPath);
-            m_session.emplace();
-            m_subscription->begin(*m_session);
-            m_wantsWrite = false;
-            m_dispatcher.addDescriptor(m_connection->descriptor(), EPOLLIN,
-                                       [this](std::uint32_t events) { handleEvents(events); });
-            m_registered = true;
-            flush();
-            watchForStall(true);
-            return true;
-        } catch (const ovsdb::ForeignServerError& e) {
-            fail(Health::Foreign, e.what());
-        } catch (const ovsdb::ConnectionError& e) {
-            fail(m_connection ? Health::Lost : Health::Absent, e.what());
-        }
-        return false;
-    }
-
-    void disconnect()
-    {
-        m_dispatcher.stopTimer(std::exchange(m_stallTimer, 0));
-        if (std::exchange(m_registered, false))
-            m_dispatcher.removeDescriptor(m_connection->descriptor());
-        m_connection.reset();
-        m_session.reset();
-        if (m_subscription)
-            m_subscription->end();
-    }
-
-    void handleEvents(std::uint32_t events)
-    {
-        try {
-            bool progress = false;
-            if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
-                m_session->receive(m_connection->read());
-                while (const auto message = m_session->next()) {
-                    handleMessage(*message);
-                    progress = true;
-                }
-            }
-            flush();
-            watchForStall(progress);
-        } catch (const ovsdb::ProtocolError& e) {
-            fail(Health::Malformed, e.what());
-        } catch (const ovsdb::SchemaError& e) {
-            fail(Health::Unsuitable, e.what());
-        } catch (const ovsdb::ConnectionError& e) {
-            fail(Health::Lost, e.what());
-        }
-    }
-
-    void handleMessage(const ovsdb::RpcMessage& message)
-    {
-        auto progress = m_subscription->handle(message, *m_session);
-        m_source->update(progress.changedTables);
-        if (progress.synchronised) {
-            // Delivered even if nothing differs from what was delivered last: every delivery is a read and a commit,
-            // so no change waits that an equal read could cancel, and a commit without changes does nothing.
-            m_all = true;
-            m_dispatcher.stopTimer(std::exchange(m_reminderTimer, 0));
-            report(Health::Connected, "connected to " + m_socketPath + ", schema " + m_subscription->schemaVersion());
-        }
-        m_changedTables.merge(progress.changedTables);
-    }
-
-    void flush()
-    {
-        if (!m_session->output().empty())
-            m_session->consumed(m_connection->write(m_session->output()));
-        const bool wantsWrite = !m_session->output().empty();
-        if (std::exchange(m_wantsWrite, wantsWrite) != wantsWrite)
-            m_dispatcher.modifyDescriptor(m_connection->descriptor(), wantsWrite ? EPOLLIN | EPOLLOUT : EPOLLIN);
-    }
-
-    // Keeps a timer while the server owes something; restarted whenever a message or a row of one has come.
-    void watchForStall(bool progress)
-    {
-        const bool waiting = m_session->waiting() || m_wantsWrite;
-        if (waiting && !progress && m_stallTimer != 0)
-            return;
-        m_dispatcher.stopTimer(std::exchange(m_stallTimer, 0));
-        if (!waiting)
-            return;
-        m_stallTimer = m_dispatcher.startTimer(m_requestTimeout, [this] {
-            m_stallTimer = 0;
-            fail(Health::Stalled, "no answer within " + std::to_string(m_requestTimeout.count() / 1000) + " s");
-        });
-    }
-
-    // While there has been no configuration at all, the log says so again and again.
-    void remind(milliseconds waited)
-    {
-        ZOL_Sysloglevel_warning(m_logModule, label, 80,
-                                "no configuration for " + std::to_string(waited.count() / 1000) + " s: " + m_reason +
-                                    ". Nothing is changed before there is one");
-        m_reminderTimer =
-            m_dispatcher.startTimer(m_requestTimeout, [this, waited] { remind(waited + m_requestTimeout); });
-    }
-
-    void fail(Health health, const std::string& reason)
-    {
-        m_reason = reason;
-        disconnect();
-        const std::string next = m_reconnect
-                                     ? "; trying again every " + std::to_string(m_reconnectInterval.count()) + " ms"
-                                     : "; not trying again";
-        report(health, reason + next);
-        if (m_reconnect)
-            m_reconnectTimer = m_dispatcher.startTimer(m_reconnectInterval, [this] { connect(); });
-    }
-
-    void report(Health health, const std::string& text)
-    {
-        if (std::exchange(m_health, health) == health)
-            return;
-        switch (health) {
-        case Health::Unknown:
-            break;
-        case Health::Connected:
-            ZOL_Sysloglevel_info(m_logModule, label, 10, text);
-            break;
-        case Health::Absent:
-            ZOL_Sysloglevel_warning(m_logModule, label, 20, text);
-            break;
-        case Health::Lost:
-            ZOL_Sysloglevel_warning(m_logModule, label, 30, text);
-            break;
-        case Health::Stalled:
-            ZOL_Sysloglevel_warning(m_logModule, label, 40, text);
-            break;
-        case Health::Foreign:
-            ZOL_Sysloglevel_error(m_logModule, label, 50, text);
-            break;
-        case Health::Malformed:
-            ZOL_Sysloglevel_error(m_logModule, label, 60, text);
-            break;
-        case Health::Unsuitable:
-            ZOL_Sysloglevel_error(m_logModule, label, 70, text);
-            break;
-        }
-    }
-
-    const std::string m_socketPath;
+    const ServerLink::Settings m_settings;
     EventDispatcher::State& m_dispatcher;
     const ZOL_Sysloglevel_Module m_logModule;
     const bool m_failWithoutServer;
-    const milliseconds m_requestTimeout;
-    const milliseconds m_reconnectInterval;
-    const bool m_reconnect;
 
     TransactionQueue m_queue;
     IConfigHandler* m_handler = nullptr;
-    std::optional<ovsdb::Subscription> m_subscription;
-    std::optional<ConfigSource> m_source; // of the subscription's tables
-
-    std::optional<ovsdb::Connection> m_connection;
-    std::optional<ovsdb::RpcSession> m_session;
-    bool m_registered = false; // the connection's descriptor, with the dispatcher
-    bool m_wantsWrite = false;
-    Health m_health = Health::Unknown;
-    std::string m_reason{"the server has not sent it yet"}; // why there may be no configuration
-
-    EventDispatcher::State::TimerId m_stallTimer = 0;
-    EventDispatcher::State::TimerId m_reconnectTimer = 0;
+    std::optional<ServerLink> m_link;
+    std::optional<DeliveredRows> m_source; // of the link's tables
     EventDispatcher::State::TimerId m_retryTimer = 0;
-    EventDispatcher::State::TimerId m_reminderTimer = 0;
 
     // Not delivered yet.
     bool m_all = false;

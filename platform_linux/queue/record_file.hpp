@@ -1,4 +1,5 @@
-// A small file that only its owner may have written, replaced as a whole.
+// What is written down for the next process: a file whose content is a Footprint (footprint.hpp) as text. Only its
+// owner may have written it, and it is replaced as a whole.
 #pragma once
 
 #include <optional>

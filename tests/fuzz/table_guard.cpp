@@ -1,6 +1,6 @@
 #include "tests/fuzz/table_guard.hpp"
 
-#include "platform_linux/queue/gate.hpp"
+#include "platform_linux/queue/line_gate.hpp"
 
 #include <algorithm>
 #include <array>

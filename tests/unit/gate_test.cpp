@@ -1,5 +1,5 @@
 // The way into the command queue: whose chains a line may touch.
-#include "platform_linux/queue/gate.hpp"
+#include "platform_linux/queue/line_gate.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

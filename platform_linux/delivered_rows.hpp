@@ -18,10 +18,10 @@ namespace zol::cfg
 {
 
 // Reads from the tables given, which must outlive it; update must have been called since they last changed.
-class ConfigSource : public IConfigReader
+class DeliveredRows : public IConfigReader
 {
 public:
-    ConfigSource(const ovsdb::TableCache& tables, ZOL_Sysloglevel_Module logModule);
+    DeliveredRows(const ovsdb::TableCache& tables, ZOL_Sysloglevel_Module logModule);
 
     // Looks through tables that are other ones now. A line is logged for a row that is left out from now on, and for
     // one that is left out for another value than before.

@@ -1,4 +1,4 @@
-#include "platform_linux/config_source.hpp"
+#include "platform_linux/delivered_rows.hpp"
 
 #include "schema/tables.hpp"
 #include "text/one_line.hpp"
@@ -35,20 +35,20 @@ std::optional<Flaw> flawOf(const schema::Table& table, const ovsdb::Row& row)
 
 } // namespace
 
-ConfigSource::ConfigSource(const ovsdb::TableCache& tables, ZOL_Sysloglevel_Module logModule)
+DeliveredRows::DeliveredRows(const ovsdb::TableCache& tables, ZOL_Sysloglevel_Module logModule)
     : m_tables(tables), m_logModule(logModule)
 {
     for (const std::string& name : tables.tableNames())
         look(name, m_views[name]);
 }
 
-void ConfigSource::update(const std::set<std::string>& changedTables)
+void DeliveredRows::update(const std::set<std::string>& changedTables)
 {
     for (const std::string& name : changedTables)
         look(name, m_views[name]);
 }
 
-void ConfigSource::look(const std::string& tableName, View& view)
+void DeliveredRows::look(const std::string& tableName, View& view)
 {
     const schema::Table& table = *schema::findTable(tableName);
     const auto rows = m_tables.rows(tableName);
@@ -74,7 +74,7 @@ void ConfigSource::look(const std::string& tableName, View& view)
     }
 }
 
-ConfigStatus ConfigSource::getRowCount(const std::string& tableName, std::uint32_t& rowCount)
+ConfigStatus DeliveredRows::getRowCount(const std::string& tableName, std::uint32_t& rowCount)
 {
     const auto view = m_views.find(tableName);
     if (view == m_views.end())
@@ -83,8 +83,8 @@ ConfigStatus ConfigSource::getRowCount(const std::string& tableName, std::uint32
     return {};
 }
 
-ConfigStatus ConfigSource::readRow(const std::string& tableName, std::uint32_t rowIndex, tessera::NameList& names,
-                                   tessera::ValueList& values)
+ConfigStatus DeliveredRows::readRow(const std::string& tableName, std::uint32_t rowIndex, tessera::NameList& names,
+                                    tessera::ValueList& values)
 {
     const auto view = m_views.find(tableName);
     if (view == m_views.end() || rowIndex >= view->second.rows.size())

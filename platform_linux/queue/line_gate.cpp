@@ -1,4 +1,4 @@
-#include "platform_linux/queue/gate.hpp"
+#include "platform_linux/queue/line_gate.hpp"
 
 #include "ebtables/allowed_forms.hpp"
 

@@ -1,5 +1,5 @@
 // The rows that the handler's readers get, and what the log says of the others.
-#include "platform_linux/config_source.hpp"
+#include "platform_linux/delivered_rows.hpp"
 
 #include "ovsdb/table_update.hpp"
 #include "schema/server/database.hpp"
@@ -17,12 +17,12 @@ namespace
 
 using ovsdb::TableCache;
 using testing::HasSubstr;
-using zol::cfg::ConfigSource;
+using zol::cfg::DeliveredRows;
 
 const std::string policies = "MoatKeeperInputPolicy";
 const std::string globals = "MoatKeeper";
 
-class ConfigSourceTest : public testing::Test
+class DeliveredRowsTest : public testing::Test
 {
 protected:
     // Rows are told apart by a number; `change` is {"insert": ...} or the like.
@@ -54,10 +54,10 @@ protected:
 
     CapturedDescriptor m_log{STDERR_FILENO};
     TableCache m_tables{schema::serverDatabase(), {globals, policies}};
-    ConfigSource m_source{m_tables, ZOL_Sysloglevel_registerModul("test")};
+    DeliveredRows m_source{m_tables, ZOL_Sysloglevel_registerModul("test")};
 };
 
-TEST_F(ConfigSourceTest, ARowWithATextThatIsNoOperandIsLeftOut)
+TEST_F(DeliveredRowsTest, ARowWithATextThatIsNoOperandIsLeftOut)
 {
     insert(1, "eth0");
     insert(2, "eth0 -p ARP;\\tx");
@@ -76,7 +76,7 @@ TEST_F(ConfigSourceTest, ARowWithATextThatIsNoOperandIsLeftOut)
     EXPECT_EQ(rows, 7U);
 }
 
-TEST_F(ConfigSourceTest, ItIsToldOnceAndAgainWhenTheValueIsAnother)
+TEST_F(DeliveredRowsTest, ItIsToldOnceAndAgainWhenTheValueIsAnother)
 {
     insert(1, "a b");
     EXPECT_EQ(linesLogged(), 1);
@@ -98,14 +98,14 @@ TEST_F(ConfigSourceTest, ItIsToldOnceAndAgainWhenTheValueIsAnother)
     EXPECT_LT(m_log.text().size(), 5 * 300U);
 }
 
-TEST_F(ConfigSourceTest, TheTableWithoutIdsHasNone)
+TEST_F(DeliveredRowsTest, TheTableWithoutIdsHasNone)
 {
     change(1, R"({"insert": {"GlobalInputPolicy": "DROP; x"}})", globals);
     EXPECT_EQ(count(globals), 0U);
     EXPECT_THAT(m_log.text(), HasSubstr("config:10: MoatKeeper is left out: column GlobalInputPolicy, \"DROP; x\": "));
 }
 
-TEST_F(ConfigSourceTest, OtherSpellingsAreTheRecordsBusiness)
+TEST_F(DeliveredRowsTest, OtherSpellingsAreTheRecordsBusiness)
 {
     insert(1, "eth+");
     change(1, R"({"modify": {"Policy": "reject"}})");

@@ -1,0 +1,79 @@
+// The connection to the configuration server: made, watched, and made again for as long as the daemon runs. What the
+// server tells goes into a copy of the subscribed tables; a broken message costs the connection, never the copy.
+#pragma once
+
+#include "ovsdb/connection.hpp"
+#include "ovsdb/rpc_session.hpp"
+#include "ovsdb/subscription.hpp"
+#include "platform/sysloglevel.h"
+#include "platform_linux/event_dispatcher.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zol::cfg
+{
+
+// Threading: the dispatcher's thread only. The log gets one line for each change of the link's health, and one each
+// request time-out while there has been no configuration at all.
+class ServerLink
+{
+public:
+    struct Settings {
+        std::string socketPath;
+        std::chrono::milliseconds requestTimeout;
+        std::chrono::milliseconds reconnectInterval;
+        bool reconnect;
+    };
+    // Called for each message, after the copy has changed as the message says.
+    using Listener = std::function<void(ovsdb::Subscription::Progress)>;
+
+    // The dispatcher must outlive it. Throws ovsdb::SchemaError for a table that the database does not have.
+    ServerLink(Settings settings, tessera::net::EventDispatcher::State& dispatcher, ZOL_Sysloglevel_Module logModule,
+               const std::vector<std::string>& tableNames, Listener listener);
+    ~ServerLink();
+    ServerLink(const ServerLink&) = delete;
+    ServerLink& operator=(const ServerLink&) = delete;
+
+    // The first attempt; false when there is no server yet.
+    bool start();
+
+    const ovsdb::TableCache& tables() const { return m_subscription.tables(); }
+
+private:
+    // What the log last said about the server. Each change is one line, however many attempts it lasts.
+    enum class Health { Unknown, Connected, Absent, Lost, Foreign, Malformed, Unsuitable, Stalled };
+
+    bool connect();
+    void disconnect();
+    void handleEvents(std::uint32_t events);
+    void handleMessage(const ovsdb::RpcMessage& message);
+    void flush();
+    void watchForStall(bool progress);
+    void remind(std::chrono::milliseconds waited);
+    void fail(Health health, const std::string& reason);
+    void report(Health health, const std::string& text);
+
+    const Settings m_settings;
+    tessera::net::EventDispatcher::State& m_dispatcher;
+    const ZOL_Sysloglevel_Module m_logModule;
+    const Listener m_listener;
+
+    ovsdb::Subscription m_subscription;
+    std::optional<ovsdb::Connection> m_connection;
+    std::optional<ovsdb::RpcSession> m_session;
+    bool m_registered = false; // the connection's descriptor, with the dispatcher
+    bool m_wantsWrite = false;
+    Health m_health = Health::Unknown;
+    std::string m_reason{"the server has not sent it yet"}; // why there may be no configuration
+
+    tessera::net::EventDispatcher::State::TimerId m_stallTimer = 0;
+    tessera::net::EventDispatcher::State::TimerId m_reconnectTimer = 0;
+    tessera::net::EventDispatcher::State::TimerId m_reminderTimer = 0;
+};
+
+} // namespace zol::cfg
