@@ -160,7 +160,7 @@ TEST(OvsdbClientAnswersTest, WhatIsNoAnswerToARead)
         EXPECT_THROW(reading({result("[false, " + transaction + ", " + tables + "]")})(), ProtocolError) << tables;
     const std::string refused = R"("result": null, "error": {"error": "permission denied", "details": "not\nyou"})";
     EXPECT_THAT(reading({refused, refused, refused}),
-                ThrowsMessage<ProtocolError>("subscription refused: permission denied: not you"));
+                ThrowsMessage<ProtocolError>(R"(subscription refused: permission denied: not\x0ayou)"));
 }
 
 TEST(OvsdbClientAnswersTest, WhatIsNoAnswerToATransaction)

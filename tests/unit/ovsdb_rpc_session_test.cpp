@@ -33,7 +33,7 @@ TEST(OvsdbRpcSessionTest, AnErrorIsOneLine)
     RpcSession session;
     session.request("x", Json::Array());
     session.receive(R"({"id":1,"result":null,"error":{"error":"unknown database","details":"a\nb"}})");
-    EXPECT_EQ(session.next()->error, "unknown database: a b");
+    EXPECT_EQ(session.next()->error, R"(unknown database: a\x0ab)");
 }
 
 TEST(OvsdbRpcSessionTest, NotificationsAndEchoBetweenThem)
