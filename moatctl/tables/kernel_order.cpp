@@ -1,6 +1,6 @@
 #include "moatctl/tables/kernel_order.hpp"
 
-#include "handler/reading.hpp"
+#include "handler/priority_order.hpp"
 
 #include <algorithm>
 #include <limits>
