@@ -30,7 +30,7 @@ moatctl              moatctl/command_line moatctl/verbs schema unistd.h
 moatctl/tables       moatctl handler ebtables ovsdb schema schema/server platform text system
 moatctl/bridge       moatctl/tables handler records ebtables schema subprocess text system
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
-moatctl/command_line moatctl moatctl/tables moatctl/bridge ebtables ovsdb schema schema/server platform text
+moatctl/command_line moatctl moatctl/tables moatctl/bridge moatctl/check ebtables ovsdb schema schema/server platform text
                      system CLI
 moatctl/verbs        moatctl moatctl/tables moatctl/bridge moatctl/check moatctl/command_line ebtables ovsdb schema schema/server
                      platform unistd.h

@@ -31,21 +31,31 @@ public:
     // An error is the same whatever it says, a warning if it says the same.
     bool hadProblem(const Problem& problem)
     {
-        if (!m_known) {
-            m_known.emplace();
-            for (const Problem& known : checkConfiguration(m_configuration, m_options))
-                m_known->insert(keyOf(known));
-        }
-        return m_known->contains(keyOf(problem));
+        return known().contains(keyOf(problem, problem.severity == Severity::Error ? "" : problem.text));
     }
+
+    // Whether the same was said.
+    bool said(const Problem& problem) { return known().contains(keyOf(problem, problem.text)); }
 
 private:
     using Key = std::tuple<Severity, std::string, std::int32_t, std::string, std::string>;
 
-    static Key keyOf(const Problem& problem)
+    static Key keyOf(const Problem& problem, const std::string& text)
     {
-        return {problem.severity, problem.table, problem.id, problem.column,
-                problem.severity == Severity::Error ? "" : problem.text};
+        return {problem.severity, problem.table, problem.id, problem.column, text};
+    }
+
+    const std::set<Key>& known()
+    {
+        if (!m_known) {
+            m_known.emplace();
+            for (const Problem& problem : checkConfiguration(m_configuration, m_options)) {
+                m_known->insert(keyOf(problem, problem.text));
+                if (problem.severity == Severity::Error)
+                    m_known->insert(keyOf(problem, ""));
+            }
+        }
+        return *m_known;
     }
 
     const Configuration& m_configuration;
@@ -66,6 +76,10 @@ std::vector<Problem> checkChange(const Configuration& before, const Configuratio
             problem.file.clear();
         if (old.hadRow(row, problem) && old.hadProblem(problem)) {
             if (!fromFile || problem.severity == Severity::Warning)
+                continue;
+            problem.severity = Severity::Warning;
+        } else if (row != nullptr && !fromFile && old.said(problem)) {
+            if (problem.severity == Severity::Warning)
                 continue;
             problem.severity = Severity::Warning;
         }

@@ -12,9 +12,12 @@
 namespace moatctl
 {
 
+// What this machine has of a name.
+enum class InterfaceState { Port, Missing, Bridge, NoPort };
+
 struct CheckOptions {
-    // Whether this machine has an interface of that name; empty: not looked at.
-    std::function<bool(const std::string& name)> interfaceExists;
+    // Of interfaces that rows name; empty: not looked at.
+    std::function<InterfaceState(const std::string& name)> interfaceState;
     // Called now and then with how much of the work is done; may be empty.
     std::function<void(std::size_t done, std::size_t total)> onProgress;
 };
@@ -25,7 +28,7 @@ struct CheckOptions {
 // In the order of tables, Ids and columns. Time: grows little more than in proportion to the rows.
 std::vector<Problem> checkConfiguration(const Configuration& configuration, const CheckOptions& options = {});
 
-// Whether this machine has an interface of that name.
-bool isInterfaceHere(const std::string& name);
+// On this machine.
+InterfaceState interfaceHere(const std::string& name);
 
 } // namespace moatctl

@@ -7,11 +7,31 @@
 namespace moatctl
 {
 
+namespace
+{
+
+const char* whatIsWrong(InterfaceState state)
+{
+    switch (state) {
+    case InterfaceState::Port:
+        break;
+    case InterfaceState::Missing:
+        return ": this machine has no such interface";
+    case InterfaceState::Bridge:
+        return ": a bridge, which is no port of itself; frames match its ports only";
+    case InterfaceState::NoPort:
+        return ": this interface is not a port of a bridge, so no frame matches";
+    }
+    return nullptr;
+}
+
+} // namespace
+
 void findMissingInterfaces(const Expected& expected, const CheckOptions& options, Findings& findings)
 {
-    if (!options.interfaceExists)
+    if (!options.interfaceState)
         return;
-    std::map<std::string, bool> known; // many rows name few ports
+    std::map<std::string, InterfaceState> known; // many rows name few ports
     for (const Row* row : expected.used) {
         for (const schema::Column& column : row->table->columns) {
             if (column.kind != ValueKind::Interface)
@@ -21,20 +41,27 @@ void findMissingInterfaces(const Expected& expected, const CheckOptions& options
                 name.erase(0, 2);
             if (name.empty() || name.back() == '+' || name.size() > ebtables::maxInterfaceName)
                 continue;
-            const auto [place, isNew] = known.try_emplace(name);
+            const auto [place, isNew] = known.try_emplace(name, InterfaceState::Port);
             if (isNew)
-                place->second = options.interfaceExists(name);
-            if (!place->second)
-                findings.warning(*row, column.name, inQuotes(name) + ": this machine has no such interface");
+                place->second = options.interfaceState(name);
+            if (const char* wrong = whatIsWrong(place->second))
+                findings.warning(*row, column.name, inQuotes(name) + wrong);
         }
     }
 }
 
-bool isInterfaceHere(const std::string& name)
+InterfaceState interfaceHere(const std::string& name)
 {
-    std::error_code ignored;
-    return !name.empty() && name.find('/') == std::string::npos && name != "." && name != ".." &&
-           std::filesystem::exists("/sys/class/net/" + name, ignored);
+    const std::string folder = "/sys/class/net/" + name;
+    const auto exists = [](const std::string& path) {
+        std::error_code ignored;
+        return std::filesystem::exists(path, ignored);
+    };
+    if (name.empty() || name.find('/') != std::string::npos || name == "." || name == ".." || !exists(folder))
+        return InterfaceState::Missing;
+    return exists(folder + "/brport")   ? InterfaceState::Port
+           : exists(folder + "/bridge") ? InterfaceState::Bridge
+                                        : InterfaceState::NoPort;
 }
 
 } // namespace moatctl

@@ -10,6 +10,21 @@
 namespace moatctl
 {
 
+namespace
+{
+
+// An empty value comes from a variable that a script has not set, hardly from a person who means it.
+Option filled(CLI::Option& added, const std::string& type)
+{
+    Option option(added);
+    option.check([type](const std::string& value) {
+        return value.empty() ? inQuotes(value) + ": expected " + (type.empty() ? "a value" : type) : std::string();
+    });
+    return option;
+}
+
+} // namespace
+
 Option& Option::required()
 {
     m_option->required();
@@ -65,13 +80,13 @@ Command Command::add(const std::string& name, const std::string& description, co
 
 Option Command::option(const std::string& name, const std::string& type, const std::string& help) const
 {
-    return Option(*m_app->add_option(name, help)->type_name(type)->expected(1));
+    return filled(*m_app->add_option(name, help)->type_name(type)->expected(1), type);
 }
 
 Option Command::option(const std::string& name, const std::string& type, const std::string& help,
                        const std::function<void(const std::string& value)>& take) const
 {
-    return Option(*m_app->add_option_function<std::string>(name, take, help)->type_name(type));
+    return filled(*m_app->add_option_function<std::string>(name, take, help)->type_name(type), type);
 }
 
 Option Command::option(const std::string& name, const std::string& type, const std::string& help,

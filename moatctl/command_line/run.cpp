@@ -1,7 +1,7 @@
 #include "moatctl/command_line/run.hpp"
 
+#include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/command_line/parser.hpp"
-#include "moatctl/tables/edit.hpp"
 #include "schema/server/database.hpp"
 
 #include <new>
@@ -15,14 +15,6 @@ ovsdb::Client Program::connect() const
     return ovsdb::Client(schema::serverDatabase(), server);
 }
 
-ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit)
-{
-    ovsdb::Client client = program.connect();
-    for (const std::string& line : applyEdit(client, edit))
-        program.out << line << '\n';
-    return ExitStatus::Ok;
-}
-
 int run(int argc, const char* const* argv, Program& program)
 {
     ExitStatus status = ExitStatus::Ok;
@@ -31,7 +23,7 @@ int run(int argc, const char* const* argv, Program& program)
         if (const std::string asked = parser.parse(argc, argv); !asked.empty())
             program.out << asked;
         else
-            status = program.edit ? carryOut(program, program.edit) : program.action();
+            status = program.edit ? carryOut(program, checked(program, program.edit)) : program.action();
         program.out.flush();
         if (!program.out)
             throw Failure(ExitStatus::Output, "the output could not be written");

@@ -32,6 +32,7 @@ struct Program {
     bool colour = false; // on out: a terminal, and NO_COLOR is not set
 
     ovsdb::ClientOptions server{}; // --server, --timeout
+    bool force = false;            // --force
 
     // Set by the verb that was given, exactly one of the two. They run after the whole command line was found right,
     // and may throw Failure and the errors of ovsdb::Client.

@@ -47,6 +47,7 @@ bool Configuration::add(Row row)
     const auto it = place(held, row.id());
     if (it != held.end() && it->id() == row.id())
         return false;
+    rememberId(row.table->id, row.id());
     held.insert(it, std::move(row));
     return true;
 }
@@ -63,22 +64,14 @@ bool Configuration::remove(TableId table, std::int32_t id)
 
 std::int32_t Configuration::nextId(TableId table) const
 {
-    const std::vector<Row>& held = rows(table);
-    if (held.empty())
-        return 1;
-    if (held.back().id() < std::numeric_limits<std::int32_t>::max())
-        return std::max(held.back().id(), 0) + 1;
-    std::int32_t candidate = 1;
-    for (const Row& row : held) {
-        if (row.id() < candidate)
-            continue;
-        if (row.id() > candidate)
-            return candidate;
-        if (candidate == std::numeric_limits<std::int32_t>::max())
-            return 0;
-        ++candidate;
-    }
-    return candidate;
+    const std::int32_t largest = largestId(table);
+    return largest < std::numeric_limits<std::int32_t>::max() ? largest + 1 : 0;
+}
+
+void Configuration::rememberId(TableId table, std::int32_t id)
+{
+    std::int32_t& largest = m_largestIds[static_cast<std::size_t>(table)];
+    largest = std::max(largest, id);
 }
 
 std::string nameOf(const Row& row)

@@ -55,13 +55,19 @@ public:
     bool remove(TableId table, std::int32_t id);
     void clear(TableId table) { m_tables[static_cast<std::size_t>(table)].clear(); }
 
-    // One more than the largest Id; the smallest one free when that is out of range. 0 when all are taken.
+    // One more than the largest Id that the table ever had here, whether the row is still there or not: an Id that
+    // somebody has written down never comes to mean another row. 0 when there is no larger one.
     std::int32_t nextId(TableId table) const;
+    // The table has had this Id, as far as is known from elsewhere.
+    void rememberId(TableId table, std::int32_t id);
+    std::int32_t largestId(TableId table) const { return m_largestIds[static_cast<std::size_t>(table)]; }
 
+    // Same rows.
     bool operator==(const Configuration& other) const { return m_tables == other.m_tables; }
 
 private:
     std::array<std::vector<Row>, schema::tableCount> m_tables;
+    std::array<std::int32_t, schema::tableCount> m_largestIds{};
 };
 
 // The row in words: "MoatKeeperRuleset Id 5".

@@ -113,7 +113,7 @@ bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
 
 } // namespace
 
-std::vector<std::string> applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit)
+Told applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit)
 {
     for (int attempt = 0; attempt < attemptLimit; ++attempt) {
         const Configuration before = loadFromServer(client);
@@ -128,7 +128,7 @@ std::vector<std::string> applyEdit(ovsdb::Client& client, const std::function<vo
             if (!result.committed())
                 refuse(plan, result);
         }
-        return editor.reports();
+        return editor.told();
     }
     throw Failure(ExitStatus::Conflict,
                   "gave up after " + std::to_string(attemptLimit) +

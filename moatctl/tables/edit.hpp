@@ -18,6 +18,12 @@ class Client;
 namespace moatctl
 {
 
+// Lines for the operator.
+struct Told {
+    std::vector<std::string> reports;
+    std::vector<std::string> notes;
+};
+
 // A copy of the server's configuration that is being changed. May be filled several times until the change holds.
 class Editor
 {
@@ -34,18 +40,22 @@ public:
     const std::set<std::pair<TableId, std::int32_t>>& reliedOn() const { return m_reliedOn; }
 
     // A line for the operator once the change is done.
-    void report(std::string line) { m_reports.push_back(std::move(line)); }
-    const std::vector<std::string>& reports() const { return m_reports; }
+    void report(std::string line) { m_told.reports.push_back(std::move(line)); }
+    // Likewise, but a remark, which is no data.
+    void note(std::string line) { m_told.notes.push_back(std::move(line)); }
+    const Told& told() const { return m_told; }
+
+    bool force = false; // rows are taken whatever is wrong with them
 
 private:
     std::set<std::pair<TableId, std::int32_t>> m_reliedOn;
-    std::vector<std::string> m_reports;
+    Told m_told;
 };
 
 // Reads, edits, writes; at most attemptLimit times, as long as others come in between. Does nothing when the edit
-// changes nothing. Returns what the edit that held reports. Throws what the edit throws, Failure(Conflict) when it
+// changes nothing. Returns what the edit that held has told. Throws what the edit throws, Failure(Conflict) when it
 // never got through, Failure(BadInput) when the server refuses a value, and the errors of ovsdb::Client.
 inline constexpr int attemptLimit = 50;
-std::vector<std::string> applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit);
+Told applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit);
 
 } // namespace moatctl

@@ -27,14 +27,17 @@ std::string toText(const Problem& problem)
     if (!text.empty())
         text += ": ";
     text += problem.severity == Severity::Error ? "error: " : "warning: ";
+    return text + placeAndText(problem);
+}
+
+std::string placeAndText(const Problem& problem)
+{
     std::string where = problem.table;
     if (problem.id != 0)
         where += " Id " + std::to_string(problem.id);
     if (!problem.column.empty())
         where += (where.empty() ? "" : ", ") + problem.column;
-    if (!where.empty())
-        text += where + ": ";
-    return text + problem.text;
+    return (where.empty() ? "" : where + ": ") + problem.text;
 }
 
 std::size_t writeProblems(std::ostream& out, const std::vector<Problem>& problems)

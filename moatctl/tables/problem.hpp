@@ -33,6 +33,9 @@ Problem problemAt(Severity severity, const Configuration& configuration, const R
 // `rules.json:12: error: MoatKeeperRuleset Id 5, SrcMAC: "xy": expected a MAC address ...`
 std::string toText(const Problem& problem);
 
+// Likewise, without file, line and severity.
+std::string placeAndText(const Problem& problem);
+
 // One line each. Returns the number of errors among them.
 std::size_t writeProblems(std::ostream& out, const std::vector<Problem>& problems);
 

@@ -119,9 +119,9 @@ tessera::Value fromPerson(const schema::Column& column, const std::string& text,
     case ValueKind::Port:
         if (const auto number = parseNumber(text))
             value = tessera::Value(*number);
-        else if (column.kind == ValueKind::VlanId && (text.empty() || text == "none"))
+        else if (column.kind == ValueKind::VlanId && text == "none")
             value = tessera::Value(-1);
-        else if (column.kind == ValueKind::Port && (text.empty() || text == "none"))
+        else if (column.kind == ValueKind::Port && text == "none")
             value = tessera::Value(0);
         else
             throw refuse();
@@ -150,7 +150,7 @@ tessera::Value fromPerson(const schema::Column& column, const std::string& text,
     case ValueKind::FilterMatch:
         break;
     }
-    if ((column.required && text.empty()) || wrongValue(column, value))
+    if (text.empty() || wrongValue(column, value))
         throw refuse();
     return value;
 }

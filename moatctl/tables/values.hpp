@@ -18,7 +18,8 @@ std::optional<std::string> wrongValue(const schema::Column& column, const tesser
 std::string expectedInstead(const schema::Column& column, const tessera::Value& value);
 
 // A value as a person writes it in the form in which the table holds it: "tcp" becomes "TCP", "ipv4" and "0x0800"
-// become "IPv4", "none" unsets a VLAN or a port. Throws Failure(BadInput), beginning with what the value is of.
+// become "IPv4", "none" unsets a VLAN or a port. An empty text is no value. Throws Failure(BadInput), beginning with
+// what the value is of.
 tessera::Value fromPerson(const schema::Column& column, const std::string& text, std::string_view what);
 
 // Nothing unless the whole text is a decimal number of 32 bits.

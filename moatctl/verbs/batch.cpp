@@ -1,5 +1,5 @@
+#include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/command_line/parser.hpp"
-#include "moatctl/command_line/run.hpp"
 #include "moatctl/command_line/split_line.hpp"
 
 #include "moatctl/tables/edit.hpp"
@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <memory>
 #include <ostream>
+#include <utility>
 
 namespace moatctl
 {
@@ -62,6 +63,7 @@ private:
     {
         // The same verbs as on the command line, but only those that change rows.
         Program inner{.in = m_program.in, .out = m_program.out, .err = m_program.err, .verbs = m_program.verbs};
+        inner.force = m_program.force;
         Parser parser(inner, Parser::OnlyChanges{});
         std::size_t number = 0;
         for (std::size_t begin = 0; begin < text.size(); ++number) {
@@ -88,6 +90,9 @@ private:
         try {
             if (!parser.parse(std::move(split.words)).empty())
                 m_wrongLines.push_back({number, ExitStatus::BadInput, "--help cannot be used in a batch"});
+            else if (std::exchange(inner.force, m_program.force) != m_program.force)
+                m_wrongLines.push_back(
+                    {number, ExitStatus::BadInput, "--force is for all lines together: expected it after batch"});
             else if (inner.edit)
                 m_steps.push_back({number, inner.edit});
             else
@@ -127,11 +132,12 @@ void addBatch(const Command& root, Program& program)
     command
         .option("FILE", "", "File with lines such as: rule add --in eth0 --drop # comment; - for standard input", *file)
         .defaultsTo("-");
+    addChangeOptions(command, program);
     command.onGiven([&program, file] {
         program.action = [&program, file] {
             Batch batch(program, *file);
             try {
-                return carryOut(program, [&batch](Editor& editor) { batch.apply(editor); });
+                return carryOut(program, checked(program, [&batch](Editor& editor) { batch.apply(editor); }));
             } catch (const ovsdb::Error& error) {
                 batch.stopAtWrongLines(error);
                 throw;

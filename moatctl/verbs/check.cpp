@@ -47,7 +47,7 @@ ExitStatus check(Program& program, const Options& options)
 
     CheckOptions checkOptions;
     if (!options.elsewhere)
-        checkOptions.interfaceExists = isInterfaceHere;
+        checkOptions.interfaceState = interfaceHere;
     std::vector<Problem> problems = loaded.problems;
     std::vector<Problem> found;
     if (loaded.readable)

@@ -1,3 +1,4 @@
+#include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/tables/values.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "moatctl/verbs/table_verb.hpp"
@@ -37,6 +38,7 @@ void addGlobal(const Command& root, Program& program)
     const Command set = global.add("set", "Change the global policies", example);
     set.option("--input", "ACCEPT|DROP", "Policy for frames to the device itself");
     set.option("--forward", "ACCEPT|DROP", "Policy for frames between ports");
+    addChangeOptions(set, program);
     set.onGiven([set, &program] {
         const Given given(set);
         Row probe(schema::table(TableId::Global));

@@ -1,6 +1,6 @@
 #include "moatctl/check/change.hpp"
+#include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/command_line/progress.hpp"
-#include "moatctl/command_line/run.hpp"
 #include "moatctl/tables/difference.hpp"
 #include "moatctl/tables/edit.hpp"
 #include "moatctl/tables/file.hpp"
@@ -41,7 +41,7 @@ public:
         if (!m_file.readable)
             refuse(m_file.problems);
         if (!options.elsewhere)
-            m_checkOptions.interfaceExists = isInterfaceHere;
+            m_checkOptions.interfaceState = interfaceHere;
         m_checkOptions.onProgress = [this](std::size_t done, std::size_t total) {
             m_progress.show("checking", done, total);
         };

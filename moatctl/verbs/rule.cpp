@@ -9,9 +9,9 @@ namespace
 {
 
 // Who names an address means frames of its family.
-void inferEthertype(const Given&, Row& row)
+void inferEthertype(const Given& given, Row& row)
 {
-    if (!row.text("Ethertype").empty() || row.integer("VLANID") != -1)
+    if (given.has("--no-ethertype") || !row.text("Ethertype").empty() || row.integer("VLANID") != -1)
         return;
     for (const char* column : {"IPSrcAddr", "IPDstAddr"}) {
         if (!row.text(column).empty()) {
@@ -52,7 +52,7 @@ void addRule(const Command& root, Program& program)
                   .targetColumn = "Target",
                   .logs = true,
                   .addExample = "--in eth0 --out eth1 --src 10.0.0.0/8 --proto tcp --port 80 --log --drop",
-                  .setExample = "3 --port 443 --after 5",
+                  .setExample = "3 --port 443 --no-src-mac --after 5",
                   .describe =
                       [](const Command& command) {
                           const Option priority = command.find("--priority");

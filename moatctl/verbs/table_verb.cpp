@@ -1,6 +1,7 @@
 #include "moatctl/verbs/table_verb.hpp"
 
 #include "moatctl/check/row.hpp"
+#include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/command_line/sheets.hpp"
 #include "moatctl/tables/server.hpp"
 #include "moatctl/tables/values.hpp"
@@ -28,14 +29,21 @@ Failure notFound(const TableVerb& verb, std::int32_t id)
     return {ExitStatus::Conflict, "there is no " + nameOfRow(verb, id)};
 }
 
+// "--no-out" for "--out".
+std::string clearing(const ColumnOption& option)
+{
+    return "--no-" + option.name.substr(2);
+}
+
 void takeColumns(const TableVerb& verb, const Given& given, Row& row)
 {
     const schema::Table& table = *row.table;
     for (const ColumnOption& option : verb.options) {
-        if (!given.has(option.name))
-            continue;
         const std::size_t column = table.at(option.column);
-        row.values[column] = fromPerson(table.columns[column], given.value(option.name), option.name);
+        if (given.has(option.name))
+            row.values[column] = fromPerson(table.columns[column], given.value(option.name), option.name);
+        else if (given.has(clearing(option)))
+            row.values[column] = table.columns[column].defaultValue();
     }
     if (given.has("--accept") || given.has("--drop"))
         row.set(verb.targetColumn, std::string(given.has("--accept") ? "ACCEPT" : "DROP"));
@@ -66,10 +74,15 @@ std::string priorityColumn(const TableVerb& verb)
     return it != verb.options.end() ? it->column : "";
 }
 
-// Throws Failure(BadInput) with the first thing that is wrong with the row.
-void requireGood(const TableVerb& verb, const Configuration& configuration, const Row& row)
+// Throws Failure(BadInput) with the first thing that is wrong with the row, and was not before.
+void requireGood(const TableVerb& verb, const Configuration& configuration, const Row& row, const Row* before = nullptr)
 {
-    const std::vector<Problem> problems = checkRow(configuration, row);
+    std::vector<Problem> problems = checkRow(configuration, row);
+    if (before != nullptr) {
+        const std::vector<Problem> known = checkRow(configuration, *before);
+        std::erase_if(problems,
+                      [&known](const Problem& problem) { return std::ranges::find(known, problem) != known.end(); });
+    }
     if (problems.empty())
         return;
     const auto option = std::ranges::find(verb.options, problems.front().column, &ColumnOption::column);
@@ -100,7 +113,7 @@ void checkIds(const Given& given)
     }
 }
 
-void checkAdd(const TableVerb& verb, const Given& given)
+void checkAdd(const TableVerb& verb, const Given& given, bool force)
 {
     checkIds(given);
     Row row(schema::table(verb.table));
@@ -112,14 +125,14 @@ void checkAdd(const TableVerb& verb, const Given& given)
     if (verb.complete)
         verb.complete(given, row);
     requireOptions(verb, row);
-    if (verb.table != TableId::FilterRules) // these depend on their filter
+    if (verb.table != TableId::FilterRules && !force) // these depend on their filter
         requireGood(verb, {}, row);
 }
 
-void checkSet(const TableVerb& verb, const Given& given)
+void checkSet(const TableVerb& verb, const Given& given, bool)
 {
     checkIds(given);
-    if (!given.hasOtherThan({"ID", "--if-exists"}))
+    if (!given.hasOtherThan({"ID", "--if-exists", "--force"}))
         throw Failure(ExitStatus::BadInput, "nothing to change: expected an option (see moatctl " +
                                                 std::string(schema::table(verb.table).word) + " set --help)");
     Row row(schema::table(verb.table));
@@ -128,7 +141,7 @@ void checkSet(const TableVerb& verb, const Given& given)
         verb.complete(given, row);
 }
 
-void checkRows(const TableVerb&, const Given& given)
+void checkRows(const TableVerb&, const Given& given, bool)
 {
     std::set<std::int32_t> seen;
     for (const std::int32_t id : given.ids("ID")) {
@@ -143,7 +156,7 @@ void addRow(const TableVerb& verb, const Given& given, Editor& editor)
     Row row(schema::table(verb.table));
     row.set("Id", given.has("--id") ? given.id("--id") : configuration.nextId(verb.table));
     if (row.id() == 0)
-        throw Failure(ExitStatus::Conflict, "all Ids are in use");
+        throw Failure(ExitStatus::Conflict, "there is no larger Id: choose one with --id");
     takeColumns(verb, given, row);
     if (verb.complete)
         verb.complete(given, row);
@@ -157,7 +170,8 @@ void addRow(const TableVerb& verb, const Given& given, Editor& editor)
     }
     if (verb.arrange)
         verb.arrange(given, editor, row, true);
-    requireGood(verb, configuration, row);
+    if (!editor.force)
+        requireGood(verb, configuration, row);
     const std::int32_t id = row.id();
     if (!configuration.add(std::move(row)))
         throw Failure(ExitStatus::Conflict, nameOfRow(verb, id) + " exists already" +
@@ -179,8 +193,10 @@ void setRow(const TableVerb& verb, const Given& given, Editor& editor)
         verb.complete(given, row);
     if (verb.arrange)
         verb.arrange(given, editor, row, false);
-    requireGood(verb, editor.configuration, row);
-    *editor.configuration.find(verb.table, id) = std::move(row);
+    Row& held = *editor.configuration.find(verb.table, id);
+    if (!editor.force)
+        requireGood(verb, editor.configuration, row, &held);
+    held = std::move(row);
 }
 
 void removeRows(const TableVerb& verb, const Given& given, Editor& editor)
@@ -228,12 +244,23 @@ void describeColumns(const Command& command, const TableVerb& verb)
     command.flag("--disabled", "Disable the row, but keep it").excludes(enabled);
 }
 
-void onEdit(const Command& command, Program& program, const Shared& verb, void (*check)(const TableVerb&, const Given&),
+void describeClearing(const Command& set, const TableVerb& verb)
+{
+    const schema::Table& table = schema::table(verb.table);
+    for (const ColumnOption& option : verb.options) {
+        if (!table.columns[table.at(option.column)].required)
+            set.flag(clearing(option), "Remove what " + option.name + " has set").excludes(set.find(option.name));
+    }
+}
+
+void onEdit(const Command& command, Program& program, const Shared& verb,
+            void (*check)(const TableVerb&, const Given&, bool force),
             void (*change)(const TableVerb&, const Given&, Editor&))
 {
+    addChangeOptions(command, program);
     command.onGiven([command, &program, verb, check, change] {
         const Given given(command);
-        check(*verb, given);
+        check(*verb, given, program.force);
         program.edit = [verb, change, given](Editor& editor) { change(*verb, given, editor); };
     });
 }
@@ -276,13 +303,14 @@ void addTableVerb(const Command& root, Program& program, const TableVerb& descri
     const Command parent = root.add(word, verb->description, word + " add " + verb->addExample);
 
     const Command add = parent.add("add", "Add a row and print its Id", word + " add " + verb->addExample);
-    add.option("--id", "ID", "Id of the row (default: the next free one)");
+    add.option("--id", "ID", "Id of the row (default: one more than any that was used)");
     describeColumns(add, *verb);
     add.flag("--may-exist", "Do nothing if there is already a row that does the same");
 
     const Command set = parent.add("set", "Change columns of a row", word + " set " + verb->setExample);
     set.option("ID", "", "The row").required();
     describeColumns(set, *verb);
+    describeClearing(set, *verb);
 
     const Command remove = parent.add("remove", "Remove rows", word + " remove 3 --if-exists");
     const Command enable = parent.add("enable", "Enable rows", word + " enable 3 4");

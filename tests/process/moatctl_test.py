@@ -36,9 +36,49 @@ class Rules(Case):
         self.ok("rule", "set", "1", "--vlan", "200", "--accept", "--no-log", "--out", "eth1")
         self.assertEqual(self.rows("rule")[0],
                          before | {"VLANID": 200, "Target": "ACCEPT", "EnableLogging": 0, "OutInterface": "eth1"})
-        self.ok("rule", "set", "1", "--vlan", "none", "--out", "")
+        self.ok("rule", "set", "1", "--vlan", "none", "--no-out")
         row = self.rows("rule")[0]
         self.assertEqual((row["VLANID"], row["OutInterface"]), (-1, ""))
+
+    def test_an_empty_value_is_refused(self):
+        self.ok("rule", "add", "--in", "eth0", "--out", "eth1", "--vlan", "3", "--drop")
+        before = self.rows("rule")
+        for option, kind in (("--in", "PORT"), ("--out", "PORT"), ("--src-mac", "MAC"), ("--dst-mac", "MAC"),
+                             ("--vlan", "NUMBER"), ("--ethertype", "TYPE"), ("--src", "NETWORK"), ("--dst", "NETWORK"),
+                             ("--proto", r"tcp\|udp"), ("--port", "NUMBER"), ("--priority", "NUMBER"), ("--after", "ID")):
+            for words in (("rule", "add", "--in", "eth0", "--drop"), ("rule", "set", "1")):
+                if option != "--in" or words[1] == "set":
+                    self.refused(BAD_INPUT, f'^moatctl: {option} "": expected {kind} ', *words, option, "")
+                    self.refused(BAD_INPUT, f"^moatctl: {option} has no value: expected {kind} ", *words, f"{option}=")
+        self.refused(BAD_INPUT, '^moatctl: ID "": expected ', "rule", "remove", "")
+        self.refused(BAD_INPUT, '^moatctl: --between "": expected PORT ', "filter", "add", "--between", "", "eth0")
+        self.refused(BAD_INPUT, '^moatctl: --input "": expected ', "global", "set", "--input", "")
+        self.refused(BAD_INPUT, '^moatctl: FILE "": expected a value ', "import", "")
+        done = self.run_tool("batch", stdin="rule set 1 --out ''\n")
+        self.assertRegex(done.stderr, '^standard input:1: error: --out "": expected PORT ')
+        self.assertEqual(self.rows("rule"), before)
+
+    def test_each_condition_can_be_removed(self):
+        self.ok("rule", "add", "--in", "eth0", "--out", "eth1", "--src-mac", "02:00:00:00:00:01", "--dst-mac",
+                "02:00:00:00:00:02", "--ethertype", "IPv4", "--src", "10.0.0.1", "--dst", "10.0.0.2", "--proto", "tcp",
+                "--port", "80", "--drop")
+        unset = {"IPPort": 0, "IPProto": "", "IPDstAddr": "", "IPSrcAddr": "", "Ethertype": "", "SrcMAC": "",
+                 "DstMAC": "", "OutInterface": ""}
+        expected = self.rows("rule")[0]
+        self.refused(BAD_INPUT, "^moatctl: --src .*Ethertype", "rule", "set", "1", "--no-ethertype")
+        for option, column in (("port", "IPPort"), ("proto", "IPProto"), ("dst", "IPDstAddr"), ("src", "IPSrcAddr"),
+                               ("ethertype", "Ethertype"), ("src-mac", "SrcMAC"), ("dst-mac", "DstMAC"),
+                               ("out", "OutInterface")):
+            self.refused(BAD_INPUT, f"^moatctl: --(no-)?{option} excludes --(no-)?{option} ", "rule", "set", "1", f"--{option}",
+                         "1", f"--no-{option}")
+            self.ok("rule", "set", "1", f"--no-{option}")
+            expected[column] = unset[column]
+            self.assertEqual(self.rows("rule")[0], expected)
+        self.ok("rule", "set", "1", "--vlan", "5")
+        self.ok("rule", "set", "1", "--no-vlan")
+        self.assertEqual(self.rows("rule")[0], expected)
+        self.refused(BAD_INPUT, 'unknown option "--no-in"', "rule", "set", "1", "--no-in")
+        self.refused(BAD_INPUT, 'unknown option "--no-out"', "rule", "add", "--in", "eth0", "--drop", "--no-out")
 
     def test_wrong_values(self):
         add = ("rule", "add", "--in", "eth0", "--drop")
@@ -65,7 +105,8 @@ class Rules(Case):
         self.assertEqual(self.ok("rule", "add", "--in", "eth0", "--drop"), "8\n")
         self.refused(CONFLICT, "rule 7 exists already", "rule", "add", "--in", "eth1", "--drop", "--id", "7")
         self.ok("rule", "add", "--in", "eth2", "--drop", "--id", "2147483647")
-        self.assertEqual(self.ok("rule", "add", "--in", "eth3", "--drop"), "1\n")
+        self.refused(CONFLICT, "there is no larger Id: choose one with --id", "rule", "add", "--in", "eth3", "--drop")
+        self.assertEqual(self.ok("rule", "add", "--in", "eth3", "--drop", "--id", "1"), "1\n")
 
     def test_may_exist_and_if_exists(self):
         add = ("rule", "add", "--in", "eth0", "--vlan", "3", "--drop", "--may-exist")
@@ -145,6 +186,134 @@ class OtherTables(Case):
         self.refused(BAD_INPUT, "expected --input or --forward", "global", "set")
 
 
+class Effect(Case):
+    """An edit looks at what it brings about."""
+
+    def setUp(self):
+        super().setUp()
+        self.ok("batch", stdin="""global set --input ACCEPT --forward ACCEPT
+filter add --between eth0 eth1 --match mac --mode blacklist
+filter-rule add --filter 1 --match 02:00:00:00:00:01
+rule add --in eth2 --out eth3 --src-mac 02:00:00:00:00:01 --drop
+""")
+
+    def test_a_name_that_no_port_has(self):
+        self.assertIn('warning: MoatKeeperRuleset Id 2, OutInterface: "eht3": this machine has no such interface\n',
+                      self.run_tool("rule", "add", "--in", "lo", "--out", "eht3", "--drop").stderr)
+        self.assertEqual(self.warnings("rule", "set", "2", "--log"), [], "said again")
+        self.assertEqual(self.warnings("rule", "add", "--in", "lo", "--out", "eth9", "--accept"), [
+            'warning: MoatKeeperRuleset Id 3, InInterface: "lo": this interface is not a port of a bridge, so no frame '
+            "matches"])
+
+    def test_what_is_never_reached_or_contradicts(self):
+        self.assertEqual(self.warnings("rule", "add", "--in", "eth2", "--out", "eth3", "--src-mac", "02:00:00:00:00:01",
+                                       "--accept"),
+                         ["warning: MoatKeeperRuleset Id 2: contradicts MoatKeeperRuleset Id 1, which comes first and "
+                          "takes the same frames"])
+        self.assertEqual(self.warnings("rule", "add", "--in", "eth2", "--out", "eth3", "--drop", "--before", "1"),
+                         ["warning: MoatKeeperRuleset Id 1: never reached: MoatKeeperRuleset Id 3 comes first and takes "
+                          "all its frames",
+                          "warning: MoatKeeperRuleset Id 2: never reached: MoatKeeperRuleset Id 3 comes first and takes "
+                          "all its frames"])
+        self.ok("forward-policy", "add", "--in", "eth2", "--out", "eth4", "--drop")
+        self.assertIn("contradicts MoatKeeperForwardingPolicy Id 1",
+                      self.warnings("forward-policy", "add", "--in", "eth2", "--out", "eth4", "--accept")[0])
+
+    def test_entries_that_their_filter_makes_invalid(self):
+        before = self.ok("export")
+        self.refused(BAD_INPUT, '^moatctl: MoatKeeperBridgeFilterRules Id 1, FilterMatch: "02:00:00:00:00:01": expected '
+                     "an IPv4 address or network, as filter 1 says; nothing was changed .--force stores it all the same.$",
+                     "filter", "set", "1", "--match", "ipv4")
+        self.ok("filter-rule", "add", "--filter", "1", "--match", "02:00:00:00:00:02")
+        done = self.run_tool("filter", "set", "1", "--match", "vlan")
+        self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""))
+        self.assertRegex(done.stderr, r"\Aerror: MoatKeeperBridgeFilterRules Id 1, .+\nerror: MoatKeeperBridgeFilterRules "
+                         r"Id 2, .+\nmoatctl: 2 errors; nothing was changed \(--force stores it all the same\)\n\Z")
+        self.ok("filter-rule", "remove", "2")
+        self.assertEqual(self.ok("export"), before)
+        done = self.run_tool("filter", "set", "1", "--match", "vlan", "--force")
+        self.assertEqual(done.returncode, 0)
+        self.assertIn("error: MoatKeeperBridgeFilterRules Id 1, FilterMatch", done.stderr)
+        self.assertEqual(self.rows("filter")[0]["MatchCriteria"], "vlan")
+        # What is wrong now does not stand in the way of other edits.
+        self.assertEqual(self.warnings("filter-rule", "disable", "1"),
+                         ['warning: MoatKeeperBridgeFilterRules Id 1, FilterMatch: "02:00:00:00:00:01": expected a VLAN '
+                          "id from 0 to 4094, as filter 1 says"])
+        self.assertEqual(self.warnings("filter-rule", "remove", "1"), [])
+
+    def test_two_filters_with_one_chain(self):
+        self.refused(BAD_INPUT, "^moatctl: MoatKeeperBridgeFilters Id 2: its chain .* is that of MoatKeeperBridgeFilters "
+                     "Id 1 already: expected another Prio; nothing was changed", "filter", "add", "--between", "eth0",
+                     "eth1", "--match", "mac", "--mode", "blacklist", "--priority", "10")
+
+    def test_rows_of_other_clients_that_are_wrong_can_be_edited(self):
+        self.transact(insert("MoatKeeperRuleset", Id=9, RulePrio=3, InInterface="eth0", SrcMAC="xyz", Target="DROP"))
+        wrong = 'warning: MoatKeeperRuleset Id 9, SrcMAC: "xyz": expected a MAC address'
+        for words in (("disable", "9"), ("set", "9", "--log"), ("enable", "9")):
+            self.assertRegex(self.warnings("rule", *words)[0], wrong)
+        self.assertNotIn(wrong, str(self.warnings("rule", "set", "9", "--src-mac", "02:00:00:00:00:09")))
+
+    def test_force_takes_a_row_that_is_wrong(self):
+        add = ("rule", "add", "--in", "eth0", "--drop", "--ethertype", "IPv4", "--port", "80")
+        self.refused(BAD_INPUT, "^moatctl: --port 80: expected a protocol", *add)
+        self.assertIn("error: MoatKeeperRuleset Id 2, IPPort: 80: expected a protocol",
+                      self.run_tool(*add, "--force").stderr)
+        self.assertEqual(len(self.rows("rule")), 2)
+        # A value that is none of its kind is no change at all.
+        self.refused(BAD_INPUT, "^moatctl: --vlan .5000.: expected", *add, "--vlan", "5000", "--force")
+        self.refused(BAD_INPUT, "^moatctl: nothing to change", "rule", "set", "1", "--force")
+
+    def test_a_batch_is_checked_as_a_whole(self):
+        done = self.run_tool("batch", stdin="filter set 1 --match vlan\n")
+        self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""))
+        self.assertRegex(done.stderr, "^moatctl: MoatKeeperBridgeFilterRules Id 1, FilterMatch: .+--force")
+        self.ok("batch", stdin="filter set 1 --match vlan\nfilter-rule set 1 --match 100\n")
+        done = self.run_tool("batch", stdin="filter set 1 --match mac\nrule remove 1 --force\n")
+        self.assertEqual(done.returncode, BAD_INPUT)
+        self.assertRegex(done.stderr, "^standard input:2: error: --force is for all lines together: expected it after")
+        done = self.run_tool("batch", "--force", stdin="filter set 1 --match mac\nrule add --in eth0 --drop "
+                             "--ethertype IPv4 --port 80\n")
+        self.assertEqual((done.returncode, done.stdout), (0, "2\n"), done.stderr)
+
+
+class Ports(Case):
+    def test_a_new_name_for_a_port(self):
+        self.ok("batch", stdin="""policy add --in eth0 --accept
+rule add --in eth0 --out eth1 --drop
+rule add --in eth2 --out eth+ --accept
+filter add --between eth0 eth1 --match mac --mode blacklist
+""")
+        done = self.run_tool("port", "rename", "eth0", "guest")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual([line.split(": ")[0] for line in done.stdout.splitlines()], [
+            "~ MoatKeeperInputPolicy Id 1", "~ MoatKeeperRuleset Id 1", "~ MoatKeeperBridgeFilters Id 1"])
+        self.assertIn('note: MoatKeeperRuleset Id 2, OutInterface: "eth+" stays; it matches "eth0", but not "guest"\n',
+                      done.stderr)
+        self.assertEqual(self.rows("policy")[0]["Interface"], "guest")
+        self.assertEqual(self.rows("rule")[0]["InInterface"], "guest")
+        self.assertEqual(self.rows("filter")[0]["InInterface"], "guest")
+        self.refused(CONFLICT, '^moatctl: no row names the port "eth0"', "port", "rename", "eth0", "guest")
+        self.assertEqual(self.ok("port", "rename", "eth0", "guest", "--if-exists"), "")
+        self.assertEqual(self.run_tool("batch", stdin="port rename guest eth0\n").returncode, 0)
+        self.assertEqual(self.rows("policy")[0]["Interface"], "eth0")
+
+    def test_wrong_names(self):
+        for words, message in ((("", "a"), 'OLD "": expected PORT'), (("a", ""), 'NEW "": expected PORT'),
+                               (("a",), "NEW is missing"), (("a", "b", "c"), 'unexpected word "c"'),
+                               (("a", "b+"), r'NEW "b\+": expected the name of one port'),
+                               (("a", "! b"), 'NEW "! b": expected the name of one port'),
+                               (("a", "a-name-that-is-too-long"), "NEW .*15 characters"),
+                               (("a b", "c"), 'OLD "a b": expected'), (("a", "a"), 'NEW "a": expected another name')):
+            self.refused(BAD_INPUT, f"^moatctl: {message}", "port", "rename", *words)
+
+    def test_a_name_that_two_filters_then_share(self):
+        self.ok("batch", stdin="""filter add --between eth0 eth1 --match mac --mode blacklist --priority 10
+filter add --between eth2 eth1 --match mac --mode blacklist --priority 10
+""")
+        self.refused(BAD_INPUT, "^moatctl: MoatKeeperBridgeFilters Id 2: its chain ", "port", "rename", "eth2", "eth0")
+        self.assertEqual([row["InInterface"] for row in self.rows("filter")], ["eth2", "eth0"])
+
+
 class Show(Case):
     def setUp(self):
         super().setUp()
@@ -201,6 +370,8 @@ rule add --in eth1 --accept --before 1
 global set --forward DROP
 '''
         self.assertEqual(self.ok("batch", stdin=text), "1\n1\n1\n2\n")
+        self.assertEqual(self.ok("batch", stdin="rule add --in eth7 --drop\nrule remove 3\nrule add --in eth8 --drop\n"
+                                 "rule remove 4\n"), "3\n4\n", "an Id given twice")
         self.assertEqual([rule for rule, _ in self.rule_order()], [2, 1])
         path = self.folder / "more"
         path.write_text("rule remove 1\nrule set 2 --log")

@@ -278,12 +278,23 @@ TEST_F(Check, LooksForInterfacesWhenAsked)
     addRule(1, {});
     addRule(2, {{"InInterface", text("eth+")}});
     CheckOptions options;
-    options.interfaceExists = [](const std::string& name) { return name == "eth0"; };
+    options.interfaceState = [](const std::string& name) {
+        return name == "eth0"  ? InterfaceState::Port
+               : name == "lo"  ? InterfaceState::NoPort
+               : name == "br0" ? InterfaceState::Bridge
+                               : InterfaceState::Missing;
+    };
     EXPECT_THAT(
         problems(options),
         ElementsAre(
             HasSubstr("warning: MoatKeeperRuleset Id 1, OutInterface: \"eth1\": this machine has no such interface"),
             HasSubstr("Id 2, OutInterface")));
+    configuration.clear(TableId::Rules);
+    addRule(1, {{"OutInterface", text("br0")}});
+    addRule(2, {{"OutInterface", text("lo")}});
+    EXPECT_THAT(problems(options),
+                ElementsAre(HasSubstr("Id 1, OutInterface: \"br0\": a bridge, which is no port of itself"),
+                            HasSubstr("Id 2, OutInterface: \"lo\": this interface is not a port of a bridge")));
 }
 
 TEST_F(Check, SwitchesAreZeroOrOne)
@@ -403,6 +414,20 @@ TEST_F(CheckAChange, WhatTheFileRepeatsIsNoErrorOfTheFile)
     EXPECT_THAT(changeProblems(), ElementsAre(HasSubstr("f.json:7: warning: MoatKeeperRuleset Id 1, SrcMAC: \"zz\"")));
     inFile(TableId::Rules, 1, 7, {{"EnableLogging", number(1)}});
     EXPECT_THAT(changeProblems(), ElementsAre(HasSubstr("f.json:7: error: MoatKeeperRuleset Id 1, SrcMAC: \"zz\"")));
+}
+
+TEST_F(CheckAChange, WhatWasWrongWithAnEditedRowBeforeDoesNotStopTheEdit)
+{
+    addRule(1, {{"SrcMAC", text("zz")}});
+    addRule(2, {});
+    addRule(3, {});
+    fileBegins();
+    for (const std::int32_t id : {1, 3})
+        configuration.find(TableId::Rules, id)->set("EnableLogging", 1);
+    EXPECT_THAT(changeProblems(), ElementsAre("warning: MoatKeeperRuleset Id 1, SrcMAC: \"zz\": expected a MAC address "
+                                              "such as 00:11:22:33:44:55, or ADDRESS/MASK"));
+    configuration.find(TableId::Rules, 1)->set("SrcMAC", "yy");
+    EXPECT_THAT(changeProblems(), ElementsAre(testing::StartsWith("error: MoatKeeperRuleset Id 1, SrcMAC: \"yy\"")));
 }
 
 TEST_F(CheckAChange, RowsOutsideTheFileThatItMakesWrongHaveNoLine)

@@ -8,6 +8,7 @@
 #include "moatctl/tables/kernel_order.hpp"
 #include "moatctl/tables/place_rule.hpp"
 #include "moatctl/tables/read_text.hpp"
+#include "moatctl/tables/rename_port.hpp"
 #include "moatctl/tables/values.hpp"
 #include "ovsdb/json.hpp"
 #include "tests/unit/scratch_folder.hpp"
@@ -87,13 +88,56 @@ TEST(Configuration, KeepsRowsByIdAndIdsUnique)
     EXPECT_EQ(configuration.find(TableId::Rules, 2), nullptr);
 }
 
-TEST(Configuration, NextIdIsFree)
+TEST(Configuration, NextIdIsLargerThanAnyThatWasUsed)
 {
     EXPECT_EQ(Configuration().nextId(TableId::Rules), 1);
-    EXPECT_EQ(withRules({{1, 1}, {7, 1}}).nextId(TableId::Rules), 8);
-    EXPECT_EQ(withRules({{1, 1}, {2, 1}, {largest, 1}}).nextId(TableId::Rules), 3);
-    EXPECT_EQ(withRules({{2, 1}, {largest, 1}}).nextId(TableId::Rules), 1);
+    Configuration configuration = withRules({{1, 1}, {7, 1}});
+    EXPECT_EQ(configuration.nextId(TableId::Rules), 8);
+    configuration.remove(TableId::Rules, 7);
+    EXPECT_EQ(configuration.nextId(TableId::Rules), 8);
+    configuration.clear(TableId::Rules);
+    EXPECT_EQ(configuration.nextId(TableId::Rules), 8);
+    EXPECT_EQ(configuration.nextId(TableId::Filters), 1);
+    configuration.rememberId(TableId::Rules, 20);
+    configuration.rememberId(TableId::Rules, 9);
+    EXPECT_EQ(configuration.nextId(TableId::Rules), 21);
     EXPECT_EQ(withRules({{largest - 1, 1}}).nextId(TableId::Rules), largest);
+    EXPECT_EQ(withRules({{2, 1}, {largest, 1}}).nextId(TableId::Rules), 0);
+}
+
+TEST(RenamePort, InAllTablesAndNothingElse)
+{
+    Configuration before;
+    const auto add = [&before](TableId table, std::int32_t id,
+                               std::initializer_list<std::pair<const char*, const char*>> texts) {
+        Row row(schema::table(table));
+        row.set("Id", id);
+        for (const auto& [column, text] : texts)
+            row.set(column, std::string(text));
+        before.add(row);
+    };
+    add(TableId::InputPolicies, 1, {{"Interface", "guest"}});
+    add(TableId::ForwardingPolicies, 1, {{"InInterface", "office"}, {"OutInterface", "guest"}});
+    add(TableId::Rules, 1, {{"InInterface", "! guest"}, {"OutInterface", "guest"}});
+    add(TableId::Rules, 2, {{"InInterface", "guest2"}, {"OutInterface", "gue+"}});
+    add(TableId::Filters, 1, {{"InInterface", "guest"}, {"OutInterface", "lan+"}});
+    add(TableId::FilterRules, 1, {{"FilterMatch", "guest"}});
+    Editor editor(before);
+    EXPECT_EQ(renamePort(editor, "guest", "lan3"), 4U);
+    EXPECT_THAT(editor.told().reports,
+                ElementsAre("~ MoatKeeperInputPolicy Id 1: Interface \"guest\" -> \"lan3\"",
+                            "~ MoatKeeperForwardingPolicy Id 1: OutInterface \"guest\" -> \"lan3\"",
+                            "~ MoatKeeperRuleset Id 1: InInterface \"! guest\" -> \"! lan3\", OutInterface \"guest\" "
+                            "-> \"lan3\"",
+                            "~ MoatKeeperBridgeFilters Id 1: InInterface \"guest\" -> \"lan3\""));
+    EXPECT_THAT(
+        editor.told().notes,
+        ElementsAre("note: MoatKeeperRuleset Id 2, OutInterface: \"gue+\" stays; it matches \"guest\", but not "
+                    "\"lan3\"",
+                    "note: MoatKeeperBridgeFilters Id 1, OutInterface: \"lan+\" stays; it matches \"lan3\", but "
+                    "not \"guest\""));
+    EXPECT_THAT(difference(before, editor.configuration), SizeIs(4));
+    EXPECT_EQ(renamePort(editor, "guest", "lan3"), 0U);
 }
 
 TEST(KernelOrder, RulesByPriorityThenId)
@@ -309,12 +353,13 @@ TEST(Values, FromPersonToTable)
     EXPECT_EQ(stored("VLANID", "none"), "-1");
     EXPECT_EQ(stored("VLANID", "0"), "0");
     EXPECT_EQ(stored("IPPort", "none"), "0");
-    EXPECT_EQ(stored("OutInterface", ""), "");
     EXPECT_EQ(stored("RulePrio", "-2147483648"), "-2147483648");
     for (const auto& [column, text] : std::vector<std::pair<const char*, const char*>>{{"RulePrio", "0"},
                                                                                        {"RulePrio", "2147483648"},
                                                                                        {"RulePrio", "1 "},
                                                                                        {"RulePrio", ""},
+                                                                                       {"OutInterface", ""},
+                                                                                       {"VLANID", ""},
                                                                                        {"InInterface", ""},
                                                                                        {"InInterface", "a b"},
                                                                                        {"InInterface", "eth0;"},

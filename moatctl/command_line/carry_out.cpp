@@ -1,0 +1,70 @@
+#include "moatctl/command_line/carry_out.hpp"
+
+#include "moatctl/check/change.hpp"
+
+#include <algorithm>
+#include <ostream>
+#include <utility>
+
+namespace moatctl
+{
+
+namespace
+{
+
+constexpr const char* howToStore = "nothing was changed (--force stores it all the same)";
+
+bool isError(const Problem& problem)
+{
+    return problem.severity == Severity::Error;
+}
+
+[[noreturn]] void refuse(Program& program, std::vector<Problem> problems)
+{
+    std::erase_if(problems, [](const Problem& problem) { return !isError(problem); });
+    if (problems.size() == 1)
+        throw Failure(ExitStatus::BadInput, placeAndText(problems.front()) + "; " + howToStore);
+    writeProblems(program.err, problems);
+    throw Failure(ExitStatus::BadInput, std::to_string(problems.size()) + " errors; " + howToStore);
+}
+
+void checkEffect(Program& program, Editor& editor)
+{
+    if (editor.configuration == editor.before)
+        return;
+    const std::vector<Problem> problems =
+        checkChange(editor.before, editor.configuration, {.interfaceState = interfaceHere, .onProgress = {}});
+    if (!program.force && std::ranges::any_of(problems, isError))
+        refuse(program, problems);
+    for (const Problem& problem : problems)
+        editor.note(toText(problem));
+}
+
+} // namespace
+
+void addChangeOptions(const Command& command, Program& program)
+{
+    command.flag("--force", "Store the change even if that leads to errors that check would find", program.force);
+}
+
+std::function<void(Editor&)> checked(Program& program, std::function<void(Editor&)> edit)
+{
+    return [&program, edit = std::move(edit)](Editor& editor) {
+        editor.force = program.force;
+        edit(editor);
+        checkEffect(program, editor);
+    };
+}
+
+ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit)
+{
+    ovsdb::Client client = program.connect();
+    const Told told = applyEdit(client, edit);
+    for (const std::string& line : told.notes)
+        program.err << line << '\n';
+    for (const std::string& line : told.reports)
+        program.out << line << '\n';
+    return ExitStatus::Ok;
+}
+
+} // namespace moatctl

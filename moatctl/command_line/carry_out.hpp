@@ -1,0 +1,20 @@
+// Changes the server's rows, for all verbs that do.
+#pragma once
+
+#include "moatctl/command_line/verb.hpp"
+#include "moatctl/tables/edit.hpp"
+
+namespace moatctl
+{
+
+// The options of every verb that changes rows.
+void addChangeOptions(const Command& command, Program& program);
+
+// The edit, and then a look at what it brings about: with errors it throws Failure(BadInput), unless they are to be
+// stored all the same; warnings become notes. What was wrong before and is not the edit's doing is not told.
+std::function<void(Editor&)> checked(Program& program, std::function<void(Editor&)> edit);
+
+// Carries the edit out and writes what it reports. Throws what applyEdit throws.
+ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit);
+
+} // namespace moatctl
