@@ -29,7 +29,7 @@ class Machine(unittest.TestCase):
         cls.config = config.Config()
         cls.addClassCleanup(lambda: cls.config.close())
         cls.startDaemon()
-        cls.addClassCleanup(lambda: cls.daemon.stop())
+        cls.addClassCleanup(lambda: cls.daemon and cls.daemon.stop())
 
     @classmethod
     def startDaemon(cls):
