@@ -66,6 +66,8 @@ public:
 
     const std::string& schemaVersion() const { return m_schemaVersion; }
 
+    const std::vector<std::string>& tableNames() const { return m_tableNames; }
+
     Json call(std::string_view method, Json params, std::size_t answerParts = 0)
     {
         if (m_subscribed) // its changes would come in between
@@ -133,8 +135,9 @@ private:
         m_session.emplace();
         m_subscribed = false;
         try {
-            m_schemaVersion = checkSchema(call("get_schema", Json::Array{Json(m_database.name)}), m_database,
-                                          m_database.tableNames());
+            const Json schema = call("get_schema", Json::Array{Json(m_database.name)});
+            m_schemaVersion = checkSchema(schema, m_database, m_database.tableNames());
+            m_tableNames = tablesIn(schema, m_database);
         } catch (const RequestError& e) {
             throw SchemaError("the server has no database \"" + m_database.name + "\" (" + e.what() + ")");
         }
@@ -181,6 +184,7 @@ private:
     std::optional<Connection> m_connection;
     std::optional<RpcSession> m_session;
     std::string m_schemaVersion;
+    std::vector<std::string> m_tableNames;
     bool m_subscribed = false;
     std::size_t m_requestSize = 0;
 };
@@ -197,9 +201,14 @@ const std::string& Client::schemaVersion() const
     return m_state->schemaVersion();
 }
 
+const std::vector<std::string>& Client::tableNames() const
+{
+    return m_state->tableNames();
+}
+
 TableCache Client::read()
 {
-    return read(m_state->database().tableNames());
+    return read(m_state->tableNames());
 }
 
 TableCache Client::read(const std::vector<std::string>& tableNames)

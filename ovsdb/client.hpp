@@ -44,7 +44,10 @@ public:
     // The version of the server's schema, "1.0.0".
     const std::string& schemaVersion() const;
 
-    // All rows of the tables of the database, one consistent state.
+    // The tables of the database that the server has: all but some that may be missing.
+    const std::vector<std::string>& tableNames() const;
+
+    // All rows of these tables, one consistent state.
     TableCache read();
     TableCache read(const std::vector<std::string>& tableNames);
 

@@ -26,6 +26,7 @@ struct Column {
 struct Table {
     std::string name;
     std::vector<Column> columns;
+    bool mayBeMissing = false; // servers without it are served, too
 
     // Index into columns, or nothing.
     std::optional<std::size_t> find(std::string_view columnName) const;

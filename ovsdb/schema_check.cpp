@@ -44,6 +44,15 @@ void checkColumn(const Table& table, const Column& column, const Json* found)
 
 } // namespace
 
+std::vector<std::string> tablesIn(const Json& schema, const Database& database)
+{
+    std::vector<std::string> names = database.tableNames();
+    const Json* tables = schema.find("tables");
+    std::erase_if(names,
+                  [tables](const std::string& name) { return tables == nullptr || tables->find(name) == nullptr; });
+    return names;
+}
+
 std::string checkSchema(const Json& schema, const Database& database, const std::vector<std::string>& tableNames)
 {
     const std::string* name = textMember(schema, "name");
@@ -60,9 +69,11 @@ std::string checkSchema(const Json& schema, const Database& database, const std:
     for (const std::string& tableName : tableNames) {
         const Json* found = tables->find(tableName);
         const Json* columns = found != nullptr ? found->find("columns") : nullptr;
+        const Table& table = database.at(tableName);
+        if (found == nullptr && table.mayBeMissing)
+            continue;
         if (columns == nullptr)
             throw SchemaError("the server's database has no table " + tableName);
-        const Table& table = database.at(tableName);
         for (const Column& column : table.columns)
             checkColumn(table, column, columns->find(column.name));
     }

@@ -16,4 +16,7 @@ namespace ovsdb
 // Returns the version.
 std::string checkSchema(const Json& schema, const Database& database, const std::vector<std::string>& tableNames);
 
+// The tables of the database that the schema has.
+std::vector<std::string> tablesIn(const Json& schema, const Database& database);
+
 } // namespace ovsdb

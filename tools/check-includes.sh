@@ -28,7 +28,7 @@ platform_fake        platform
 
 moatctl              moatctl/command_line moatctl/verbs schema unistd.h
 moatctl/tables       moatctl handler ebtables ovsdb schema schema/server platform text system
-moatctl/bridge       moatctl/tables handler records ebtables schema subprocess text system
+moatctl/bridge       moatctl/tables handler records ebtables schema subprocess text system libmnl
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
 moatctl/command_line moatctl moatctl/tables moatctl/bridge moatctl/check ebtables ovsdb schema schema/server platform text
                      system CLI

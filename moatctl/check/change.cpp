@@ -85,6 +85,8 @@ std::vector<Problem> checkChange(const Configuration& before, const Configuratio
         }
         if (row == nullptr)
             problem.severity = Severity::Warning;
+        if (isAcknowledged(after, problem))
+            continue;
         problems.push_back(std::move(problem));
     }
     return problems;

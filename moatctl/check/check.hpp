@@ -1,6 +1,7 @@
 // Finds what is wrong with a configuration before the daemon and the kernel's tool find it.
 #pragma once
 
+#include "moatctl/bridge/interface.hpp"
 #include "moatctl/tables/configuration.hpp"
 #include "moatctl/tables/problem.hpp"
 
@@ -11,9 +12,6 @@
 
 namespace moatctl
 {
-
-// What this machine has of a name.
-enum class InterfaceState { Port, Missing, Bridge, NoPort };
 
 struct CheckOptions {
     // Of interfaces that rows name; empty: not looked at.
@@ -27,8 +25,5 @@ struct CheckOptions {
 //
 // In the order of tables, Ids and columns. Time: grows little more than in proportion to the rows.
 std::vector<Problem> checkConfiguration(const Configuration& configuration, const CheckOptions& options = {});
-
-// On this machine.
-InterfaceState interfaceHere(const std::string& name);
 
 } // namespace moatctl

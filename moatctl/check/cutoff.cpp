@@ -160,23 +160,32 @@ public:
         }
     }
 
-    // Whether some packet of the ethertype gets through.
-    bool isOpen(std::uint16_t type)
+    // Remembers who drops what a station asks before it sends packets of the ethertype, if such packets get through:
+    // those of any station, or else those that a rule lets through.
+    void examineQuestion(std::uint16_t type, Frame question, const char* protocol, const char* consequence)
     {
         const Frame plain = packet(type);
-        if (fateOf(plain).first == Fate::Accept)
-            return true;
-        return std::ranges::any_of(m_openers, [&](const ebtables::Rule* opener) {
-            return m_walked < mostWork && fateOf(fitted(plain, *opener)).first == Fate::Accept;
-        });
+        if (fateOf(plain).first == Fate::Accept) {
+            examine(question, protocol, consequence);
+            return;
+        }
+        for (const ebtables::Rule* opener : m_openers) {
+            const Frame opened = fitted(plain, *opener);
+            if (m_walked >= mostWork || fateOf(opened).first != Fate::Accept)
+                continue;
+            question.source = opened.source;
+            if (examine(question, protocol, consequence))
+                return;
+        }
     }
 
-    // Remembers who drops the frame, if it is dropped.
-    void examine(Frame frame, const char* protocol, const char* consequence)
+    // Remembers who drops the frame, if it is dropped; returns whether it is.
+    bool examine(Frame frame, const char* protocol, const char* consequence)
     {
         const auto [fate, by] = fateOf(std::move(frame));
         if (fate == Fate::Drop)
             m_dropped[{protocol, consequence, by, m_way.out.empty()}].push_back(nameOf(m_way));
+        return fate == Fate::Drop;
     }
 
     void report()
@@ -269,11 +278,10 @@ void findCutOff(const Expected& expected, const Applied& applied, Findings& find
     for (const Way& way : waysIn(expected)) {
         examiner.enter(way);
         // Address resolution serves packets that may pass; a way that is closed to them does not need it.
-        if (examiner.isOpen(ethertype::ip4))
-            examiner.examine(arpRequest(), "ARP", "IPv4 can pass, but stations cannot find each other");
-        if (examiner.isOpen(ethertype::ip6))
-            examiner.examine(neighbourSolicitation(), "neighbour discovery",
-                             "IPv6 can pass, but stations cannot find each other");
+        examiner.examineQuestion(ethertype::ip4, arpRequest(), "ARP",
+                                 "IPv4 can pass, but stations cannot find each other");
+        examiner.examineQuestion(ethertype::ip6, neighbourSolicitation(), "neighbour discovery",
+                                 "IPv6 can pass, but stations cannot find each other");
         if (!way.out.empty())
             continue;
         examiner.examine(spanningTree(), "spanning tree frames", "01:80:c2:00:00:00; loops may go unnoticed");

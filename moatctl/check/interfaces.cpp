@@ -1,8 +1,6 @@
 #include "moatctl/check/findings.hpp"
 
-#include <filesystem>
 #include <map>
-#include <system_error>
 
 namespace moatctl
 {
@@ -48,20 +46,6 @@ void findMissingInterfaces(const Expected& expected, const CheckOptions& options
                 findings.warning(*row, column.name, inQuotes(name) + wrong);
         }
     }
-}
-
-InterfaceState interfaceHere(const std::string& name)
-{
-    const std::string folder = "/sys/class/net/" + name;
-    const auto exists = [](const std::string& path) {
-        std::error_code ignored;
-        return std::filesystem::exists(path, ignored);
-    };
-    if (name.empty() || name.find('/') != std::string::npos || name == "." || name == ".." || !exists(folder))
-        return InterfaceState::Missing;
-    return exists(folder + "/brport")   ? InterfaceState::Port
-           : exists(folder + "/bridge") ? InterfaceState::Bridge
-                                        : InterfaceState::NoPort;
 }
 
 } // namespace moatctl

@@ -80,6 +80,14 @@ std::string nameOf(const Row& row)
     return row.table->hasIds() ? name + " Id " + std::to_string(row.id()) : name;
 }
 
+std::string toText(const Acknowledged& acknowledged)
+{
+    std::string text(schema::table(acknowledged.table).name);
+    if (acknowledged.id != 0)
+        text += " Id " + std::to_string(acknowledged.id);
+    return text + ": " + acknowledged.warning;
+}
+
 std::string toText(const tessera::Value& value)
 {
     return value.isText() ? value.getText() : std::to_string(value.getInteger());

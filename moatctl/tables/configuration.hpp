@@ -1,11 +1,13 @@
 // The whole configuration as a plain value: six tables of rows, whether from the server or from a file.
 #pragma once
 
+#include "moatctl/tables/acknowledged.hpp"
 #include "moatctl/tables/table_names.hpp"
 #include "ovsdb/table_cache.hpp"
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,6 +46,10 @@ class Configuration
 {
 public:
     std::string file; // where it was read from; empty for the server
+
+    // Beside the rows; equality does not look at them.
+    std::map<Acknowledged, ovsdb::Uuid> acknowledged; // the server's name of each, where it comes from there
+    std::map<TableId, ovsdb::Row> usedIds;            // the rows in which the server remembers the largest Ids
 
     // By ascending Id.
     const std::vector<Row>& rows(TableId table) const { return m_tables[static_cast<std::size_t>(table)]; }

@@ -7,6 +7,7 @@
 #include "ovsdb/client.hpp"
 #include "schema/server/database.hpp"
 
+#include <algorithm>
 #include <map>
 
 namespace moatctl
@@ -92,6 +93,62 @@ Plan planOf(const std::vector<Change>& changes, const Configuration& before, con
     return plan;
 }
 
+// The largest Ids that the tables ever had, where the server remembers them and a change is about that table.
+void rememberIds(const std::vector<Change>& changes, const Configuration& after, Plan& plan)
+{
+    std::set<TableId> tables;
+    for (const Change& change : changes) {
+        if (change.table->hasIds())
+            tables.insert(change.table->id);
+    }
+    for (const TableId table : tables) {
+        const auto known = after.usedIds.find(table);
+        const std::int32_t largest = after.largestId(table);
+        const ovsdb::ColumnValues values{{"LargestId", tessera::Value(largest)}};
+        if (known == after.usedIds.end()) {
+            ovsdb::ColumnValues all = values;
+            all.emplace_back("Table", tessera::Value(std::string(schema::table(table).name)));
+            plan.add(ovsdb::insertRow(schema::usedIdsTable, all), nullptr);
+        } else if (known->second.values[1].getInteger() < largest) {
+            plan.add(ovsdb::requireRow(schema::serverDatabase().at(schema::usedIdsTable), known->second), nullptr);
+            plan.add(ovsdb::updateRows(schema::usedIdsTable, ovsdb::rowWithUuid(known->second.uuid), values), nullptr);
+        }
+    }
+}
+
+void planAcknowledged(const Configuration& before, const Configuration& after, Plan& plan)
+{
+    for (const auto& [acknowledged, uuid] : before.acknowledged) {
+        if (!after.acknowledged.contains(acknowledged))
+            plan.add(ovsdb::deleteRows(schema::acknowledgedTable, ovsdb::rowWithUuid(uuid)), nullptr);
+    }
+    for (const auto& [acknowledged, uuid] : after.acknowledged) {
+        if (!before.acknowledged.contains(acknowledged))
+            plan.add(ovsdb::insertRow(schema::acknowledgedTable,
+                                      {{"Table", tessera::Value(std::string(schema::table(acknowledged.table).name))},
+                                       {"Row", tessera::Value(acknowledged.id)},
+                                       {"Warning", tessera::Value(acknowledged.warning)}}),
+                     nullptr);
+    }
+}
+
+bool has(const ovsdb::Client& client, std::string_view table)
+{
+    return std::ranges::find(client.tableNames(), table) != client.tableNames().end();
+}
+
+// Beside the rows.
+void planNotes(const ovsdb::Client& client, const std::vector<Change>& changes, const Editor& editor, Plan& plan)
+{
+    if (has(client, schema::usedIdsTable))
+        rememberIds(changes, editor.configuration, plan);
+    const std::size_t known = plan.operations.size();
+    planAcknowledged(editor.before, editor.configuration, plan);
+    if (plan.operations.size() != known && !has(client, schema::acknowledgedTable))
+        throw Failure(ExitStatus::Server, "the server's database, schema " + client.schemaVersion() +
+                                              ", has no place for acknowledged warnings: expected schema 1.1 or later");
+}
+
 // Whether somebody else was faster: a row is not what it was, or an Id is taken by now.
 bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
 {
@@ -119,9 +176,14 @@ Told applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit)
         const Configuration before = loadFromServer(client);
         Editor editor(before);
         edit(editor);
+        // An acknowledgement goes with its row.
+        std::erase_if(editor.configuration.acknowledged, [&editor](const auto& acknowledged) {
+            return editor.configuration.find(acknowledged.first.table, acknowledged.first.id) == nullptr;
+        });
         const std::vector<Change> changes = difference(before, editor.configuration);
-        if (!changes.empty()) {
-            const Plan plan = planOf(changes, before, editor);
+        Plan plan = planOf(changes, before, editor);
+        planNotes(client, changes, editor, plan);
+        if (!changes.empty() || editor.configuration.acknowledged != before.acknowledged) {
             const ovsdb::TransactionResult result = client.transact(plan.operations);
             if (overtaken(plan, result))
                 continue;

@@ -1,6 +1,7 @@
 #include "moatctl/tables/file.hpp"
 
 #include "ovsdb/json.hpp"
+#include "schema/server/database.hpp"
 
 #include <algorithm>
 #include <cctype>
@@ -83,7 +84,9 @@ private:
         }
         for (const auto& [name, rows] : *tables) {
             const auto table = std::ranges::find(schema::allTables(), std::string_view(name), &schema::Table::name);
-            if (table == schema::allTables().end())
+            if (name == schema::acknowledgedTable)
+                parseAcknowledged(rows);
+            else if (table == schema::allTables().end())
                 report(rows.offset(), "", 0, "", "there is no table " + inQuotes(name));
             else
                 parseTable(*table, rows);
@@ -103,6 +106,35 @@ private:
                        std::string("expected a row, an object, found ") + row.kindName());
             else
                 parseRow(table, row);
+        }
+    }
+
+    void parseAcknowledged(const Json& list)
+    {
+        constexpr std::string_view form = "a list of objects with Table, a name, Row, an Id or 0, and Warning, a text";
+        const auto wrong = [&](const Json& where) {
+            report(where.offset(), schema::acknowledgedTable, 0, "",
+                   "expected " + std::string(form) + ", found " + where.kindName());
+        };
+        if (list.asArray() == nullptr)
+            return wrong(list);
+        for (const Json& entry : *list.asArray()) {
+            if (entry.asObject() == nullptr) {
+                wrong(entry);
+                continue;
+            }
+            const auto textOf = [&entry](std::string_view name) {
+                const Json* member = entry.find(name);
+                return member != nullptr && member->asText() != nullptr ? *member->asText() : std::string();
+            };
+            const schema::Table* table = schema::findTable(textOf("Table"));
+            const Json* row = entry.find("Row");
+            const auto id = row != nullptr ? row->asInteger() : std::nullopt;
+            const std::string warning = textOf("Warning");
+            if (table == nullptr || !inRange(id) || *id < 0 || warning.empty() || entry.asObject()->size() != 3)
+                wrong(entry);
+            else
+                m_result.configuration.acknowledged[{table->id, static_cast<std::int32_t>(*id), warning}];
         }
     }
 

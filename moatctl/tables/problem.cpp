@@ -26,8 +26,24 @@ std::string toText(const Problem& problem)
         text += ':' + std::to_string(problem.line);
     if (!text.empty())
         text += ": ";
-    text += problem.severity == Severity::Error ? "error: " : "warning: ";
-    return text + placeAndText(problem);
+    return text + nameOf(problem.severity) + ": " + placeAndText(problem);
+}
+
+const char* nameOf(Severity severity)
+{
+    return severity == Severity::Error ? "error" : severity == Severity::Warning ? "warning" : "acknowledged";
+}
+
+bool isAcknowledged(const Configuration& configuration, const Problem& problem)
+{
+    const schema::Table* table = schema::findTable(problem.table);
+    return problem.severity == Severity::Warning && table != nullptr &&
+           configuration.acknowledged.contains({table->id, problem.id, warningOf(problem)});
+}
+
+std::string warningOf(const Problem& problem)
+{
+    return (problem.column.empty() ? "" : problem.column + ": ") + problem.text;
 }
 
 std::string placeAndText(const Problem& problem)

@@ -13,7 +13,7 @@
 namespace moatctl
 {
 
-enum class Severity { Warning, Error };
+enum class Severity { Acknowledged, Warning, Error };
 
 struct Problem {
     Severity severity = Severity::Error;
@@ -35,6 +35,14 @@ std::string toText(const Problem& problem);
 
 // Likewise, without file, line and severity.
 std::string placeAndText(const Problem& problem);
+
+// Of a row's warning, what is acknowledged.
+std::string warningOf(const Problem& problem);
+// Whether it is a warning that was acknowledged.
+bool isAcknowledged(const Configuration& configuration, const Problem& problem);
+
+// "error", "warning" or "acknowledged".
+const char* nameOf(Severity severity);
 
 // One line each. Returns the number of errors among them.
 std::size_t writeProblems(std::ostream& out, const std::vector<Problem>& problems);

@@ -1,6 +1,7 @@
 #include "moatctl/tables/server.hpp"
 
 #include "ovsdb/client.hpp"
+#include "schema/server/database.hpp"
 
 #include <utility>
 
@@ -16,6 +17,17 @@ Configuration toConfiguration(const ovsdb::TableCache& cache)
             row.values = from.values;
             row.uuid = from.uuid;
             configuration.add(std::move(row));
+        }
+    }
+    // Rows of tables that are unknown here are another client's.
+    for (const ovsdb::Row& from : cache.rows(schema::acknowledgedTable)) {
+        if (const schema::Table* table = schema::findTable(from.values[0].getText()))
+            configuration.acknowledged[{table->id, from.values[1].getInteger(), from.values[2].getText()}] = from.uuid;
+    }
+    for (const ovsdb::Row& from : cache.rows(schema::usedIdsTable)) {
+        if (const schema::Table* table = schema::findTable(from.values[0].getText())) {
+            configuration.usedIds.emplace(table->id, from);
+            configuration.rememberId(table->id, from.values[1].getInteger());
         }
     }
     return configuration;

@@ -1,5 +1,7 @@
 #include "moatctl/tables/table_names.hpp"
 
+#include "text/one_line.hpp"
+
 #include <algorithm>
 #include <cctype>
 
@@ -24,6 +26,13 @@ const schema::Table* findTable(std::string_view nameOrWord)
             return &table;
     }
     return nullptr;
+}
+
+std::string wrongTable(const std::string& nameOrWord)
+{
+    if (findTable(nameOrWord) != nullptr)
+        return "";
+    return text::inQuotes(nameOrWord) + ": expected global, policy, forward-policy, rule, filter or filter-rule";
 }
 
 } // namespace moatctl

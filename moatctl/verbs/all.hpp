@@ -19,6 +19,7 @@ void addForwardPolicy(const Command& root, Program& program);
 void addFilter(const Command& root, Program& program);
 void addFilterRule(const Command& root, Program& program);
 void addGlobal(const Command& root, Program& program);
+void addAcknowledge(const Command& root, Program& program);
 void addPort(const Command& root, Program& program);
 void addBatch(const Command& root, Program& program);
 void addExport(const Command& root, Program& program);

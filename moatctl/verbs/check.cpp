@@ -20,6 +20,7 @@ namespace
 struct Options {
     std::string path;
     bool elsewhere = false;
+    bool all = false;
     OutputStyle style;
 };
 
@@ -28,9 +29,9 @@ Sheet sheetOf(const std::vector<Problem>& problems)
     Sheet sheet{"problems", "Problems", {"severity", "file", "line", "table", "id", "column", "text"}, {}};
     using tessera::Value;
     for (const Problem& problem : problems) {
-        sheet.rows.push_back({Value(std::string(problem.severity == Severity::Error ? "error" : "warning")),
-                              Value(problem.file), Value(static_cast<std::int32_t>(problem.line)), Value(problem.table),
-                              Value(problem.id), Value(problem.column), Value(problem.text)});
+        sheet.rows.push_back({Value(std::string(nameOf(problem.severity))), Value(problem.file),
+                              Value(static_cast<std::int32_t>(problem.line)), Value(problem.table), Value(problem.id),
+                              Value(problem.column), Value(problem.text)});
     }
     return sheet;
 }
@@ -59,17 +60,30 @@ ExitStatus check(Program& program, const Options& options)
     }
     std::ranges::stable_sort(problems, {}, &Problem::line);
 
+    std::size_t acknowledged = 0;
+    for (Problem& problem : problems) {
+        if (isAcknowledged(loaded.configuration, problem)) {
+            problem.severity = Severity::Acknowledged;
+            ++acknowledged;
+        }
+    }
+    if (!options.all)
+        std::erase_if(problems, [](const Problem& problem) { return problem.severity == Severity::Acknowledged; });
+
     ExitStatus status = ExitStatus::Ok;
     for (const Problem& problem : problems) {
         if (problem.severity == Severity::Error)
             status = ExitStatus::BadInput;
-        else if (status == ExitStatus::Ok)
+        else if (status == ExitStatus::Ok && problem.severity == Severity::Warning)
             status = ExitStatus::Warnings;
     }
     if (options.style.format == Format::Table)
         writeProblems(program.out, problems);
     else
         writeSheets(program.out, {sheetOf(problems)}, options.style, program.colour);
+    if (acknowledged != 0 && !options.all)
+        program.err << acknowledged << (acknowledged == 1 ? " acknowledged warning is" : " acknowledged warnings are")
+                    << " not shown (--all shows them)\n";
     return status;
 }
 
@@ -86,6 +100,7 @@ void addCheck(const Command& root, Program& program)
     command.flag("--elsewhere",
                  "The configuration is for another device: do not look for its interfaces on this machine",
                  options->elsewhere);
+    command.flag("--all", "Also show warnings that are acknowledged", options->all);
     addOutputOptions(command, options->style);
     command.onGiven([&program, options] { program.action = [&program, options] { return check(program, *options); }; });
 }

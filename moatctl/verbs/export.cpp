@@ -1,6 +1,7 @@
 #include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "ovsdb/json.hpp"
+#include "schema/server/database.hpp"
 
 #include <ostream>
 
@@ -26,6 +27,20 @@ std::string lineOf(const Row& row)
     return ovsdb::toText(ovsdb::Json(std::move(members)));
 }
 
+void writeAcknowledged(std::ostream& out, const Configuration& configuration)
+{
+    out << "  \"" << schema::acknowledgedTable << "\": [";
+    const char* before = "\n    ";
+    for (const auto& [acknowledged, uuid] : configuration.acknowledged) {
+        out << before
+            << ovsdb::toText(ovsdb::Json::Object{{"Table", schema::table(acknowledged.table).name},
+                                                 {"Row", std::int64_t{acknowledged.id}},
+                                                 {"Warning", acknowledged.warning}});
+        before = ",\n    ";
+    }
+    out << "\n  ]\n";
+}
+
 ExitStatus exportAll(Program& program)
 {
     ovsdb::Client client = program.connect();
@@ -36,8 +51,11 @@ ExitStatus exportAll(Program& program)
         const std::vector<Row>& rows = configuration.rows(table.id);
         for (const Row& row : rows)
             program.out << (&row == &rows.front() ? "\n    " : ",\n    ") << lineOf(row);
-        program.out << (rows.empty() ? "]" : "\n  ]") << (&table == &schema::allTables().back() ? "\n" : ",\n");
+        const bool last = &table == &schema::allTables().back() && configuration.acknowledged.empty();
+        program.out << (rows.empty() ? "]" : "\n  ]") << (last ? "\n" : ",\n");
     }
+    if (!configuration.acknowledged.empty())
+        writeAcknowledged(program.out, configuration);
     program.out << "}\n";
     return ExitStatus::Ok;
 }

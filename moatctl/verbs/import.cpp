@@ -63,6 +63,8 @@ public:
         merge(editor.configuration);
         check(editor.before, editor.configuration);
         show(difference(editor.before, editor.configuration));
+        showAcknowledged(editor.before, editor.configuration, '-');
+        showAcknowledged(editor.configuration, editor.before, '+');
     }
 
     // When the server could not be read: what is wrong with the file whatever the server holds. Throws Failure when
@@ -85,6 +87,11 @@ private:
     void merge(Configuration& configuration) const
     {
         configuration.file = m_file.configuration.file;
+        if (m_replace)
+            configuration.acknowledged = m_file.configuration.acknowledged;
+        else
+            configuration.acknowledged.insert(m_file.configuration.acknowledged.begin(),
+                                              m_file.configuration.acknowledged.end());
         for (const schema::Table& table : schema::allTables()) {
             if (m_replace)
                 configuration.clear(table.id);
@@ -136,6 +143,16 @@ private:
         m_program.err << counted(added, "row") << " to add, " << removed << " to remove, "
                       << changes.size() - added - removed << " to change\n";
         m_sending = counted(changes.size(), "change");
+    }
+
+    // Those that the one has and the other has not.
+    void showAcknowledged(const Configuration& one, const Configuration& other, char sign)
+    {
+        for (const auto& [acknowledged, uuid] : one.acknowledged) {
+            if (!other.acknowledged.contains(acknowledged))
+                m_program.out << sign << " acknowledged: " << toText(acknowledged) << '\n';
+        }
+        m_program.out.flush();
     }
 
     Program& m_program;

@@ -3,7 +3,6 @@
 #include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "ovsdb/json.hpp"
-#include "schema/server/database.hpp"
 
 #include <chrono>
 #include <csignal>
@@ -51,6 +50,9 @@ extern "C" void stopMonitor(int)
 ExitStatus monitor(Program& program, bool json)
 {
     ovsdb::Client client = program.connect();
+    std::vector<std::string> tables;
+    for (const schema::Table& table : schema::allTables())
+        tables.emplace_back(table.name);
     std::signal(SIGINT, stopMonitor);
     std::signal(SIGTERM, stopMonitor);
     std::unique_ptr<Configuration> last;
@@ -73,7 +75,7 @@ ExitStatus monitor(Program& program, bool json)
                     << '\n'
                     << std::flush;
     };
-    client.watch(schema::serverDatabase().tableNames(), onChange, onConnection);
+    client.watch(tables, onChange, onConnection);
     return ExitStatus::Ok;
 }
 

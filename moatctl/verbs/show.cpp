@@ -1,6 +1,5 @@
 #include "moatctl/command_line/sheets.hpp"
 #include "moatctl/tables/kernel_order.hpp"
-#include "moatctl/tables/problem.hpp"
 #include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 
@@ -43,11 +42,7 @@ void addShow(const Command& root, Program& program)
             "global, policy, forward-policy, rule, filter, filter-rule or a table's name on the server (default: all "
             "tables)",
             options->table)
-        .check([](const std::string& name) {
-            return findTable(name) != nullptr
-                       ? std::string()
-                       : inQuotes(name) + ": expected global, policy, forward-policy, rule, filter or filter-rule";
-        });
+        .check(wrongTable);
     addOutputOptions(command, options->style);
     command.onGiven([&program, options] { program.action = [&program, options] { return show(program, *options); }; });
 }

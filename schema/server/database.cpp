@@ -23,6 +23,16 @@ ovsdb::Database makeDatabase()
                                     .ifUnset = column.defaultValue()});
         database.tables.push_back(std::move(made));
     }
+    const auto column = [](const char* name, ovsdb::ColumnKind kind) {
+        return ovsdb::Column{.name = name, .kind = kind, .optional = false, .ifUnset = {}};
+    };
+    const auto text = [&column](const char* name) { return column(name, ovsdb::ColumnKind::Text); };
+    const auto number = [&column](const char* name) { return column(name, ovsdb::ColumnKind::Integer); };
+    database.tables.push_back({.name = std::string(acknowledgedTable),
+                               .columns = {text("Table"), number("Row"), text("Warning")},
+                               .mayBeMissing = true});
+    database.tables.push_back(
+        {.name = std::string(usedIdsTable), .columns = {text("Table"), number("LargestId")}, .mayBeMissing = true});
     return database;
 }
 

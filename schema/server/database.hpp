@@ -3,10 +3,16 @@
 
 #include "ovsdb/database.hpp"
 
+#include <string_view>
+
 namespace schema
 {
 
-// All six. Lives for ever.
+// The six tables of the configuration, and what clients keep beside it, which a server may be without: warnings that
+// were acknowledged (Table, Row, Warning), and for each table the largest Id that it ever had (Table, LargestId).
+// Lives for ever.
 const ovsdb::Database& serverDatabase();
+inline constexpr std::string_view acknowledgedTable = "MoatKeeperAcknowledged";
+inline constexpr std::string_view usedIdsTable = "MoatKeeperUsedIds";
 
 } // namespace schema

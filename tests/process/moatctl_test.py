@@ -3,11 +3,13 @@
 import csv
 import io
 import json
+import pathlib
 import re
 import subprocess
 
 from moatctl_case import BAD_INPUT, CONFLICT, OUTPUT, Case, main
 from lab.config import insert
+from lab.programs import SCHEMA
 
 
 class Rules(Case):
@@ -274,6 +276,136 @@ rule add --in eth2 --out eth3 --src-mac 02:00:00:00:00:01 --drop
         done = self.run_tool("batch", "--force", stdin="filter set 1 --match mac\nrule add --in eth0 --drop "
                              "--ethertype IPv4 --port 80\n")
         self.assertEqual((done.returncode, done.stdout), (0, "2\n"), done.stderr)
+
+
+class Acknowledged(Case):
+    """Warnings that somebody has looked at."""
+
+    def setUp(self):
+        super().setUp()
+        self.ok("batch", stdin="""global set --input ACCEPT --forward ACCEPT
+rule add --in lo --out eht1 --drop
+rule add --in lo --out eht1 --drop
+""")
+        self.told = [
+            'warning: MoatKeeperRuleset Id 1, InInterface: "lo": this interface is not a port of a bridge, so no frame matches',
+            'warning: MoatKeeperRuleset Id 1, OutInterface: "eht1": this machine has no such interface',
+            "warning: MoatKeeperRuleset Id 2: the same as MoatKeeperRuleset Id 1, which comes first: one of the two is enough"]
+        self.told[2:2] = [line.replace("Id 1, ", "Id 2, ", 1) for line in self.told[:2]]
+
+    def check(self, *words, status=1):
+        done = self.run_tool("check", *words)
+        self.assertEqual(done.returncode, status, done.stdout + done.stderr)
+        return sorted(done.stdout.splitlines()), done.stderr
+
+    def test_what_is_acknowledged_is_told_no_more(self):
+        self.assertEqual(self.check(), (sorted(self.told), ""))
+        self.assertEqual(self.ok("acknowledge", "rule", "1"),
+                         "".join(line.replace("warning: ", "acknowledged: ").replace("Id 1, ", "Id 1: ") + "\n"
+                                 for line in self.told[:2]))
+        self.assertEqual(self.check(), (sorted(self.told[2:]), "2 acknowledged warnings are not shown (--all shows them)\n"))
+        self.assertEqual(self.ok("acknowledge", "rule", "1"), "", "once is enough")
+        self.ok("acknowledge", "rule", "2")
+        self.assertEqual(self.check(status=0)[0], [])
+        self.assertEqual(self.check("--all", status=0),
+                         (sorted(line.replace("warning: ", "acknowledged: ") for line in self.told), ""))
+        rows = json.loads(self.ok("check", "--all", "--format=json"))["problems"]
+        self.assertEqual({row["severity"] for row in rows}, {"acknowledged"})
+        self.ok("acknowledge", "rule", "1", "--withdraw")
+        self.assertEqual(self.check()[0], sorted(self.told[:2]))
+
+    def test_what_is_new_is_told(self):
+        self.ok("acknowledge", "rule", "1", "2")
+        self.ok("rule", "set", "1", "--out", "eht2")
+        self.assertEqual(self.check()[0],
+                         ['warning: MoatKeeperRuleset Id 1, OutInterface: "eht2": this machine has no such interface'])
+
+    def test_it_goes_with_its_row(self):
+        self.ok("acknowledge", "rule", "1", "2")
+        self.ok("rule", "remove", "1")
+        self.ok("rule", "add", "--in", "lo", "--out", "eht1", "--drop", "--id", "1")
+        self.assertIn(self.told[0], self.check()[0])
+
+    def test_it_travels(self):
+        self.ok("acknowledge", "rule", "1", "2")
+        exported = self.ok("export")
+        path = self.folder / "site.json"
+        path.write_text(exported)
+        self.assertEqual(self.check(path, status=0)[0], [])
+        self.assertEqual(len(json.loads(exported)["MoatKeeperAcknowledged"]), 5)
+        self.ok("acknowledge", "rule", "1", "2", "--withdraw")
+        done = self.run_tool("import", path)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual([line.split(": ")[0] for line in done.stdout.splitlines()], ["+ acknowledged"] * 5)
+        self.assertEqual(self.ok("export"), exported)
+        self.assertEqual(self.run_tool("import", path, "--replace").stdout, "")
+        path.write_text('{"MoatKeeper": [{}]}')
+        done = self.run_tool("import", path, "--replace")
+        self.assertEqual(done.stdout.count("- acknowledged: MoatKeeperRuleset Id "), 5)
+        self.assertNotIn("Acknowledged", self.ok("export"))
+
+    def test_wrong_files(self):
+        path = self.folder / "site.json"
+        for rows in ("1", "[1]", "[{}]", '[{"Table": "MoatKeeperRuleset", "Row": -1, "Warning": "w"}]',
+                     '[{"Table": "Rules", "Row": 1, "Warning": "w"}]',
+                     '[{"Table": "MoatKeeperRuleset", "Row": 1, "Warning": ""}]',
+                     '[{"Table": "MoatKeeperRuleset", "Row": 1, "Warning": "w", "More": 1}]'):
+            path.write_text('{"MoatKeeperAcknowledged": %s}' % rows)
+            done = self.run_tool("import", path)
+            self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""), rows)
+            self.assertRegex(done.stderr, f"^{path}:1: error: MoatKeeperAcknowledged: expected a list of objects with .*, "
+                             "found an? .+\nmoatctl: ")
+
+    def test_wrong_rows(self):
+        self.refused(CONFLICT, "^moatctl: there is no rule 9", "acknowledge", "rule", "9")
+        self.refused(CONFLICT, "^moatctl: global has no warning .see moatctl check.", "acknowledge", "global")
+        self.refused(BAD_INPUT, '^moatctl: TABLE "rules": expected global, ', "acknowledge", "rules", "1")
+        self.refused(BAD_INPUT, "^moatctl: ID is missing", "acknowledge", "rule")
+        self.refused(BAD_INPUT, "^moatctl: ID: expected none", "acknowledge", "global", "1")
+        self.refused(BAD_INPUT, '^moatctl: ID "x": expected', "acknowledge", "rule", "x")
+        self.refused(BAD_INPUT, "^moatctl: TABLE is missing", "acknowledge")
+
+    def test_a_server_of_the_first_schema(self):
+        """It has no place for this; everything else works."""
+        schema = json.loads(pathlib.Path(SCHEMA).read_text(encoding="utf-8"))
+        for table in ("MoatKeeperAcknowledged", "MoatKeeperUsedIds"):
+            del schema["tables"][table]
+        schema["version"] = "1.0.0"
+        self.server.stop()
+        (self.folder / "schema").write_text(json.dumps(schema))
+        self.start_server(self.folder / "schema", database="first.db")
+        self.assertEqual(self.ok("rule", "add", "--in", "lo", "--out", "eht1", "--drop"), "1\n")
+        self.refused(3, "^moatctl: the server's database, schema 1.0.0, has no place for acknowledged warnings: expected "
+                     "schema 1.1 or later$", "acknowledge", "rule", "1")
+        self.ok("rule", "remove", "1")
+        self.assertEqual(self.ok("rule", "add", "--in", "lo", "--out", "eht1", "--drop"), "1\n")
+
+
+class UsedIds(Case):
+    """An Id that somebody has written down never comes to mean another row."""
+
+    def test_a_removed_id_is_not_given_again(self):
+        add = ("rule", "add", "--in", "eth0", "--drop")
+        self.assertEqual([self.ok(*add) for _ in range(3)], ["1\n", "2\n", "3\n"])
+        self.ok("rule", "remove", "2", "3")
+        self.assertEqual(self.ok(*add), "4\n")
+        self.ok("rule", "remove", "1", "4")
+        self.assertEqual(self.ok(*add, "--id", "2"), "2\n")
+        self.assertEqual(self.ok(*add), "5\n")
+        self.assertEqual(self.ok("policy", "add", "--in", "eth0", "--drop"), "1\n", "each table has its own")
+        self.ok("batch", stdin="rule remove 5\nrule add --in eth1 --drop\nrule remove 6\n")
+        self.assertEqual(self.ok(*add), "7\n")
+
+    def test_rows_of_other_clients_count(self):
+        self.transact(insert("MoatKeeperRuleset", Id=51, RulePrio=3, InInterface="eth0", Target="DROP"))
+        self.ok("rule", "remove", "51")
+        self.assertEqual(self.ok("rule", "add", "--in", "eth0", "--drop"), "52\n")
+
+    def test_an_import_keeps_what_is_known(self):
+        self.ok("rule", "add", "--in", "eth0", "--drop", "--id", "40")
+        self.run_tool("import", "-", "--replace", stdin='{"MoatKeeper": [{}]}')
+        self.assertEqual(self.rows("rule"), [])
+        self.assertEqual(self.ok("rule", "add", "--in", "eth0", "--drop"), "41\n")
 
 
 class Ports(Case):

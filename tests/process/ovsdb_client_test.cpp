@@ -115,7 +115,7 @@ const ovsdb::Table& policies()
 TEST_F(OvsdbClientTest, InsertsReadsUpdatesDeletes)
 {
     Client client(schema::serverDatabase(), options());
-    EXPECT_EQ(client.schemaVersion(), "1.0.0");
+    EXPECT_EQ(client.schemaVersion(), "1.1.0");
     const auto inserted = client.transact({policy(9), policy(2)});
     ASSERT_TRUE(inserted.committed()) << inserted.errorText();
     ASSERT_TRUE(inserted.outcomes[0].uuid.has_value());

@@ -86,7 +86,7 @@ class Status(machine.Machine):
 
     def testAllInOrder(self):
         what, rules = self.status(IN_ORDER)
-        self.assertEqual(what["server"], "up, schema 1.0.0")
+        self.assertEqual(what["server"], "up, schema 1.1.0")
         self.assertEqual(what["daemon"], f"running, process {self.daemon.pid}")
         self.assertEqual(what["kernel tables"], "as configured")
         self.assertEqual({row["state"] for row in rules}, {"ok"})

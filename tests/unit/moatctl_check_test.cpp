@@ -329,6 +329,18 @@ TEST_F(Check, AClosedWayNeedsNoAddressResolution)
     EXPECT_THAT(problems(), ElementsAre(HasSubstr("ForwardingPolicy Id 1: drops ARP from eth0 to eth1")));
 }
 
+TEST_F(Check, AStationThatMaySendEverythingCanAskForAddresses)
+{
+    add(TableId::ForwardingPolicies, 1,
+        {{"InInterface", text("eth0")}, {"OutInterface", text("eth1")}, {"Policy", text("DROP")}});
+    addRule(1, {{"SrcMAC", text("02:00:00:00:00:aa")}}, "ACCEPT");
+    EXPECT_THAT(problems(), IsEmpty());
+    addRule(2, {{"SrcMAC", text("02:00:00:00:00:bb")}, {"Ethertype", text("IPv4")}}, "ACCEPT");
+    EXPECT_THAT(problems(), ElementsAre(HasSubstr("ForwardingPolicy Id 1: drops ARP from eth0 to eth1")));
+    addRule(3, {{"Ethertype", text("ARP")}}, "ACCEPT");
+    EXPECT_THAT(problems(), IsEmpty());
+}
+
 TEST_F(Check, EveryWrongValueOfARowIsReported)
 {
     addRule(1, {{"RulePrio", number(0)}, {"SrcMAC", text("zz")}, {"VLANID", number(5000)}}, "DRO");
@@ -428,6 +440,20 @@ TEST_F(CheckAChange, WhatWasWrongWithAnEditedRowBeforeDoesNotStopTheEdit)
                                               "such as 00:11:22:33:44:55, or ADDRESS/MASK"));
     configuration.find(TableId::Rules, 1)->set("SrcMAC", "yy");
     EXPECT_THAT(changeProblems(), ElementsAre(testing::StartsWith("error: MoatKeeperRuleset Id 1, SrcMAC: \"yy\"")));
+}
+
+TEST_F(CheckAChange, SaysNothingOfWhatIsAcknowledged)
+{
+    addRule(1, {});
+    fileBegins();
+    addRule(2, {});
+    inFile(TableId::Rules, 2, 7);
+    const std::string warning = "the same as MoatKeeperRuleset Id 1, which comes first: one of the two is enough";
+    EXPECT_THAT(changeProblems(), ElementsAre("f.json:7: warning: MoatKeeperRuleset Id 2: " + warning));
+    configuration.acknowledged[{TableId::Rules, 2, warning + "!"}];
+    EXPECT_THAT(changeProblems(), testing::SizeIs(1)) << "another warning was acknowledged";
+    configuration.acknowledged[{TableId::Rules, 2, warning}];
+    EXPECT_THAT(changeProblems(), IsEmpty());
 }
 
 TEST_F(CheckAChange, RowsOutsideTheFileThatItMakesWrongHaveNoLine)

@@ -33,7 +33,7 @@ std::string replaced(std::string text, const std::string& what, const std::strin
 
 TEST(OvsdbSchemaCheckTest, AcceptsOurSchemaAndMore)
 {
-    EXPECT_EQ(check(schemaText()), "1.0.0");
+    EXPECT_EQ(check(schemaText()), "1.1.0");
     const std::string more = replaced(schemaText(), R"("Id": {)", R"("Extra": {"type": "string"}, "Id": {)");
     EXPECT_NO_THROW(check(more));
 }
@@ -45,8 +45,8 @@ struct OtherSchema {
 };
 
 const OtherSchema otherSchemas[] = {
-    {"\"1.0.0\"", "\"2.0.0\"", "expected schema version 1.x.y, found 2.0.0"},
-    {"\"version\": \"1.0.0\",", "", "found none"},
+    {"\"1.1.0\"", "\"2.0.0\"", "expected schema version 1.x.y, found 2.0.0"},
+    {"\"version\": \"1.1.0\",", "", "found none"},
     {"\"name\": \"moatkeeper\"", "\"name\": \"other\"", "found \"other\""},
     {"\"MoatKeeperRuleset\"", "\"Rules\"", "no table MoatKeeperRuleset"},
     {"\"VLANID\"", "\"Vlan\"", "column VLANID: missing"},
@@ -57,6 +57,22 @@ const OtherSchema otherSchemas[] = {
     {R"("IPPort": {"type": {"key": {"type": "integer", "minInteger": 0, "maxInteger": 65535}}})",
      R"("IPPort": {"type": {"key": "integer", "min": 0}})", "column IPPort: expected a value in every row"},
 };
+
+TEST(OvsdbSchemaCheckTest, SomeTablesMayBeMissingAndNoColumn)
+{
+    const auto without = [](const char* table) {
+        return replaced(schemaText(), '"' + std::string(table) + '"', "\"Other\"");
+    };
+    const auto& all = schema::serverDatabase().tableNames();
+    EXPECT_EQ(ovsdb::tablesIn(ovsdb::parseJson(schemaText()), schema::serverDatabase()), all);
+    for (const char* table : {"MoatKeeperAcknowledged", "MoatKeeperUsedIds"}) {
+        EXPECT_NO_THROW(check(without(table)));
+        std::vector<std::string> others = all;
+        std::erase(others, table);
+        EXPECT_EQ(ovsdb::tablesIn(ovsdb::parseJson(without(table)), schema::serverDatabase()), others);
+    }
+    EXPECT_THROW(check(without("LargestId")), ovsdb::SchemaError);
+}
 
 TEST(OvsdbSchemaCheckTest, SaysWhatIsDifferent)
 {

@@ -104,7 +104,7 @@ protected:
 TEST_F(OvsdbSubscriptionTest, AsksForItsTablesAfterTheSchema)
 {
     answerSchema();
-    EXPECT_EQ(m_subscription.schemaVersion(), "1.0.0");
+    EXPECT_EQ(m_subscription.schemaVersion(), "1.1.0");
     EXPECT_FALSE(m_subscription.synchronised());
     const Json request = asked();
     EXPECT_EQ(*request.find("method")->asText(), "monitor_cond_since");
