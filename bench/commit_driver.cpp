@@ -2,7 +2,7 @@
 // answers one line each. For the commit benchmark and for tests that refill the tables under load.
 //
 //   rules COUNT VARIANT   the rule table gets COUNT rules; VARIANT (a number) changes every one of them
-//   change                one rule gets another priority
+//   change                one rule, each time another one, gets another sender
 //   policy TARGET         the default policy of FORWARD
 //   deliver               hands the tables to the handler; answers when commitToSystem was called and when its
 //                         transaction had ended, in microseconds of the monotonic clock
@@ -82,6 +82,7 @@ int main(int argc, char* argv[])
 
     fake::MemoryTables tables;
     std::vector<fake::Row> rules;
+    std::size_t changes = 0;
     const auto setForwardPolicy = [&](const std::string& target) {
         tables.setRows("MoatKeeper",
                        {fake::Row().set("GlobalInputPolicy", "ACCEPT").set("GlobalForwardingPolicy", target)});
@@ -103,8 +104,8 @@ int main(int argc, char* argv[])
             tables.setRows(rulesTable, rules);
             std::cout << "ok" << std::endl;
         } else if (command == "change" && !rules.empty()) {
-            const std::int32_t priority = rules.front().values().getValue("RulePrio").getInteger();
-            rules.front().set("RulePrio", priority == 1 ? -1 : 1);
+            ++changes;
+            rules[changes * 7919 % rules.size()].set("SrcMAC", macAddress(0xf0'0000 + static_cast<int>(changes)));
             tables.setRows(rulesTable, rules);
             std::cout << "ok" << std::endl;
         } else if (command == "policy") {

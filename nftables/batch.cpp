@@ -135,7 +135,9 @@ std::size_t Batch::putRule(const std::string& chain, const Expressions& expressi
         putChainPolicyMark(message);
     putExpressions(message, expressions);
     putCompatibility(message, ethertype);
-    ++m_rulesAdded;
+    if (m_firstRule == 0)
+        m_firstRule = m_last;
+    m_lastRule = m_last;
     return end(message);
 }
 
@@ -179,11 +181,11 @@ Bytes Batch::finish(std::uint32_t first)
     std::uint32_t sequence = first;
     for (std::size_t at = 0; at < m_used;) {
         auto* const message = reinterpret_cast<nlmsghdr*>(m_bytes.data() + at);
-        message->nlmsg_seq = sequence++;
-        // The beginning's echo is the new generation.
-        const bool isRule = message->nlmsg_type == (tables | NFT_MSG_NEWRULE);
-        if (at == 0 || (m_echo && isRule))
+        // The kernel tells the new generation when the first message after the beginning asks for an echo.
+        const bool isFirst = sequence == first + 1;
+        if (isFirst || at == m_firstRule || at == m_lastRule)
             message->nlmsg_flags = static_cast<std::uint16_t>(message->nlmsg_flags | NLM_F_ECHO);
+        message->nlmsg_seq = sequence++;
         at += message->nlmsg_len;
     }
     return {m_bytes.data(), m_used};

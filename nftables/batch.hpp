@@ -42,10 +42,6 @@ public:
     std::size_t deleteRules(const std::string& chain);
 
     std::size_t messages() const { return m_count; }
-    std::size_t rulesAdded() const { return m_rulesAdded; }
-
-    // Whether the kernel is to tell the handles of the rules that it adds.
-    void askForHandles() { m_echo = true; }
 
     // The whole datagram: message `index` has the sequence number first + 1 + index. Nothing can be added any more.
     Bytes finish(std::uint32_t first);
@@ -63,9 +59,9 @@ private:
     std::vector<std::uint8_t> m_bytes;
     std::size_t m_used = 0;
     std::size_t m_count = 0;
-    std::size_t m_rulesAdded = 0;
-    std::size_t m_last = 0; // where the last message begins
-    bool m_echo = false;
+    std::size_t m_last = 0;      // where the last message begins
+    std::size_t m_firstRule = 0; // where the first new rule's does; 0: none
+    std::size_t m_lastRule = 0;
     Expressions m_expressions;
 };
 

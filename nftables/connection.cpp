@@ -27,7 +27,6 @@ constexpr std::size_t headerSize = sizeof(nfgenmsg);
 
 // What waits in the socket takes more room than its bytes.
 constexpr std::size_t roomForError = 1U << 10U;
-constexpr std::size_t roomForRule = 4U << 10U;
 constexpr std::size_t mostRoom = 64U << 20U;
 
 struct ErrorMessage {
@@ -304,9 +303,8 @@ Result Connection::apply(Batch& batch)
     const std::uint32_t first = m_sequence + 1;
     m_sequence += batch.sequenceNumbers();
     const Bytes datagram = batch.finish(first);
-    m_socket->makeRoom(
-        datagram.size() + (64U << 10U),
-        std::min(mostRoom, (256U << 10U) + batch.messages() * roomForError + (batch.rulesAdded() * roomForRule)));
+    m_socket->makeRoom(datagram.size() + (64U << 10U),
+                       std::min(mostRoom, (256U << 10U) + (batch.messages() * roomForError)));
     if (const int error = m_socket->send(datagram); error != 0)
         return failed(error);
     std::optional<int> batchError;
@@ -360,7 +358,7 @@ bool Connection::takeAnswers(std::uint32_t first, const Batch& batch, Result& re
                     errors.push_back({sequence - first - 1, error->error, error->text});
                 if (sequence == last)
                     return true;
-            } else if (message->nlmsg_type == (tables | NFT_MSG_NEWGEN) && sequence == first) {
+            } else if (message->nlmsg_type == (tables | NFT_MSG_NEWGEN)) {
                 result.generation = generationOf(message);
             } else if (message->nlmsg_type == (tables | NFT_MSG_NEWRULE) && sequence != first) {
                 if (const std::uint64_t handle = readRule(message).handle; handle != 0)

@@ -45,7 +45,7 @@ struct Result {
     Answer answer = Answer::Unclear;
     std::string reason; // for a person, unless Done
     std::vector<Refusal> refusals;
-    std::vector<NewRule> newRules;           // when the batch asked for handles
+    std::vector<NewRule> newRules;           // Done: the first and the last one of the batch
     std::optional<std::uint32_t> generation; // Done: of the tables after it, when the kernel said so
 };
 

@@ -24,7 +24,6 @@ constexpr unsigned maxReads = 12;  // while others change the tables all the tim
 constexpr unsigned namedTries = 3; // then the generation is not named any more
 constexpr unsigned maxTries = 40;
 constexpr unsigned maxUnclear = 3;
-constexpr std::size_t mostEchoes = 256; // more handles are cheaper to read
 
 // Whether two reads found the same.
 bool sameRules(const TableImage& a, const TableImage& b)
@@ -309,8 +308,6 @@ KernelTables::Outcome KernelTables::bring()
         const bool named = m_sureOfGeneration && changedMeanwhile < namedTries;
         m_beforeChange();
         nftables::Batch batch = build(changes, named);
-        if (batch.rulesAdded() <= mostEchoes)
-            batch.askForHandles();
         const nftables::Result result = m_connection.apply(batch);
         outcome.reason = result.reason;
         switch (result.answer) {
@@ -361,32 +358,39 @@ KernelTables::Outcome KernelTables::bring()
     return outcome;
 }
 
-// The handles of what was added, from the kernel's echo or by reading.
 void KernelTables::takeHandles(const std::vector<Change>& changes, const nftables::Result& result)
 {
-    bool complete = m_actual.table != 0;
-    std::unordered_map<std::size_t, std::uint64_t> handles;
-    for (const nftables::NewRule& rule : result.newRules)
-        handles.emplace(rule.message, rule.handle);
-    for (std::size_t i = 0; i < changes.size() && complete; ++i) {
-        const Change& change = changes[i];
-        if (change.kind != Kind::AddRule && change.kind != Kind::AddChainPolicy)
-            continue;
-        const auto found = handles.find(i);
-        complete = found != handles.end();
-        if (!complete)
-            break;
-        ImageChain& chain = *m_wanted.find(change.chain);
-        (change.kind == Kind::AddRule ? chain.rules[change.index].handle : chain.policyHandle) = found->second;
-    }
+    const bool told = numberRules(changes, result.newRules) && m_actual.table != 0;
     m_wanted.table = m_actual.table;
-    m_actual = m_wanted;
-    if (complete || readHandles()) {
+    if (!told) {
         m_actual = m_wanted;
-        return;
+        if (!readHandles()) {
+            m_isKnown = false;
+            m_leftover.unite(m_wanted.footprint());
+            return;
+        }
     }
-    m_isKnown = false;
-    m_leftover.unite(m_wanted.footprint());
+    m_actual = m_wanted;
+}
+
+// The kernel counts handles upwards. When between the first new rule's and the last one's there are as many as rules
+// were added, each has the one of its turn.
+bool KernelTables::numberRules(const std::vector<Change>& changes, const std::vector<nftables::NewRule>& told)
+{
+    std::vector<std::uint64_t*> handles;
+    for (const Change& change : changes) {
+        if (change.kind == Kind::AddRule)
+            handles.push_back(&m_wanted.find(change.chain)->rules[change.index].handle);
+        else if (change.kind == Kind::AddChainPolicy)
+            handles.push_back(&m_wanted.find(change.chain)->policyHandle);
+    }
+    if (handles.empty())
+        return true;
+    if (told.empty() || told.back().handle - told.front().handle != handles.size() - 1)
+        return false;
+    for (std::size_t i = 0; i < handles.size(); ++i)
+        *handles[i] = told.front().handle + i;
+    return true;
 }
 
 // What is there is what is wanted, rule by rule, unless somebody has been there since.

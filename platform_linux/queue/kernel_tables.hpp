@@ -68,13 +68,11 @@ public:
     void collectTexts(const std::function<void(RulePool::Text)>& use) const;
 
 private:
-    enum class Step { Done, Again, Waiting };
-
     bool read(TableImage& image, std::uint32_t& generation, bool& settled, std::string& reason);
-    Step apply(const std::vector<Change>& changes, bool named, Outcome& outcome);
     nftables::Batch build(const std::vector<Change>& changes, bool named) const;
     void drop(const std::vector<Change>& changes, const std::vector<nftables::Refusal>& refusals, Outcome& outcome);
     void takeHandles(const std::vector<Change>& changes, const nftables::Result& result);
+    bool numberRules(const std::vector<Change>& changes, const std::vector<nftables::NewRule>& told);
     bool readHandles();
     void forgetHandles();
     void noteDrift(const TableImage& actual);

@@ -92,7 +92,6 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     nftables::Batch batch(1);
     batch.addTable();
     batch.addRule("A", ebtables::Rule(), {});
-    batch.askForHandles();
     connection.apply(batch);
     return 0;
 }

@@ -250,6 +250,11 @@ def main():
             if answer != "done\n":
                 print(f"sequence {number}: the driver answered {answer!r}")
                 return 1
+            driver.stdin.write("own\n")
+            driver.stdin.flush()
+            if (answer := driver.stdout.readline()) != "yes\n":
+                print(f"sequence {number}: the driver takes its own commit for another's: {answer!r}")
+                return 1
         tool.run(sequence)
         total += len(sequence)
         found, wanted = readTables(ours), readTables(theirs)

@@ -4,6 +4,7 @@
 // Each input line is a command line, or one of
 //   commit    what came since the last one is carried out, in one transaction; answers what was refused, a line each
 //             with "refused " in front, and then "done" or "waiting REASON"
+//   own       answers "yes" when the tables are still as the last commit left them, as far as it was told
 //   reset     forgets all it knows
 #include "ebtables/line_parser.hpp"
 #include "platform_linux/queue/kernel_tables.hpp"
@@ -27,6 +28,9 @@ public:
                 m_isNew = true;
             } else if (line == "commit") {
                 commit();
+            } else if (line == "own") {
+                const nftables::Result now = nftables::Connection().generation();
+                std::cout << (m_tables->isOwn(now.generation.value_or(0)) ? "yes" : "no") << std::endl;
             } else {
                 take(line);
             }

@@ -167,6 +167,7 @@ void FakeKernel::batch(nftables::Bytes datagram)
     std::vector<std::vector<std::uint8_t>> echoes;
     std::vector<std::pair<std::uint32_t, int>> answers;
     bool good = true;
+    bool tellsGeneration = false;
     int left = static_cast<int>(datagram.size()) - static_cast<int>(message->nlmsg_len);
     m_lastMessages = 0;
     for (message = reinterpret_cast<const nlmsghdr*>(datagram.data() + message->nlmsg_len);
@@ -177,6 +178,7 @@ void FakeKernel::batch(nftables::Bytes datagram)
         if (faulty && m_fault->kind == Fault::Kind::Error && m_fault->message.value_or(index) == index)
             error = m_fault->error;
         good = good && error == 0;
+        tellsGeneration = tellsGeneration || (index == 0 && (message->nlmsg_flags & NLM_F_ECHO) != 0);
         if (error != 0 || (message->nlmsg_flags & NLM_F_ACK) != 0)
             answers.emplace_back(message->nlmsg_seq, error);
         if (!echo.empty())
@@ -188,9 +190,11 @@ void FakeKernel::batch(nftables::Bytes datagram)
         ++m_generation;
         for (auto& echo : echoes)
             reply(std::move(echo));
-        Writer generation(tablesType | NFT_MSG_NEWGEN, first);
-        nftables::put32(generation.header, NFTA_GEN_ID, m_generation);
-        reply(generation.finish());
+        if (tellsGeneration) {
+            Writer generation(tablesType | NFT_MSG_NEWGEN, first + 1);
+            nftables::put32(generation.header, NFTA_GEN_ID, m_generation);
+            reply(generation.finish());
+        }
     }
     for (const auto& [sequence, error] : answers)
         acknowledge(sequence, error);
