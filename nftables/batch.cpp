@@ -46,6 +46,11 @@ Batch::Batch(std::optional<std::uint32_t> generation)
     if (generation)
         put32(message, NFNL_BATCH_GENID, *generation);
     m_used += message->nlmsg_len;
+    // The kernel tells the new generation when the message behind the beginning asks for an echo. This one has none of
+    // its own when the table is there.
+    message = begin(NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_ECHO);
+    putText(message, NFTA_TABLE_NAME, filterTable);
+    m_used += message->nlmsg_len;
 }
 
 nlmsghdr* Batch::beginControl(std::uint16_t type, std::uint16_t flags)
@@ -77,13 +82,6 @@ std::size_t Batch::end(const nlmsghdr* message)
 {
     m_used += message->nlmsg_len; // aligned: every attribute is padded
     return m_count++;
-}
-
-std::size_t Batch::addTable()
-{
-    nlmsghdr* message = begin(NFT_MSG_NEWTABLE, NLM_F_CREATE);
-    putText(message, NFTA_TABLE_NAME, filterTable);
-    return end(message);
 }
 
 std::size_t Batch::addBuiltInChain(const std::string& chain, const std::string& policy)
@@ -141,9 +139,10 @@ std::size_t Batch::putRule(const std::string& chain, const Expressions& expressi
     return end(message);
 }
 
-std::size_t Batch::addRule(const std::string& chain, const ebtables::Rule& rule, Place place)
+std::size_t Batch::addRule(const std::string& chain, const ebtables::Rule& rule, Place place, const Counters& counters)
 {
     encode(rule, m_expressions);
+    m_expressions.counters = counters;
     return putRule(chain, m_expressions, rule.ethertype, place, false);
 }
 
@@ -181,9 +180,7 @@ Bytes Batch::finish(std::uint32_t first)
     std::uint32_t sequence = first;
     for (std::size_t at = 0; at < m_used;) {
         auto* const message = reinterpret_cast<nlmsghdr*>(m_bytes.data() + at);
-        // The kernel tells the new generation when the first message after the beginning asks for an echo.
-        const bool isFirst = sequence == first + 1;
-        if (isFirst || at == m_firstRule || at == m_lastRule)
+        if (at != 0 && (at == m_firstRule || at == m_lastRule))
             message->nlmsg_flags = static_cast<std::uint16_t>(message->nlmsg_flags | NLM_F_ECHO);
         message->nlmsg_seq = sequence++;
         at += message->nlmsg_len;

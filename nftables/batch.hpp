@@ -28,26 +28,29 @@ class Batch
 {
 public:
     // generation: of the tables that the changes are meant for. When the kernel's is another one by then, it refuses
-    // the batch. Without, it is taken as it comes.
+    // the batch. Without, it is taken as it comes. The table is made when it is missing.
     explicit Batch(std::optional<std::uint32_t> generation);
 
-    std::size_t addTable();
     std::size_t addBuiltInChain(const std::string& chain, const std::string& policy);
     std::size_t setPolicy(const std::string& builtInChain, const std::string& policy);
     std::size_t addChain(const std::string& chain);
     std::size_t deleteChain(const std::string& chain); // it must be empty by then
-    std::size_t addRule(const std::string& chain, const ebtables::Rule& rule, Place place);
+    std::size_t addRule(const std::string& chain, const ebtables::Rule& rule, Place place,
+                        const Counters& counters = {});
     std::size_t addChainPolicy(const std::string& chain, const std::string& policy); // at the end of a user chain
     std::size_t deleteRule(const std::string& chain, std::uint64_t handle);
     std::size_t deleteRules(const std::string& chain);
 
     std::size_t messages() const { return m_count; }
 
-    // The whole datagram: message `index` has the sequence number first + 1 + index. Nothing can be added any more.
+    // The whole datagram: message `index` has the sequence number first + `ahead` + index. Nothing can be added any
+    // more.
     Bytes finish(std::uint32_t first);
 
+    static constexpr std::uint32_t ahead = 2; // the beginning, and the table
+
     // The sequence numbers that it takes.
-    std::uint32_t sequenceNumbers() const { return static_cast<std::uint32_t>(m_count) + 2; }
+    std::uint32_t sequenceNumbers() const { return static_cast<std::uint32_t>(m_count) + ahead + 1; }
 
 private:
     nlmsghdr* begin(std::uint16_t type, std::uint16_t flags);

@@ -330,7 +330,8 @@ bool Connection::takeAnswers(std::uint32_t first, const Batch& batch, Result& re
                              std::vector<Refusal>& errors)
 {
     m_buffer.resize(bufferSize);
-    const std::uint32_t last = first + static_cast<std::uint32_t>(batch.messages());
+    const std::uint32_t begin = first + Batch::ahead;
+    const std::uint32_t last = begin + static_cast<std::uint32_t>(batch.messages()) - 1;
     for (;;) {
         const Socket::Received got = m_socket->receive(m_buffer, true);
         if (got.error == EINTR)
@@ -347,7 +348,7 @@ bool Connection::takeAnswers(std::uint32_t first, const Batch& batch, Result& re
                 const std::optional<ErrorMessage> error = readError(message);
                 if (!error)
                     return false;
-                if (sequence == first) {
+                if (sequence - first < Batch::ahead) {
                     if (error->error != 0) {
                         batchError = error->error;
                         return true;
@@ -355,14 +356,14 @@ bool Connection::takeAnswers(std::uint32_t first, const Batch& batch, Result& re
                     continue; // newer kernels acknowledge the beginning as well
                 }
                 if (error->error != 0)
-                    errors.push_back({sequence - first - 1, error->error, error->text});
+                    errors.push_back({sequence - begin, error->error, error->text});
                 if (sequence == last)
                     return true;
             } else if (message->nlmsg_type == (tables | NFT_MSG_NEWGEN)) {
                 result.generation = generationOf(message);
-            } else if (message->nlmsg_type == (tables | NFT_MSG_NEWRULE) && sequence != first) {
+            } else if (message->nlmsg_type == (tables | NFT_MSG_NEWRULE) && sequence - begin <= last - begin) {
                 if (const std::uint64_t handle = readRule(message).handle; handle != 0)
-                    result.newRules.push_back({sequence - first - 1, handle});
+                    result.newRules.push_back({sequence - begin, handle});
             }
         }
     }

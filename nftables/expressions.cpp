@@ -59,8 +59,7 @@ public:
     {
         m_into.list.clear();
         m_into.chain.clear();
-        m_into.packets = 0;
-        m_into.bytes = 0;
+        m_into.counters = {};
     }
 
     void encode(const Rule& rule)

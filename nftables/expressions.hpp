@@ -40,11 +40,15 @@ struct Expression {
     bool operator==(const Expression&) const = default;
 };
 
+struct Counters {
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+};
+
 struct Expressions {
     std::vector<Expression> list;
     std::string chain; // of a verdict that jumps
-    std::uint64_t packets = 0;
-    std::uint64_t bytes = 0;
+    Counters counters; // what the counter has counted
 };
 
 // What `ebtables` writes for the rule, in its order.

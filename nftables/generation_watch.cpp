@@ -19,6 +19,7 @@ namespace nftables
 namespace
 {
 
+constexpr int group = NFNLGRP_NFTABLES;
 constexpr std::uint16_t newGeneration = NFNL_SUBSYS_NFTABLES << 8U | NFT_MSG_NEWGEN;
 
 int letGenerationsThrough(int descriptor)
@@ -49,7 +50,6 @@ int GenerationWatch::open()
         return errno;
     sockaddr_nl local{};
     local.nl_family = AF_NETLINK;
-    const int group = NFNLGRP_NFTABLES;
     if (letGenerationsThrough(descriptor) != 0 ||
         bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
         setsockopt(descriptor, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0) {
@@ -83,6 +83,13 @@ std::optional<GenerationChange> GenerationWatch::next()
         if (auto change = readGenerationChange(buffer.data(), static_cast<std::size_t>(got)))
             return change;
     }
+}
+
+void GenerationWatch::listen(bool on)
+{
+    if (m_descriptor >= 0)
+        setsockopt(m_descriptor, SOL_NETLINK, on ? NETLINK_ADD_MEMBERSHIP : NETLINK_DROP_MEMBERSHIP, &group,
+                   sizeof group);
 }
 
 std::optional<GenerationChange> readGenerationChange(const void* bytes, std::size_t size)

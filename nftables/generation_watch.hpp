@@ -33,6 +33,10 @@ public:
     // The next change; nothing when there is none now. Never waits.
     std::optional<GenerationChange> next();
 
+    // Does not listen for a while: for every rule that comes or goes, the kernel makes a message for whoever does. What
+    // happens until it listens again is not told.
+    void listen(bool on);
+
 private:
     int m_descriptor = -1;
 };

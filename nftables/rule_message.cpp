@@ -49,7 +49,7 @@ void putData(nlmsghdr* message, int type, const void* data, std::size_t size)
     mnl_attr_put(message, NFTA_DATA_VALUE, size, data);
 }
 
-void putBody(nlmsghdr* message, const Expression& expression, const std::string& chain)
+void putBody(nlmsghdr* message, const Expression& expression, const Expressions& rule)
 {
     static constexpr std::array<std::uint8_t, 6> zeros{};
     switch (expression.kind) {
@@ -82,16 +82,16 @@ void putBody(nlmsghdr* message, const Expression& expression, const std::string&
         mnl_attr_put(message, NFTA_MATCH_INFO, expression.size, expression.data.data());
         break;
     case Kind::Counter:
-        mnl_attr_put_u64(message, NFTA_COUNTER_BYTES, 0);
-        mnl_attr_put_u64(message, NFTA_COUNTER_PACKETS, 0);
+        put64(message, NFTA_COUNTER_BYTES, rule.counters.bytes);
+        put64(message, NFTA_COUNTER_PACKETS, rule.counters.packets);
         break;
     case Kind::Verdict: {
         put32(message, NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
         const Nest data(message, NFTA_IMMEDIATE_DATA);
         const Nest verdict(message, NFTA_DATA_VERDICT);
         put32(message, NFTA_VERDICT_CODE, expression.key);
-        if (!chain.empty())
-            putText(message, NFTA_VERDICT_CHAIN, chain.c_str());
+        if (!rule.chain.empty())
+            putText(message, NFTA_VERDICT_CHAIN, rule.chain.c_str());
         break;
     }
     case Kind::Other:
@@ -241,8 +241,8 @@ bool readBody(std::string_view name, const nlattr* body, Expression& into, Expre
     if (name == "counter") {
         into.kind = Kind::Counter;
         const Attributes<NFTA_COUNTER_MAX + 1> in(body);
-        rule.packets = in.longNumber(NFTA_COUNTER_PACKETS).value_or(0);
-        rule.bytes = in.longNumber(NFTA_COUNTER_BYTES).value_or(0);
+        rule.counters.packets = in.longNumber(NFTA_COUNTER_PACKETS).value_or(0);
+        rule.counters.bytes = in.longNumber(NFTA_COUNTER_BYTES).value_or(0);
         return true;
     }
     for (const Kind kind :
@@ -275,8 +275,7 @@ bool RuleView::readExpressions(Expressions& expressions) const
 {
     expressions.list.clear();
     expressions.chain.clear();
-    expressions.packets = 0;
-    expressions.bytes = 0;
+    expressions.counters = {};
     const nlattr* list = Attributes<NFTA_RULE_MAX + 1>(message).find(NFTA_RULE_EXPRESSIONS);
     if (list == nullptr)
         return false;
@@ -314,7 +313,7 @@ void putExpressions(nlmsghdr* message, const Expressions& expressions)
         const Nest element(message, NFTA_LIST_ELEM);
         putText(message, NFTA_EXPR_NAME, nameOf(expression.kind));
         const Nest body(message, NFTA_EXPR_DATA);
-        putBody(message, expression, expressions.chain);
+        putBody(message, expression, expressions);
     }
 }
 

@@ -17,6 +17,11 @@ using Kind = Change::Kind;
 // middle by going through the chain from its beginning.
 constexpr std::size_t fewRules = 16;
 
+// The kernel takes such a step for each rule in front of one that is named by its handle. So many are too long ...
+constexpr std::size_t longWay = 1'000'000;
+// ... when only one of so many rules stays: then the chain is emptied and filled anew.
+constexpr std::size_t fewStay = 8;
+
 // Of wanted[i], which of actual stays for it: indices into actual, or npos. In order, as many as possible.
 constexpr std::size_t npos = static_cast<std::size_t>(-1);
 
@@ -105,8 +110,6 @@ public:
 
     std::vector<Change> find()
     {
-        if (m_actual.table == 0 && std::ranges::any_of(m_wanted.chains, [](const auto& c) { return c.second.present; }))
-            m_first.push_back({Kind::AddTable, "", 0, 0, {}});
         for (auto& [name, wanted] : m_wanted.chains)
             compareChain(name, m_actual.find(name), wanted);
         for (const auto& [name, actual] : m_actual.chains) {
@@ -139,6 +142,8 @@ private:
     void compareRules(const std::string& name, const ImageChain& actual, ImageChain& wanted)
     {
         const std::vector<std::size_t> matches = match(actual, wanted);
+        if (wanted.ours && isLongWay(actual, matches))
+            return refill(name, actual, wanted, matches);
         const bool anyStays = std::ranges::any_of(matches, [](std::size_t m) { return m != npos; });
         bool policyStays = actual.policyHandle != 0 && actual.policy == wanted.policy;
         std::size_t tail = 0;
@@ -150,11 +155,7 @@ private:
             if (!actual.rules.empty() || actual.policyHandle != 0)
                 m_deletions.push_back({Kind::DeleteRules, name, 0, 0, {}});
         } else {
-            std::vector<bool> stays(actual.rules.size(), false);
-            for (const std::size_t m : matches) {
-                if (m != npos)
-                    stays[m] = true;
-            }
+            const std::vector<bool> stays = staying(actual, matches);
             for (std::size_t i = 0; i < stays.size(); ++i) {
                 if (!stays[i])
                     m_deletions.push_back({Kind::DeleteRule, name, actual.rules[i].handle, 0, {}});
@@ -173,7 +174,49 @@ private:
             addRun(name, wanted, begin, end);
             begin = end + 1;
         }
-        if (!wanted.builtIn && wanted.policy != "RETURN" && !policyStays)
+        if (!policyStays)
+            addPolicy(name, wanted);
+    }
+
+    static std::vector<bool> staying(const ImageChain& actual, const std::vector<std::size_t>& matches)
+    {
+        std::vector<bool> stays(actual.rules.size(), false);
+        for (const std::size_t m : matches) {
+            if (m != npos)
+                stays[m] = true;
+        }
+        return stays;
+    }
+
+    // Whether so many rules go that the kernel would look for each of them for a long time.
+    static bool isLongWay(const ImageChain& actual, const std::vector<std::size_t>& matches)
+    {
+        const std::vector<bool> stays = staying(actual, matches);
+        const auto staying = static_cast<std::size_t>(std::ranges::count(stays, true));
+        if (staying == 0 || fewStay * staying > stays.size())
+            return false;
+        std::size_t steps = 0;
+        for (std::size_t i = 0; i < stays.size(); ++i)
+            steps += stays[i] ? 0 : i;
+        return steps > longWay;
+    }
+
+    void refill(const std::string& name, const ImageChain& actual, ImageChain& wanted,
+                const std::vector<std::size_t>& matches)
+    {
+        m_deletions.push_back({Kind::DeleteRules, name, 0, 0, {}});
+        wanted.policyHandle = 0;
+        for (std::size_t i = 0; i < matches.size(); ++i) {
+            wanted.rules[i].handle = 0;
+            m_additions.push_back(
+                {Kind::AddRule, name, matches[i] == npos ? 0 : actual.rules[matches[i]].handle, i, {}});
+        }
+        addPolicy(name, wanted);
+    }
+
+    void addPolicy(const std::string& name, const ImageChain& wanted)
+    {
+        if (!wanted.builtIn && wanted.policy != "RETURN")
             m_additions.push_back({Kind::AddChainPolicy, name, 0, 0, {}});
     }
 

@@ -24,6 +24,7 @@ constexpr unsigned maxReads = 12;  // while others change the tables all the tim
 constexpr unsigned namedTries = 3; // then the generation is not named any more
 constexpr unsigned maxTries = 40;
 constexpr unsigned maxUnclear = 3;
+constexpr std::size_t manyMessages = 500; // of a batch: then nobody listens to what the kernel tells of each
 
 // Whether two reads found the same.
 bool sameRules(const TableImage& a, const TableImage& b)
@@ -85,6 +86,16 @@ bool KernelTables::isOwn(std::uint32_t generation) const
 {
     return generation == m_ownGeneration ||
            (m_isKnown && m_sureOfGeneration && static_cast<std::int32_t>(generation - m_generation) <= 0);
+}
+
+std::optional<nftables::GenerationChange> KernelTables::nextForeignChange()
+{
+    std::optional<nftables::GenerationChange> change = m_watch.next();
+    while (change && !change->lost && isOwn(change->generation))
+        change = m_watch.next();
+    if (change)
+        m_isKnown = false;
+    return change;
 }
 
 void KernelTables::collectTexts(const std::function<void(RulePool::Text)>& use) const
@@ -248,15 +259,35 @@ void KernelTables::noteDrift(const TableImage& actual)
     }
 }
 
-nftables::Batch KernelTables::build(const std::vector<Change>& changes, bool named) const
+// Of the rules that are put in anew as they were. What a frame adds from now on is lost to them.
+KernelTables::CountersByHandle KernelTables::readCounters(const std::vector<Change>& changes)
 {
+    CountersByHandle counters;
+    for (const Change& change : changes) {
+        if (change.kind == Kind::AddRule && change.handle != 0)
+            counters.emplace(change.handle, nftables::Counters());
+    }
+    if (counters.empty())
+        return counters;
+    bool settled = true;
+    nftables::Expressions expressions;
+    m_connection.readRules(
+        [&](const nftables::RuleView& rule) {
+            const auto found = counters.find(rule.handle);
+            if (found != counters.end() && rule.readExpressions(expressions))
+                found->second = expressions.counters;
+        },
+        settled);
+    return counters;
+}
+
+nftables::Batch KernelTables::build(const std::vector<Change>& changes, bool named)
+{
+    const CountersByHandle counters = readCounters(changes);
     nftables::Batch batch(named ? std::optional(m_generation) : std::nullopt);
     for (const Change& change : changes) {
         const ImageChain* chain = m_wanted.find(change.chain);
         switch (change.kind) {
-        case Kind::AddTable:
-            batch.addTable();
-            break;
         case Kind::AddBuiltIn:
             batch.addBuiltInChain(change.chain, chain->policy);
             break;
@@ -275,7 +306,9 @@ nftables::Batch KernelTables::build(const std::vector<Change>& changes, bool nam
         case Kind::AddRule: {
             const std::optional<ebtables::Rule> rule =
                 ebtables::parseRule(*chain->rules[change.index].text, change.chain);
-            batch.addRule(change.chain, rule.value_or(ebtables::Rule()), change.place);
+            const auto known = counters.find(change.handle);
+            batch.addRule(change.chain, rule.value_or(ebtables::Rule()), change.place,
+                          known != counters.end() ? known->second : nftables::Counters());
             break;
         }
         case Kind::AddChainPolicy:
@@ -287,6 +320,17 @@ nftables::Batch KernelTables::build(const std::vector<Change>& changes, bool nam
         }
     }
     return batch;
+}
+
+nftables::Result KernelTables::send(nftables::Batch& batch)
+{
+    const bool isLarge = batch.messages() > manyMessages;
+    if (isLarge)
+        m_watch.listen(false);
+    nftables::Result result = m_connection.apply(batch);
+    if (isLarge)
+        m_watch.listen(true);
+    return result;
 }
 
 KernelTables::Outcome KernelTables::bring()
@@ -308,7 +352,7 @@ KernelTables::Outcome KernelTables::bring()
         const bool named = m_sureOfGeneration && changedMeanwhile < namedTries;
         m_beforeChange();
         nftables::Batch batch = build(changes, named);
-        const nftables::Result result = m_connection.apply(batch);
+        const nftables::Result result = send(batch);
         outcome.reason = result.reason;
         switch (result.answer) {
         case Answer::Done:
@@ -319,6 +363,8 @@ KernelTables::Outcome KernelTables::bring()
             m_sureOfGeneration = named && result.generation.has_value();
             m_generation = result.generation.value_or(m_generation);
             takeHandles(changes, result);
+            if (batch.messages() > manyMessages && m_connection.generation().generation != m_ownGeneration)
+                m_isKnown = false; // somebody was there while we did not listen
             return outcome;
         case Answer::Changed:
             ++changedMeanwhile;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "nftables/connection.hpp"
+#include "nftables/generation_watch.hpp"
 #include "platform_linux/queue/difference.hpp"
 #include "platform_linux/queue/table_image.hpp"
 
@@ -11,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace zol::cfg
@@ -55,8 +57,17 @@ public:
     // Makes the tables as wanted, in one transaction.
     Outcome bring();
 
-    // The tables may have changed: they are read before anything else is done.
-    void forget() { m_isKnown = false; }
+    // Begins to watch what others do. 0 or an error (errno).
+    int watch() { return m_watch.open(); }
+
+    // Readable when there is a change by others, or one of ours; -1 when nothing is watched.
+    int watchedDescriptor() const { return m_watch.descriptor(); }
+
+    // The next change by others; nothing when there is none now. The tables are read before anything else is done.
+    std::optional<nftables::GenerationChange> nextForeignChange();
+
+    // Whether the tables are what they are held for, as far as is known. If not, they are read before the next change.
+    bool isKnown() const { return m_isKnown; }
 
     // Whether that generation was made by us, or is older than what is known.
     bool isOwn(std::uint32_t generation) const;
@@ -69,9 +80,13 @@ public:
 
 private:
     bool read(TableImage& image, std::uint32_t& generation, bool& settled, std::string& reason);
-    nftables::Batch build(const std::vector<Change>& changes, bool named) const;
+    using CountersByHandle = std::unordered_map<std::uint64_t, nftables::Counters>;
+
+    CountersByHandle readCounters(const std::vector<Change>& changes);
+    nftables::Batch build(const std::vector<Change>& changes, bool named);
     void drop(const std::vector<Change>& changes, const std::vector<nftables::Refusal>& refusals, Outcome& outcome);
     void takeHandles(const std::vector<Change>& changes, const nftables::Result& result);
+    nftables::Result send(nftables::Batch& batch);
     bool numberRules(const std::vector<Change>& changes, const std::vector<nftables::NewRule>& told);
     bool readHandles();
     void forgetHandles();
@@ -80,6 +95,7 @@ private:
     RulePool& m_pool;
     std::function<void()> m_beforeChange;
     nftables::Connection m_connection;
+    nftables::GenerationWatch m_watch;
     TableImage m_wanted = TableImage::untouched();
     TableImage m_actual;            // as last known
     bool m_everRead = false;        // m_actual says something

@@ -138,18 +138,14 @@ public:
         return std::max(std::chrono::ceil<milliseconds>(next - Clock::now()), milliseconds(0));
     }
 
-    int watchedDescriptor() const { return m_watch.descriptor(); }
+    int watchedDescriptor() const { return m_tables.watchedDescriptor(); }
 
     void handleChange()
     {
-        while (const std::optional<nftables::GenerationChange> change = m_watch.next()) {
-            if (!change->lost && m_tables.isOwn(change->generation))
-                continue;
+        while (const std::optional<nftables::GenerationChange> change = m_tables.nextForeignChange()) {
             if (!change->lost)
                 m_who = *change;
-            m_tables.forget();
-            if (!m_nextCheck)
-                m_nextCheck = std::max(m_notBefore, Clock::now());
+            scheduleCheck();
         }
         if (m_nextCheck && Clock::now() >= *m_nextCheck)
             check();
@@ -174,7 +170,7 @@ private:
 
     void watch()
     {
-        if (const int reason = m_watch.open(); reason != 0)
+        if (const int reason = m_tables.watch(); reason != 0)
             warning(118, std::string("changes by other programs will not be noticed: cannot watch nf_tables: ") +
                              std::strerror(reason));
     }
@@ -327,6 +323,10 @@ private:
             m_gate.settle(ebtables::OwnChains(footprint.chains()));
         writeRecord(footprint);
         tidy();
+        if (!m_tables.isKnown()) {
+            m_who = {};
+            scheduleCheck();
+        }
     }
 
     void carryOutLegacy()
@@ -394,6 +394,12 @@ private:
         if (verdict.tellStorm)
             warning(117, "other programs keep changing it; it is put back each time, with growing pauses, and told "
                          "now and then only");
+    }
+
+    void scheduleCheck()
+    {
+        if (!m_nextCheck)
+            m_nextCheck = std::max(m_notBefore, Clock::now());
     }
 
     // Others have changed some tables: is it ours?
@@ -502,7 +508,6 @@ private:
     milliseconds m_pause{0};
     std::optional<Clock::time_point> m_nextTry;
 
-    nftables::GenerationWatch m_watch;
     nftables::GenerationChange m_who; // changed the tables last
     RepairPace m_pace;
     std::optional<Clock::time_point> m_nextCheck;

@@ -90,7 +90,6 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     connection.readChains(chains, table);
     connection.readRules([](const nftables::RuleView& rule) { readRule(rule.message); }, settled);
     nftables::Batch batch(1);
-    batch.addTable();
     batch.addRule("A", ebtables::Rule(), {});
     connection.apply(batch);
     return 0;

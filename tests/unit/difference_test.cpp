@@ -97,8 +97,7 @@ TEST_F(DifferenceTest, TheTableAndItsChainsAreMadeWhenMissing)
     TableImage wanted = TableImage::untouched();
     play(wanted, {"-N A", "-P A DROP", "-A A -i a -j DROP", "-A INPUT -j A"});
     EXPECT_THAT(kinds(difference(TableImage::untouched(), wanted)),
-                ElementsAre(Kind::AddTable, Kind::AddBuiltIn, Kind::AddChain, Kind::AddRule, Kind::AddChainPolicy,
-                            Kind::AddRule));
+                ElementsAre(Kind::AddBuiltIn, Kind::AddChain, Kind::AddRule, Kind::AddChainPolicy, Kind::AddRule));
 }
 
 TEST_F(DifferenceTest, RulesOfOthersStayWhereTheyAre)
@@ -133,6 +132,30 @@ TEST_F(DifferenceTest, RandomListsBecomeAsWantedAndRulesInOrderStay)
         for (const zol::cfg::ImageRule& rule : wanted.find("A")->rules)
             texts.push_back(rule.text);
         ASSERT_EQ(carriedOut(actual, wanted, changes, "A"), texts) << "round " << round;
+    }
+}
+
+TEST_F(DifferenceTest, AChainOfWhichOnlyAFewRulesStayIsFilledAnew)
+{
+    TableImage before = TableImage::untouched();
+    play(before, {"-N A", "-P A DROP"});
+    TableImage wanted = before;
+    for (int i = 0; i < 2000; ++i) {
+        const bool stays = i % 500 == 0;
+        for (TableImage* image : {&before, &wanted}) {
+            const std::string end = " -s 02:00:00:00:00:0" + std::string(stays || image == &before ? "1" : "2");
+            play(*image, {("-A A -i p" + std::to_string(i) + end + " -j DROP").c_str()});
+        }
+    }
+    const TableImage actual = inKernel(before);
+    const std::vector<Change> changes = difference(actual, wanted);
+    ASSERT_EQ(changes.size(), 2002U);
+    EXPECT_EQ(changes.front().kind, Kind::DeleteRules);
+    EXPECT_EQ(changes.back().kind, Kind::AddChainPolicy);
+    for (std::size_t i = 0; i < 2000; ++i) {
+        ASSERT_EQ(changes[i + 1].index, i);
+        EXPECT_EQ(changes[i + 1].handle, i % 500 == 0 ? actual.find("A")->rules[i].handle : 0) << "its counters";
+        EXPECT_EQ(changes[i + 1].place.where, nftables::Place::Where::AtTheEnd);
     }
 }
 

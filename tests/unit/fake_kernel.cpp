@@ -174,16 +174,17 @@ void FakeKernel::batch(nftables::Bytes datagram)
          message->nlmsg_type != NFNL_MSG_BATCH_END; message = mnl_nlmsg_next(message, &left)) {
         std::vector<std::uint8_t> echo;
         int error = apply(message, next, echo);
-        const std::size_t index = message->nlmsg_seq - first - 1;
+        const std::size_t index = message->nlmsg_seq - first - 1; // 0: the table
         if (faulty && m_fault->kind == Fault::Kind::Error && m_fault->message.value_or(index) == index)
             error = m_fault->error;
         good = good && error == 0;
-        tellsGeneration = tellsGeneration || (index == 0 && (message->nlmsg_flags & NLM_F_ECHO) != 0);
+        if (message->nlmsg_seq == first + 1)
+            tellsGeneration = (message->nlmsg_flags & NLM_F_ECHO) != 0;
         if (error != 0 || (message->nlmsg_flags & NLM_F_ACK) != 0)
             answers.emplace_back(message->nlmsg_seq, error);
         if (!echo.empty())
             echoes.push_back(std::move(echo));
-        ++m_lastMessages;
+        m_lastMessages += message->nlmsg_type == (tablesType | NFT_MSG_NEWTABLE) ? 0 : 1;
     }
     if (good) {
         m_state = std::move(next);

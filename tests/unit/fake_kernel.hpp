@@ -29,7 +29,7 @@ public:
         };
         Kind kind = Kind::Error;
         int error = 0;
-        std::optional<std::size_t> message;
+        std::optional<std::size_t> message; // 0: the one that makes the table when it is missing
         unsigned times = 1;
     };
 

@@ -27,14 +27,22 @@ std::string hex(const void* bytes, std::size_t size)
     return result;
 }
 
-// The first message of a batch that adds this rule.
+// Behind the beginning and the table.
+const nlmsghdr* firstChange(nftables::Bytes batch)
+{
+    const auto* message = reinterpret_cast<const nlmsghdr*>(batch.data());
+    int left = static_cast<int>(batch.size());
+    for (std::uint32_t i = 0; i < nftables::Batch::ahead; ++i)
+        message = mnl_nlmsg_next(message, &left);
+    return message;
+}
+
+// The message of a batch that adds this rule.
 struct RuleMessage {
     explicit RuleMessage(const ebtables::Command& command) : batch(std::nullopt)
     {
         batch.addRule(command.chain, command.rule, {});
-        const nftables::Bytes bytes = batch.finish(1);
-        const auto* const begin = reinterpret_cast<const nlmsghdr*>(bytes.data());
-        message = reinterpret_cast<const nlmsghdr*>(bytes.data() + begin->nlmsg_len);
+        message = firstChange(batch.finish(1));
     }
     nftables::Batch batch;
     const nlmsghdr* message;
@@ -92,9 +100,7 @@ TEST(NftablesRuleTest, AChainsPolicyIsKnownByItsMark)
 {
     nftables::Batch batch(7);
     batch.addChainPolicy("A", "DROP");
-    const nftables::Bytes bytes = batch.finish(1);
-    const auto* const begin = reinterpret_cast<const nlmsghdr*>(bytes.data());
-    EXPECT_TRUE(nftables::readRule(reinterpret_cast<const nlmsghdr*>(bytes.data() + begin->nlmsg_len)).isChainPolicy);
+    EXPECT_TRUE(nftables::readRule(firstChange(batch.finish(1))).isChainPolicy);
 }
 
 // Anything that the tool would not write for the rule that it looks like is nobody's to read.
@@ -164,9 +170,8 @@ TEST(NftablesRuleTest, CutMessagesAreReadWithinTheirBounds)
 TEST(NftablesBatchTest, NamesTheGenerationAndNumbersItsMessages)
 {
     nftables::Batch batch(0x01020304U);
-    EXPECT_EQ(batch.addTable(), 0U);
-    EXPECT_EQ(batch.addBuiltInChain("FORWARD", "DROP"), 1U);
-    EXPECT_EQ(batch.addChain("A"), 2U);
+    EXPECT_EQ(batch.addBuiltInChain("FORWARD", "DROP"), 0U);
+    EXPECT_EQ(batch.addChain("A"), 1U);
     const nftables::Bytes bytes = batch.finish(100);
     EXPECT_EQ(hex(bytes.data() + 20, 8), "0800010001020304");
     int left = static_cast<int>(bytes.size());

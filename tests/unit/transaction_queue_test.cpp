@@ -167,7 +167,7 @@ TEST_F(TransactionQueueTest, WhatTheKernelRefusesIsDroppedAndTheRestGoesIn)
 {
     start();
     deliver(setUp);
-    m_kernel.fail({Fault::Kind::Error, EINVAL, 1, 1}); // 0 takes the old rule out
+    m_kernel.fail({Fault::Kind::Error, EINVAL, 2, 1}); // 1 takes the old rule out
     deliver({"ebtables -F U", "ebtables -A U -i eth1 -j DROP", "ebtables -A U -i eth2 -j DROP"});
     EXPECT_THAT(m_kernel.tables().at("U"), ElementsAre("RETURN", "-i eth2 -j DROP"));
     EXPECT_THAT(log(), HasSubstr("queue:110: the kernel refused \"ebtables -A U -i eth1 -j DROP\": Invalid argument"));
