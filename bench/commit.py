@@ -1,18 +1,17 @@
 #!/usr/bin/python3
 """Measures how long a commit takes, side by side with other ways of bringing the same rules into the kernel.
 
-Runs in network and mount namespaces of its own; needs root. Every figure is a median of ROUNDS refills, the ways taken
-in turn, of tables that already hold as many other rules:
+Runs in network and mount namespaces of its own; needs root. Every figure is a median of ROUNDS, the ways taken in turn,
+of tables that already hold as many other rules:
   per line    one ebtables process for each line
   restore     ebtables-restore --noflush with the same lines, and nothing else
   nft         nft -f with rules of the same meaning
-  commit      the daemon's commit: commitToSystem called until the tool has ended
-  applied     the same until the kernel has the new rules and has told so, which takes it a message for each rule; the
-              tool then waits for it to free the old ones
-  change      as commit, after one rule of the table has changed
-  database    the whole way with the daemon in between: one row of the table is changed in the database, until the
-              daemon has put the table's rules in anew; counted from the transaction sent to ovsdb-server
+  change      the daemon's commit after one rule of the table has changed: commitToSystem called until it is in force
+  all         the same after all rules but two have changed
+  database    the whole way with the daemon in between: one row of the table is changed in the database, until it is in
+              force; counted from the transaction sent to ovsdb-server
   all rows    the same for a transaction that replaces every row; most of it is the server's own work
+Before each commit nothing happens for a second. With --steady, one row of the largest table is changed every 100 ms.
 """
 
 import csv
@@ -26,12 +25,12 @@ import time
 import arguments
 from lab import programs, sandbox, waiting
 from lab.config import RULES, Config, delete, insert
-from lab.netfilter import Commits
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 WORK = "/run/bench"
 LOCK = "/run/moatkeeper/lock"
-COLUMNS = ["per line", "restore", "nft", "commit", "applied", "change", "database", "all rows"]
+RATIOS = ["change", "all", "database"]
+COLUMNS = ["per line", "restore", "nft", "change", "all", "database", "all rows"]
 
 
 class Driver:
@@ -39,7 +38,8 @@ class Driver:
 
     def __init__(self, build):
         self._process = subprocess.Popen([f"{build}/bench/commit_driver", f"{WORK}/record"], stdin=subprocess.PIPE,
-                                         stdout=subprocess.PIPE, text=True, preexec_fn=sandbox.dieWithParent)
+                                         stdout=subprocess.PIPE, stderr=open(f"{WORK}/driver.log", "a"), text=True,
+                                         preexec_fn=sandbox.dieWithParent)
 
     def ask(self, command):
         self._process.stdin.write(command + "\n")
@@ -51,19 +51,9 @@ class Driver:
         return [self._process.stdout.readline().strip() for _ in range(count)]
 
     def deliver(self):
-        """Returns the seconds from the call of commitToSystem to the end of the tool."""
+        """Returns the seconds from the call of commitToSystem until it is in force."""
         begin, end = map(int, self.ask("deliver").split())
         return (end - begin) / 1e6
-
-    def apply(self):
-        """The same up to the moment at which the kernel has the new rules."""
-        commits = Commits()
-        self._process.stdin.write("deliver\n")
-        self._process.stdin.flush()
-        commits.wait()
-        applied = time.monotonic()
-        commits.close()
-        return applied - int(self._process.stdout.readline().split()[0]) / 1e6
 
     def close(self):
         self._process.stdin.write("quit\n")
@@ -134,34 +124,31 @@ def kernel_rules():
 def measure_queue(build, size, rounds, with_per_line):
     driver = Driver(build)
     figures = {column: [] for column in COLUMNS}
-    batches = {}
-    variant = 0
-    driver.ask(f"rules {size} {variant}")
+
+    def commit(command):
+        driver.ask(command)
+        time.sleep(1)
+        seconds = driver.deliver()
+        assert kernel_rules() == size
+        return seconds
+
+    driver.ask(f"rules {size} 0")
     driver.deliver()
-    for _ in range(rounds):
-        variant += 1
-        if variant > 1:  # nft's rules are not the tool's: each way begins with the same
-            with open(f"{WORK}/batch") as source:
-                timed_run(["ebtables-restore", "--noflush"], stdin=source)
-        driver.ask(f"rules {size} {variant}")
-        figures["commit"].append(driver.deliver())
-        assert kernel_rules() == size
-        driver.ask(f"rules {size} {variant + 100}")
-        figures["applied"].append(driver.apply())
-        assert kernel_rules() == size
-        driver.ask("change")
-        figures["change"].append(driver.deliver())
+    for variant in range(1, rounds + 1):
         lines = rule_lines(driver)
         assert len(lines) == size + 2, (len(lines), size)
+        figures["all"].append(commit(f"rules {size} {variant}"))
+        figures["change"].append(commit("change"))
         batch = "*filter\n" + "".join(line.removeprefix("ebtables ") + "\n" for line in lines) + "COMMIT\n"
         with open(write_file("batch", batch)) as source:
             figures["restore"].append(timed_run(["ebtables-restore", "--noflush"], stdin=source))
         assert kernel_rules() == size
-        script = write_file("script", nft_script(lines))
-        figures["nft"].append(timed_run(["nft", "-f", script]))
-        batches[variant] = lines
+        figures["nft"].append(timed_run(["nft", "-f", write_file("script", nft_script(lines))]))
+        driver.ask("change")  # which takes out what the others have put in
+        driver.deliver()
     if with_per_line:
-        figures["per line"].append(per_line(batches[variant]))
+        lines = rule_lines(driver)
+        figures["per line"].append(per_line(lines))
         assert kernel_rules() == size
     driver.close()
     return figures
@@ -183,34 +170,71 @@ def rows(size, variant):
     return operations
 
 
-def measure_database(build, size, rounds, figures):
-    server = programs.startServer(f"{SOURCE}/schema/moatkeeper.ovsschema", WORK)
-    config = Config()
-    daemon = programs.Program([f"{build}/daemon/moatkeeper", "-p", WORK], f"{WORK}/daemon.log")
+class Database:
+    """The daemon and its server; every change is a transaction."""
 
-    def last_commit():
+    def __init__(self, build, size):
+        self._server = programs.startServer(f"{SOURCE}/schema/moatkeeper.ovsschema", WORK)
+        self._config = Config()
+        self._daemon = programs.Program([f"{build}/daemon/moatkeeper", "-p", WORK], f"{WORK}/daemon.log")
+        self._size = size
+        self._changes = 0
+        waiting.until(lambda: os.path.exists(LOCK) and self._last_commit() != 0, "the first commit")
+        self.replace(0)
+
+    def replace(self, variant):
+        """All rows. Returns the seconds until they are in force."""
+        seconds = self._transact(*rows(self._size, variant))
+        assert kernel_rules() == self._size
+        return seconds
+
+    def change(self):
+        """One row, each time another one."""
+        self._changes += 1
+        number = self._changes * 7919 % self._size + 1
+        source = f"02:ff:00:00:{self._changes >> 8:02x}:{self._changes & 255:02x}"
+        return self._transact({"op": "update", "table": RULES, "where": [["Id", "==", number]],
+                               "row": {"SrcMAC": source}})
+
+    def close(self):
+        self._config.close()
+        assert self._daemon.stop(seconds=60) == 0, self._daemon.readLog()
+        self._server.stop()
+        os.unlink(f"{WORK}/configuration.db")
+        os.unlink(LOCK)
+
+    def _last_commit(self):
         """The daemon sets this file's time at the end of each commit; nobody listening slows the kernel down."""
         return os.stat(LOCK).st_mtime_ns
 
-    def change(*operations):
-        before, start = last_commit(), time.time_ns()
-        config.send(*operations)
-        waiting.until(lambda: last_commit() != before, "the commit", seconds=120)
-        config.receive()
-        return (last_commit() - start) / 1e9
+    def _transact(self, *operations):
+        before, start = self._last_commit(), time.time_ns()
+        self._config.send(*operations)
+        waiting.until(lambda: self._last_commit() != before, "the commit", seconds=120)
+        self._config.receive()
+        return (self._last_commit() - start) / 1e9
 
-    waiting.until(lambda: os.path.exists(LOCK) and last_commit() != 0, "the first commit")
-    change(*rows(size, 0))
+
+def measure_database(build, size, rounds, figures):
+    database = Database(build, size)
     for variant in range(1, rounds + 1):
-        figures["all rows"].append(change(*rows(size, variant)))
-        assert kernel_rules() == size
-        row = {"op": "update", "table": RULES, "where": [["Id", "==", 1]], "row": {"RulePrio": -variant}}
-        figures["database"].append(change(row))
-        assert kernel_rules() == size
-    config.close()
-    assert daemon.stop(seconds=60) == 0, daemon.readLog()
-    server.stop()
-    os.unlink(f"{WORK}/configuration.db")
+        time.sleep(1)
+        figures["all rows"].append(database.replace(variant))
+        time.sleep(1)
+        figures["database"].append(database.change())
+    database.close()
+
+
+def measure_steady(build, size, seconds):
+    database = Database(build, size)
+    figures = []
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        figures.append(database.change())
+        time.sleep(max(0, 0.1 - figures[-1]))
+    database.close()
+    print(f"one of {size} rows every 100 ms for {seconds:g} s: {len(figures)} changes, "
+          f"median {statistics.median(figures) * 1000:.1f} ms, worst {max(figures) * 1000:.1f} ms")
 
 
 def main():
@@ -222,6 +246,7 @@ def main():
     parser.add_argument("--per-line-up-to", type=int, default=1000, metavar="RULES",
                         help="leaves out that way for more (%(default)s)")
     parser.add_argument("--rounds", type=int, default=5, help="takes the median of that many (%(default)s)")
+    parser.add_argument("--steady", type=float, metavar="SECONDS", default=0, help="how long; not at all by default")
     options = parser.parse_args()
     if os.geteuid() != 0 or not all(map(shutil.which, ["ebtables-restore", "nft", "ovsdb-server"])):
         sys.exit("needs root, ebtables, nft and ovsdb-server")
@@ -233,18 +258,19 @@ def main():
     os.mkdir(WORK)
 
     print(f"{'rules':>6}" + "".join(f"{column + ' ms':>14}" for column in COLUMNS)
-          + "   commit/restore  database/restore  per line/applied")
+          + "".join(f"{column + '/restore':>18}" for column in RATIOS))
     table = []
-    for size in map(int, options.sizes.split(",")):
+    sizes = [int(size) for size in options.sizes.split(",")]
+    for size in sizes:
         figures = measure_queue(build, size, options.rounds, size <= options.per_line_up_to)
         measure_database(build, size, options.rounds, figures)
         row = {column: statistics.median(values) if values else None for column, values in figures.items()}
         table.append({"rules": size, **row})
-        ratio = row["per line"] / row["applied"] if row["per line"] else None
         print(f"{size:>6}" + "".join(f"{row[column] * 1000:>14.1f}" if row[column] else f"{'-':>14}"
                                      for column in COLUMNS)
-              + f"   {row['commit'] / row['restore']:>14.2f}  {row['database'] / row['restore']:>16.2f}"
-              + (f"  {ratio:>15.0f}" if ratio else f"  {'-':>15}"), flush=True)
+              + "".join(f"{row[column] / row['restore']:>18.3f}" for column in RATIOS), flush=True)
+    if options.steady:
+        measure_steady(build, max(sizes), options.steady)
 
     if options.csv:
         with open(files[options.csv], "w", newline="") as output:

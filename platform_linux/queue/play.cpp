@@ -129,7 +129,8 @@ std::optional<std::string> play(const PlayedCommand& command, TableImage& image)
     ImageChain* chain = image.find(*command.chain);
     if (command.kind == CommandKind::NewChain) {
         if (chain != nullptr)
-            return "Chain already exists.";
+            return chain->ours ? "Chain already exists: it serves both who wanted one of this name"
+                               : "Chain already exists.";
         ImageChain& added = image.chains[*command.chain];
         added.ours = true;
         added.policy = "ACCEPT";

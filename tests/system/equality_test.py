@@ -104,12 +104,15 @@ class Lines:
             parts.append(f"-i {self.no()}{self.interface()}")
         if chain != "INPUT" and pick.random() < 0.4:
             parts.append(f"-o {self.no()}{self.interface()}")
+        ethertype = pick.choice(ETHERTYPES) if pick.random() < 0.7 else ""
+        no = self.no()
         for option in ("-s", "-d"):
-            if pick.random() < 0.3:
+            if option == "-s" and ethertype == "LENGTH" and not no:
+                # When it deletes a rule, the tool takes another one that differs in nothing but this; we do not.
+                parts.append("-s 02:00:00:00:1e:00")
+            elif pick.random() < 0.3:
                 parts.append(f"{option} {self.no()}{self.mac()}")
-        if pick.random() < 0.7:
-            ethertype = pick.choice(ETHERTYPES)
-            no = self.no()
+        if ethertype:
             parts.append(f"-p {no}{ethertype}")
             if ethertype in ("IPv4", "0x800") and not no:
                 parts += self.ip(4)

@@ -324,6 +324,58 @@ TEST_F(TransactionQueueTest, AUsedTableOfOthersIsLeftAlone)
                                                Pair("Theirs", ElementsAre("ACCEPT"))));
 }
 
+// Were another's chain in the record, the start after a kill would take it for one of ours and empty it.
+TEST_F(TransactionQueueTest, TheRecordNamesNoChainOfOthers)
+{
+    start();
+    deliver({"ebtables -N U", "ebtables -A U -i e -j DROP", "ebtables -A FORWARD -j U"});
+    m_queue.reset();
+    std::filesystem::remove(m_tool.folder().path("record/tables")); // they are somebody else's now
+    const auto theirs = m_kernel.tables();
+
+    for (const auto kind : {Fault::Kind::SendError, Fault::Kind::NoAnswer, Fault::Kind::BatchError}) {
+        start();
+        m_kernel.fail({kind, EPERM, std::nullopt, 1'000});
+        deliver({setUp[0], "ebtables -N V", "ebtables -A INPUT -j V"});
+        const std::string record = m_tool.folder().read("record/tables"); // as a kill would leave it
+        EXPECT_THAT(record, HasSubstr("chain V"));
+        EXPECT_THAT(record, Not(HasSubstr("chain U")));
+        m_kernel.fail({});
+        m_queue.reset();
+        m_tool.folder().write("record/tables", record);
+        start();
+        queueLines({"ebtables -N W"});
+        m_queue->endDelivery();
+        queueLines({"ebtables -X W"});
+        m_queue.reset();
+        EXPECT_EQ(m_kernel.tables().at("U"), theirs.at("U"));
+        EXPECT_EQ(m_kernel.tables().at("FORWARD"), theirs.at("FORWARD"));
+        EXPECT_FALSE(m_kernel.tables().contains("V"));
+    }
+}
+
+// "1" and "0eth1" make the same name as "10" and "eth1".
+TEST_F(TransactionQueueTest, TwoFiltersOfOneNameShareAChainAndTheLogSaysSo)
+{
+    const std::string chain = "10eth1p2MACblacklist";
+    const auto filter = [&](const std::string& port) {
+        return Lines{"ebtables -N " + chain + ";ebtables -P " + chain + " RETURN;",
+                     "ebtables -I FORWARD 1 -i " + port + " -o p2 -j " + chain + ";ebtables -I FORWARD 1 -o " + port +
+                         " -i p2 -j " + chain + ";",
+                     "ebtables -A " + chain + " -s 02:00:00:00:00:01 -j DROP"};
+    };
+    Lines both = filter("eth1");
+    std::ranges::copy(filter("0eth1"), std::back_inserter(both));
+    start();
+    deliver(both);
+    EXPECT_THAT(m_kernel.tables().at(chain),
+                ElementsAre("RETURN", "-s 02:00:00:00:00:01 -j DROP", "-s 02:00:00:00:00:01 -j DROP"));
+    EXPECT_EQ(m_kernel.tables().at("FORWARD").size(), 5U) << "four jumps";
+    EXPECT_EQ(count("queue:110: refused \"ebtables -N " + chain + ";ebtables -P " + chain +
+                    " RETURN;\": Chain already exists: it serves both who wanted one of this name\n"),
+              1U);
+}
+
 TEST_F(TransactionQueueTest, ALegacyToolIsRunForEachLine)
 {
     m_tool.onVersion("case $1 in --version) echo 'ebtables v2.0.11 (legacy)';; *) echo \"$*\" >> " +
