@@ -2,7 +2,7 @@
 // answers one line each. For the commit benchmark and for tests that refill the tables under load.
 //
 //   rules COUNT VARIANT   the rule table gets COUNT rules; VARIANT (a number) changes every one of them
-//   change                one rule, each time another one, gets another sender
+//   change                one rule, each time another one, gets another sender; not of the last two
 //   policy TARGET         the default policy of FORWARD
 //   deliver               hands the tables to the handler; answers when commitToSystem was called and when its
 //                         transaction had ended, in microseconds of the monotonic clock
@@ -103,9 +103,9 @@ int main(int argc, char* argv[])
                 rules.push_back(ruleRow(number, count, variant));
             tables.setRows(rulesTable, rules);
             std::cout << "ok" << std::endl;
-        } else if (command == "change" && !rules.empty()) {
+        } else if (command == "change" && rules.size() > 2) {
             ++changes;
-            rules[changes * 7919 % rules.size()].set("SrcMAC", macAddress(0xf0'0000 + static_cast<int>(changes)));
+            rules[changes * 7919 % (rules.size() - 2)].set("SrcMAC", macAddress(0xf0'0000 + static_cast<int>(changes)));
             tables.setRows(rulesTable, rules);
             std::cout << "ok" << std::endl;
         } else if (command == "policy") {

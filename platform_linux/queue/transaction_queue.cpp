@@ -35,7 +35,7 @@ constexpr const char* label = "queue";
 constexpr milliseconds lastMoments{10'000}; // for each process that the destructor starts
 constexpr unsigned lessOfChecks = 10;       // looking for changes of others takes a tenth of the time at most ...
 constexpr milliseconds latestCheck{50};     // ... but is not put off longer than this
-constexpr std::size_t textsAlways = 4'096;  // so many texts and lines are kept whether they are in use or not
+constexpr std::size_t textsAlways = 256;    // so many texts and lines are kept whether they are in use or not
 
 ZOL_Sysloglevel_Module logModule()
 {
@@ -104,6 +104,7 @@ public:
         if (!m_nextTry || Clock::now() >= *m_nextTry)
             return carryOut();
         playClosed(); // what waits is what is wanted, not the way there
+        tidy();
     }
 
     void retry()
@@ -419,7 +420,7 @@ private:
         m_waiting = true;
         m_pause = m_pause.count() == 0 ? m_options.firstPause : std::min(2 * m_pause, m_options.longestPause);
         m_nextTry = Clock::now() + m_pause;
-        forgetLines();
+        tidy();
         if (m_lastReason != reason)
             error(111, "the bridge tables cannot be changed: " + reason + ". Nothing is lost; it is tried again");
         m_lastReason = reason;

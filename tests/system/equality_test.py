@@ -23,12 +23,29 @@ OWN = CHAINS[:3]
 ETHERTYPES = ["IPv4", "IPv6", "ARP", "802_1Q", "0x88cc", "0x800", "0x86DD", "LENGTH", "PPP_DISC"]
 
 
+MAC_NAMES = {"Unicast": "00:00:00:00:00:00", "Multicast": "01:00:00:00:00:00/01:00:00:00:00:00",
+             "Broadcast": "ff:ff:ff:ff:ff:ff", "BGA": "01:80:c2:00:00:00"}
+
+
+def seenByDeletion(rule):
+    """The rule as the tool compares it when it deletes one: without the masks of MAC addresses, and without
+    `-p LENGTH`. We compare all of it."""
+    def address(match):
+        option, no, text = match.groups("")
+        value, _, mask = MAC_NAMES.get(text, text).partition("/")
+        parts = [int(a, 16) & int(b, 16) for a, b in zip(value.split(":"), (mask or "ff:ff:ff:ff:ff:ff").split(":"))]
+        return f"{option} {no}{parts}" if any(parts) or no else ""
+
+    return " ".join(re.sub(r"(-[sd]) (! )?(\S+)", address, rule.replace("-p LENGTH", "")).split())
+
+
 class Lines:
     """Random command lines: all commands and options; some that must be refused."""
 
     def __init__(self, seed):
         self.random = random.Random(seed)
         self.rules = []
+        self.alike = {}  # rules that were ever made, by the chain and what the tool sees of them
 
     def line(self):
         pick = self.random
@@ -47,18 +64,32 @@ class Lines:
                                 "ebtables -A FORWARD -p IPv4 --ip-src 300.1.1.1 -j DROP", "ebtables -P INPUT RETURN",
                                 "ebtables -A INPUT -j Nowhere", "ebtables -A FORWARD --ip-src 10.0.0.1 -j DROP",
                                 "ebtables -I FORWARD 60000 -j DROP"])
-        if kind == "-D" and self.rules and pick.random() < 0.8:
-            chain, rule = self.rules.pop(pick.randrange(len(self.rules)))
-            return f"ebtables -D {chain} {rule}"
+        if kind == "-D":
+            return self.deletion()
         chain = pick.choice(CHAINS)
         rule = self.rule(chain)
-        self.rules.append((chain, rule))
+        self.add(chain, rule)
         position = f"{pick.randint(1, 4)} " if kind == "-I" and pick.random() < 0.7 else ""
         if pick.random() < 0.1:
             second = self.rule(chain)
-            self.rules.append((chain, second))
+            self.add(chain, second)
             return f"ebtables {kind} {chain} {position}{rule};ebtables -A {chain} {second};"
         return f"ebtables {kind} {chain} {position}{rule}"
+
+    def add(self, chain, rule):
+        self.rules.append((chain, rule))
+        self.alike.setdefault((chain, seenByDeletion(rule)), set()).add(rule)
+
+    def deletion(self):
+        """Never of a rule that the tool takes another one for."""
+        pick = self.random
+        chain = pick.choice(CHAINS)
+        rule = self.rule(chain)
+        if self.rules and pick.random() < 0.8:
+            chain, rule = self.rules.pop(pick.randrange(len(self.rules)))
+        if self.alike.get((chain, seenByDeletion(rule)), set()) - {rule}:
+            return "ebtables -D FORWARD -i nowhere -j DROP"
+        return f"ebtables -D {chain} {rule}"
 
     def no(self):
         return "! " if self.random.random() < 0.15 else ""
@@ -104,15 +135,12 @@ class Lines:
             parts.append(f"-i {self.no()}{self.interface()}")
         if chain != "INPUT" and pick.random() < 0.4:
             parts.append(f"-o {self.no()}{self.interface()}")
-        ethertype = pick.choice(ETHERTYPES) if pick.random() < 0.7 else ""
-        no = self.no()
         for option in ("-s", "-d"):
-            if option == "-s" and ethertype == "LENGTH" and not no:
-                # When it deletes a rule, the tool takes another one that differs in nothing but this; we do not.
-                parts.append("-s 02:00:00:00:1e:00")
-            elif pick.random() < 0.3:
+            if pick.random() < 0.3:
                 parts.append(f"{option} {self.no()}{self.mac()}")
-        if ethertype:
+        if pick.random() < 0.7:
+            ethertype = pick.choice(ETHERTYPES)
+            no = self.no()
             parts.append(f"-p {no}{ethertype}")
             if ethertype in ("IPv4", "0x800") and not no:
                 parts += self.ip(4)

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Other programs change the tables, ours or theirs: what is ours comes back, what is theirs stays, nothing is lost.
 
-usage: others_test.py QUEUE_DRIVER [--repairs N] [--fight SECONDS] [--changes N] [unittest arguments]
+usage: others_test.py QUEUE_DRIVER [--repairs N] [--fight SECONDS] [--changes N] [--stops N] [unittest arguments]
 
 In a network namespace of its own. Prints what it measures.
 """
@@ -46,6 +46,20 @@ def ours():
             "policy drop" in listed)
 
 
+# What others do, and what the log says of it.
+KINDS = {
+    "flush of a chain": (["ebtables", "-F", "UserForwardRules"], "rules of chain UserForwardRules were changed"),
+    "deletion of a jump": (["ebtables", "-D", "FORWARD", "-j", "UserForwardRules"], "of ours in FORWARD were"),
+    "deletion of a chain": (["nft", "flush chain bridge filter FORWARD; flush chain bridge filter UserForwardRules; "
+                             "delete chain bridge filter UserForwardRules"], "chain UserForwardRules was gone"),
+    "deletion of the table": (["nft", "delete", "table", "bridge", "filter"], "chain UserForwardRules was gone"),
+    "flush of all": (["nft", "flush", "ruleset"], "chain UserForwardRules was gone"),
+    "another policy": (["ebtables", "-P", "FORWARD", "ACCEPT"], "policy of FORWARD was ACCEPT instead of DROP"),
+    "a rule in our chain": (["ebtables", "-I", "UserForwardRules", "1", "-j", "DROP"],
+                            "rules of chain UserForwardRules were changed"),
+}
+
+
 class Others(unittest.TestCase):
     def setUp(self):
         sh("nft", "flush", "ruleset")
@@ -66,51 +80,34 @@ class Others(unittest.TestCase):
         return time.monotonic() - started
 
     def test_what_others_do_to_ours_is_undone(self):
-        queue = self.start()
-        kinds = {
-            "flush of a chain": (["ebtables", "-F", "UserForwardRules"], "rules of chain UserForwardRules were changed"),
-            "deletion of a jump": (["ebtables", "-D", "FORWARD", "-j", "UserForwardRules"], "of ours in FORWARD were"),
-            "deletion of a chain": (["nft", "flush chain bridge filter FORWARD; flush chain bridge filter "
-                                     "UserForwardRules; delete chain bridge filter UserForwardRules"],
-                                    "chain UserForwardRules was gone"),
-            "deletion of the table": (["nft", "delete", "table", "bridge", "filter"], "chain UserForwardRules was gone"),
-            "flush of all": (["nft", "flush", "ruleset"], "chain UserForwardRules was gone"),
-            "another policy": (["ebtables", "-P", "FORWARD", "ACCEPT"], "policy of FORWARD was ACCEPT instead of DROP"),
-            "a rule in our chain": (["ebtables", "-I", "UserForwardRules", "1", "-j", "DROP"],
-                                    "rules of chain UserForwardRules were changed"),
-        }
-        told = 0
-        for name, (command, words) in kinds.items():
+        for name, (command, words) in KINDS.items():
             with self.subTest(name):
-                if told == 3:  # a fresh process tells a few again
-                    queue.kill()
-                    queue, told = self.start(), 0
+                queue = self.start()
                 keeps = not name.startswith(("deletion of the table", "flush of all", "deletion of a chain"))
                 if keeps:
                     sh("ebtables", "-A", "FORWARD", "-i", "theirs", "-j", "ACCEPT")
                 sh(*command)
                 self.waitForRepair()
                 waiting.until(lambda: words in queue.log(), lambda: queue.log())
-                told += 1
                 self.assertIn(f"queue:116: {command[0]} (process ", queue.log())
                 self.assertEqual("-A FORWARD -i theirs -j ACCEPT" in saved(), keeps)
                 self.assertEqual([line for line in saved() if "UserForwardRules -j DROP" in line], [])
-                if keeps:
-                    sh("ebtables", "-D", "FORWARD", "-i", "theirs", "-j", "ACCEPT")
+                queue.kill()
+                sh("nft", "flush", "ruleset")
 
     def test_repairs_are_fast(self):
-        self.start()
-        commands = [["ebtables", "-F", "UserForwardRules"], ["nft", "flush", "ruleset"],
-                    ["ebtables", "-D", "FORWARD", "-j", "UserForwardRules"], ["ebtables", "-P", "FORWARD", "ACCEPT"],
-                    ["ebtables", "-I", "UserForwardRules", "1", "-j", "DROP"]]
-        times = []
-        for number in range(OPTIONS.repairs):
-            sh(*commands[number % len(commands)])
-            times.append(self.waitForRepair())
-        print(f"{len(times)} repairs, from the end of the other program until seen in order: "
-              f"median {statistics.median(times) * 1000:.1f} ms, worst {max(times) * 1000:.1f} ms")
-        # Looking takes a process of its own; a busy machine gets time.
-        self.assertLess(statistics.median(times), 0.1 * max(1, os.getloadavg()[0] / os.cpu_count()))
+        for name, (command, _) in KINDS.items():
+            queue = self.start()
+            times = []
+            for _ in range(OPTIONS.repairs):
+                sh(*command)
+                times.append(self.waitForRepair())
+            print(f"{name}: {len(times)} repairs, from the end of the other program until seen in order: "
+                  f"median {statistics.median(times) * 1000:.1f} ms, worst {max(times) * 1000:.1f} ms")
+            # Looking takes a process of its own; a busy machine gets time.
+            self.assertLess(statistics.median(times), 0.1 * max(1, os.getloadavg()[0] / os.cpu_count()))
+            queue.kill()
+            sh("nft", "flush", "ruleset")
 
     def test_two_programs_that_fight_do_not_fill_log_and_processor(self):
         queue = self.start()
@@ -133,29 +130,38 @@ class Others(unittest.TestCase):
             fields = stat.read().rsplit(")", 1)[1].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
+    def writers(self):
+        """Four others who change other tables without a pause."""
+        script = "while true; do for i in 1 2 3 4; do nft \"add table {family} $0$i; delete table {family} $0$i\"; done; done"
+        for number, family in enumerate(("bridge", "inet", "bridge", "ip")):
+            process = subprocess.Popen(["sh", "-c", script.replace("{family}", family), f"other{number}"],
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            self.addCleanup(process.wait)
+            self.addCleanup(process.kill)
+
     def test_nothing_is_lost_beside_other_writers(self):
         queue = self.start(0)
-        writer = "while true; do for i in 1 2 3 4; do " \
-                 "nft \"add table {family} $0$i; delete table {family} $0$i\"; done; done"
-        writers = [subprocess.Popen(["sh", "-c", writer.replace("{family}", family), f"other{number}"],
-                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-                   for number, family in enumerate(("bridge", "inet", "bridge", "ip"))]
-        try:
-            wrong = 0
-            for number in range(OPTIONS.changes):
-                first = number % 7
-                rules = [rule(i) for i in range(first, first + 40) if i != number % 40]
-                queue.commit(["ebtables -F UserForwardRules"] + rules)
-                if number % 25 == 24:
-                    wanted = [line.removeprefix("ebtables ") for line in rules]
-                    wrong += [line for line in saved() if line.startswith("-A UserForwardRules")] != wanted
-        finally:
-            for process in writers:
-                process.kill()
-                process.wait()
-        print(f"{OPTIONS.changes} changes beside {len(writers)} other writers: {wrong} wrong")
+        self.writers()
+        wrong = 0
+        for number in range(OPTIONS.changes):
+            first = number % 7
+            rules = [rule(i) for i in range(first, first + 40) if i != number % 40]
+            queue.commit(["ebtables -F UserForwardRules"] + rules)
+            wanted = [line.removeprefix("ebtables ") for line in rules]
+            wrong += [line for line in saved() if line.startswith("-A UserForwardRules")] != wanted
+        print(f"{OPTIONS.changes} changes beside 4 other writers: {wrong} wrong")
         self.assertEqual(wrong, 0)
         self.assertNotRegex(queue.log(), "queue:11[01]")
+        self.stop(queue)
+
+    def test_a_stop_beside_other_writers_leaves_nothing(self):
+        self.writers()
+        for _ in range(OPTIONS.stops):
+            queue = self.start(3)
+            self.stop(queue)
+        print(f"{OPTIONS.stops} stops beside 4 other writers: nothing left over")
+
+    def stop(self, queue):
         queue.send(*["add " + line for line in CLEANUP], "process")
         self.assertEqual(queue.finish(), 0)
         self.assertNotIn("User", str(saved()))
@@ -173,9 +179,10 @@ if __name__ == "__main__":
         sys.exit(SKIP)
     parser = argparse.ArgumentParser()
     parser.add_argument("driver")
-    parser.add_argument("--repairs", type=int, default=15)
+    parser.add_argument("--repairs", type=int, default=5, help="of each kind; more than 59 are a fight")
+    parser.add_argument("--stops", type=int, default=10)
     parser.add_argument("--fight", type=float, default=5)
-    parser.add_argument("--changes", type=int, default=100)
+    parser.add_argument("--changes", type=int, default=60)
     rest = parser.parse_known_args(namespace=OPTIONS)[1]
     Queue.driver = os.path.abspath(OPTIONS.driver)
     unittest.main(argv=[sys.argv[0], *rest], verbosity=2, warnings="ignore")

@@ -4,16 +4,22 @@
 // Each input line is a verb:
 //   add LINE      addCommand          process       process        begin / end   around a delivery
 //   kill          SIGKILL to itself   state         prints "ready" (to wait for what came before)
+//   rights off    gives up CAP_NET_ADMIN, and takes it back with `on`
+//   memory        prints how many bytes are allocated
 // `end` prints how many microseconds it took. Between them, what others do to the tables is dealt with.
 #include "platform/sysloglevel.h"
 #include "platform_linux/queue/transaction_queue.hpp"
 
+#include <linux/capability.h>
+#include <malloc.h>
 #include <poll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <iostream>
 #include <string>
 
@@ -52,6 +58,17 @@ bool nextLine(zol::cfg::TransactionQueue& queue, std::string& buffer, std::strin
     }
 }
 
+void setRights(bool on)
+{
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> data{};
+    syscall(SYS_capget, &header, data.data());
+    constexpr std::uint32_t netAdmin = 1U << CAP_NET_ADMIN;
+    data[0].effective = on ? data[0].permitted : data[0].effective & ~netAdmin;
+    if (syscall(SYS_capset, &header, data.data()) != 0)
+        std::cerr << "the rights stay as they are\n";
+}
+
 bool handle(zol::cfg::TransactionQueue& queue, const std::string& verb, const std::string& rest)
 {
     const Clock::time_point start = Clock::now();
@@ -65,6 +82,10 @@ bool handle(zol::cfg::TransactionQueue& queue, const std::string& verb, const st
         std::cout << verb << ' ' << microsecondsSince(start) << std::endl;
     } else if (verb == "kill") {
         raise(SIGKILL);
+    } else if (verb == "rights") {
+        setRights(rest == "on");
+    } else if (verb == "memory") {
+        std::cout << verb << ' ' << mallinfo2().uordblks << std::endl;
     } else if (verb == "state") {
         std::cout << "ready" << std::endl;
     } else {

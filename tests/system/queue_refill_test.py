@@ -1,8 +1,8 @@
 #!/usr/bin/python3
-"""Refills of thousands of rules under a steady stream of frames: none is lost that must pass, and none passes that
-must not.
+"""Refills of thousands of rules, and changes of one, under a steady stream of frames: none is lost that must pass, and
+none passes that must not.
 
-usage: queue_refill_test.py COMMIT_DRIVER [--refills N] [--rules N] [--frames N]
+usage: queue_refill_test.py COMMIT_DRIVER [--refills N] [--changes N] [--rules N] [--frames N]
 
 In a network namespace of its own: a bridge with the ports `in` and `out`, whose far ends send and receive. Two senders
 take turns. The rules let the first through and drop the rest of what goes from `in` to `out`; they stand behind all
@@ -19,36 +19,9 @@ import sys
 import threading
 
 from lab import sandbox
+from lab.stream import ALLOWED, ETHERTYPE, FORBIDDEN, frame, makeBridge, rawSocket
 
-ETH_P_ALL = 3
-SO_RCVBUFFORCE = 33
-ETHERTYPE = 0x88B5  # for local experiments
-ALLOWED = bytes.fromhex("02aa00000001")
-FORBIDDEN = bytes.fromhex("02aa00000002")
 WINDOW = 256  # frames under way: fewer than the kernel's queues hold, so that what is missing was filtered
-
-
-def ip(arguments):
-    subprocess.run(["ip"] + arguments.split(), check=True)
-
-
-def make_bridge():
-    ip("link add bridge type bridge mcast_snooping 0")
-    for port in ("in", "out"):
-        ip(f"link add {port} type veth peer name far-{port}")
-        ip(f"link set {port} master bridge")
-        for name in (port, f"far-{port}"):
-            with open(f"/proc/sys/net/ipv6/conf/{name}/disable_ipv6", "w") as setting:
-                setting.write("1")
-            ip(f"link set {name} up")
-    ip("link set bridge up")
-
-
-def raw_socket(interface):
-    raw = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
-    raw.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 64 << 20)
-    raw.bind((interface, ETH_P_ALL))
-    return raw
 
 
 class Stream:
@@ -60,14 +33,11 @@ class Stream:
         self.forbidden_received = 0
         self.out_of_order = 0
         self.failure = None
-        self._sender = raw_socket("far-in")
-        self._receiver = raw_socket("far-out")
+        self._sender = rawSocket("far-in")
+        self._receiver = rawSocket("far-out")
         self._receiver.settimeout(5)
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._run)
-
-    def _frame(self, source, number):
-        return b"\x02\xbb\x00\x00\x00\x01" + source + struct.pack("!HQ", ETHERTYPE, number) + bytes(40)
 
     def _receive(self):
         data, address = self._receiver.recvfrom(2048)
@@ -84,8 +54,8 @@ class Stream:
         try:
             while not self._stop.is_set():
                 if self.sent - self.received < WINDOW:
-                    self._sender.send(self._frame(FORBIDDEN, self.sent))
-                    self._sender.send(self._frame(ALLOWED, self.sent))
+                    self._sender.send(frame(FORBIDDEN, self.sent))
+                    self._sender.send(frame(ALLOWED, self.sent))
                     self.sent += 1
                 else:
                     self._receive()
@@ -126,13 +96,14 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("driver")
     parser.add_argument("--refills", type=int, default=20)
+    parser.add_argument("--changes", type=int, default=5, help="of one rule, after each refill")
     parser.add_argument("--rules", type=int, default=4000)
     parser.add_argument("--frames", type=int, default=50_000)
     options = parser.parse_args()
     program = os.path.realpath(options.driver)
     try:
         sandbox.enter(os.path.dirname(program))
-        make_bridge()
+        makeBridge()
     except (sandbox.Unavailable, subprocess.CalledProcessError) as reason:
         print(f"skipped: {reason}")
         sys.exit(sandbox.SKIPPED)
@@ -149,6 +120,9 @@ def main():
                 done += 1
                 driver.ask(f"rules {options.rules} {done}")
                 driver.ask("deliver")
+                for _ in range(options.changes):
+                    driver.ask("change")
+                    driver.ask("deliver")
                 if stream.failure:
                     break
         assert stream.failure is None, f"policy {policy}: frame {stream.received} was lost ({stream.failure!r})"
@@ -160,7 +134,8 @@ def main():
     driver.close()
     saved = subprocess.run(["ebtables-save"], capture_output=True, text=True, check=True).stdout
     assert "User" not in saved, f"left behind: {saved}"
-    print(f"{refills} refills of {options.rules} rules, {total} frames: none lost, none let through")
+    print(f"{refills} refills of {options.rules} rules and {refills * options.changes} changes of one, {total} frames: "
+          "none lost, none let through")
 
 
 if __name__ == "__main__":

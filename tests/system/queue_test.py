@@ -2,7 +2,9 @@
 """The command queue against the kernel's bridge tables, in a network namespace of its own. What it does when the
 kernel's answers go wrong is tested without a kernel: tests/unit/transaction_queue_test.cpp.
 
-usage: queue_test.py QUEUE_DRIVER [unittest arguments]"""
+usage: queue_test.py QUEUE_DRIVER [--refused LINES] [--changes N] [--filters N] [--waiting CHANGES] [unittest arguments]
+"""
+import argparse
 import os
 import random
 import shutil
@@ -12,10 +14,11 @@ import tempfile
 import time
 import unittest
 
-from lab import netfilter
+from lab import netfilter, waiting
 from lab.queue import Queue
 
 SKIP = 77
+OPTIONS = argparse.Namespace()
 
 
 def sh(*words, check=True, text_in=None):
@@ -99,6 +102,56 @@ class QueueTest(unittest.TestCase):
         queue.commit(["ebtables -F UserInputRules", bad])
         self.assertEqual(queue.log().count("refused \"ebtables -A UserInputRules -s broken"), 2, queue.log())
         queue.finish()
+
+    def test_many_refused_lines_do_not_fill_the_log(self):
+        queue = Queue(self.folder)
+        bad = [f"ebtables -A UserInputRules -j Missing{number}" for number in range(OPTIONS.refused // 2)]
+        bad += [f"ebtables -A UserInputRules -s broken{number} -j DROP" for number in range(OPTIONS.refused // 2)]
+        queue.commit(SETUP + bad)
+        for number in range(OPTIONS.changes):
+            queue.commit(["ebtables -F UserInputRules", *bad, mac_rule(number)])
+        lines = len(queue.log().splitlines())
+        print(f"{len(bad)} lines refused in each of {OPTIONS.changes} changes of another row: {lines} lines in the log")
+        self.assertLessEqual(lines, 2.5 * len(bad))
+        self.assertGreaterEqual(lines, len(bad))
+        queue.finish()
+
+    def test_what_waits_is_as_large_as_the_configuration(self):
+        def configuration(variant):
+            lines = []
+            for number in range(100, 100 + OPTIONS.filters):
+                chain = f"{number}p2p1MACblacklist"
+                lines += filter_lines(chain)
+                lines += [f"ebtables -A {chain} -s 02:00:00:{variant >> 8:02x}:{variant & 255:02x}:{i:02x} -j DROP"
+                          for i in range(2)]
+            return lines
+
+        away = [line for number in range(100, 100 + OPTIONS.filters)
+                for line in filter_end(f"{number}p2p1MACblacklist")]
+        queue = Queue(self.folder)
+        queue.commit(configuration(0))
+        refill = queue.commit(away + configuration(1))
+        queue.send("memory")
+        before = int(queue.answer("memory"))
+        queue.send("rights off")
+        for variant in range(2, 2 + OPTIONS.waiting):
+            queue.commit(away + configuration(variant))
+        queue.send("memory")
+        after = int(queue.answer("memory"))
+        self.assertEqual(queue.log().count("queue:111: the bridge tables cannot be changed: Operation not permitted"), 1)
+        queue.send("rights on", "state")
+        queue.answer("ready")
+        begin = time.monotonic()
+        self.assertEqual(queue.finish(), 0)  # the last moment to carry out what waits
+        refilled = time.monotonic() - begin
+        print(f"{OPTIONS.waiting} changes of {OPTIONS.filters} filters without the right: {before} bytes before, {after} "
+              f"after; a refill takes {refill * 1000:.0f} ms, what waited and the end {refilled * 1000:.0f} ms")
+        self.assertLess(after, 2 * before)
+        last = OPTIONS.waiting + 1
+        self.assertEqual(sum(f":{last >> 8:02x}:{last & 255:02x}:00 -j DROP" in line for line in tables()),
+                         OPTIONS.filters)
+        self.assertEqual(Queue(self.folder).finish(), 0)
+        self.assertNotIn("blacklist", str(tables()))
 
     def test_a_second_process_takes_over_what_the_first_has_now(self):
         first = Queue(self.folder)
@@ -332,5 +385,12 @@ if __name__ == "__main__":
     if sh("ebtables-restore", "--noflush", check=False, text_in="*filter\n-N T\nCOMMIT\n").returncode != 0:
         print("skipped: this kernel has no bridge tables")
         sys.exit(SKIP)
-    Queue.driver = os.path.abspath(sys.argv.pop(1))
-    unittest.main(verbosity=2, warnings="ignore")
+    parser = argparse.ArgumentParser()
+    parser.add_argument("driver")
+    parser.add_argument("--refused", type=int, default=200)
+    parser.add_argument("--changes", type=int, default=10)
+    parser.add_argument("--filters", type=int, default=20)
+    parser.add_argument("--waiting", type=int, default=100)
+    rest = parser.parse_known_args(namespace=OPTIONS)[1]
+    Queue.driver = os.path.abspath(OPTIONS.driver)
+    unittest.main(argv=[sys.argv[0], *rest], verbosity=2, warnings="ignore")
