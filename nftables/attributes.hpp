@@ -6,6 +6,9 @@
 #include <endian.h>
 #include <libmnl/libmnl.h>
 
+#include "nftables/socket.hpp"
+
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -13,6 +16,19 @@
 
 namespace nftables
 {
+
+// Takes the message at their front off the bytes; nothing when no whole one is there. libmnl's own check takes lengths
+// for signed numbers.
+inline const nlmsghdr* takeMessage(Bytes& bytes)
+{
+    if (bytes.size() < sizeof(nlmsghdr))
+        return nullptr;
+    const auto* const message = reinterpret_cast<const nlmsghdr*>(bytes.data());
+    if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > bytes.size())
+        return nullptr;
+    bytes = bytes.subspan(std::min<std::size_t>(bytes.size(), MNL_ALIGN(std::size_t{message->nlmsg_len})));
+    return message;
+}
 
 inline void forEachAttribute(const nlattr* attribute, const void* end, auto&& visit)
 {

@@ -208,9 +208,8 @@ Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function
             m_socket.reset();
             return result;
         }
-        int left = static_cast<int>(got.size);
-        for (const auto* message = reinterpret_cast<const nlmsghdr*>(m_buffer.data()); mnl_nlmsg_ok(message, left);
-             message = mnl_nlmsg_next(message, &left)) {
+        Bytes left(m_buffer.data(), got.size);
+        while (const nlmsghdr* message = takeMessage(left)) {
             if (message->nlmsg_seq != m_sequence)
                 continue;
             if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0)
@@ -338,9 +337,8 @@ bool Connection::takeAnswers(std::uint32_t first, const Batch& batch, Result& re
             continue;
         if (got.error != 0)
             return false;
-        int left = static_cast<int>(got.size);
-        for (const auto* message = reinterpret_cast<const nlmsghdr*>(m_buffer.data()); mnl_nlmsg_ok(message, left);
-             message = mnl_nlmsg_next(message, &left)) {
+        Bytes left(m_buffer.data(), got.size);
+        while (const nlmsghdr* message = takeMessage(left)) {
             const std::uint32_t sequence = message->nlmsg_seq;
             if (sequence - first > last - first)
                 continue;

@@ -94,8 +94,9 @@ void GenerationWatch::listen(bool on)
 
 std::optional<GenerationChange> readGenerationChange(const void* bytes, std::size_t size)
 {
-    const auto* const message = static_cast<const nlmsghdr*>(bytes);
-    if (size > 1U << 20U || !mnl_nlmsg_ok(message, static_cast<int>(size)) || message->nlmsg_type != newGeneration ||
+    Bytes left(static_cast<const std::uint8_t*>(bytes), size);
+    const nlmsghdr* message = takeMessage(left);
+    if (message == nullptr || message->nlmsg_type != newGeneration ||
         mnl_nlmsg_get_payload_len(message) < sizeof(nfgenmsg))
         return std::nullopt;
     GenerationChange change;

@@ -34,11 +34,10 @@ public:
         const std::size_t size = std::min<std::size_t>({m_left.size(), 16U + m_left[0] * 8U, into.size()});
         std::copy_n(m_left.begin(), size, into.begin());
         m_left = m_left.subspan(size);
-        int left = static_cast<int>(size);
-        for (auto* message = reinterpret_cast<nlmsghdr*>(into.data()); mnl_nlmsg_ok(message, left);
-             message = mnl_nlmsg_next(message, &left)) {
+        nftables::Bytes left(into.data(), size);
+        while (const nlmsghdr* message = nftables::takeMessage(left)) {
             if (message->nlmsg_seq < 16)
-                message->nlmsg_seq += m_sequence;
+                const_cast<nlmsghdr*>(message)->nlmsg_seq += m_sequence;
         }
         return {size, 0};
     }
@@ -77,9 +76,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     std::memcpy(aligned.data(), data, size);
     const auto* const bytes = reinterpret_cast<const std::uint8_t*>(aligned.data());
     nftables::readGenerationChange(bytes, size);
-    int left = static_cast<int>(size);
-    for (const auto* message = reinterpret_cast<const nlmsghdr*>(bytes); mnl_nlmsg_ok(message, left);
-         message = mnl_nlmsg_next(message, &left))
+    nftables::Bytes left(bytes, size);
+    while (const nlmsghdr* message = nftables::takeMessage(left))
         readRule(message);
 
     nftables::Connection connection([&](int&) { return std::make_unique<Script>(nftables::Bytes(bytes, size)); });

@@ -288,6 +288,8 @@ def main():
                 return 1
         tool.run(sequence)
         total += len(sequence)
+        if number % 1000 == 999:
+            print(f"{number + 1} sequences so far: no difference", flush=True)
         found, wanted = readTables(ours), readTables(theirs)
         if found != wanted:
             print(f"sequence {number} differs; before it:", *before, "the lines:", *sequence, sep="\n")

@@ -124,9 +124,10 @@ int FakeKernel::take(nftables::Bytes datagram)
     const auto* const first = reinterpret_cast<const nlmsghdr*>(datagram.data());
     if (first->nlmsg_type != NFNL_MSG_BATCH_BEGIN) {
         dump(first);
+        spoil(first);
         return 0;
     }
-    if (m_fault && m_fault->kind == Fault::Kind::SendError && m_fault->times > 0) {
+    if (m_fault && !m_fault->reading && m_fault->kind == Fault::Kind::SendError && m_fault->times > 0) {
         --m_fault->times;
         return m_fault->error;
     }
@@ -155,7 +156,7 @@ void FakeKernel::batch(nftables::Bytes datagram)
     }
     const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
     const std::uint32_t first = message->nlmsg_seq;
-    const bool faulty = m_fault && m_fault->times > 0;
+    const bool faulty = m_fault && !m_fault->reading && m_fault->times > 0;
     if (faulty)
         --m_fault->times;
     if (faulty && m_fault->kind == Fault::Kind::BatchError)
@@ -199,8 +200,28 @@ void FakeKernel::batch(nftables::Bytes datagram)
     }
     for (const auto& [sequence, error] : answers)
         acknowledge(sequence, error);
-    if (!faulty)
+    if (faulty)
+        spoilReplies();
+}
+
+void FakeKernel::spoil(const void* request)
+{
+    if (!m_fault || !m_fault->reading || m_fault->times == 0)
         return;
+    if (m_fault->message.value_or(0) > 0) {
+        --*m_fault->message;
+        return;
+    }
+    --m_fault->times;
+    if (m_fault->kind == Fault::Kind::Error) {
+        m_replies.clear();
+        acknowledge(static_cast<const nlmsghdr*>(request)->nlmsg_seq, m_fault->error);
+    }
+    spoilReplies();
+}
+
+void FakeKernel::spoilReplies()
+{
     switch (m_fault->kind) {
     case Fault::Kind::NoAnswer:
         m_replies.clear();

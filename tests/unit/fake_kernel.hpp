@@ -31,6 +31,7 @@ public:
         int error = 0;
         std::optional<std::size_t> message; // 0: the one that makes the table when it is missing
         unsigned times = 1;
+        bool reading = false; // of requests to read: `message` of them are answered first
     };
 
     nftables::SocketOpener opener();
@@ -77,6 +78,8 @@ private:
     void batch(nftables::Bytes datagram);
     int apply(const void* message, State& state, std::vector<std::uint8_t>& echo);
     void dump(const void* request);
+    void spoil(const void* request);
+    void spoilReplies();
     void reply(std::vector<std::uint8_t> message) { m_replies.push_back(std::move(message)); }
     void acknowledge(std::uint32_t sequence, int error);
 

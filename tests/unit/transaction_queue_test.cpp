@@ -214,15 +214,24 @@ TEST_F(TransactionQueueTest, NothingIsLostOrDoubledWhateverTheAnswer)
             for (const unsigned times : {1U, 2U, 5U})
                 all.push_back({kind, 0, std::nullopt, times});
         }
+        for (std::size_t request = 0; request < 6; ++request) {
+            for (const int error : {EPERM, ENOMEM, ENOBUFS, EINTR})
+                all.push_back({Fault::Kind::Error, error, request, 1, true});
+            for (const auto kind : {Fault::Kind::NoAnswer, Fault::Kind::Overrun, Fault::Kind::Cut})
+                all.push_back({kind, 0, request, 1, true});
+        }
         return all;
     }();
     for (const Fault& fault : faults) {
         SCOPED_TRACE(testing::Message() << "kind " << static_cast<int>(fault.kind) << " error " << fault.error
-                                        << " message " << fault.message.value_or(99) << " times " << fault.times);
+                                        << " message " << fault.message.value_or(99) << " times " << fault.times
+                                        << " reading " << fault.reading);
         m_kernel = FakeKernel();
         start();
         deliver(setUp);
         m_kernel.fail(fault);
+        if (fault.reading)
+            m_kernel.bumpGeneration(); // so that they are read again
         deliver(change);
         for (int i = 0; i < 100 && m_queue->retryIn(); ++i) {
             EXPECT_THAT(m_kernel.tables(), testing::AnyOf(inKernel, after)) << "never a part";
