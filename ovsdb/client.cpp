@@ -135,9 +135,13 @@ private:
         m_session.emplace();
         m_subscribed = false;
         try {
-            const Json schema = call("get_schema", Json::Array{Json(m_database.name)});
-            m_schemaVersion = checkSchema(schema, m_database, m_database.tableNames());
-            m_tableNames = tablesIn(schema, m_database);
+            const ServerSchema schema = checkSchema(call("get_schema", Json::Array{Json(m_database.name)}), m_database,
+                                                    m_database.tableNames());
+            m_schemaVersion = schema.version;
+            m_tableNames = m_database.tableNames();
+            std::erase_if(m_tableNames, [&schema](const std::string& name) {
+                return std::ranges::find(schema.missing, name) != schema.missing.end();
+            });
         } catch (const RequestError& e) {
             throw SchemaError("the server has no database \"" + m_database.name + "\" (" + e.what() + ")");
         }

@@ -45,6 +45,11 @@ Where rowWithUuid(const Uuid& uuid)
     return condition("_uuid", Json(Json::Array{Json("uuid"), Json(uuid.toText())}));
 }
 
+Where rowsWith(std::string_view column, std::string_view text)
+{
+    return condition(column, Json(text));
+}
+
 Json insertRow(std::string_view tableName, const ColumnValues& values)
 {
     return Json::Object{{"op", "insert"}, {"table", tableName}, {"row", rowOf(values)}};

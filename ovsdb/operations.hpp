@@ -22,6 +22,7 @@ using ColumnValues = std::vector<std::pair<std::string, std::optional<tessera::V
 using Where = Json;
 Where everyRow();
 Where rowWithUuid(const Uuid& uuid);
+Where rowsWith(std::string_view column, std::string_view text);
 
 // One operation each, to be put in the list that Client::transact takes. Columns left out of an insert get their
 // defaults; columns left out of an update stay.

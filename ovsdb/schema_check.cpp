@@ -44,16 +44,7 @@ void checkColumn(const Table& table, const Column& column, const Json* found)
 
 } // namespace
 
-std::vector<std::string> tablesIn(const Json& schema, const Database& database)
-{
-    std::vector<std::string> names = database.tableNames();
-    const Json* tables = schema.find("tables");
-    std::erase_if(names,
-                  [tables](const std::string& name) { return tables == nullptr || tables->find(name) == nullptr; });
-    return names;
-}
-
-std::string checkSchema(const Json& schema, const Database& database, const std::vector<std::string>& tableNames)
+ServerSchema checkSchema(const Json& schema, const Database& database, const std::vector<std::string>& tableNames)
 {
     const std::string* name = textMember(schema, "name");
     const std::string* version = textMember(schema, "version");
@@ -66,18 +57,23 @@ std::string checkSchema(const Json& schema, const Database& database, const std:
     if (version == nullptr || !version->starts_with(expected))
         throw SchemaError("expected schema version " + expected + "x.y, found " +
                           (version != nullptr ? version->substr(0, 32) : "none"));
+    ServerSchema result{.version = *version, .missing = {}};
+    for (const Table& table : database.tables) {
+        if (table.mayBeMissing && tables->find(table.name) == nullptr)
+            result.missing.push_back(table.name);
+    }
     for (const std::string& tableName : tableNames) {
+        if (std::ranges::find(result.missing, tableName) != result.missing.end())
+            continue;
+        const Table& table = database.at(tableName);
         const Json* found = tables->find(tableName);
         const Json* columns = found != nullptr ? found->find("columns") : nullptr;
-        const Table& table = database.at(tableName);
-        if (found == nullptr && table.mayBeMissing)
-            continue;
         if (columns == nullptr)
             throw SchemaError("the server's database has no table " + tableName);
         for (const Column& column : table.columns)
             checkColumn(table, column, columns->find(column.name));
     }
-    return *version;
+    return result;
 }
 
 } // namespace ovsdb

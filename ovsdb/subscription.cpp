@@ -1,7 +1,6 @@
 #include "ovsdb/subscription.hpp"
 
-#include "ovsdb/schema_check.hpp"
-
+#include <algorithm>
 #include <utility>
 
 namespace ovsdb
@@ -53,14 +52,21 @@ void Subscription::end()
     m_incoming.reset();
 }
 
+bool Subscription::serverHas(std::string_view tableName) const
+{
+    return std::ranges::find(m_schema.missing, tableName) == m_schema.missing.end();
+}
+
 void Subscription::subscribe(RpcSession& session)
 {
     m_phase = Phase::Subscribing;
     m_incoming.reset();
     session.splitRowsAt(m_method == Method::Since ? rowsInList : rowsInAnswer);
+    std::vector<std::string> names = m_tables.tableNames();
+    std::erase_if(names, [this](const std::string& name) { return !serverHas(name); });
     // The subscription is named after the database.
     Json::Array params{Json(m_database.name), Json(m_database.name),
-                       monitorRequests(m_database, m_tables.tableNames(), m_method != Method::Plain)};
+                       monitorRequests(m_database, names, m_method != Method::Plain)};
     if (m_method == Method::Since) {
         params.emplace_back(m_lastTransaction);
         m_request = session.request("monitor_cond_since", std::move(params));
@@ -98,7 +104,7 @@ Subscription::Progress Subscription::handle(const RpcMessage& message, RpcSessio
     if (m_phase == Phase::AskedForSchema) {
         if (message.error)
             throw SchemaError("the server has no database \"" + m_database.name + "\" (" + *message.error + ")");
-        m_schemaVersion = checkSchema(message.result, m_database, m_tables.tableNames());
+        m_schema = checkSchema(message.result, m_database, m_tables.tableNames());
         subscribe(session);
         return {};
     }

@@ -3,12 +3,14 @@
 #pragma once
 
 #include "ovsdb/rpc_session.hpp"
+#include "ovsdb/schema_check.hpp"
 #include "ovsdb/table_cache.hpp"
 #include "ovsdb/table_update.hpp"
 
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -47,7 +49,9 @@ public:
     const TableCache& tables() const { return m_tables; }
     // Leaves the object without use.
     TableCache takeTables() { return std::move(m_tables); }
-    const std::string& schemaVersion() const { return m_schemaVersion; }
+    const std::string& schemaVersion() const { return m_schema.version; }
+    // Whether the server of this connection has the table, as far as it has told its schema.
+    bool serverHas(std::string_view tableName) const;
 
 private:
     enum class Phase { Idle, AskedForSchema, Subscribing, Following };
@@ -67,7 +71,7 @@ private:
     Method m_method = Method::Since;
     std::int64_t m_request = 0;
     std::string m_lastTransaction;
-    std::string m_schemaVersion;
+    ServerSchema m_schema;
 };
 
 } // namespace ovsdb

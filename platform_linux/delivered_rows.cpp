@@ -35,10 +35,11 @@ std::optional<Flaw> flawOf(const schema::Table& table, const ovsdb::Row& row)
 
 } // namespace
 
-DeliveredRows::DeliveredRows(const ovsdb::TableCache& tables, ZOL_Sysloglevel_Module logModule)
+DeliveredRows::DeliveredRows(const ovsdb::TableCache& tables, const std::vector<std::string>& tableNames,
+                             ZOL_Sysloglevel_Module logModule)
     : m_tables(tables), m_logModule(logModule)
 {
-    for (const std::string& name : tables.tableNames())
+    for (const std::string& name : tableNames)
         look(name, m_views[name]);
 }
 

@@ -17,11 +17,13 @@
 namespace zol::cfg
 {
 
-// Reads from the tables given, which must outlive it; update must have been called since they last changed.
+// Reads the named ones of the tables given, which must outlive it; update must have been called since they last
+// changed.
 class DeliveredRows : public IConfigReader
 {
 public:
-    DeliveredRows(const ovsdb::TableCache& tables, ZOL_Sysloglevel_Module logModule);
+    DeliveredRows(const ovsdb::TableCache& tables, const std::vector<std::string>& tableNames,
+                  ZOL_Sysloglevel_Module logModule);
 
     // Looks through tables that are other ones now. A line is logged for a row that is left out from now on, and for
     // one that is left out for another value than before.

@@ -5,11 +5,15 @@
 #include "platform/sysloglevel.h"
 #include "platform_linux/delivered_rows.hpp"
 #include "platform_linux/delivery_names.hpp"
+#include "platform_linux/device_row.hpp"
 #include "platform_linux/event_dispatcher.hpp"
 #include "platform_linux/queue/transaction_queue.hpp"
 #include "platform_linux/server_link.hpp"
+#include "schema/device.hpp"
 
+#include <array>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <list>
 #include <malloc.h>
@@ -17,6 +21,7 @@
 #include <set>
 #include <stdexcept>
 #include <sys/epoll.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -25,6 +30,13 @@ namespace zol::cfg
 
 namespace
 {
+
+std::string hostName()
+{
+    std::array<char, HOST_NAME_MAX + 1> name{};
+    gethostname(name.data(), name.size() - 1);
+    return name.data();
+}
 
 using tessera::net::EventDispatcher;
 
@@ -47,11 +59,14 @@ public:
             m_dispatcher.addDescriptor(m_queue.watchedDescriptor(), EPOLLIN, [this](std::uint32_t) {
                 m_queue.handleChange();
                 scheduleRetry();
+                tellDevice();
             });
     }
 
     ~State()
     {
+        if (m_device)
+            m_device->stop();
         m_dispatcher.stopTimer(m_retryTimer);
         if (m_queue.watchedDescriptor() >= 0)
             m_dispatcher.removeDescriptor(m_queue.watchedDescriptor());
@@ -65,9 +80,15 @@ public:
         std::list<std::string> names;
         handler->getTableNames(names);
         m_handler = handler;
-        m_link.emplace(m_settings, m_dispatcher, m_logModule, std::vector<std::string>(names.begin(), names.end()),
+        m_tableNames.assign(names.begin(), names.end());
+        std::vector<std::string> subscribed = m_tableNames;
+        subscribed.emplace_back(schema::changeTable);
+        m_link.emplace(m_settings, m_dispatcher, m_logModule, subscribed,
                        [this](ovsdb::Subscription::Progress progress) { takeOver(std::move(progress)); });
-        m_source.emplace(m_link->tables(), m_logModule);
+        m_source.emplace(m_link->tables(), m_tableNames, m_logModule);
+        m_device.emplace(hostName(), m_dispatcher, m_logModule, [this](ovsdb::Json operation, auto answered) {
+            m_link->transact(std::move(operation), std::move(answered));
+        });
     }
 
     void initialize()
@@ -80,21 +101,29 @@ public:
 
     void process()
     {
-        if (!m_all && m_changedTables.empty())
+        if (!m_all && m_changedTables.empty()) {
+            if (std::exchange(m_numberChanged, false))
+                tellDevice();
             return;
+        }
+        m_numberChanged = false;
         const std::vector<std::string> names =
-            m_all ? std::vector<std::string>{""} : deliveryNames(m_link->tables().tableNames(), m_changedTables);
+            m_all ? std::vector<std::string>{""} : deliveryNames(m_tableNames, m_changedTables);
         m_all = false;
         m_changedTables.clear();
         deliver(names);
         malloc_trim(0); // what a message, a read and a commit took for a while; the next may be days away
         scheduleRetry();
+        tellDevice();
     }
 
 private:
     void takeOver(ovsdb::Subscription::Progress progress)
     {
+        m_numberChanged = progress.changedTables.erase(std::string(schema::changeTable)) != 0 || m_numberChanged;
         m_source->update(progress.changedTables);
+        if (progress.synchronised)
+            m_device->setServed(m_link->serves(schema::deviceTable));
         // Delivered even if nothing differs from what was delivered last: every delivery is a read and a commit,
         // so no change waits that an equal read could cancel, and a commit without changes does nothing.
         m_all = m_all || progress.synchronised;
@@ -116,6 +145,16 @@ private:
         m_handler->commitToSystem(*m_source, &m_queue);
     }
 
+    // After whatever may have changed what is in force.
+    void tellDevice()
+    {
+        if (!m_device)
+            return;
+        const auto rows = m_link->tables().rows(schema::changeTable);
+        m_device->update(rows.empty() ? 0 : rows.front().values.front().getInteger(),
+                         m_queue.status(schema::maximumNotInForce));
+    }
+
     // While the tables cannot be changed, what is wanted waits in the queue.
     void scheduleRetry()
     {
@@ -124,6 +163,7 @@ private:
             m_retryTimer = m_dispatcher.startTimer(*pause, [this] {
                 m_queue.retry();
                 scheduleRetry();
+                tellDevice();
             });
         }
     }
@@ -137,10 +177,13 @@ private:
     IConfigHandler* m_handler = nullptr;
     std::optional<ServerLink> m_link;
     std::optional<DeliveredRows> m_source; // of the link's tables
+    std::optional<DeviceRow> m_device;
+    std::vector<std::string> m_tableNames; // the handler's
     EventDispatcher::State::TimerId m_retryTimer = 0;
 
     // Not delivered yet.
     bool m_all = false;
+    bool m_numberChanged = false;
     std::set<std::string> m_changedTables;
 };
 

@@ -1,6 +1,7 @@
 #include "platform_linux/server_link.hpp"
 
 #include "schema/server/database.hpp"
+#include "schema/tables.hpp"
 
 #include <sys/epoll.h>
 #include <utility>
@@ -23,12 +24,18 @@ ServerLink::ServerLink(Settings settings, tessera::net::EventDispatcher::State& 
       m_dispatcher(dispatcher),
       m_logModule(logModule),
       m_listener(std::move(listener)),
-      m_subscription(schema::serverDatabase(), tableNames)
+      m_subscription(schema::serverDatabaseWithDevices(), tableNames)
 {
 }
 
 ServerLink::~ServerLink()
 {
+    try {
+        if (m_session)
+            flush(); // what is still to be said, if the server takes it at once
+    } catch (const ovsdb::ConnectionError&) {
+        // It knows that we are gone.
+    }
     disconnect();
     m_dispatcher.stopTimer(m_reconnectTimer);
     m_dispatcher.stopTimer(m_reminderTimer);
@@ -68,6 +75,7 @@ void ServerLink::disconnect()
         m_dispatcher.removeDescriptor(m_connection->descriptor());
     m_connection.reset();
     m_session.reset();
+    m_asked.clear();
     m_subscription.end();
 }
 
@@ -95,6 +103,13 @@ void ServerLink::handleEvents(std::uint32_t events)
 
 void ServerLink::handleMessage(const ovsdb::RpcMessage& message)
 {
+    if (message.method.empty() && !message.row) {
+        if (const auto asked = m_asked.find(message.id); asked != m_asked.end()) {
+            const Answered answered = std::move(asked->second);
+            m_asked.erase(asked);
+            return tellResult(message, answered);
+        }
+    }
     auto progress = m_subscription.handle(message, *m_session);
     if (progress.synchronised) {
         m_dispatcher.stopTimer(std::exchange(m_reminderTimer, 0));
@@ -102,6 +117,38 @@ void ServerLink::handleMessage(const ovsdb::RpcMessage& message)
                "connected to " + m_settings.socketPath + ", schema " + m_subscription.schemaVersion());
     }
     m_listener(std::move(progress));
+}
+
+// The answer to a transaction is a list of results, one for each operation until one fails.
+void ServerLink::tellResult(const ovsdb::RpcMessage& answer, const Answered& answered)
+{
+    if (answer.error)
+        return answered({}, answer.error);
+    const ovsdb::Json::Array* results = answer.result.asArray();
+    if (results == nullptr || results->empty())
+        throw ovsdb::ProtocolError("transaction answered by something else than a list of results");
+    for (const ovsdb::Json& result : *results) {
+        if (result.find("error") != nullptr)
+            return answered({}, ovsdb::describeError(result));
+    }
+    answered(results->front(), std::nullopt);
+}
+
+bool ServerLink::serves(std::string_view tableName) const
+{
+    return m_subscription.synchronised() && m_subscription.serverHas(tableName);
+}
+
+void ServerLink::transact(ovsdb::Json operation, Answered answered)
+{
+    if (!m_session)
+        return;
+    const std::int64_t id =
+        m_session->request("transact", ovsdb::Json::Array{ovsdb::Json(schema::databaseName), std::move(operation)});
+    m_asked[id] = std::move(answered);
+    // Sent by the event loop: whoever calls may be in the middle of a message.
+    if (!std::exchange(m_wantsWrite, true))
+        m_dispatcher.modifyDescriptor(m_connection->descriptor(), EPOLLIN | EPOLLOUT);
 }
 
 void ServerLink::flush()

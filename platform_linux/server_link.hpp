@@ -11,8 +11,10 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zol::cfg
@@ -44,6 +46,14 @@ public:
 
     const ovsdb::TableCache& tables() const { return m_subscription.tables(); }
 
+    // Whether the server has told its state, and has the table.
+    bool serves(std::string_view tableName) const;
+
+    // Sends a transaction of one operation; answered with the operation's result, or with an error. Not answered when
+    // the connection is lost first, or when there is none.
+    using Answered = std::function<void(const ovsdb::Json& result, const std::optional<std::string>& error)>;
+    void transact(ovsdb::Json operation, Answered answered);
+
 private:
     // What the log last said about the server. Each change is one line, however many attempts it lasts.
     enum class Health { Unknown, Connected, Absent, Lost, Foreign, Malformed, Unsuitable, Stalled };
@@ -52,6 +62,7 @@ private:
     void disconnect();
     void handleEvents(std::uint32_t events);
     void handleMessage(const ovsdb::RpcMessage& message);
+    static void tellResult(const ovsdb::RpcMessage& answer, const Answered& answered);
     void flush();
     void watchForStall(bool progress);
     void remind(std::chrono::milliseconds waited);
@@ -66,7 +77,8 @@ private:
     ovsdb::Subscription m_subscription;
     std::optional<ovsdb::Connection> m_connection;
     std::optional<ovsdb::RpcSession> m_session;
-    bool m_registered = false; // the connection's descriptor, with the dispatcher
+    std::map<std::int64_t, Answered> m_asked; // by the request's id
+    bool m_registered = false;                // the connection's descriptor, with the dispatcher
     bool m_wantsWrite = false;
     Health m_health = Health::Unknown;
     std::string m_reason{"the server has not sent it yet"}; // why there may be no configuration

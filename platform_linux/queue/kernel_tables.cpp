@@ -98,6 +98,14 @@ std::optional<nftables::GenerationChange> KernelTables::nextForeignChange()
     return change;
 }
 
+std::size_t KernelTables::countOurRules() const
+{
+    std::size_t count = 0;
+    for (const auto& [name, chain] : m_wanted.chains)
+        count += static_cast<std::size_t>(std::ranges::count_if(chain.rules, &ImageRule::ours));
+    return count;
+}
+
 void KernelTables::collectTexts(const std::function<void(RulePool::Text)>& use) const
 {
     for (const TableImage* image : {&m_wanted, &m_actual}) {

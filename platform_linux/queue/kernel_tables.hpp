@@ -7,6 +7,7 @@
 #include "platform_linux/queue/difference.hpp"
 #include "platform_linux/queue/table_image.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -68,6 +69,12 @@ public:
 
     // Whether the tables are what they are held for, as far as is known. If not, they are read before the next change.
     bool isKnown() const { return m_isKnown; }
+
+    // So many rules of ours are wanted there.
+    std::size_t countOurRules() const;
+
+    // The tables may have changed: they are read before anything else is done.
+    void forget() { m_isKnown = false; }
 
     // Whether that generation was made by us, or is older than what is known.
     bool isOwn(std::uint32_t generation) const;

@@ -71,6 +71,16 @@ std::vector<std::string> Refusals::takeGone()
     return gone;
 }
 
+void Refusals::forEachAddition(
+    const std::function<void(const std::string& line, const std::string& reason)>& call) const
+{
+    for (const auto& [line, refusal] : m_refusals) {
+        const std::string_view option = headOf(line).option;
+        if (option != "-D" && option != "-F" && option != "-X")
+            call(line, refusal.reason);
+    }
+}
+
 void Refusals::doubt(const std::function<bool(std::string_view)>& which)
 {
     for (auto& [line, refusal] : m_refusals) {

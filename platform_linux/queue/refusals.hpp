@@ -23,6 +23,9 @@ public:
     // All lines of a commit have been seen: the lines that were refused before it and are not any more.
     std::vector<std::string> takeGone();
 
+    // Those that were to put something in force; what was to be taken out and cannot be is not.
+    void forEachAddition(const std::function<void(const std::string& line, const std::string& reason)>& call) const;
+
 private:
     struct Refusal {
         std::string reason;

@@ -152,6 +152,20 @@ public:
             check();
     }
 
+    QueueStatus status(std::size_t mostLines) const
+    {
+        QueueStatus status{.inStep = m_everDone && !m_waiting,
+                           .reason = m_waiting ? m_lastReason : "",
+                           .rules = m_tables.countOurRules(),
+                           .notInForce = {},
+                           .lastRepair = m_lastRepair};
+        m_refusals.forEachAddition([&](const std::string& line, const std::string& reason) {
+            if (status.notInForceCount++ < mostLines)
+                status.notInForce.push_back({line, reason});
+        });
+        return status;
+    }
+
 private:
     struct Queued {
         PlayedCommand command;
@@ -381,8 +395,6 @@ private:
             return;
         const RepairPace::Verdict verdict = m_pace.repaired(Clock::now());
         m_notBefore = Clock::now() + verdict.pause;
-        if (!verdict.tell)
-            return;
         std::string text;
         for (const std::string& part : drift)
             text += (text.empty() ? "" : ", ") + part;
@@ -391,6 +403,9 @@ private:
         const std::string who = m_who.program.empty()
                                     ? "another program"
                                     : text::oneLine(m_who.program) + " (process " + std::to_string(m_who.process) + ')';
+        m_lastRepair = {.when = std::chrono::system_clock::now(), .what = who + ": " + text};
+        if (!verdict.tell)
+            return;
         warning(116, who + " changed moatkeeper's part of the bridge tables, which is put back: " + text);
         if (verdict.tellStorm)
             warning(117, "other programs keep changing it; it is put back each time, with growing pauses, and told "
@@ -511,6 +526,7 @@ private:
 
     nftables::GenerationChange m_who; // changed the tables last
     RepairPace m_pace;
+    std::optional<Repair> m_lastRepair;
     std::optional<Clock::time_point> m_nextCheck;
     Clock::time_point m_notBefore{};
 };
@@ -558,6 +574,11 @@ int TransactionQueue::watchedDescriptor() const
 void TransactionQueue::handleChange()
 {
     m_state->handleChange();
+}
+
+QueueStatus TransactionQueue::status(std::size_t mostLines) const
+{
+    return m_state->status(mostLines);
 }
 
 } // namespace zol::cfg

@@ -5,6 +5,7 @@
 
 #include "nftables/socket.hpp"
 #include "platform/action_queue.hpp"
+#include "platform_linux/queue/queue_status.hpp"
 #include "platform_linux/queue/record_file.hpp"
 #include "platform_linux/queue/tool.hpp"
 
@@ -62,6 +63,9 @@ public:
     // watch.
     int watchedDescriptor() const;
     void handleChange();
+
+    // As of the last call of any of these; at most so many of the lines that are not in force.
+    QueueStatus status(std::size_t mostLines) const;
 
 private:
     class State;

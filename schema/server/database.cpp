@@ -1,5 +1,6 @@
 #include "schema/server/database.hpp"
 
+#include "schema/device.hpp"
 #include "schema/tables.hpp"
 
 #include <string>
@@ -36,11 +37,38 @@ ovsdb::Database makeDatabase()
     return database;
 }
 
+ovsdb::Database withDevices(ovsdb::Database database)
+{
+    using enum ovsdb::ColumnKind;
+    const auto column = [](std::string_view name, ovsdb::ColumnKind kind) {
+        return ovsdb::Column{.name = std::string(name),
+                             .kind = kind,
+                             .ifUnset = kind == Text ? tessera::Value(std::string()) : tessera::Value(0)};
+    };
+    database.tables.push_back(
+        {.name = std::string(changeTable), .columns = {column(changeNumber, Integer)}, .mayBeMissing = true});
+    database.tables.push_back(
+        {.name = std::string(deviceTable),
+         .columns = {column(device::name, Text), column(device::number, Integer), column(device::since, Text),
+                     column(device::inStep, Integer), column(device::reason, Text), column(device::rules, Integer),
+                     column(device::notInForce, Text), column(device::notInForceCount, Integer),
+                     column(device::repaired, Text), column(device::repairedWhat, Text), column(device::version, Text),
+                     column(device::started, Text)},
+         .mayBeMissing = true});
+    return database;
+}
+
 } // namespace
 
 const ovsdb::Database& serverDatabase()
 {
     static const ovsdb::Database database = makeDatabase();
+    return database;
+}
+
+const ovsdb::Database& serverDatabaseWithDevices()
+{
+    static const ovsdb::Database database = withDevices(serverDatabase());
     return database;
 }
 

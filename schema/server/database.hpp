@@ -15,4 +15,7 @@ const ovsdb::Database& serverDatabase();
 inline constexpr std::string_view acknowledgedTable = "MoatKeeperAcknowledged";
 inline constexpr std::string_view usedIdsTable = "MoatKeeperUsedIds";
 
+// These and the two that say what is in force; a server of schema 1.0 lacks the two. Lives for ever.
+const ovsdb::Database& serverDatabaseWithDevices();
+
 } // namespace schema

@@ -9,6 +9,8 @@ DATABASE = "moatkeeper"
 MAIN, RULES = "MoatKeeper", "MoatKeeperRuleset"
 INPUT_POLICY, FORWARD_POLICY = "MoatKeeperInputPolicy", "MoatKeeperForwardingPolicy"
 FILTERS, FILTER_RULES = "MoatKeeperBridgeFilters", "MoatKeeperBridgeFilterRules"
+# What says whether a change is in force; not among the configuration tables.
+CHANGE, DEVICE = "MoatKeeperChange", "MoatKeeperDevice"
 TABLES = (MAIN, INPUT_POLICY, FORWARD_POLICY, RULES, FILTERS, FILTER_RULES)
 
 
@@ -44,6 +46,10 @@ class Config:
 
     def delete(self, table, rowId):
         self.transact(delete(table, rowId))
+
+    def select(self, table):
+        """The table's rows."""
+        return self.transact({"op": "select", "table": table, "where": []})[0]["rows"]
 
     def transact(self, *operations):
         """Carries out all operations or, raising Refused, none."""
@@ -101,6 +107,11 @@ class Config:
                     {"id": message["id"], "result": message["params"], "error": None}).encode())
             elif message.get("id") == number:
                 return message
+
+
+def numbered(number, *operations):
+    """The operations, and the number of the change beside them."""
+    return [*operations, delete(CHANGE), insert(CHANGE, Number=number)]
 
 
 def insert(table, **row):

@@ -14,6 +14,10 @@ PORTS = ("p1", "p2", "p3")
 _options = argparse.Namespace()
 
 
+def makeFolder():
+    os.makedirs(FOLDER, exist_ok=True)
+
+
 class Machine(unittest.TestCase):
     """A bridge with the ports p1, p2 and p3, a server with empty tables and a running daemon, for a whole class."""
 
@@ -23,7 +27,7 @@ class Machine(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        os.makedirs(FOLDER, exist_ok=True)
+        makeFolder()
         cls.server = programs.startServer(cls.schema, FOLDER, cls.database)
         cls.addClassCleanup(lambda: cls.server.stop())
         cls.config = config.Config()

@@ -26,5 +26,9 @@ int TransactionQueue::watchedDescriptor() const
     return -1;
 }
 void TransactionQueue::handleChange() {}
+QueueStatus TransactionQueue::status(std::size_t) const
+{
+    return {};
+}
 
 } // namespace zol::cfg

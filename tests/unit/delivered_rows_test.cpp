@@ -54,7 +54,7 @@ protected:
 
     CapturedDescriptor m_log{STDERR_FILENO};
     TableCache m_tables{schema::serverDatabase(), {globals, policies}};
-    DeliveredRows m_source{m_tables, ZOL_Sysloglevel_registerModul("test")};
+    DeliveredRows m_source{m_tables, {globals, policies}, ZOL_Sysloglevel_registerModul("test")};
 };
 
 TEST_F(DeliveredRowsTest, ARowWithATextThatIsNoOperandIsLeftOut)

@@ -2,9 +2,12 @@
 #include "schema/tables.hpp"
 
 #include "ovsdb/json.hpp"
+#include "ovsdb/schema_check.hpp"
+#include "schema/device.hpp"
 #include "schema/server/database.hpp"
 #include "schema/values.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -26,7 +29,7 @@ TEST(SchemaTablesTest, EqualTheSchemaFile)
     const Json schema = ovsdb::parseJson(schemaText());
     EXPECT_EQ(*schema.find("name")->asText(), schema::databaseName);
     const Json::Object& tables = *schema.find("tables")->asObject();
-    ASSERT_EQ(tables.size(), schema::serverDatabase().tables.size());
+    ASSERT_EQ(tables.size(), schema::serverDatabaseWithDevices().tables.size());
     for (std::size_t t = 0; t < schema::allTables().size(); ++t) {
         const schema::Table& table = schema::allTables()[t];
         EXPECT_EQ(tables[t].first, table.name);
@@ -56,6 +59,45 @@ TEST(SchemaTablesTest, WhatIsKeptBesideEqualsTheSchemaFile)
         EXPECT_EQ(found->find("columns")->asObject()->size(), table.columns.size()) << table.name;
     }
     EXPECT_EQ(beside, 2U);
+}
+
+TEST(SchemaTablesTest, TheTablesOfDevicesEqualTheSchemaFile)
+{
+    const Json schema = ovsdb::parseJson(schemaText());
+    const std::vector<std::string> names = schema::serverDatabaseWithDevices().tableNames();
+    EXPECT_NO_THROW(EXPECT_THAT(ovsdb::checkSchema(schema, schema::serverDatabaseWithDevices(), names).missing,
+                                testing::IsEmpty()));
+    for (const std::string_view name : {schema::changeTable, schema::deviceTable}) {
+        const Json::Object& columns = *schema.find("tables")->find(name)->find("columns")->asObject();
+        EXPECT_EQ(columns.size(), schema::serverDatabaseWithDevices().at(name).columns.size()) << name;
+    }
+    const auto limit = [&schema](std::string_view table, std::string_view column, const char* name) {
+        const Json& type = *schema.find("tables")->find(table)->find("columns")->find(column)->find("type");
+        return type.find("key")->find(name)->asInteger();
+    };
+    EXPECT_EQ(limit(schema::deviceTable, schema::device::name, "maxLength"), schema::maximumDeviceName);
+    EXPECT_EQ(limit(schema::changeTable, schema::changeNumber, "maxInteger"), schema::changeNumbers);
+}
+
+TEST(SchemaTablesTest, ANumberInForceIncludesThoseBefore)
+{
+    using schema::changeNumbers, schema::includes;
+    EXPECT_TRUE(includes(5, 5));
+    EXPECT_TRUE(includes(6, 5));
+    EXPECT_FALSE(includes(5, 6));
+    EXPECT_FALSE(includes(-1, 0));
+    EXPECT_TRUE(includes(0, changeNumbers - 1)) << "the numbers begin again";
+    EXPECT_FALSE(includes(changeNumbers - 1, 0));
+}
+
+TEST(SchemaTablesTest, DeviceNames)
+{
+    for (const char* name : {"a", "bridge-7.example_net", "0"})
+        EXPECT_TRUE(schema::isDeviceName(name)) << name;
+    EXPECT_TRUE(schema::isDeviceName(std::string(64, 'x')));
+    for (const std::string& name :
+         {std::string(), std::string("a b"), std::string("a\n"), std::string("\xc3\xa4"), std::string(65, 'x')})
+        EXPECT_FALSE(schema::isDeviceName(name)) << name;
 }
 
 TEST(SchemaTablesTest, IntegersAreBoundedTo32Bits)

@@ -1,0 +1,13 @@
+// Points in time as text.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace text
+{
+
+// UTC with milliseconds: 2026-01-31T12:00:00.123Z.
+std::string utcTime(std::chrono::system_clock::time_point time);
+
+} // namespace text
