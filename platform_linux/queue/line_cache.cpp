@@ -3,7 +3,6 @@
 #include <bit>
 #include <cstring>
 #include <random>
-#include <utility>
 
 namespace zol::cfg
 {
@@ -79,19 +78,18 @@ LineCache::Key LineCache::keyOf(std::string_view line) const
     return {SipHash(m_secrets[0], m_secrets[1]).of(line), SipHash(m_secrets[2], m_secrets[3]).of(line)};
 }
 
-const LineCache::Commands* LineCache::find(std::string_view line)
+const PlayedCommand* LineCache::find(std::string_view line)
 {
     const auto found = m_entries.find(keyOf(line));
     if (found == m_entries.end())
         return nullptr;
     found->second.used = m_round;
-    return &found->second.commands;
+    return &found->second.command;
 }
 
-const LineCache::Commands& LineCache::add(std::string_view line, Commands commands)
+void LineCache::add(std::string_view line, const PlayedCommand& command)
 {
-    commands.shrink_to_fit();
-    return m_entries.insert_or_assign(keyOf(line), Entry{std::move(commands), m_round}).first->second.commands;
+    m_entries.insert_or_assign(keyOf(line), Entry{command, m_round});
 }
 
 void LineCache::tidy(std::size_t most)
@@ -103,10 +101,8 @@ void LineCache::tidy(std::size_t most)
 
 void LineCache::forEach(const std::function<void(const PlayedCommand&)>& visit) const
 {
-    for (const auto& [key, entry] : m_entries) {
-        for (const PlayedCommand& command : entry.commands)
-            visit(command);
-    }
+    for (const auto& [key, entry] : m_entries)
+        visit(entry.command);
 }
 
 } // namespace zol::cfg

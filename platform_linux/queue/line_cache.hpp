@@ -8,23 +8,20 @@
 #include <functional>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 namespace zol::cfg
 {
 
-// Knows a line by a keyed hash of 128 bits, under a key of this process that nobody else knows. Threading: no shared
-// state. No operation throws but std::bad_alloc.
+// For lines of one command, as nearly all are. Knows a line by a keyed hash of 128 bits, under a key of this process
+// that nobody else knows. Threading: no shared state. No operation throws but std::bad_alloc.
 class LineCache
 {
 public:
-    using Commands = std::vector<PlayedCommand>;
-
     LineCache();
 
-    // The line's commands, or nothing. Valid until the next call that is not const.
-    const Commands* find(std::string_view line);
-    const Commands& add(std::string_view line, Commands commands);
+    // The line's command, or nothing. Valid until the next call that is not const.
+    const PlayedCommand* find(std::string_view line);
+    void add(std::string_view line, const PlayedCommand& command);
 
     // When there are more than `most` lines, those go that were not asked for since the last call.
     void tidy(std::size_t most);
@@ -41,7 +38,7 @@ private:
         std::size_t operator()(const Key& key) const { return static_cast<std::size_t>(key.first); }
     };
     struct Entry {
-        Commands commands;
+        PlayedCommand command;
         std::uint32_t used;
     };
 

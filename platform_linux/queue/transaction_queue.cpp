@@ -8,6 +8,7 @@
 #include "platform_linux/queue/legacy_tables.hpp"
 #include "platform_linux/queue/line_cache.hpp"
 #include "platform_linux/queue/line_gate.hpp"
+#include "platform_linux/queue/line_store.hpp"
 #include "platform_linux/queue/record_file.hpp"
 #include "platform_linux/queue/refusals.hpp"
 #include "platform_linux/queue/repair_pace.hpp"
@@ -16,6 +17,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <span>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -80,13 +82,12 @@ public:
     {
         if (line.find_first_not_of(' ') == std::string::npos)
             return;
-        m_lines.push_back(line);
-        const LineCache::Commands* commands = m_legacy ? nullptr : m_cache.find(line);
-        if (commands == nullptr)
-            commands = parse(line);
-        if (commands == nullptr)
+        m_lines.add(line);
+        if (const PlayedCommand* known = m_legacy ? nullptr : m_cache.find(line)) {
+            m_queued.push_back({*known, m_lines.size() - 1});
             return;
-        for (const PlayedCommand& command : *commands)
+        }
+        for (const PlayedCommand& command : parse(line))
             m_queued.push_back({command, m_lines.size() - 1});
     }
 
@@ -232,27 +233,28 @@ private:
             warning(107, "the record " + m_record.path() + " is ignored: " + reason);
     }
 
-    const LineCache::Commands* parse(const std::string& line)
+    // The line's commands, valid until the next call; none when it is refused, or for the legacy tool.
+    std::span<const PlayedCommand> parse(const std::string& line)
     {
+        m_parsed.clear();
         ebtables::ParsedLine parsed = m_gate.take(line);
         if (parsed.error) {
             m_refusals.noteLine(line);
             refuse(101, line, "refused \"" + text::oneLine(line) + "\": ", parsed.error->text());
             m_groupRefused = true;
-            return nullptr;
+            return m_parsed;
         }
         if (m_legacy) {
             if (!parsed.commands.empty())
                 m_legacy->add(std::move(parsed.commands), line);
-            return nullptr;
+            return m_parsed;
         }
-        m_parsed.clear();
         for (const ebtables::Command& command : parsed.commands)
             m_parsed.push_back(intern(command, m_pool));
         // Whether a line about a filter's chain passes is another question each time.
-        if (!m_options.anyForm && std::ranges::any_of(m_parsed, namesFilter))
-            return &m_parsed;
-        return &m_cache.add(line, m_parsed);
+        if (m_parsed.size() == 1 && (m_options.anyForm || !namesFilter(m_parsed.front())))
+            m_cache.add(line, m_parsed.front());
+        return m_parsed;
     }
 
     static bool namesFilter(const PlayedCommand& command)
@@ -304,7 +306,7 @@ private:
 
     void refuseCommand(const Queued& queued, const std::string& reason)
     {
-        const std::string& line = m_lines[queued.line];
+        const std::string line(m_lines[queued.line]);
         refuse(110, line, "refused \"" + line + "\": ", reason);
     }
 
@@ -383,7 +385,7 @@ private:
             return dropped.rule != nullptr && queued.command.rule == dropped.rule &&
                    *queued.command.chain == dropped.chain;
         });
-        const std::string line = from != m_played.end() ? m_lines[from->line] : whole;
+        const std::string line(from != m_played.end() ? m_lines[from->line] : whole);
         const std::string part = line.find(';') == std::string::npos ? "" : ", of it \"" + whole + '"';
         refuse(110, line, "the kernel refused \"" + line + '"' + part + ": ", dropped.reason);
     }
@@ -468,7 +470,6 @@ private:
         if (!m_queued.empty())
             return;
         m_lines.clear();
-        m_lines.shrink_to_fit();
         m_played.shrink_to_fit();
         m_queued.shrink_to_fit();
     }
@@ -506,12 +507,12 @@ private:
 
     RulePool m_pool;
     LineCache m_cache;
-    LineCache::Commands m_parsed; // of the line parsed last
+    std::vector<PlayedCommand> m_parsed; // of the line parsed last
     KernelTables m_tables;
     std::optional<LegacyTables> m_legacy;
     Refusals m_refusals;
 
-    std::vector<std::string> m_lines; // of the commit that is being queued or carried out
+    LineStore m_lines; // of the commit that is being queued or carried out
     std::vector<Queued> m_queued;
     std::vector<Queued> m_played;
     std::size_t m_closed = 0; // so many of those queued are in groups that process has closed
