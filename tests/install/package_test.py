@@ -13,7 +13,8 @@ import unittest
 CMAKE, BUILD, PREFIX = sys.argv[1:4]
 FILES = ("sbin/moatkeeper", "share/moatkeeper/moatkeeper.ovsschema", "share/man/man8/moatkeeper.8",
          "lib/systemd/system/moatkeeper.service", "lib/systemd/system/moatkeeper-db.service",
-         "lib/systemd/system/moatkeeper-db-create.service", "lib/tmpfiles.d/moatkeeper.conf")
+         "lib/systemd/system/moatkeeper-db-create.service", "sbin/moatkeeper-db-prepare",
+         "lib/tmpfiles.d/moatkeeper.conf")
 
 
 def run(*command, **settings):
@@ -63,9 +64,10 @@ class Installed(unittest.TestCase):
         self.assertEqual(run("dpkg-deb", "-x", packages[0], self.root).returncode, 0)
         self.assertWorks()
         depends = run("dpkg-deb", "-f", packages[0], "Depends").stdout
-        for package in ("ebtables", "libc6", "libstdc++6"):
+        for package in ("libc6", "libmnl0", "libstdc++6"):
             self.assertIn(package, depends)
-        self.assertEqual(run("dpkg-deb", "-f", packages[0], "Recommends").stdout.split(), ["openvswitch-common"])
+        self.assertEqual(run("dpkg-deb", "-f", packages[0], "Recommends").stdout.split(),
+                         ["ebtables,", "openvswitch-common"])
 
 
 if __name__ == "__main__":
