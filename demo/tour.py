@@ -137,6 +137,7 @@ class Tour:
 
     def explain(self, wanted, *frame):
         """What moatctl says of a frame; the last line must begin as wanted."""
+        frame = (*self._world.explainOptions, *frame)
         say(f"\n   $ moatctl explain {' '.join(frame)}")
         lines = self._world.moatctl("explain", *frame).splitlines()
         self.show(lines)

@@ -16,6 +16,8 @@ class Failure(Exception):
 class Bridged:
     """A bridge, a configuration server on the usual socket and the daemon."""
 
+    explainOptions = ()
+
     def __init__(self, bridge, build, schema, folder):
         self._bridge = bridge
         self._build = build
@@ -76,6 +78,8 @@ class Bridged:
 
 class Printed:
     """A configuration server on a socket of its own; the handler's lines are printed, no frame is sent."""
+
+    explainOptions = ("--configured",)  # the kernel has nothing of this
 
     def __init__(self, build, schema, folder):
         self._build = build

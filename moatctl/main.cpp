@@ -4,20 +4,44 @@
 
 #include <cstdlib>
 #include <iostream>
+#include <string_view>
+#include <sys/ioctl.h>
 #include <unistd.h>
+
+namespace
+{
+
+std::string_view variable(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+// A terminal that obeys escape sequences.
+bool isCapable(int descriptor)
+{
+    return isatty(descriptor) == 1 && !variable("TERM").empty() && variable("TERM") != "dumb";
+}
+
+std::size_t widthOf(int descriptor)
+{
+    winsize size{};
+    return isatty(descriptor) == 1 && ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+} // namespace
 
 int main(int argc, char** argv)
 {
     std::ios::sync_with_stdio(false);
-    const bool outIsTerminal = isatty(STDOUT_FILENO) == 1;
-    const char* noColour = std::getenv("NO_COLOR");
     moatctl::Program program{
         .in = std::cin,
         .out = std::cout,
         .err = std::cerr,
         .verbs = moatctl::allVerbs(),
-        .errIsTerminal = isatty(STDERR_FILENO) == 1,
-        .colour = outIsTerminal && (noColour == nullptr || *noColour == '\0'),
+        .errIsTerminal = isCapable(STDERR_FILENO),
+        .terminal = {.colour = isCapable(STDOUT_FILENO) && variable("NO_COLOR").empty(),
+                     .width = widthOf(STDOUT_FILENO)},
         .server = {.socketPath = std::string(schema::defaultSocketPath)},
     };
     return moatctl::run(argc, argv, program);

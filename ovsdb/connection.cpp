@@ -36,7 +36,9 @@ int connectTo(const std::string& path)
     if (connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         const int error = errno;
         close(descriptor);
-        throw ConnectionError("no configuration server at " + path + ": " + reason(error));
+        throw ConnectionError(
+            (error == EACCES ? "not allowed to use the configuration server at " : "no configuration server at ") +
+            path + ": " + reason(error));
     }
     return descriptor;
 }

@@ -26,7 +26,7 @@ platform_linux       platform_linux/queue platform ebtables ovsdb nftables schem
 platform_linux/queue platform_linux platform ebtables nftables schema subprocess text system
 platform_fake        platform
 
-moatctl              moatctl/command_line moatctl/verbs schema unistd.h
+moatctl              moatctl/command_line moatctl/verbs schema unistd.h sys/ioctl.h
 moatctl/tables       moatctl handler ebtables ovsdb schema schema/server platform text system
 moatctl/bridge       moatctl/tables handler records ebtables schema subprocess text system libmnl
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform

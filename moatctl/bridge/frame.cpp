@@ -78,6 +78,17 @@ constexpr Ip<4> ip4{"--ip-source",           "--ip-destination", "--ip-protocol"
 constexpr Ip<16> ip6{"--ip6-source",           "--ip6-destination", "--ip6-protocol",  "--ip6-source-port",
                      "--ip6-destination-port", ethertype::ip6,      &Frame::ip6Source, &Frame::ip6Destination};
 
+void addMac(Collector& collector, const std::optional<ebtables::MacMatch>& match,
+            const std::optional<MacAddress>& address, std::string_view option, std::string_view inWords)
+{
+    if (!match)
+        return;
+    if (address)
+        collector.add(holds(*match, *address), option);
+    else
+        collector.unknown(option, inWords);
+}
+
 template <std::size_t N>
 void addAddress(Collector& collector, const std::optional<ebtables::NetworkMatch<N>>& match,
                 const std::optional<std::array<std::uint8_t, N>>& address, std::string_view option,
@@ -167,10 +178,8 @@ MatchResult match(const ebtables::Rule& rule, const Frame& frame)
         collector.add(matchesPort(*rule.in, frame.in), "-i");
     if (rule.out) // no port to leave by: no match, not even a negated one
         collector.add(!frame.out.empty() && matchesPort(*rule.out, frame.out), "-o");
-    if (rule.source)
-        collector.add(holds(*rule.source, frame.source), "-s");
-    if (rule.destination)
-        collector.add(holds(*rule.destination, frame.destination), "-d");
+    addMac(collector, rule.source, frame.source, "-s", "the source MAC address");
+    addMac(collector, rule.destination, frame.destination, "-d", "the destination MAC address");
     if (rule.ethertype) {
         if (frame.vlan)
             collector.add(holds(*rule.ethertype, ethertype::vlan), "-p");

@@ -47,8 +47,7 @@ struct VlanTag {
 struct Frame {
     std::string in;  // the port that it came in by
     std::string out; // the port that it is to leave by; empty: the frame is for the device itself
-    MacAddress source{};
-    MacAddress destination{};
+    std::optional<MacAddress> source, destination;
     std::optional<VlanTag> vlan;
     std::optional<std::uint16_t> type; // the ethertype, behind the tag if there is one; below 0x600 a length
     std::optional<Ip4Address> ip4Source, ip4Destination;

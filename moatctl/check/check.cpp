@@ -4,6 +4,7 @@
 #include "moatctl/check/row.hpp"
 
 #include <algorithm>
+#include <iterator>
 #include <tuple>
 #include <utility>
 
@@ -52,6 +53,45 @@ std::vector<Problem> Findings::take()
     return std::move(m_problems);
 }
 
+namespace
+{
+
+void checkRows(const Configuration& configuration, Findings& findings)
+{
+    for (const schema::Table& table : schema::allTables()) {
+        for (const Row& row : configuration.rows(table.id)) {
+            for (Problem& problem : checkRow(configuration, row))
+                findings.add(row, std::move(problem));
+        }
+    }
+}
+
+bool isEnabled(const Configuration& configuration, const Problem& problem)
+{
+    const Row* row = configuration.find(findTable(problem.table)->id, problem.id);
+    return row == nullptr || !row->table->hasIds() || row->integer("Enabled") != 0;
+}
+
+} // namespace
+
+std::vector<Problem> checkInForce(const Configuration& configuration, const CheckOptions& options)
+{
+    Findings findings(configuration);
+    checkRows(configuration, findings);
+    const Expected expected = expectedOf(configuration);
+    const Applied applied = apply(expected);
+    findUnusable(expected, findings);
+    findRefused(expected, applied, findings);
+    Findings ports(configuration);
+    findMissingInterfaces(expected, options, ports);
+    std::vector<Problem> problems = findings.take();
+    std::erase_if(problems, [&configuration](const Problem& problem) {
+        return problem.severity != Severity::Error || !isEnabled(configuration, problem);
+    });
+    std::ranges::move(ports.take(), std::back_inserter(problems));
+    return problems;
+}
+
 std::vector<Problem> checkConfiguration(const Configuration& configuration, const CheckOptions& options)
 {
     std::size_t done = 0;
@@ -61,12 +101,7 @@ std::vector<Problem> checkConfiguration(const Configuration& configuration, cons
             options.onProgress(++done, steps);
     };
     Findings findings(configuration);
-    for (const schema::Table& table : schema::allTables()) {
-        for (const Row& row : configuration.rows(table.id)) {
-            for (Problem& problem : checkRow(configuration, row))
-                findings.add(row, std::move(problem));
-        }
-    }
+    checkRows(configuration, findings);
     step();
     const Expected expected = expectedOf(configuration);
     step();

@@ -24,7 +24,7 @@ Frame arpRequest()
 {
     Frame frame;
     frame.source = neighbour;
-    frame.destination = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+    frame.destination = MacAddress{0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
     frame.type = ethertype::arp;
     return frame;
 }
@@ -33,7 +33,7 @@ Frame neighbourSolicitation()
 {
     Frame frame;
     frame.source = neighbour;
-    frame.destination = {0x33, 0x33, 0xff, 0, 0, 0x02};
+    frame.destination = MacAddress{0x33, 0x33, 0xff, 0, 0, 0x02};
     frame.type = ethertype::ip6;
     frame.ip6Source = Ip6Address{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xfe, 0, 0, 0x01};
     frame.ip6Destination = Ip6Address{0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01, 0xff, 0, 0, 0x02};
@@ -45,7 +45,7 @@ Frame spanningTree()
 {
     Frame frame;
     frame.source = neighbour;
-    frame.destination = {0x01, 0x80, 0xc2, 0, 0, 0};
+    frame.destination = MacAddress{0x01, 0x80, 0xc2, 0, 0, 0};
     frame.type = std::uint16_t{0x26}; // a length: the frame is an IEEE 802.3 one
     return frame;
 }
@@ -54,7 +54,7 @@ Frame portAuthentication()
 {
     Frame frame;
     frame.source = neighbour;
-    frame.destination = {0x01, 0x80, 0xc2, 0, 0, 0x03};
+    frame.destination = MacAddress{0x01, 0x80, 0xc2, 0, 0, 0x03};
     frame.type = ethertype::eapol;
     return frame;
 }

@@ -108,8 +108,8 @@ void addFrameOptions(const Command& command, FrameOptions& options)
     command.option("--in", "PORT", "Port that the frame arrives on", options.in).required();
     command.option("--out", "PORT", "Port that it leaves by; without it the frame is for the device itself",
                    options.out);
-    command.option("--src-mac", "MAC", "Its source MAC address", options.sourceMac).required();
-    command.option("--dst-mac", "MAC", "Its destination MAC address", options.destinationMac).required();
+    command.option("--src-mac", "MAC", "Its source MAC address", options.sourceMac);
+    command.option("--dst-mac", "MAC", "Its destination MAC address", options.destinationMac);
     command.option("--vlan", "NUMBER", "VLAN id of its tag; without it the frame is untagged", options.vlan);
     command.option("--vlan-prio", "NUMBER", "Priority in its tag (default 0)", options.vlanPriority);
     command.option(
@@ -130,9 +130,11 @@ Frame frameOf(const FrameOptions& options)
     frame.in = portName("--in", options.in);
     if (!options.out.empty())
         frame.out = portName("--out", options.out);
-    frame.source = macAddress("--src-mac", options.sourceMac);
-    frame.destination = macAddress("--dst-mac", options.destinationMac);
-    if ((frame.source[0] & 1U) != 0 || frame.source == MacAddress{})
+    if (!options.sourceMac.empty())
+        frame.source = macAddress("--src-mac", options.sourceMac);
+    if (!options.destinationMac.empty())
+        frame.destination = macAddress("--dst-mac", options.destinationMac);
+    if (frame.source && (((*frame.source)[0] & 1U) != 0 || *frame.source == MacAddress{}))
         wrong("--src-mac", options.sourceMac,
               "the address of a station: the bridge drops frames from others before any chain");
 
@@ -175,9 +177,14 @@ Frame frameOf(const FrameOptions& options)
 
 std::string toText(const Frame& frame)
 {
-    std::string text = "arriving on " + frame.in +
-                       (frame.out.empty() ? ", for the device itself" : ", leaving by " + frame.out) + ", from " +
-                       macText(frame.source) + " to " + macText(frame.destination);
+    std::string text =
+        "arriving on " + frame.in + (frame.out.empty() ? ", for the device itself" : ", leaving by " + frame.out);
+    if (frame.source || frame.destination)
+        text += ',';
+    if (frame.source)
+        text += " from " + macText(*frame.source);
+    if (frame.destination)
+        text += " to " + macText(*frame.destination);
     if (frame.vlan)
         text += ", VLAN " + std::to_string(frame.vlan->id) + " priority " + std::to_string(frame.vlan->priority);
     if (frame.type)

@@ -22,42 +22,85 @@ std::string textOf(const Cell& cell)
     return number != nullptr ? std::to_string(*number) : std::string();
 }
 
-void writeLine(std::ostream& out, const std::vector<std::string>& cells, const std::vector<std::size_t>& widths)
+constexpr std::size_t gap = 2;            // between columns
+constexpr std::size_t narrowestLast = 20; // of a last column that is wrapped
+
+using Line = std::vector<std::string>;
+
+// The last cell in pieces of that width, broken at blanks where there are any.
+void writeLine(std::ostream& out, const Line& cells, const std::vector<std::size_t>& widths, std::size_t lastWidth)
 {
     std::string line;
-    for (std::size_t i = 0; i < cells.size(); ++i) {
+    for (std::size_t i = 0; i + 1 < cells.size(); ++i) {
         line += cells[i];
-        if (i + 1 < cells.size())
-            line.append(widths[i] - cells[i].size() + 2, ' ');
+        line.append(widths[i] - cells[i].size() + gap, ' ');
     }
-    out << line << '\n';
+    const std::string indent(line.size(), ' ');
+    std::string_view rest = cells.back();
+    while (rest.size() > lastWidth) {
+        std::size_t end = rest.rfind(' ', lastWidth);
+        end = end == std::string_view::npos || end == 0 ? lastWidth : end;
+        out << line << rest.substr(0, end) << '\n';
+        rest.remove_prefix(end + (rest[end] == ' ' ? 1 : 0));
+        line = indent;
+    }
+    out << line << rest << '\n';
 }
 
-void writeTable(std::ostream& out, const Sheet& sheet, bool headings, bool colour)
+// One value a line.
+void writeLists(std::ostream& out, const Sheet& sheet, const std::vector<Line>& lines, bool headings,
+                const Terminal& terminal)
 {
-    std::vector<std::vector<std::string>> lines;
+    std::size_t width = 0;
+    for (const std::string& heading : sheet.headings)
+        width = std::max(width, heading.size());
+    for (const Line& cells : lines) {
+        if (&cells != &lines.front())
+            out << '\n';
+        for (std::size_t i = 0; i < cells.size(); ++i) {
+            if (headings)
+                out << (terminal.colour ? "\033[1m" : "") << sheet.headings[i] << (terminal.colour ? "\033[0m" : "")
+                    << std::string(width - sheet.headings[i].size() + gap, ' ');
+            out << cells[i] << '\n';
+        }
+    }
+}
+
+void writeTable(std::ostream& out, const Sheet& sheet, bool headings, const Terminal& terminal)
+{
+    std::vector<Line> lines;
     lines.reserve(sheet.rows.size());
     std::vector<std::size_t> widths(sheet.headings.size(), 0);
-    const auto measure = [&widths](const std::vector<std::string>& cells) {
+    const auto measure = [&widths](const Line& cells) {
         for (std::size_t i = 0; i < cells.size(); ++i)
             widths[i] = std::max(widths[i], cells[i].size());
     };
     if (headings)
         measure(sheet.headings);
     for (const std::vector<Cell>& row : sheet.rows) {
-        std::vector<std::string>& cells = lines.emplace_back();
+        Line& cells = lines.emplace_back();
         cells.reserve(row.size());
         for (const Cell& cell : row)
             cells.push_back(text::oneLine(textOf(cell), std::string::npos));
         measure(cells);
     }
-    if (headings) {
-        out << (colour ? "\033[1m" : "");
-        writeLine(out, sheet.headings, widths);
-        out << (colour ? "\033[0m" : "");
+
+    std::size_t before = 0; // what stands before the last column
+    for (std::size_t i = 0; i + 1 < widths.size(); ++i)
+        before += widths[i] + gap;
+    std::size_t lastWidth = std::string::npos;
+    if (terminal.width != 0 && before + widths.back() > terminal.width) {
+        if (before + std::min(widths.back(), narrowestLast) > terminal.width)
+            return writeLists(out, sheet, lines, headings, terminal);
+        lastWidth = terminal.width - before;
     }
-    for (const std::vector<std::string>& cells : lines)
-        writeLine(out, cells, widths);
+    if (headings) {
+        out << (terminal.colour ? "\033[1m" : "");
+        writeLine(out, sheet.headings, widths, std::string::npos);
+        out << (terminal.colour ? "\033[0m" : "");
+    }
+    for (const Line& cells : lines)
+        writeLine(out, cells, widths, lastWidth);
 }
 
 void writeCsv(std::ostream& out, const Sheet& sheet, bool headings, bool withName)
@@ -118,7 +161,8 @@ void addOutputOptions(const Command& command, OutputStyle& style)
     command.flag("--no-headings", "Leave out titles and headings", style.noHeadings);
 }
 
-void writeSheets(std::ostream& out, const std::vector<Sheet>& sheets, const OutputStyle& style, bool colour)
+void writeSheets(std::ostream& out, const std::vector<Sheet>& sheets, const OutputStyle& style,
+                 const Terminal& terminal)
 {
     if (style.format == Format::Json) {
         writeJson(out, sheets);
@@ -132,8 +176,8 @@ void writeSheets(std::ostream& out, const std::vector<Sheet>& sheets, const Outp
             continue;
         }
         if (!style.noHeadings && sheets.size() > 1)
-            out << (colour ? "\033[1m" : "") << sheet.title << (colour ? "\033[0m" : "") << '\n';
-        writeTable(out, sheet, !style.noHeadings, colour);
+            out << (terminal.colour ? "\033[1m" : "") << sheet.title << (terminal.colour ? "\033[0m" : "") << '\n';
+        writeTable(out, sheet, !style.noHeadings, terminal);
     }
 }
 

@@ -4,6 +4,7 @@
 #include "moatctl/command_line/options.hpp"
 #include "platform/value_list.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
@@ -15,6 +16,12 @@ namespace moatctl
 {
 
 enum class Format { Table, Json, Csv };
+
+// Where the output goes.
+struct Terminal {
+    bool colour = false;   // headings stand out
+    std::size_t width = 0; // 0: no terminal
+};
 
 struct OutputStyle {
     Format format = Format::Table;
@@ -35,10 +42,12 @@ struct Sheet {
 };
 
 // Table: a title when there are several sheets, headings, aligned columns; what is not printable ASCII is
-// written as \\xNN, so that a terminal obeys none of it. JSON: one object, a list of objects per sheet. CSV (RFC 4180):
-// headings and rows; when there are several sheets, each row begins with the sheet's name and an empty line stands
-// between the sheets.
-void writeSheets(std::ostream& out, const std::vector<Sheet>& sheets, const OutputStyle& style, bool colour);
+// written as \\xNN, so that a terminal obeys none of it. Where a terminal is too narrow, the last column is wrapped, or
+// if that is not enough, each row becomes a list of its values. JSON: one object, a list of objects per sheet. CSV (RFC
+// 4180): headings and rows; when there are several sheets, each row begins with the sheet's name and an empty line
+// stands between the sheets.
+void writeSheets(std::ostream& out, const std::vector<Sheet>& sheets, const OutputStyle& style,
+                 const Terminal& terminal);
 
 // A CSV field: quoted when it has to be.
 std::string csvField(std::string_view text);

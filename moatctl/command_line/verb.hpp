@@ -3,6 +3,7 @@
 #pragma once
 
 #include "moatctl/command_line/options.hpp"
+#include "moatctl/command_line/output.hpp"
 #include "moatctl/exit_status.hpp"
 #include "ovsdb/client.hpp"
 
@@ -28,8 +29,8 @@ struct Program {
     std::ostream& out;           // data
     std::ostream& err;           // messages
     std::span<const Verb> verbs; // in the order of the help
-    bool errIsTerminal = false;
-    bool colour = false; // on out: a terminal, and NO_COLOR is not set
+    bool errIsTerminal = false;  // one that can do more than print
+    Terminal terminal{};         // of out
 
     ovsdb::ClientOptions server{}; // --server, --timeout
     bool force = false;            // --force

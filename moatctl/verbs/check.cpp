@@ -80,7 +80,7 @@ ExitStatus check(Program& program, const Options& options)
     if (options.style.format == Format::Table)
         writeProblems(program.out, problems);
     else
-        writeSheets(program.out, {sheetOf(problems)}, options.style, program.colour);
+        writeSheets(program.out, {sheetOf(problems)}, options.style, program.terminal);
     if (acknowledged != 0 && !options.all)
         program.err << acknowledged << (acknowledged == 1 ? " acknowledged warning is" : " acknowledged warnings are")
                     << " not shown (--all shows them)\n";

@@ -25,7 +25,7 @@ ExitStatus show(Program& program, const Options& options)
         if (options.table.empty() || findTable(options.table)->id == id)
             sheets.push_back(sheetOf(configuration, id, options.style.format));
     }
-    writeSheets(program.out, sheets, options.style, program.colour);
+    writeSheets(program.out, sheets, options.style, program.terminal);
     return ExitStatus::Ok;
 }
 

@@ -2,18 +2,23 @@
 #include "moatctl/bridge/compare.hpp"
 #include "moatctl/bridge/expected.hpp"
 #include "moatctl/bridge/kernel.hpp"
+#include "moatctl/check/check.hpp"
 #include "moatctl/command_line/output.hpp"
 #include "moatctl/command_line/time_stamp.hpp"
 #include "moatctl/tables/server.hpp"
+#include "moatctl/tables/values.hpp"
 #include "moatctl/verbs/all.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 namespace moatctl
@@ -23,6 +28,8 @@ namespace
 {
 
 namespace fs = std::filesystem;
+
+constexpr const char* asConfigured = "as configured";
 
 struct Options {
     std::string pidFolder = "/var/run";
@@ -120,7 +127,93 @@ std::string summaryOf(const std::vector<Entry>& entries)
         if (count != 0)
             text += (text.empty() ? "" : ", ") + std::to_string(count) + ' ' + nameOf(state);
     }
-    return text.empty() ? "as configured" : text;
+    return text.empty() ? asConfigured : text;
+}
+
+// Server and kernel side by side.
+struct View {
+    std::optional<Configuration> configuration;
+    std::string server; // in words
+    std::optional<ebtables::Table> kernel;
+    std::string noKernel; // why there is none
+    Applied applied;
+    std::vector<Entry> entries;
+    std::string found; // "as configured", or what is not
+
+    bool differs() const { return configuration && kernel && found != asConfigured; }
+};
+
+// Fills it in place: what it holds points into the configuration.
+void look(Program& program, View& view)
+{
+    try {
+        ovsdb::Client client = program.connect();
+        view.configuration = loadFromServer(client);
+        view.server = "up, schema " + client.schemaVersion();
+        view.applied = apply(expectedOf(*view.configuration));
+    } catch (const ovsdb::Error& error) {
+        view.server = std::string("down: ") + error.what();
+    }
+    view.kernel = readKernel(view.noKernel);
+    // Without the server there is nothing to compare with: everything is shown as it is.
+    if (view.kernel)
+        view.entries = compare(view.applied.table, *view.kernel);
+    view.found = summaryOf(view.entries);
+}
+
+// A change that the daemon is about to carry out is no difference yet.
+std::unique_ptr<View> lookTwice(Program& program, bool daemonRuns)
+{
+    constexpr std::chrono::milliseconds longestCommit{1000};
+    constexpr std::chrono::milliseconds pause{50};
+    const auto end = std::chrono::steady_clock::now() + longestCommit;
+    for (;;) {
+        auto view = std::make_unique<View>();
+        look(program, *view);
+        if (!view->differs() || !daemonRuns || std::chrono::steady_clock::now() >= end)
+            return view;
+        std::this_thread::sleep_for(pause);
+    }
+}
+
+// Rows that are enabled and not in force, and why.
+Sheet notInForce(const View& view, const std::vector<Problem>& problems)
+{
+    Sheet sheet{"not_in_force", "Not in force", {"TABLE", "ID", "COLUMN", "REASON"}, {}};
+    std::set<std::pair<std::string, std::int32_t>> told;
+    const auto add = [&](const std::string& table, std::int32_t id, const std::string& column,
+                         const std::string& reason) {
+        using tessera::Value;
+        sheet.rows.push_back({Value(table), id != 0 ? Cell(Value(id)) : Cell(), Value(column), Value(reason)});
+    };
+    for (const Problem& problem : problems) {
+        if (problem.severity != Severity::Error)
+            continue;
+        told.emplace(problem.table, problem.id);
+        add(problem.table, problem.id, problem.column, problem.text);
+    }
+    for (const Entry& entry : view.entries) {
+        const Row* row = view.applied.rowOf(entry.origin);
+        if (entry.state == EntryState::Missing && row != nullptr && told.emplace(row->table->name, row->id()).second)
+            add(std::string(row->table->name), row->id(), "", "the kernel does not have it: " + entry.text);
+    }
+    return sheet;
+}
+
+// The ports that rows name and this machine does not have; "" when there are none.
+std::string strangePorts(const View& view, const std::vector<Problem>& problems)
+{
+    std::set<std::string> names;
+    for (const Problem& problem : problems) {
+        if (problem.severity != Severity::Warning || isAcknowledged(*view.configuration, problem))
+            continue;
+        const Row* row = view.configuration->find(findTable(problem.table)->id, problem.id);
+        names.insert(text::inQuotes(withoutNot(row->text(problem.column))));
+    }
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + name;
+    return text;
 }
 
 ExitStatus status(Program& program, const Options& options)
@@ -131,37 +224,34 @@ ExitStatus status(Program& program, const Options& options)
         summary.rows.push_back({tessera::Value(std::string(what)), tessera::Value(state)});
     };
 
-    std::optional<Configuration> configuration;
-    try {
-        ovsdb::Client client = program.connect();
-        configuration = loadFromServer(client);
-        add("server", "up, schema " + client.schemaVersion());
-    } catch (const ovsdb::Error& error) {
-        add("server", std::string("down: ") + error.what());
-        inOrder = false;
-    }
     const std::optional<std::string> pid = daemonPid(options.pidFolder);
+    const std::unique_ptr<View> view = lookTwice(program, pid.has_value());
+    std::vector<Problem> problems;
+    if (view->configuration)
+        problems = checkInForce(*view->configuration, {.interfaceState = interfaceHere, .onProgress = {}});
+    Sheet rows = notInForce(*view, problems);
+
+    add("server", view->server);
     add("daemon", pid ? "running, process " + *pid : "not running");
     add("last commit", lastCommitText());
-    inOrder = inOrder && pid;
-
-    std::string reason;
-    const std::optional<ebtables::Table> kernel = readKernel(reason);
-    Applied applied;
-    std::vector<Entry> entries;
-    if (!kernel) {
-        add("kernel tables", "unknown: " + reason);
-        inOrder = false;
-    } else {
-        // Without the server there is nothing to compare with: everything is shown as it is.
-        if (configuration)
-            applied = apply(expectedOf(*configuration));
-        entries = compare(applied.table, *kernel);
-        const std::string found = summaryOf(entries);
-        add("kernel tables", configuration ? found : "not compared: the server is down");
-        inOrder = inOrder && found == "as configured";
+    if (!view->kernel)
+        add("kernel tables", "unknown: " + view->noKernel);
+    else
+        add("kernel tables", view->configuration ? view->found : "not compared: the server is down");
+    if (view->configuration) {
+        add("rows", !rows.rows.empty() ? std::to_string(rows.rows.size()) + " not in force"
+                    : view->kernel     ? "all in force"
+                                       : "none is wrong in itself");
+        const std::string strange = strangePorts(*view, problems);
+        add("ports", strange.empty() ? "all here" : "not here: " + strange);
+        inOrder = rows.rows.empty() && strange.empty();
     }
-    std::vector<Sheet> sheets{std::move(summary), entriesSheet(applied, entries, configuration.has_value())};
+    inOrder = inOrder && view->configuration && pid && view->kernel && view->found == asConfigured;
+
+    std::vector<Sheet> sheets{std::move(summary)};
+    if (options.style.format == Format::Json || !rows.rows.empty())
+        sheets.push_back(std::move(rows));
+    sheets.push_back(entriesSheet(view->applied, view->entries, view->configuration.has_value()));
     if (options.style.format != Format::Table) {
         for (Sheet& sheet : sheets) {
             for (std::string& heading : sheet.headings)
@@ -169,8 +259,8 @@ ExitStatus status(Program& program, const Options& options)
                                        [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
         }
     }
-    writeSheets(program.out, sheets, options.style, program.colour);
-    return inOrder ? ExitStatus::Ok : configuration ? ExitStatus::Warnings : ExitStatus::Server;
+    writeSheets(program.out, sheets, options.style, program.terminal);
+    return inOrder ? ExitStatus::Ok : view->configuration ? ExitStatus::Warnings : ExitStatus::Server;
 }
 
 } // namespace

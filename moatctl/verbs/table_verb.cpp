@@ -276,7 +276,7 @@ void addList(const Command& parent, Program& program, TableId table)
         program.action = [&program, style, table] {
             ovsdb::Client client = program.connect();
             const Configuration configuration = loadFromServer(client);
-            writeSheets(program.out, {sheetOf(configuration, table, style->format)}, *style, program.colour);
+            writeSheets(program.out, {sheetOf(configuration, table, style->format)}, *style, program.terminal);
             return ExitStatus::Ok;
         };
     });

@@ -209,8 +209,8 @@ Frame randomFrame(Random& random)
         while (frame.out == frame.in);
     }
     const auto byte = [&] { return static_cast<std::uint8_t>(random.number(1, 4)); };
-    frame.source = {2, 0, 0, 0, 0, byte()};
-    frame.destination = {2, 0, 0, 0, 0, byte()};
+    frame.source = moatctl::MacAddress{2, 0, 0, 0, 0, byte()};
+    frame.destination = moatctl::MacAddress{2, 0, 0, 0, 0, byte()};
     if (random.oneIn(3))
         frame.vlan = moatctl::VlanTag{random.pick(std::vector<std::uint16_t>{0, 1, 100, 4094, 4095}),
                                       static_cast<std::uint8_t>(random.number(0, 7))};

@@ -1,6 +1,8 @@
 """What the tests of moatctl share. Each is called as: TEST MOATCTL COMPLETION MANUAL [GROUP ...]"""
 
+import contextlib
 import json
+import os
 import pathlib
 import re
 import subprocess
@@ -69,6 +71,17 @@ class Case(unittest.TestCase):
 
     def rule_order(self):
         return [(row["Id"], row["RulePrio"]) for row in self.rows("rule")]
+
+
+def read_terminal(ours, theirs):
+    """All that was written to a terminal whose other users have ended; it comes in pieces. Closes both ends."""
+    os.close(theirs)
+    text = b""
+    with contextlib.suppress(OSError):  # the other end is closed
+        while data := os.read(ours, 65536):
+            text += data
+    os.close(ours)
+    return text.decode()
 
 
 def main():

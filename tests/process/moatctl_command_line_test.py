@@ -1,18 +1,23 @@
 """moatctl's help, manual page and completion, and command lines and files that are wrong."""
 
+import fcntl
+import json
 import os
 import pathlib
 import re
+import shutil
+import struct
 import subprocess
+import termios
 
-from moatctl_case import BAD_INPUT, COMPLETION, MANUAL, MOATCTL, OK, Case, main
+from moatctl_case import BAD_INPUT, COMPLETION, MANUAL, MOATCTL, OK, Case, main, read_terminal
 from lab.programs import SCHEMA
 
 
 class CommandLine(Case):
     def words_after(self, *words):
         script = f'source {COMPLETION}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _moatctl; printf "%s\\n" "${{COMPREPLY[@]}}"'
-        done = subprocess.run(["bash", "-c", script, "bash", "moatctl", *words], stdout=subprocess.PIPE,
+        done = subprocess.run(["bash", "-c", script, "bash", MOATCTL, *words], stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, text=True, timeout=10)
         self.assertEqual(done.stderr, "")
         return done.stdout.split()
@@ -46,6 +51,36 @@ class CommandLine(Case):
         self.assertIn("lo", self.words_after("rule", "add", "--in", ""))
         self.assertEqual(self.words_after("show", "fil"), ["filter", "filter-rule"])
         self.assertEqual(self.words_after("--server", SCHEMA[:-3]), [SCHEMA])
+        self.assertIn("lo", self.words_after("filter", "add", "--between", ""))
+        self.assertIn("lo", self.words_after("filter", "add", "--between", "lo", ""), "the second port")
+        self.assertNotIn("lo", self.words_after("filter", "add", "--between", "lo", "lo", ""))
+        self.assertIn("lo", self.words_after("port", "rename", ""))
+
+    def test_completion_goes_on_after_flags_and_values(self):
+        for words in (("--log",), ("--in", "lo"), ("--log", "--vlan", "3"), ("--vlan=3",), ("--vlan", "=", "3"),
+                      ("--drop", "--log", "--disabled", "--force")):
+            self.assertIn("--src-mac", self.words_after("rule", "add", *words, "--s"), words)
+        self.assertEqual(self.words_after("rule", "list", "--no-headings", "--format", "c"), ["csv"])
+        self.assertIn("--replace", self.words_after("import", "--elsewhere", "--"))
+        self.assertEqual(self.words_after("rule", "list", "--format", "=", "c"), ["csv"])
+        self.assertEqual(self.words_after("rule", "list", "--format", "="), ["table", "json", "csv"])
+
+    def test_completion_of_ids(self):
+        self.ok("batch", stdin="""filter add --id 7 --between eth0 eth1 --match mac --mode blacklist
+rule add --id 12 --in eth0 --drop
+rule add --id 13 --in eth1 --drop
+filter-rule add --id 4 --filter 7 --match 02:00:00:00:00:01
+""")
+        ids = lambda *words: [word for word in self.words_after("--server", str(self.socket), *words, "")
+                              if not word.startswith("-")]
+        self.assertEqual(ids("rule", "set"), ["12", "13"])
+        self.assertEqual(ids("rule", "remove", "--if-exists", "12"), ["12", "13"])
+        self.assertEqual(ids("rule", "add", "--in", "lo", "--before"), ["12", "13"])
+        self.assertEqual(ids("rule", "add", "--id"), [], "a new one")
+        self.assertEqual(ids("filter-rule", "add", "--filter"), ["7"])
+        self.assertEqual(ids("filter-rule", "enable"), ["4"])
+        self.assertEqual(ids("acknowledge", "filter"), ["7"])
+        self.assertIn("filter-rule", ids("acknowledge"))
 
     def test_examples_are_right(self):
         """Each example of a verb that changes rows is carried out; some need rows to be there."""
@@ -79,7 +114,8 @@ class CommandLine(Case):
                 ("monitor --format=csv", '--format "csv": expected text or json'), ("batch a b", 'unexpected word "b"'),
                 ("status x", 'unexpected word "x"'), ("check a b", 'unexpected word "b"'),
                 ("status --pid-folder", "--pid-folder has no value: expected FOLDER"),
-                ("explain --in eth0", "--src-mac is missing"), ("--server", "--server has no value: expected PATH"),
+                ("explain --out eth0", "--in is missing"), ("explain --configured --file x --in eth0", "--(file|configured) excludes --"),
+                ("acknowledge", "TABLE is missing"), ("port rename a", "NEW is missing"), ("--server", "--server has no value: expected PATH"),
                 ("--timeout x show", '--timeout "x": expected sec'), ("--timeout 0 show", '--timeout "0": expected sec')):
             done = subprocess.run([MOATCTL, *words.split()], capture_output=True, text=True, timeout=60, check=False)
             self.assertEqual((done.returncode, done.stdout), (BAD_INPUT, ""), words)
@@ -97,6 +133,102 @@ class CommandLine(Case):
                 ("--format=csv", '--format "csv": expected table or json'), ("--out a-name-that-is-too-long", "--out")):
             self.refused(BAD_INPUT, f"^moatctl: {message}", *frame.split(), *words.split())
         self.refused(BAD_INPUT, '^moatctl: --dst-mac "zz": expected one MAC', *frame.split()[:-1], "zz")
+        self.refused(BAD_INPUT, '^moatctl: --out "": expected PORT', *frame.split(), "--out", "")
+
+
+class Explain(Case):
+    """Without a look at the kernel; tests/system has the kernel's side."""
+
+    def setUp(self):
+        super().setUp()
+        self.ok("batch", stdin="".join(f"rule add --in eth0 --out eth1 --src-mac 02:00:00:00:00:{i:02x} --drop\n"
+                                       for i in range(1, 40)) + "rule add --in eth0 --out eth1 --vlan 3 --drop\n"
+                "global set --forward ACCEPT\n")
+
+    def explain(self, *words, status=OK):
+        done = self.run_tool("explain", "--configured", "--in", "eth0", "--out", "eth1", *words)
+        self.assertEqual(done.returncode, status, done.stderr)
+        return done.stdout.splitlines(), done.stderr
+
+    def test_only_the_steps_that_matter(self):
+        out, err = self.explain("--src-mac", "02:00:00:00:00:27", "--vlan", "9")
+        self.assertEqual(out[:2], ["frame arriving on eth0, leaving by eth1, from 02:00:00:00:00:27, VLAN 9 priority 0",
+                                   "through the configuration"])
+        self.assertEqual([line.split()[:3] for line in out[3:-2]],
+                         [["FORWARD", "1", "yes"], ["UserForwardRules", "39", "yes"]])
+        self.assertEqual(out[-2:], ["38 steps that lead nowhere not shown (--all shows all)",
+                                    "DROP: MoatKeeperRuleset Id 39 (rule 39 of UserForwardRules)"])
+        self.assertEqual(len(self.explain("--src-mac", "02:00:00:00:00:27", "--all")[0]), 3 + 40 + 1)
+
+    def test_mac_addresses_may_be_unknown(self):
+        out, _ = self.explain(status=BAD_INPUT)
+        self.assertEqual(out[-1], "UNKNOWN: it depends on the source MAC address, which MoatKeeperRuleset Id 1 looks at")
+        self.ok("rule", "remove", *range(1, 40))
+        out, _ = self.explain()
+        self.assertEqual(out[0], "frame arriving on eth0, leaving by eth1")
+        self.assertRegex(out[-1], "^ACCEPT: no rule decides; the policy of FORWARD, MoatKeeper$")
+
+    def test_json(self):
+        out, _ = self.explain("--src-mac", "02:00:00:00:00:02", "--format=json")
+        found = json.loads("".join(out))
+        self.assertEqual((found["walked"], found["differs"], found["configured"], found["fate"]),
+                         ("configuration", None, None, "DROP"))
+        self.assertEqual((found["decided_by"]["id"], len(found["steps"]), found["steps_left_out"]), (2, 2, 1))
+        out, _ = self.explain("--src-mac", "02:00:00:00:00:02", "--format=json", "--all")
+        self.assertEqual((len(json.loads("".join(out))["steps"]), json.loads("".join(out))["steps_left_out"]), (3, 0))
+
+    def test_ports_that_do_not_exist_are_noted(self):
+        done = self.run_tool("explain", "--configured", "--in", "lo", "--out", "eht1")
+        self.assertIn('note: "eht1": this machine has no such interface, so there is no such frame\n', done.stderr)
+        self.assertIn('note: "lo": not a port of a bridge on this machine, so there is no such frame\n', done.stderr)
+        path = self.folder / "site.json"
+        path.write_text(self.ok("export"))
+        done = self.run_tool("explain", "--file", path, "--in", "lo", "--out", "eht1")
+        self.assertEqual((done.returncode, done.stderr), (OK, ""))
+        self.assertEqual(done.stdout.splitlines()[1], f"through the configuration in {path}")
+
+    def test_a_socket_that_may_not_be_used(self):
+        """Told as what it is, not as a server that is not there."""
+        if os.geteuid() != 0:
+            self.skipTest("only root can become another user")
+        self.folder.chmod(0o755)
+        self.socket.chmod(0o600)
+        tool = shutil.copy(MOATCTL, self.folder)  # where it was built, nobody may be kept out
+        done = subprocess.run([tool, *self.command("show")[1:]], capture_output=True, text=True, timeout=60, user=65534, check=False)
+        self.assertEqual((done.returncode, done.stdout), (3, ""))
+        self.assertEqual(done.stderr, "moatctl: not allowed to use the configuration server at "
+                         f"{self.socket}: Permission denied\n")
+
+
+class OnATerminal(Case):
+    def screen(self, *words, term="xterm", columns=0, **variables):
+        ours, theirs = os.openpty()
+        if columns:
+            fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        environment = {**{k: v for k, v in os.environ.items() if k != "NO_COLOR"}, "TERM": term, **variables}
+        done = subprocess.run(self.command(*words), stdout=theirs, stderr=subprocess.DEVNULL, env=environment, timeout=60,
+                              check=False)
+        text = read_terminal(ours, theirs).replace("\r\n", "\n")
+        self.assertEqual(done.returncode, OK)
+        return text
+
+    def setUp(self):
+        super().setUp()
+        self.ok("rule", "add", "--in", "eth0", "--out", "eth1", "--src-mac", "02:00:00:00:00:01", "--src", "10.0.0.0/8",
+                "--proto", "tcp", "--port", "80", "--drop", "--log")
+
+    def test_headings_stand_out_where_that_is_understood(self):
+        self.assertIn("\x1b[1m", self.screen("rule", "list"))
+        for variables in ({"term": "dumb"}, {"term": ""}, {"NO_COLOR": "1"}):
+            self.assertNotIn("\x1b", self.screen("rule", "list", **variables), variables)
+
+    def test_tables_fit_the_width(self):
+        wide = self.screen("rule", "list", term="dumb", columns=200).splitlines()
+        self.assertEqual(len(wide), 2)
+        narrow = self.screen("rule", "list", term="dumb", columns=60).splitlines()
+        self.assertLessEqual(max(map(len, narrow)), 60)
+        self.assertEqual([line.split() for line in narrow], [list(pair) for pair in zip(wide[0].split(), wide[1].split())])
+        self.assertEqual(len(self.screen("rule", "list", term="dumb").splitlines()), 2, "a width that is not known")
 
     def test_files_that_cannot_be_used(self):
         binary = self.folder / "binary"

@@ -7,7 +7,7 @@ import socket
 import subprocess
 import time
 
-from moatctl_case import BAD_INPUT, OK, Case, main
+from moatctl_case import BAD_INPUT, OK, Case, main, read_terminal
 from lab.config import insert
 from lab.fake_server import FakeServer
 from lab.programs import SCHEMA, startServer
@@ -174,6 +174,8 @@ rule add --id 10 --priority 60 --in eth5 --out eth6 --drop
 class Terminal(Case):
     """What long work says of itself, on a terminal and elsewhere."""
 
+    ENVIRONMENT = {**os.environ, "TERM": "xterm"}
+
     def run_slowly(self, stderr):
         """An import at a server that takes half a second for the first part of the request, and as long to answer."""
         rows = [{"Id": number, "RulePrio": number, "InInterface": "eth0", "OutInterface": "eth1", "Target": "DROP",
@@ -197,22 +199,14 @@ class Terminal(Case):
         slow = FakeServer(self.folder / "slow", beRead, beWritten)
         self.addCleanup(slow.close)
         process = subprocess.Popen(self.command("import", path, "--elsewhere", socket_path=slow.path),
-                                   stdout=subprocess.DEVNULL, stderr=stderr)
+                                   stdout=subprocess.DEVNULL, stderr=stderr, env=self.ENVIRONMENT)
         return process
 
     def test_progress_on_a_terminal(self):
         ours, theirs = os.openpty()
         process = self.run_slowly(theirs)
-        os.close(theirs)
-        text = b""
-        try:
-            while data := os.read(ours, 65536):
-                text += data
-        except OSError:  # the other end is closed
-            pass
-        os.close(ours)
+        text = read_terminal(ours, theirs)
         self.assertEqual(process.wait(10), OK, text)
-        text = text.decode()
         shown = [int(number) for number in re.findall(r"sending 3000 changes: (\d+)%", text)]
         self.assertTrue(shown and shown == sorted(shown) and 0 < shown[-1] < 100, text)
         self.assertIn("waiting until the server has stored 3000 changes", text)
@@ -231,10 +225,8 @@ class Terminal(Case):
         self.addCleanup(silent.close)
         ours, theirs = os.openpty()
         done = subprocess.run(self.command("--timeout", "0.8", "import", path, socket_path=silent.path), stderr=theirs,
-                              stdout=subprocess.DEVNULL, timeout=60, check=False)
-        os.close(theirs)
-        text = os.read(ours, 65536).decode()
-        os.close(ours)
+                              stdout=subprocess.DEVNULL, timeout=60, check=False, env=self.ENVIRONMENT)
+        text = read_terminal(ours, theirs)
         self.assertEqual(done.returncode, BAD_INPUT)
         self.assertIn("reading the server's configuration\r\x1b[K", text)
         self.assertRegex(re.sub(r"[^\n]*\r\x1b\[K", "", text),
@@ -250,15 +242,13 @@ class Terminal(Case):
         ours, theirs = os.openpty()
         begin = time.monotonic()
         done = subprocess.run(self.command("import", "-", "--elsewhere"), input=b'{"MoatKeeper": [{}]}', stderr=theirs,
-                              stdout=subprocess.DEVNULL, timeout=60, check=False)
+                              stdout=subprocess.DEVNULL, timeout=60, check=False, env=self.ENVIRONMENT)
         took = time.monotonic() - begin
-        os.close(theirs)
-        text = os.read(ours, 65536)
-        os.close(ours)
+        text = read_terminal(ours, theirs)
         self.assertEqual(done.returncode, OK)
         if took > 0.3:  # a busy machine makes it long work
-            text = re.sub(rb"[^\n]*\r\x1b\[K", b"", text)
-        self.assertEqual(text, b"1 row to add, 0 to remove, 0 to change\r\n")
+            text = re.sub(r"[^\n]*\r\x1b\[K", "", text)
+        self.assertEqual(text, "1 row to add, 0 to remove, 0 to change\r\n")
 
 
 if __name__ == "__main__":

@@ -82,8 +82,8 @@ Bytes packetOf(const Frame& frame, bool optionsHeader)
 Bytes bytesOf(const Frame& frame, bool optionsHeader)
 {
     Bytes bytes;
-    put(bytes, frame.destination);
-    put(bytes, frame.source);
+    put(bytes, *frame.destination);
+    put(bytes, *frame.source);
     if (frame.vlan) {
         put16(bytes, ethertype::vlan);
         put16(bytes, (unsigned{frame.vlan->priority} << 13) | frame.vlan->id);
@@ -207,8 +207,8 @@ protected:
     {
         if (frame.destination == bridgeAddress || frame.destination == MacAddress{0x01, 0x80, 0xc2, 0, 0, 3})
             return {""};
-        if ((frame.destination[0] & 1U) == 0)
-            return {test::ports()[frame.destination[5] - 1U]};
+        if (((*frame.destination)[0] & 1U) == 0)
+            return {test::ports()[(*frame.destination)[5] - 1U]};
         std::vector<std::string> ways{""};
         for (const std::string& port : test::ports()) {
             if (port != frame.in)
@@ -246,8 +246,8 @@ void turnDestination(test::Random& random, Frame& frame)
         return;
     }
     // The bridge sends no frame back out of its port.
-    while (frame.destination[5] <= test::ports().size() && test::ports()[frame.destination[5] - 1U] == frame.in)
-        frame.destination[5] = static_cast<std::uint8_t>(random.number(1, 4));
+    while ((*frame.destination)[5] <= test::ports().size() && test::ports()[(*frame.destination)[5] - 1U] == frame.in)
+        (*frame.destination)[5] = static_cast<std::uint8_t>(random.number(1, 4));
 }
 
 TEST_F(ExplainAgreesWithTheKernel, OverRandomConfigurationsAndFrames)

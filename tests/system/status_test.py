@@ -203,6 +203,43 @@ class Status(machine.Machine):
         ebtables("-D UserInputRules", RULE4)
         self.assertEqual(self.notOk()[0], "1 missing, 1 extra, 2 different")
 
+    def testRowsThatCannotBeInForceAreNamed(self):
+        """The frames that such a row should stop pass: `as configured` is not all there is to say."""
+        self.config.insert(config.RULES, Id=12, RulePrio=50, InInterface="p1", Ethertype="IPv4", IPPort=80, Target="DROP")
+        self.config.insert(config.RULES, Id=13, Enabled=0, RulePrio=60, InInterface="p1", SrcMAC="zz", Target="DROP")
+        done = run("--format=json")
+        self.assertEqual((done.returncode, done.stderr), (AMISS, ""), done.stdout)
+        found = json.loads(done.stdout)
+        self.assertEqual({row["what"]: row["state"] for row in found["status"]}["rows"], "1 not in force")
+        (row,) = found["not_in_force"]
+        self.assertEqual((row["table"], row["id"], row["column"]), (config.RULES, 12, "IPPort"))
+        self.assertEqual(row["reason"], "80: expected a protocol to go with a port, IPProto TCP or UDP")
+        self.assertRegex(run().stdout, r"\nNot in force\nTABLE +ID +COLUMN +REASON\nMoatKeeperRuleset +12 +IPPort +80: ")
+
+    def testRowsThatTheKernelDoesNotHaveAreNamed(self):
+        self.daemon.stop(signal.SIGKILL)
+        self.config.insert(config.RULES, Id=12, RulePrio=50, InInterface="p1", Target="DROP")
+        done = run("--format=json")
+        self.assertEqual(done.returncode, AMISS)
+        self.assertEqual([(row["id"], row["reason"]) for row in json.loads(done.stdout)["not_in_force"]],
+                         [(12, "the kernel does not have it: -i p1 -j DROP")])
+
+    def testPortsThatAreNotHereAreNamed(self):
+        what, _ = self.status(IN_ORDER)
+        self.assertEqual((what["rows"], what["ports"]), ("all in force", "all here"))
+        self.config.update(config.RULES, 5, InInterface="p7")
+        self.config.update(config.RULES, 6, OutInterface="! lo")
+        waiting.until(lambda: self.status(AMISS)[0]["kernel tables"] == "as configured", "the commit")
+        self.assertEqual(self.status(AMISS)[0]["ports"], 'not here: "lo", "p7"')
+        subprocess.run([MOATCTL, "acknowledge", "rule", "5", "6"], check=True, capture_output=True)
+        self.status(IN_ORDER)
+        subprocess.run([MOATCTL, "acknowledge", "rule", "5", "6", "--withdraw"], check=True, capture_output=True)
+
+    def testJustAfterAChangeItWaitsForTheCommit(self):
+        for number in range(10):
+            self.config.update(config.RULES, 5, SrcMAC=f"02:00:00:00:01:{number:02x}")
+            self.status(IN_ORDER)
+
     def testTheDaemonIsAway(self):
         pid = self.daemon.pid
         committed = self.status(IN_ORDER)[0]["last commit"]

@@ -14,8 +14,8 @@ Frame frameOfType(std::uint16_t type)
     Frame frame;
     frame.in = "eth0";
     frame.out = "eth1";
-    frame.source = {2, 0, 0, 0, 0, 1};
-    frame.destination = {2, 0, 0, 0, 0, 2};
+    frame.source = MacAddress{2, 0, 0, 0, 0, 1};
+    frame.destination = MacAddress{2, 0, 0, 0, 0, 2};
     frame.type = type;
     return frame;
 }
@@ -35,6 +35,18 @@ Answer answer(const std::string& options, const Frame& frame)
     const std::optional<ebtables::Rule> rule = ebtables::parseRule(options, "FORWARD");
     EXPECT_TRUE(rule) << options;
     return rule ? match(*rule, frame).answer : Answer::Unknown;
+}
+
+TEST(Frame, AMacAddressMayBeUnknown)
+{
+    Frame frame = tcpFrame();
+    frame.source.reset();
+    EXPECT_EQ(answer("-s 02:00:00:00:00:01 -j DROP", frame), Answer::Unknown);
+    EXPECT_EQ(answer("-d 02:00:00:00:00:02 -j DROP", frame), Answer::Yes);
+    EXPECT_EQ(answer("-s 02:00:00:00:00:01 -i eth7 -j DROP", frame), Answer::No) << "whatever the address is";
+    EXPECT_EQ(answer("-p IPv4 -j DROP", frame), Answer::Yes);
+    frame.destination.reset();
+    EXPECT_EQ(answer("-d ! 02:00:00:00:00:02 -j DROP", frame), Answer::Unknown);
 }
 
 TEST(Frame, PortsMatchByNameAndBeginning)

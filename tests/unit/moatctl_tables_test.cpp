@@ -263,7 +263,7 @@ TEST(Output, SheetsInThreeForms)
     const std::vector<Sheet> numbers{{"n", "", {"A", "B"}, {{std::uint64_t{18446744073709551615U}, Cell()}}}};
     const auto written = [&sheets](Format format, bool headings) {
         std::ostringstream out;
-        writeSheets(out, sheets, {format, !headings}, false);
+        writeSheets(out, sheets, {format, !headings}, {});
         return out.str();
     };
     EXPECT_EQ(written(Format::Table, true), "First\nA   B\n1   \\xc3\\xa4\\x1b\n22  \n\nSecond\nC\n");
@@ -273,11 +273,42 @@ TEST(Output, SheetsInThreeForms)
               ovsdb::toText(ovsdb::parseJson(
                   "{\"one\":[{\"A\":1,\"B\":\"\xc3\xa4\\u001b\"},{\"A\":22,\"B\":\"\"}],\"two\":[]}")));
     std::ostringstream json;
-    writeSheets(json, numbers, {Format::Json, false}, false);
+    writeSheets(json, numbers, {Format::Json, false}, {});
     EXPECT_NE(json.str().find("{\"A\": 18446744073709551615, \"B\": null}"), std::string::npos) << json.str();
     std::ostringstream csv;
-    writeSheets(csv, numbers, {Format::Csv, true}, false);
+    writeSheets(csv, numbers, {Format::Csv, true}, {});
     EXPECT_EQ(csv.str(), "18446744073709551615,\r\n");
+}
+
+TEST(Output, ATableKeepsToTheWidthOfTheTerminal)
+{
+    const auto text = [](const char* words) { return tessera::Value(std::string(words)); };
+    const std::vector<Sheet> sheets{{"one",
+                                     "",
+                                     {"CHAIN", "TEXT"},
+                                     {{text("FORWARD"), text("-i eth0 -o eth1 -s 02:00:00:00:00:01 -j DROP")},
+                                      {text("INPUT"), text("a-word-that-is-longer-than-the-column")}}}};
+    const auto written = [&sheets](std::size_t width, bool colour = false) {
+        std::ostringstream out;
+        writeSheets(out, sheets, {}, {.colour = colour, .width = width});
+        return out.str();
+    };
+    const std::string whole = "CHAIN    TEXT\n"
+                              "FORWARD  -i eth0 -o eth1 -s 02:00:00:00:00:01 -j DROP\n"
+                              "INPUT    a-word-that-is-longer-than-the-column\n";
+    EXPECT_EQ(written(0), whole);
+    EXPECT_EQ(written(53), whole);
+    EXPECT_EQ(written(35), "CHAIN    TEXT\n"
+                           "FORWARD  -i eth0 -o eth1 -s\n"
+                           "         02:00:00:00:00:01 -j DROP\n"
+                           "INPUT    a-word-that-is-longer-than\n"
+                           "         -the-column\n");
+    EXPECT_EQ(written(28), "CHAIN  FORWARD\n"
+                           "TEXT   -i eth0 -o eth1 -s 02:00:00:00:00:01 -j DROP\n"
+                           "\n"
+                           "CHAIN  INPUT\n"
+                           "TEXT   a-word-that-is-longer-than-the-column\n");
+    EXPECT_EQ(written(0, true).substr(0, 22), "\033[1mCHAIN    TEXT\n\033[0m");
 }
 
 TEST(ParseConfiguration, TakesMoreValuesThanAnyConfigurationHas)
