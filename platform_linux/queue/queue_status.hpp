@@ -28,11 +28,11 @@ struct Repair {
 
 struct QueueStatus {
     bool inStep = false;   // a commit was carried out, and nothing waits since
-    std::string reason;    // why something waits
+    std::string reason{};  // why something waits
     std::size_t rules = 0; // of ours in the kernel, jumps included; 0 with a legacy tool, which is not asked
-    std::vector<NotInForce> notInForce; // the first of them
-    std::size_t notInForceCount = 0;    // all
-    std::optional<Repair> lastRepair;
+    std::vector<NotInForce> notInForce{}; // the first of them
+    std::size_t notInForceCount = 0;      // all
+    std::optional<Repair> lastRepair{};
 };
 
 } // namespace zol::cfg
