@@ -108,7 +108,9 @@ private:
     {
         std::vector<Problem> problems = m_file.problems;
         std::ranges::move(checkChange(before, after, m_checkOptions), std::back_inserter(problems));
-        if (std::ranges::any_of(problems, isError))
+        // A file that could not be read as a whole is not stored in part.
+        const bool unread = std::ranges::any_of(m_file.problems, isError);
+        if (std::ranges::any_of(problems, isError) && (unread || !m_program.force))
             refuse(std::move(problems));
         writeSorted(std::move(problems));
     }
@@ -198,6 +200,7 @@ void addImport(const Command& root, Program& program)
                  "The configuration is for another device: do not look for its interfaces on this machine",
                  options->elsewhere);
     command.flag("--dry-run", "Only check the file and show what would change", options->dryRun);
+    addChangeOptions(command, program);
     command.onGiven(
         [&program, options] { program.action = [&program, options] { return import(program, *options); }; });
 }

@@ -160,6 +160,18 @@ rule add --id 10 --priority 60 --in eth5 --out eth6 --drop
         self.assertEqual(done.returncode, OK)
         self.assertRegex(done.stderr, "^warning: MoatKeeper: there is no row: .+\n0 rows to add, 3 to remove, ")
 
+    def test_errors_can_be_stored_all_the_same(self):
+        row = '{"Id": 1, "RulePrio": 1, "InInterface": "eth0", "Target": "DROP", "Ethertype": "IPv4", "IPPort": 80%s}'
+        text = '{"MoatKeeper": [{}], "MoatKeeperRuleset": [' + row + "]}"
+        done = self.run_tool("import", "-", stdin=text % "")
+        self.assertEqual((done.returncode, self.rows("rule")), (BAD_INPUT, []))
+        done = self.run_tool("import", "-", "--force", stdin=text % ', "Colour": 1')
+        self.assertEqual((done.returncode, self.rows("rule")), (BAD_INPUT, []))
+        self.assertIn("1 error; nothing was changed", done.stderr)
+        done = self.run_tool("import", "-", "--force", stdin=text % "")
+        self.assertEqual((done.returncode, len(self.rows("rule"))), (OK, 1))
+        self.assertIn("standard input:1: error: MoatKeeperRuleset Id 1, IPPort: 80: expected a protocol", done.stderr)
+
     def test_what_is_no_configuration(self):
         for text, pattern in (("", ":1: error: "), ("{", "error"), ("[]", "expected an object"),
                               ('{"MoatKeeper": 1}', "MoatKeeper: expected a list"), ('{"MoatKeeper": [1]}', "a row"),
