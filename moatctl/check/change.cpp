@@ -63,6 +63,15 @@ private:
     std::optional<std::set<Key>> m_known;
 };
 
+// A warning that depends on the row and the machine only: the same row has always had it. Asking for all that was wrong
+// before takes as long as the check itself.
+bool isAboutPort(const Problem& problem)
+{
+    const schema::Table& table = *findTable(problem.table);
+    return problem.severity == Severity::Warning && !problem.column.empty() &&
+           table.columns[table.at(problem.column)].kind == ValueKind::Interface;
+}
+
 } // namespace
 
 std::vector<Problem> checkChange(const Configuration& before, const Configuration& after, const CheckOptions& options)
@@ -74,7 +83,7 @@ std::vector<Problem> checkChange(const Configuration& before, const Configuratio
         const bool fromFile = row != nullptr && row->line != 0;
         if (!fromFile)
             problem.file.clear();
-        if (old.hadRow(row, problem) && old.hadProblem(problem)) {
+        if (old.hadRow(row, problem) && (isAboutPort(problem) || old.hadProblem(problem))) {
             if (!fromFile || problem.severity == Severity::Warning)
                 continue;
             problem.severity = Severity::Warning;
