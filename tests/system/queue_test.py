@@ -146,7 +146,7 @@ class QueueTest(unittest.TestCase):
         refilled = time.monotonic() - begin
         print(f"{OPTIONS.waiting} changes of {OPTIONS.filters} filters without the right: {before} bytes before, {after} "
               f"after; a refill takes {refill * 1000:.0f} ms, what waited and the end {refilled * 1000:.0f} ms")
-        self.assertLess(after, 2 * before)
+        self.assertLessEqual(after, 2 * before)  # none with a sanitizer, which keeps memory itself
         last = OPTIONS.waiting + 1
         self.assertEqual(sum(f":{last >> 8:02x}:{last & 255:02x}:00 -j DROP" in line for line in tables()),
                          OPTIONS.filters)
