@@ -28,8 +28,9 @@ MAC_NAMES = {"Unicast": "00:00:00:00:00:00", "Multicast": "01:00:00:00:00:00/01:
 
 
 def seenByDeletion(rule):
-    """The rule as the tool compares it when it deletes one: without the masks of MAC addresses, and without
-    `-p LENGTH`. We compare all of it."""
+    """The rule as the tool compares it when it deletes one: without the masks of MAC addresses, `-p LENGTH` and what is
+    logged. We compare all of it."""
+    rule = re.sub(r'--log(-prefix ("[^"]*"|\S+)|-level \S+|-ip6|-ip|-arp)?(?= |$)', "", rule)
     def address(match):
         option, no, text = match.groups("")
         value, _, mask = MAC_NAMES.get(text, text).partition("/")
