@@ -86,9 +86,10 @@ public:
         m_link.emplace(m_settings, m_dispatcher, m_logModule, subscribed,
                        [this](ovsdb::Subscription::Progress progress) { takeOver(std::move(progress)); });
         m_source.emplace(m_link->tables(), m_tableNames, m_logModule);
-        m_device.emplace(hostName(), m_dispatcher, m_logModule, [this](ovsdb::Json operation, auto answered) {
-            m_link->transact(std::move(operation), std::move(answered));
-        });
+        m_device.emplace(hostName(), m_dispatcher, m_logModule,
+                         [this](ovsdb::Json operation, ServerLink::Answered answered) {
+                             m_link->transact(std::move(operation), std::move(answered));
+                         });
     }
 
     void initialize()
