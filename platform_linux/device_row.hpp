@@ -20,9 +20,10 @@ namespace zol::cfg
 using SendOperation = std::function<void(
     ovsdb::Json operation, std::function<void(const ovsdb::Json& result, const std::optional<std::string>& error)>)>;
 
-// What is to be told is told again and again until the server has taken it, at most every `pause`. Nothing here is an
-// error for the daemon: the log has a line when the server refuses, once until it takes something.
-// Threading: the dispatcher's thread.
+// The newest state is what is written, at most every `pause`. A write that was lost with its connection is made again
+// on the next one; one that the server refused is not, until the state is another. Nothing here is an error for the
+// daemon: the log has a line when the server refuses, once until it takes something. Threading: the dispatcher's
+// thread.
 class DeviceRow
 {
 public:

@@ -11,7 +11,7 @@ namespace schema
 // One row. Who changes the configuration raises the number in the same transaction.
 inline constexpr std::string_view changeTable = "MoatKeeperChange";
 inline constexpr std::string_view changeNumber = "Number";
-// The number after the last one is 0.
+// The number after the last one is 0. The schema lets this one in for the moment between adding 1 and taking the rest.
 inline constexpr std::int32_t changeNumbers = 2'000'000'000;
 
 // Whether the device that has put `inForce` in force has seen the change `number`, at most half of all numbers ago.

@@ -1,6 +1,6 @@
 #!/bin/bash
 # clang-tidy over the sources of products, as the asan preset compiles them; that must be built.
-# usage: tools/tidy.sh [FOLDER...]   all products' folders otherwise, which takes a quarter of an hour on two cores
+# usage: tools/tidy.sh [FOLDER...]   all products' folders otherwise, which takes many minutes
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
