@@ -46,6 +46,17 @@ def enter(*keep):
         os.close(handle)
 
 
+def enterNetwork():
+    """As enter, for a script that needs no folders of its own; ends it with SKIPPED where that cannot be made."""
+    if os.environ.pop(_INSIDE, "") == "1":
+        return
+    if subprocess.run(["unshare", "-n", "-m", "true"], check=False, capture_output=True).returncode != 0:
+        print("skipped: no network namespace can be made here (root is needed)")
+        sys.exit(SKIPPED)
+    os.environ[_INSIDE] = "1"
+    os.execvp("unshare", ["unshare", "-n", "-m", sys.executable, *sys.argv])
+
+
 def kernelLogIsShared():
     """Whether the log rules of our namespace reach the machine's kernel log."""
     return os.environ.get(_KERNEL_LOG) == "1"

@@ -4,13 +4,13 @@ refuses the tool refuses, but for the forms that are refused here on purpose.
 
 usage: ebtables_agreement_test.py VERDICT_PROGRAM [NUMBER_OF_LINES [SEED]]
 Runs itself again in a network namespace of its own."""
-import os
 import random
 import re
 import subprocess
 import sys
 
-SKIP = 77
+from lab import sandbox
+
 
 VALUES = {
     "-i": ["eth0", "eth+", "+", "! eth1", "123456789012345", "1234567890123456", "et+h", "a:b", "eth0.100", "-o"],
@@ -101,7 +101,7 @@ def fresh_tables():
     code, said = restore(["-N UC", "-N OTHER"])
     if code != 0:
         print(f"skipped: no bridge tables here: {said}")
-        sys.exit(SKIP)
+        sys.exit(sandbox.SKIPPED)
 
 
 def main():
@@ -146,10 +146,5 @@ def main():
 
 
 if __name__ == "__main__":
-    if os.environ.get("MOATKEEPER_IN_NAMESPACE") != "1":
-        if subprocess.run(["unshare", "-n", "true"], check=False, capture_output=True).returncode != 0:
-            print("skipped: no network namespace can be made here (root is needed)")
-            sys.exit(SKIP)
-        os.environ["MOATKEEPER_IN_NAMESPACE"] = "1"
-        os.execvp("unshare", ["unshare", "-n", sys.executable] + sys.argv)
+    sandbox.enterNetwork()
     sys.exit(main())

@@ -16,10 +16,9 @@ import tempfile
 import time
 import unittest
 
-from lab import waiting
+from lab import sandbox, waiting
 from lab.queue import Queue
 
-SKIP = 77
 OPTIONS = argparse.Namespace()
 
 SETUP = ["ebtables -N UserForwardRules", "ebtables -P UserForwardRules RETURN", "ebtables -A FORWARD -j UserForwardRules",
@@ -168,15 +167,10 @@ class Others(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if os.environ.get("MOATKEEPER_IN_NAMESPACE") != "1":
-        if sh("unshare", "-n", "-m", "true", check=False).returncode != 0:
-            print("skipped: no network namespace can be made here (root is needed)")
-            sys.exit(SKIP)
-        os.environ["MOATKEEPER_IN_NAMESPACE"] = "1"
-        os.execvp("unshare", ["unshare", "-n", "-m", sys.executable] + sys.argv)
+    sandbox.enterNetwork()
     if sh("nft", "add table bridge probe; delete table bridge probe", check=False).returncode != 0:
         print("skipped: this kernel has no bridge tables")
-        sys.exit(SKIP)
+        sys.exit(sandbox.SKIPPED)
     parser = argparse.ArgumentParser()
     parser.add_argument("driver")
     parser.add_argument("--repairs", type=int, default=5, help="of each kind; more than 59 are a fight")

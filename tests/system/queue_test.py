@@ -14,10 +14,9 @@ import tempfile
 import time
 import unittest
 
-from lab import netfilter, waiting
+from lab import netfilter, sandbox, waiting
 from lab.queue import Queue
 
-SKIP = 77
 OPTIONS = argparse.Namespace()
 
 
@@ -376,15 +375,10 @@ class QueueTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if os.environ.get("MOATKEEPER_IN_NAMESPACE") != "1":
-        if sh("unshare", "-n", "-m", "true", check=False).returncode != 0:
-            print("skipped: no network namespace can be made here (root is needed)")
-            sys.exit(SKIP)
-        os.environ["MOATKEEPER_IN_NAMESPACE"] = "1"
-        os.execvp("unshare", ["unshare", "-n", "-m", sys.executable] + sys.argv)
+    sandbox.enterNetwork()
     if sh("ebtables-restore", "--noflush", check=False, text_in="*filter\n-N T\nCOMMIT\n").returncode != 0:
         print("skipped: this kernel has no bridge tables")
-        sys.exit(SKIP)
+        sys.exit(sandbox.SKIPPED)
     parser = argparse.ArgumentParser()
     parser.add_argument("driver")
     parser.add_argument("--refused", type=int, default=200)
