@@ -16,6 +16,10 @@ using std::chrono::milliseconds;
 
 const char* const label = "ovsdb";
 
+// A server makes its socket and listens a moment later.
+constexpr milliseconds quickPause{10};
+constexpr unsigned quickTries = 100;
+
 } // namespace
 
 ServerLink::ServerLink(Settings settings, tessera::net::EventDispatcher::State& dispatcher,
@@ -24,7 +28,8 @@ ServerLink::ServerLink(Settings settings, tessera::net::EventDispatcher::State& 
       m_dispatcher(dispatcher),
       m_logModule(logModule),
       m_listener(std::move(listener)),
-      m_subscription(schema::serverDatabaseWithDevices(), tableNames)
+      m_subscription(schema::serverDatabaseWithDevices(), tableNames),
+      m_socketWatch(m_settings.socketPath, dispatcher, [this] { serverAppeared(); })
 {
 }
 
@@ -47,8 +52,33 @@ bool ServerLink::start()
     return connect();
 }
 
+void ServerLink::renew()
+{
+    if (!m_session)
+        return serverAppeared();
+    disconnect();
+    connectIn(milliseconds(0));
+}
+
+void ServerLink::serverAppeared()
+{
+    if (m_quickTries > 0)
+        return; // soon anyway
+    m_quickTries = quickTries;
+    connectIn(milliseconds(0));
+}
+
+void ServerLink::connectIn(milliseconds pause)
+{
+    m_dispatcher.stopTimer(m_reconnectTimer);
+    m_reconnectTimer = m_dispatcher.startTimer(pause, [this] { connect(); });
+}
+
 bool ServerLink::connect()
 {
+    // Before the attempt: a socket that appears right after it is noticed.
+    if (m_settings.reconnect)
+        m_socketWatch.start();
     try {
         m_connection.emplace(m_settings.socketPath);
         m_session.emplace();
@@ -59,6 +89,8 @@ bool ServerLink::connect()
         m_registered = true;
         flush();
         watchForStall(true);
+        m_socketWatch.stop();
+        m_quickTries = 0;
         return true;
     } catch (const ovsdb::ForeignServerError& e) {
         fail(Health::Foreign, e.what());
@@ -193,8 +225,12 @@ void ServerLink::fail(Health health, const std::string& reason)
         m_settings.reconnect ? "; trying again every " + std::to_string(m_settings.reconnectInterval.count()) + " ms"
                              : "; not trying again";
     report(health, reason + next);
-    if (m_settings.reconnect)
-        m_reconnectTimer = m_dispatcher.startTimer(m_settings.reconnectInterval, [this] { connect(); });
+    if (!m_settings.reconnect)
+        return;
+    m_socketWatch.start();
+    const bool soon = m_quickTries > 0 && health == Health::Absent;
+    m_quickTries = soon ? m_quickTries - 1 : 0;
+    connectIn(soon ? quickPause : m_settings.reconnectInterval);
 }
 
 void ServerLink::report(Health health, const std::string& text)

@@ -7,6 +7,7 @@
 #include "ovsdb/subscription.hpp"
 #include "platform/sysloglevel.h"
 #include "platform_linux/event_dispatcher.hpp"
+#include "platform_linux/file_watch.hpp"
 
 #include <chrono>
 #include <cstdint>
@@ -44,6 +45,9 @@ public:
     // The first attempt; false when there is no server yet.
     bool start();
 
+    // Leaves the server, if there is one, and goes to it anew at once.
+    void renew();
+
     const ovsdb::TableCache& tables() const { return m_subscription.tables(); }
 
     // Whether the server has told its state, and has the table.
@@ -65,6 +69,8 @@ private:
     static void tellResult(const ovsdb::RpcMessage& answer, const Answered& answered);
     void flush();
     void watchForStall(bool progress);
+    void serverAppeared();
+    void connectIn(std::chrono::milliseconds pause);
     void remind(std::chrono::milliseconds waited);
     void fail(Health health, const std::string& reason);
     void report(Health health, const std::string& text);
@@ -82,6 +88,9 @@ private:
     bool m_wantsWrite = false;
     Health m_health = Health::Unknown;
     std::string m_reason{"the server has not sent it yet"}; // why there may be no configuration
+
+    FileWatch m_socketWatch;   // while there is no connection
+    unsigned m_quickTries = 0; // left: the server's socket is there, but does not listen yet
 
     tessera::net::EventDispatcher::State::TimerId m_stallTimer = 0;
     tessera::net::EventDispatcher::State::TimerId m_reconnectTimer = 0;

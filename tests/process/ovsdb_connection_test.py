@@ -7,6 +7,7 @@ import pathlib
 import random
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -39,8 +40,8 @@ class ProbeTest(unittest.TestCase):
         self.folder = pathlib.Path(folder.name)
         self.socket = self.folder / "config.sock"
 
-    def probe(self, timeoutSeconds=60):
-        probe = Program([PROBE, self.socket, str(timeoutSeconds), str(INTERVAL_MS)], self.folder / "probe.log")
+    def probe(self, timeoutSeconds=60, intervalMs=INTERVAL_MS):
+        probe = Program([PROBE, self.socket, str(timeoutSeconds), str(intervalMs)], self.folder / "probe.log")
 
         def stop():
             self.assertEqual(probe.stop(), 0, probe.readLog())
@@ -91,6 +92,33 @@ class ServerConversation(ProbeTest):
         self.transact({"op": "update", "table": RULES, "where": [["Id", "==", 9]],
                        "row": {"VLANID": ["set", []], "Enabled": 0}})
         probe.waitForLines(r"rule\(3,1,-1,eth0,DROP\) rule\(9,0,-1,eth0,DROP\) rule")
+
+    def testConnectsAsSoonAsTheSocketAppears(self):
+        probe = self.probe(intervalMs=3_600_000)  # no other attempt while this test lasts
+        probe.waitForLines("ovsdb:20: .*; trying again every 3600000 ms")
+        self.server()
+        probe.waitForLines("^commit$")
+
+    def testConnectsAsSoonAsTheServerIsBack(self):
+        server = startServer(SCHEMA, self.folder, socketPath=self.socket)
+        probe = self.probe(intervalMs=3_600_000)
+        for count in (2, 3):
+            probe.waitForLines("^commit$", count=count - 1)
+            server.stop()
+            probe.waitForLines("ovsdb:30: ", count=count - 1)
+            server = startServer(SCHEMA, self.folder, socketPath=self.socket)
+            self.addCleanup(server.stop)
+            probe.waitForLines("^commit$", count=count)
+
+    def testASocketThatDoesNotListenYetIsTriedAgainSoon(self):
+        probe = self.probe(intervalMs=3_600_000)
+        probe.waitForLines("ovsdb:20: ")
+        with socket.socket(socket.AF_UNIX) as early:
+            early.settimeout(10)
+            early.bind(str(self.socket))
+            time.sleep(0.1)  # the case itself: bound, and not listening for so long
+            early.listen()
+            early.accept()[0].close()
 
     def testWithoutAConfigurationTheLogSaysSoAgainAndAgain(self):
         probe = self.probe(timeoutSeconds=1)
