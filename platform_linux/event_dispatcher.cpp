@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace tessera::net
@@ -41,12 +42,13 @@ EventDispatcher::State::State()
     if (m_epoll < 0)
         throwErrno("epoll_create1");
     const sigset_t held = heldBackSignals();
-    pthread_sigmask(SIG_BLOCK, &held, &m_waitingMask);
+    pthread_sigmask(SIG_BLOCK, &held, &m_maskBefore);
+    m_waitingMask = m_maskBefore;
 }
 
 EventDispatcher::State::~State()
 {
-    pthread_sigmask(SIG_SETMASK, &m_waitingMask, nullptr);
+    pthread_sigmask(SIG_SETMASK, &m_maskBefore, nullptr);
     close(m_epoll);
 }
 
@@ -73,6 +75,40 @@ void EventDispatcher::State::removeDescriptor(int descriptor)
 {
     m_descriptors.erase(descriptor);
     epoll_ctl(m_epoll, EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
+void EventDispatcher::State::addSignal(int number, std::function<void()> callback)
+{
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, number);
+    const int descriptor = signalfd(-1, &one, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (descriptor < 0)
+        throwErrno("signalfd");
+    try {
+        addDescriptor(descriptor, EPOLLIN, [descriptor, callback = std::move(callback)](std::uint32_t) {
+            signalfd_siginfo information;
+            if (read(descriptor, &information, sizeof information) == sizeof information)
+                callback();
+        });
+    } catch (...) {
+        close(descriptor);
+        throw;
+    }
+    m_signalDescriptors[number] = descriptor;
+    sigaddset(&m_waitingMask, number);
+    // One that comes when nobody looks for it any more does nothing; while it is held back, it comes all the same.
+    std::signal(number, SIG_IGN);
+}
+
+void EventDispatcher::State::removeSignal(int number)
+{
+    const auto found = m_signalDescriptors.find(number);
+    if (found == m_signalDescriptors.end())
+        return;
+    removeDescriptor(found->second);
+    close(found->second);
+    m_signalDescriptors.erase(found);
 }
 
 EventDispatcher::State::TimerId EventDispatcher::State::startTimer(std::chrono::milliseconds delay,

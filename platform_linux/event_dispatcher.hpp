@@ -34,6 +34,11 @@ public:
     void modifyDescriptor(int descriptor, std::uint32_t epollEvents);
     void removeDescriptor(int descriptor);
 
+    // Calls back when this signal comes: between other callbacks, never in the middle of one. Until it is removed it
+    // ends no wait in any other way. Throws std::system_error.
+    void addSignal(int number, std::function<void()> callback);
+    void removeSignal(int number);
+
     // Calls back once, not before the time is over. A timer costs nothing but the wait's time limit.
     TimerId startTimer(std::chrono::milliseconds delay, std::function<void()> callback);
     void stopTimer(TimerId timer); // one that has run, or 0, is no error
@@ -44,11 +49,13 @@ private:
     int timeoutMs() const;
     bool runDueTimers();
 
-    sigset_t m_waitingMask{};
+    sigset_t m_maskBefore{};
+    sigset_t m_waitingMask{}; // as before, but for the signals that are called back for
     int m_epoll = -1;
     std::map<int, std::shared_ptr<DescriptorCallback>> m_descriptors;
     std::map<std::pair<Clock::time_point, TimerId>, std::function<void()>> m_timers; // by time, then in order of start
     TimerId m_lastTimer = 0;
+    std::map<int, int> m_signalDescriptors; // by the signal's number
 };
 
 } // namespace tessera::net

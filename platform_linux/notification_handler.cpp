@@ -9,11 +9,15 @@
 #include "platform_linux/event_dispatcher.hpp"
 #include "platform_linux/queue/transaction_queue.hpp"
 #include "platform_linux/server_link.hpp"
+#include "platform_linux/service_manager.hpp"
+#include "platform_linux/signals.hpp"
+#include "platform_linux/start_settings.hpp"
 #include "schema/device.hpp"
 
 #include <array>
 #include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstdint>
 #include <list>
 #include <malloc.h>
@@ -30,6 +34,8 @@ namespace zol::cfg
 
 namespace
 {
+
+constexpr const char* label = "start";
 
 std::string hostName()
 {
@@ -58,16 +64,20 @@ public:
         if (m_queue.watchedDescriptor() >= 0)
             m_dispatcher.addDescriptor(m_queue.watchedDescriptor(), EPOLLIN, [this](std::uint32_t) {
                 m_queue.handleChange();
-                scheduleRetry();
-                tellDevice();
+                queueHasRun();
             });
+        m_dispatcher.addSignal(platform::reloadSignal(), [this] { reload(); });
+        m_dispatcher.addSignal(platform::handOverSignal(), [this] { handOver(); });
     }
 
     ~State()
     {
-        if (m_device)
+        if (m_device && !m_handedOver)
             m_device->stop();
+        m_dispatcher.removeSignal(platform::reloadSignal());
+        m_dispatcher.removeSignal(platform::handOverSignal());
         m_dispatcher.stopTimer(m_retryTimer);
+        m_dispatcher.stopTimer(m_waitTimer);
         if (m_queue.watchedDescriptor() >= 0)
             m_dispatcher.removeDescriptor(m_queue.watchedDescriptor());
     }
@@ -96,6 +106,7 @@ public:
     {
         if (m_handler == nullptr)
             throw std::logic_error("no configuration handler is registered");
+        prepareStart();
         if (!m_link->start() && m_failWithoutServer)
             throw std::runtime_error("no configuration server at " + m_settings.socketPath);
     }
@@ -114,11 +125,75 @@ public:
         m_changedTables.clear();
         deliver(names);
         malloc_trim(0); // what a message, a read and a commit took for a while; the next may be days away
-        scheduleRetry();
-        tellDevice();
+        queueHasRun();
     }
 
 private:
+    // Before the first attempt to connect: what holds until there is a configuration.
+    void prepareStart()
+    {
+        const StartSettings settings = StartSettings::fromEnvironment();
+        for (const std::string& problem : settings.problems)
+            ZOL_Sysloglevel_warning(m_logModule, label, 10, problem);
+        if (settings.closed)
+            close(settings);
+        if (m_manager.waits())
+            m_waitTimer = m_dispatcher.startTimer(settings.wait, [this] {
+                m_waitTimer = 0;
+                ZOL_Sysloglevel_warning(m_logModule, label, 30,
+                                        "no configuration is in force yet; the start goes on without it");
+                m_manager.isReady("waits for its configuration");
+            });
+    }
+
+    void close(const StartSettings& settings)
+    {
+        using Held = TransactionQueue::Held;
+        const Held held = m_queue.hold(settings.closingLines());
+        if (held == Held::InForce)
+            ZOL_Sysloglevel_info(m_logModule, label, 20,
+                                 "the bridge is closed until there is a configuration, but for " +
+                                     std::to_string(settings.ports.size()) + " ports and " +
+                                     std::to_string(settings.macs.size()) + " addresses");
+        if (held == Held::NotNeeded)
+            ZOL_Sysloglevel_info(m_logModule, label, 21,
+                                 "until there is a configuration, the rules of the process before stay");
+        scheduleRetry();
+    }
+
+    // The service manager hears of the first commit when the kernel has it.
+    void tellManager()
+    {
+        if (!m_manager.waits() || !m_queue.status(0).inStep)
+            return;
+        m_dispatcher.stopTimer(std::exchange(m_waitTimer, 0));
+        m_manager.isReady("the configuration is in force");
+    }
+
+    void queueHasRun()
+    {
+        scheduleRetry();
+        tellDevice();
+        tellManager();
+    }
+
+    void reload()
+    {
+        ZOL_Sysloglevel_info(m_logModule, label, 40, "looks at the bridge tables and the configuration anew");
+        m_queue.look();
+        queueHasRun();
+        m_link->renew();
+    }
+
+    // Ends the process as a stop signal does, but leaves what is in force to the next one.
+    void handOver()
+    {
+        ZOL_Sysloglevel_info(m_logModule, label, 50, "what is in the bridge tables stays for the next process");
+        m_handedOver = true;
+        m_queue.keep();
+        std::raise(SIGTERM);
+    }
+
     void takeOver(ovsdb::Subscription::Progress progress)
     {
         m_numberChanged = progress.changedTables.erase(std::string(schema::changeTable)) != 0 || m_numberChanged;
@@ -163,8 +238,7 @@ private:
         if (const auto pause = m_queue.retryIn()) {
             m_retryTimer = m_dispatcher.startTimer(*pause, [this] {
                 m_queue.retry();
-                scheduleRetry();
-                tellDevice();
+                queueHasRun();
             });
         }
     }
@@ -181,6 +255,10 @@ private:
     std::optional<DeviceRow> m_device;
     std::vector<std::string> m_tableNames; // the handler's
     EventDispatcher::State::TimerId m_retryTimer = 0;
+
+    platform::ServiceManager m_manager = platform::ServiceManager::fromEnvironment();
+    EventDispatcher::State::TimerId m_waitTimer = 0; // until somebody is told that the start is done
+    bool m_handedOver = false;
 
     // Not delivered yet.
     bool m_all = false;

@@ -6,6 +6,16 @@
 namespace zol::platform
 {
 
+int handOverSignal()
+{
+    return SIGRTMIN + 1;
+}
+
+int reloadSignal()
+{
+    return SIGHUP;
+}
+
 void ignoreMeaninglessSignals()
 {
     struct sigaction ignore {
@@ -14,8 +24,10 @@ void ignoreMeaninglessSignals()
     for (const int number :
          {SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGPIPE, SIGIO, SIGPWR, SIGSTKFLT, SIGXCPU, SIGXFSZ})
         sigaction(number, &ignore, nullptr);
-    for (int number = SIGRTMIN; number <= SIGRTMAX; ++number)
-        sigaction(number, &ignore, nullptr);
+    for (int number = SIGRTMIN; number <= SIGRTMAX; ++number) {
+        if (number != handOverSignal())
+            sigaction(number, &ignore, nullptr);
+    }
 }
 
 } // namespace zol::platform

@@ -82,6 +82,15 @@ ebtables::Footprint KernelTables::footprint() const
     return result;
 }
 
+void KernelTables::startOver()
+{
+    m_leftover = footprint();
+    m_wanted = TableImage::untouched();
+    m_actual = {};
+    m_everRead = false;
+    m_isKnown = false;
+}
+
 bool KernelTables::isOwn(std::uint32_t generation) const
 {
     return generation == m_ownGeneration ||

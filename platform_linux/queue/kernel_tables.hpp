@@ -76,6 +76,9 @@ public:
     // The tables may have changed: they are read before anything else is done.
     void forget() { m_isKnown = false; }
 
+    // From here on nothing is wanted, and what is there of ours counts as another process's.
+    void startOver();
+
     // Whether that generation was made by us, or is older than what is known.
     bool isOwn(std::uint32_t generation) const;
 

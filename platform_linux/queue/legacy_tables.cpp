@@ -67,6 +67,12 @@ void LegacyTables::setLeftover(ebtables::Footprint leftover)
     m_footprint = m_leftover;
 }
 
+void LegacyTables::startOver()
+{
+    m_waiting = {};
+    m_leftover = m_footprint;
+}
+
 void LegacyTables::add(std::vector<Command>&& commands, std::string_view line)
 {
     m_waiting.add(std::move(commands), line);

@@ -37,6 +37,9 @@ public:
     // Carries out what was added, in order.
     Outcome carryOut(int keepOpen);
 
+    // From here on nothing waits, and what is there of ours counts as a leftover.
+    void startOver();
+
     // What is of ours in the tables, and what will be when all that waits is carried out as well.
     ebtables::Footprint footprint() const;
 

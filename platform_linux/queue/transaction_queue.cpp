@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
+#include <set>
 #include <span>
 #include <unordered_set>
 #include <utility>
@@ -102,6 +103,7 @@ public:
     {
         if (m_closedLines == 0)
             return;
+        endHold();
         if (!m_nextTry || Clock::now() >= *m_nextTry)
             return carryOut();
         playClosed(); // what waits is what is wanted, not the way there
@@ -116,9 +118,68 @@ public:
             check();
     }
 
+    Held hold(const std::vector<std::string>& lines)
+    {
+        if (!holdRecord())
+            return Held::NotNeeded;
+        std::vector<std::vector<ebtables::Command>> parsed;
+        std::set<std::string> chains;
+        for (const std::string& line : lines) {
+            parsed.push_back(std::move(ebtables::parseLine(line).commands));
+            for (const ebtables::Command& command : parsed.back()) {
+                if (command.kind == CommandKind::NewChain)
+                    chains.insert(command.chain);
+            }
+        }
+        if (m_hasLeftover && !std::ranges::includes(chains, m_recorded.chains()))
+            return Held::NotNeeded;
+        m_holding = true;
+        for (std::size_t i = 0; i < lines.size(); ++i) {
+            m_lines.add(lines[i]);
+            if (m_legacy)
+                m_legacy->add(std::move(parsed[i]), lines[i]);
+            else
+                for (const ebtables::Command& command : parsed[i])
+                    m_queued.push_back({intern(command, m_pool), m_lines.size() - 1});
+        }
+        closeGroup();
+        carryOut();
+        return m_waiting ? Held::Waits : Held::InForce;
+    }
+
+    // What is held is an earlier process's from now on: the next transaction takes it out.
+    void endHold()
+    {
+        if (!std::exchange(m_holding, false))
+            return;
+        if (m_legacy)
+            m_legacy->startOver();
+        else
+            m_tables.startOver();
+        m_hasLeftover = true;
+        m_waiting = false;
+        m_nextTry.reset();
+    }
+
+    void keep() { m_keep = true; }
+
+    void look()
+    {
+        m_tables.forget();
+        m_nextTry.reset();
+        m_notBefore = {};
+        if (m_waiting)
+            carryOut();
+        else
+            check();
+    }
+
     void finish(bool afterException)
     {
+        if (m_keep || (m_holding && afterException))
+            return;
         closeGroup();
+        endHold();
         if (m_closedLines == 0 && !m_waiting && (!m_hasLeftover || afterException))
             return;
         m_options.limits.time = std::min(m_options.limits.time, lastMoments);
@@ -221,8 +282,8 @@ private:
                 m_recorded = *found;
                 m_hasLeftover = !found->empty();
                 if (m_hasLeftover)
-                    info(106,
-                         "a process that was killed left rules in the bridge tables; the first commit takes them out");
+                    info(106, "the process before left its rules in the bridge tables; they stay until the first "
+                              "commit takes their place");
                 if (m_legacy)
                     m_legacy->setLeftover(std::move(*found));
                 else
@@ -424,7 +485,7 @@ private:
     void check()
     {
         m_nextCheck.reset();
-        if (m_waiting || m_legacy || !m_everDone || !m_queued.empty())
+        if (m_waiting || m_legacy || !(m_everDone || m_holding) || !m_queued.empty())
             return;
         const Clock::time_point start = Clock::now();
         carryOut();
@@ -445,6 +506,8 @@ private:
 
     void noteCommit()
     {
+        if (m_holding)
+            return; // no commit of anybody's
         m_everDone = true;
         const std::string reason = m_record.noteCommit();
         if (!reason.empty() && !std::exchange(m_toldNoTime, true))
@@ -501,7 +564,9 @@ private:
     bool m_recording = false;
     bool m_held = false; // the record's lock
     bool m_toldNoTime = false;
-    bool m_hasLeftover = false;  // a killed process left something that nobody took out yet
+    bool m_hasLeftover = false;  // the process before left something that nobody took out yet
+    bool m_holding = false;      // what is in force is to hold until the first delivery
+    bool m_keep = false;         // it is the next process's
     Footprint m_recorded;        // what the record says
     std::string m_recordProblem; // why not what it should
 
@@ -540,6 +605,21 @@ TransactionQueue::TransactionQueue(TransactionQueueOptions options)
 TransactionQueue::~TransactionQueue()
 {
     m_state->finish(std::uncaught_exceptions() > 0);
+}
+
+TransactionQueue::Held TransactionQueue::hold(const std::vector<std::string>& lines)
+{
+    return m_state->hold(lines);
+}
+
+void TransactionQueue::keep()
+{
+    m_state->keep();
+}
+
+void TransactionQueue::look()
+{
+    m_state->look();
 }
 
 void TransactionQueue::addCommand(const std::string& commandLine)

@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace zol::cfg
 {
@@ -35,15 +36,31 @@ struct TransactionQueueOptions {
 class TransactionQueue : public ActionQueue
 {
 public:
-    // Asks the tool, if there is one, which variant it is, and reads what a killed process left. Changes nothing.
+    // Asks the tool, if there is one, which variant it is, and reads what the process before left. Changes nothing.
     explicit TransactionQueue(TransactionQueueOptions options = {});
 
-    // Carries out what is left, and takes out what a killed process left if no commit has done so: a stop leaves
+    // Carries out what is left, and takes out what the process before left if no commit has done so: a stop leaves
     // nothing. Only when an exception is under way and nothing was ever committed does that stay in force, for the next
     // start. Each process of a legacy tool has 10 s for it, or limits.afterStop once a stop signal has come.
     ~TransactionQueue() override;
     TransactionQueue(const TransactionQueue&) = delete;
     TransactionQueue& operator=(const TransactionQueue&) = delete;
+
+    // Puts these lines in force at once, as one transaction, until the first delivery, whose lines take their place in
+    // the transaction that puts them in. To be called before any line is queued. Their forms are not looked at, so they
+    // are the platform's own; what they put into the tables must be in chains that they make, and in jumps to these.
+    enum class Held {
+        InForce,
+        Waits,     // the log says why; it is tried again as commits are
+        NotNeeded, // the rules of a process before us are in force, or another one is at work: they stay
+    };
+    Held hold(const std::vector<std::string>& lines);
+
+    // From here on the destructor leaves everything as it is, for the next process to take over.
+    void keep();
+
+    // Looks at the tables and puts right what is not as it should be, and tries again what waits, at once.
+    void look();
 
     void addCommand(const std::string& commandLine) override;
     int process() override;

@@ -14,7 +14,7 @@ CMAKE, BUILD, PREFIX = sys.argv[1:4]
 FILES = ("sbin/moatkeeper", "share/moatkeeper/moatkeeper.ovsschema", "share/man/man8/moatkeeper.8",
          "lib/systemd/system/moatkeeper.service", "lib/systemd/system/moatkeeper-db.service",
          "lib/systemd/system/moatkeeper-db-create.service", "sbin/moatkeeper-db-prepare",
-         "lib/tmpfiles.d/moatkeeper.conf")
+         "lib/tmpfiles.d/moatkeeper.conf", "share/moatkeeper/moatkeeper.default")
 
 
 def run(*command, **settings):

@@ -120,6 +120,14 @@ class ServerConversation(ProbeTest):
             early.listen()
             early.accept()[0].close()
 
+    def testAReloadConnectsAnew(self):
+        self.server()
+        probe = self.probe()
+        probe.waitForLines("^commit$")
+        os.kill(probe.pid, signal.SIGHUP)
+        probe.waitForLines("^commit$", count=2)
+        self.assertEqual(probe.matching("ovsdb:30:"), [])
+
     def testWithoutAConfigurationTheLogSaysSoAgainAndAgain(self):
         probe = self.probe(timeoutSeconds=1)
         for seconds in (1, 2):

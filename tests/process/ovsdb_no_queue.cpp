@@ -10,6 +10,12 @@ class TransactionQueue::State
 
 TransactionQueue::TransactionQueue(TransactionQueueOptions) {}
 TransactionQueue::~TransactionQueue() = default;
+TransactionQueue::Held TransactionQueue::hold(const std::vector<std::string>&)
+{
+    return Held::InForce;
+}
+void TransactionQueue::keep() {}
+void TransactionQueue::look() {}
 void TransactionQueue::addCommand(const std::string&) {}
 int TransactionQueue::process()
 {

@@ -147,6 +147,43 @@ TEST(EventDispatcherTest, ASignalGetsThroughWhileEventsNeverEnd)
     std::signal(SIGTERM, before);
 }
 
+TEST(EventDispatcherTest, CallsBackForASignal)
+{
+    int reloads = 0;
+    {
+        EventDispatcher dispatcher;
+        dispatcher.state().addSignal(SIGHUP, [&] { ++reloads; });
+        for (int i = 1; i <= 3; ++i) {
+            std::raise(SIGHUP);
+            EXPECT_EQ(reloads, i - 1) << "in the loop only";
+            EXPECT_TRUE(dispatcher.handleEvents());
+            EXPECT_EQ(reloads, i);
+        }
+        dispatcher.state().removeSignal(SIGHUP);
+        dispatcher.state().removeSignal(SIGHUP);
+        std::raise(SIGHUP); // would end this test after the dispatcher
+    }
+    EXPECT_EQ(reloads, 3);
+    std::signal(SIGHUP, SIG_DFL);
+}
+
+TEST(EventDispatcherTest, ASignalThatIsCalledBackForMayRaiseAnother)
+{
+    g_signals = 0;
+    const auto before = std::signal(SIGTERM, countSignal);
+    {
+        EventDispatcher dispatcher;
+        dispatcher.state().addSignal(SIGHUP, [] { std::raise(SIGTERM); });
+        std::raise(SIGHUP);
+        EXPECT_TRUE(dispatcher.handleEvents());
+        EXPECT_FALSE(dispatcher.handleEvents());
+        EXPECT_EQ(g_signals, 1);
+        dispatcher.state().removeSignal(SIGHUP);
+    }
+    std::signal(SIGTERM, before);
+    std::signal(SIGHUP, SIG_DFL);
+}
+
 TEST(EventDispatcherTest, TheMaskFromBeforeComesBack)
 {
     sigset_t before;
