@@ -11,12 +11,11 @@ import argparse
 import os
 import random
 import re
-import shlex
-import subprocess
 import sys
 import time
 
-from lab import sandbox
+from lab import namespace, sandbox
+from lab.namespace import Namespace
 
 CHAINS = ["A1", "B2", "C3", "INPUT", "FORWARD", "OUTPUT"]
 OWN = CHAINS[:3]
@@ -47,14 +46,17 @@ class Lines:
         self.random = random.Random(seed)
         self.rules = []
         self.alike = {}  # rules that were ever made, by the chain and what the tool sees of them
+        self.chains = set()  # those made, but for what was refused
 
     def line(self):
         pick = self.random
-        kind = pick.choices(["-A", "-I", "-D", "-N", "-X", "-F", "-P", "wrong"], [40, 12, 12, 12, 5, 4, 8, 3])[0]
+        kind = pick.choices(["-A", "-I", "-D", "-N", "-X", "-F", "-P", "wrong"], [45, 12, 12, 4, 5, 4, 8, 3])[0]
         if kind == "-N":
-            return f"ebtables -N {pick.choice(OWN)}"
+            return self.newChain()
         if kind in ("-X", "-F"):
             chain = pick.choice(OWN if kind == "-X" else CHAINS + ["Missing"])
+            if kind == "-X":
+                self.chains.discard(chain)
             # The tool refuses to delete a chain with rules or deletes it, by version: emptied it goes with all.
             return f"ebtables -F {chain}" + (f"; ebtables -X {chain}" if kind == "-X" else "")
         if kind == "-P":
@@ -70,12 +72,19 @@ class Lines:
         chain = pick.choice(CHAINS)
         rule = self.rule(chain)
         self.add(chain, rule)
-        position = f"{pick.randint(1, 4)} " if kind == "-I" and pick.random() < 0.7 else ""
+        position = f"{pick.choice([1, 1, 1, 2, 2, 3])} " if kind == "-I" and pick.random() < 0.7 else ""
         if pick.random() < 0.1:
             second = self.rule(chain)
             self.add(chain, second)
             return f"ebtables {kind} {chain} {position}{rule};ebtables -A {chain} {second};"
         return f"ebtables {kind} {chain} {position}{rule}"
+
+    def newChain(self):
+        """Mostly one that is not there."""
+        missing = [chain for chain in OWN if chain not in self.chains]
+        chain = self.random.choice(missing if missing and self.random.random() < 0.9 else OWN)
+        self.chains.add(chain)
+        return f"ebtables -N {chain}"
 
     def add(self, chain, rule):
         self.rules.append((chain, rule))
@@ -86,7 +95,7 @@ class Lines:
         pick = self.random
         chain = pick.choice(CHAINS)
         rule = self.rule(chain)
-        if self.rules and pick.random() < 0.8:
+        if self.rules and pick.random() < 0.9:
             chain, rule = self.rules.pop(pick.randrange(len(self.rules)))
         if self.alike.get((chain, seenByDeletion(rule)), set()) - {rule}:
             return "ebtables -D FORWARD -i nowhere -j DROP"
@@ -162,43 +171,22 @@ class Lines:
         return " ".join(parts)
 
 
-def commandsOf(line):
-    """The argument lists of the line's commands."""
-    return [words for words in (shlex.split(part) for part in line.split(";")) if words]
+def commandsOf(lines):
+    """Their commands, without the first word."""
+    return [command.strip().removeprefix("ebtables ") for line in lines for command in line.split(";")
+            if command.strip()]
 
 
-class Namespace:
-    """A network namespace of its own, held by a sleeping process."""
-
-    def __init__(self):
-        self.holder = subprocess.Popen(["unshare", "--net", "cat"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
-                                       preexec_fn=sandbox.dieWithParent)
-        mine = os.readlink("/proc/self/ns/net")
-        deadline = time.monotonic() + 10
-        while os.readlink(f"/proc/{self.holder.pid}/ns/net") == mine:
-            if time.monotonic() > deadline:
-                raise sandbox.Unavailable("no second network namespace")
-
-    def command(self, *words):
-        return ["nsenter", f"--net=/proc/{self.holder.pid}/ns/net", *words]
-
-    def run(self, *words, **options):
-        return subprocess.run(self.command(*words), capture_output=True, text=True, check=False, **options)
-
-    def clear(self):
-        self.run("nft", "flush", "ruleset")
-
-
-def readTables(namespace):
+def readTables(side):
     """What the kernel holds, by chain."""
-    saved = namespace.run("ebtables-save").stdout
+    saved = side.run("ebtables-save").stdout
     rules = {}
     for line in saved.splitlines():
         if line.startswith(":"):
             rules.setdefault(line[1:].split()[0], []).append(line)
         elif line.startswith("-A "):
             rules.setdefault(line.split()[1], []).append(line)
-    listed = namespace.run("nft", "--debug=netlink", "list", "ruleset").stdout
+    listed = side.nft("list ruleset")
     expressions = {}
     body = []
     for line in listed.splitlines():
@@ -221,23 +209,32 @@ def readTables(namespace):
     return {"ebtables-save": rules, "nft, expressions": expressions, "nft, chains": heads}
 
 
-class Tool:
-    """Runs command lines one by one, as fast as processes start."""
+class Driver:
+    """tables_driver in a namespace."""
 
-    def __init__(self, namespace):
-        script = "while IFS= read -r line; do eval \"$line\" >/dev/null 2>&1; echo; done"
-        self.shell = subprocess.Popen(namespace.command("sh", "-c", script), stdin=subprocess.PIPE,
-                                      stdout=subprocess.PIPE, text=True, preexec_fn=sandbox.dieWithParent)
+    def __init__(self, program, namespace):
+        self._process = namespace.popen(program)
+        self.refused = 0
 
-    def run(self, lines):
-        count = 0
-        for line in lines:
-            for words in commandsOf(line):
-                self.shell.stdin.write(" ".join(shlex.quote(word) for word in words) + "\n")
-                count += 1
-        self.shell.stdin.flush()
-        for _ in range(count):
-            self.shell.stdout.readline()
+    def _ask(self, *lines):
+        self._process.stdin.write("".join(line + "\n" for line in lines))
+        self._process.stdin.flush()
+        return self._process.stdout.readline().rstrip("\n")
+
+    def carryOut(self, commits):
+        """A commit for each list of lines, from the tables as they are. What is wrong, if anything is."""
+        first = ["reset"]
+        for lines in commits:
+            answer = self._ask(*first, *lines, "commit")
+            first = []
+            while answer.startswith("refused "):
+                self.refused += 1
+                answer = self._ask()
+            if answer != "done":
+                return f"the driver answered {answer!r}"
+            if (answer := self._ask("own")) != "yes":
+                return f"the driver takes its own commit for another's: {answer!r}"
+        return None
 
 
 def main():
@@ -245,6 +242,8 @@ def main():
     parser.add_argument("--driver", required=True)
     parser.add_argument("--sequences", type=int, default=300)
     parser.add_argument("--seed", type=int, default=int(time.time()))
+    parser.add_argument("--each", type=int, default=10, help="in one of so many sequences each line is a process of "
+                        "the tool; otherwise one takes all lines up to the next that it refuses (%(default)s)")
     options = parser.parse_args()
     options.driver = os.path.realpath(options.driver)
     try:
@@ -254,40 +253,28 @@ def main():
     except sandbox.Unavailable as error:
         print(f"skipped: {error}", file=sys.stderr)
         return sandbox.SKIPPED
-    tool = Tool(theirs)
-    both = Tool(ours), tool
-    driver = subprocess.Popen(ours.command(options.driver), stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
-                              preexec_fn=sandbox.dieWithParent)
-    print(f"seed {options.seed}")
-    total = refused = 0
+    driver = Driver(options.driver, ours)
+    print(f"seed {options.seed}", flush=True)
+    total = 0
     for number in range(options.sequences):
         lines = Lines(f"{options.seed} {number}")
-        ours.clear()
-        theirs.clear()
-        before = [lines.line() for _ in range(lines.random.choice([0, 0, 6]))]  # somebody else's
-        for side in both:
-            side.run(before)
-        driver.stdin.write("reset\n")
-        sequence = [f"ebtables -N {chain}" for chain in OWN if lines.random.random() < 0.8]
-        driver.stdin.write("".join(line + "\n" for line in sequence))
-        for _ in range(lines.random.randint(1, 4)):
-            part = [lines.line() for _ in range(lines.random.randint(1, 8))]
-            sequence += part
-            driver.stdin.write("".join(line + "\n" for line in part) + "commit\n")
-            driver.stdin.flush()
-            answer = driver.stdout.readline()
-            while answer.startswith("refused "):
-                refused += 1
-                answer = driver.stdout.readline()
-            if answer != "done\n":
-                print(f"sequence {number}: the driver answered {answer!r}")
-                return 1
-            driver.stdin.write("own\n")
-            driver.stdin.flush()
-            if (answer := driver.stdout.readline()) != "yes\n":
-                print(f"sequence {number}: the driver takes its own commit for another's: {answer!r}")
-                return 1
-        tool.run(sequence)
+        pick = lines.random
+        runTool = namespace.runEach if number % options.each == 0 else namespace.runInOne
+        before = [lines.line() for _ in range(pick.choice([0, 0, 6]))]  # somebody else's
+        chains = [lines.newChain() for _ in range(pick.choice([1, 2, 3, 3, 3]))]
+        commits = [[lines.line() for _ in range(pick.randint(1, 8))] for _ in range(pick.randint(1, 4))]
+        commits[0] = chains + commits[0]
+        sequence = sum(commits, [])
+        for side in (ours, theirs):
+            side.nft("flush ruleset")
+        settings = [side.start(runTool, commandsOf(before)) for side in (ours, theirs)]
+        for setting in settings:
+            setting.result()
+        tool = theirs.start(runTool, commandsOf(sequence))
+        if wrong := driver.carryOut(commits):
+            print(f"sequence {number}: {wrong}")
+            return 1
+        tool.result()
         total += len(sequence)
         if number % 1000 == 999:
             print(f"{number + 1} sequences so far: no difference", flush=True)
@@ -298,8 +285,8 @@ def main():
                 if found[view] != wanted[view]:
                     print(f"{view}:\n  straight: {found[view]}\n  tool:     {wanted[view]}")
             return 1
-    print(f"{options.sequences} sequences, {total} lines, {refused} refused: no difference")
-    return 0 if total > refused > 0 or options.sequences < 20 else 1
+    print(f"{options.sequences} sequences, {total} lines, {driver.refused} refused: no difference")
+    return 0 if total > driver.refused > 0 or options.sequences < 20 else 1
 
 
 if __name__ == "__main__":
