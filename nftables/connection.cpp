@@ -29,6 +29,8 @@ constexpr std::size_t headerSize = sizeof(nfgenmsg);
 constexpr std::size_t roomForError = 1U << 10U;
 constexpr std::size_t mostRoom = 64U << 20U;
 
+constexpr std::uint32_t generationThatNeverIs = ~0U;
+
 struct ErrorMessage {
     int error = 0; // as in errno; 0: an acknowledgement
     std::string text;
@@ -162,8 +164,10 @@ Connection::~Connection() = default;
 bool Connection::open(Result& result)
 {
     int error = 0;
-    if (!m_socket)
+    if (!m_socket) {
         m_socket = m_opener(error);
+        m_hadRight = false;
+    }
     if (!m_socket) {
         result = failed(error);
         return false;
@@ -215,6 +219,7 @@ Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function
             if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0)
                 settled = false;
             if (message->nlmsg_type == NLMSG_DONE) {
+                m_hadRight = true;
                 result.answer = Answer::Done;
                 return result;
             }
@@ -321,6 +326,30 @@ Result Connection::apply(Batch& batch)
         return result;
     }
     result.answer = Answer::Done;
+    return result;
+}
+
+Result Connection::mayChange()
+{
+    Result result;
+    if (!open(result))
+        return result;
+    Batch batch(generationThatNeverIs);
+    const std::uint32_t first = m_sequence + 1;
+    m_sequence += batch.sequenceNumbers();
+    std::optional<int> batchError;
+    std::vector<Refusal> errors;
+    if (const int error = m_socket->send(batch.finish(first)); error != 0)
+        batchError = error;
+    else
+        takeAnswers(first, batch, result, batchError, errors);
+    if (batchError == notNow)
+        result.answer = Answer::Done;
+    else
+        result = failed(batchError.value_or(EBADMSG));
+    m_hadRight = m_hadRight || result.answer == Answer::Done;
+    if (!m_hadRight)
+        m_socket.reset(); // a socket has no more rights than who opened it had
     return result;
 }
 

@@ -77,6 +77,10 @@ public:
 
     Result apply(Batch& batch);
 
+    // Whether the kernel would take a batch from this process: sends one that is out of date whatever happens, which
+    // costs a few small system calls. Done, or why not.
+    Result mayChange();
+
 private:
     bool open(Result& result);
     Result failed(int error) const;
@@ -87,6 +91,7 @@ private:
 
     SocketOpener m_opener;
     std::unique_ptr<Socket> m_socket;
+    bool m_hadRight = false; // the socket, once
     std::uint32_t m_sequence;
     std::vector<std::uint8_t> m_buffer;
 };

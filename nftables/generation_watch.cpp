@@ -51,14 +51,14 @@ int GenerationWatch::open()
     sockaddr_nl local{};
     local.nl_family = AF_NETLINK;
     if (letGenerationsThrough(descriptor) != 0 ||
-        bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
-        setsockopt(descriptor, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0) {
+        bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
         const int error = errno;
         close(descriptor);
         return error;
     }
     m_descriptor = descriptor;
-    return 0;
+    listen(true);
+    return m_isListening ? 0 : errno;
 }
 
 std::optional<GenerationChange> GenerationWatch::next()
@@ -87,9 +87,9 @@ std::optional<GenerationChange> GenerationWatch::next()
 
 void GenerationWatch::listen(bool on)
 {
-    if (m_descriptor >= 0)
-        setsockopt(m_descriptor, SOL_NETLINK, on ? NETLINK_ADD_MEMBERSHIP : NETLINK_DROP_MEMBERSHIP, &group,
-                   sizeof group);
+    const int option = on ? NETLINK_ADD_MEMBERSHIP : NETLINK_DROP_MEMBERSHIP;
+    if (m_descriptor >= 0 && setsockopt(m_descriptor, SOL_NETLINK, option, &group, sizeof group) == 0)
+        m_isListening = on;
 }
 
 std::optional<GenerationChange> readGenerationChange(const void* bytes, std::size_t size)

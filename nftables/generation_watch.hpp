@@ -24,8 +24,10 @@ public:
     GenerationWatch(const GenerationWatch&) = delete;
     GenerationWatch& operator=(const GenerationWatch&) = delete;
 
-    // 0 or an error (errno).
+    // 0 or an error (errno). Without the right to listen the descriptor is there all the same, for listen(true) later.
     int open();
+
+    bool isListening() const { return m_isListening; }
 
     // Readable when there is a change; -1 unless opened.
     int descriptor() const { return m_descriptor; }
@@ -39,6 +41,7 @@ public:
 
 private:
     int m_descriptor = -1;
+    bool m_isListening = false;
 };
 
 // One message's content; nothing when it is none of these. Any bytes are taken.

@@ -237,8 +237,10 @@ private:
         m_dispatcher.stopTimer(m_retryTimer);
         if (const auto pause = m_queue.retryIn()) {
             m_retryTimer = m_dispatcher.startTimer(*pause, [this] {
-                m_queue.retry();
-                queueHasRun();
+                if (m_queue.retry())
+                    queueHasRun();
+                else
+                    scheduleRetry();
             });
         }
     }

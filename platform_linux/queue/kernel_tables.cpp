@@ -137,6 +137,7 @@ bool KernelTables::read(TableImage& image, std::uint32_t& generation, bool& sett
         generation = *result.generation;
         result = m_connection.readChains(chains, image.table);
     }
+    m_isForbidden = result.answer == Answer::Forbidden;
     if (result.answer != Answer::Done) {
         reason = result.reason;
         return false;
@@ -202,6 +203,7 @@ bool KernelTables::read(TableImage& image, std::uint32_t& generation, bool& sett
         result = m_connection.generation();
         settled = settled && result.generation == generation;
     }
+    m_isForbidden = result.answer == Answer::Forbidden;
     reason = result.reason;
     return result.answer == Answer::Done;
 }
@@ -339,13 +341,15 @@ nftables::Batch KernelTables::build(const std::vector<Change>& changes, bool nam
     return batch;
 }
 
-nftables::Result KernelTables::send(nftables::Batch& batch)
+// unheard: what others have done meanwhile is not told.
+nftables::Result KernelTables::send(nftables::Batch& batch, bool& unheard)
 {
-    const bool isLarge = batch.messages() > manyMessages;
-    if (isLarge)
+    if (batch.messages() > manyMessages)
         m_watch.listen(false);
     nftables::Result result = m_connection.apply(batch);
-    if (isLarge)
+    m_isForbidden = result.answer == Answer::Forbidden;
+    unheard = m_watch.descriptor() >= 0 && !m_watch.isListening();
+    if (unheard)
         m_watch.listen(true);
     return result;
 }
@@ -369,7 +373,8 @@ KernelTables::Outcome KernelTables::bring()
         const bool named = m_sureOfGeneration && changedMeanwhile < namedTries;
         m_beforeChange();
         nftables::Batch batch = build(changes, named);
-        const nftables::Result result = send(batch);
+        bool unheard = false;
+        const nftables::Result result = send(batch, unheard);
         outcome.reason = result.reason;
         switch (result.answer) {
         case Answer::Done:
@@ -380,7 +385,7 @@ KernelTables::Outcome KernelTables::bring()
             m_sureOfGeneration = named && result.generation.has_value();
             m_generation = result.generation.value_or(m_generation);
             takeHandles(changes, result);
-            if (batch.messages() > manyMessages && m_connection.generation().generation != m_ownGeneration)
+            if (unheard && m_connection.generation().generation != m_ownGeneration)
                 m_isKnown = false; // somebody was there while we did not listen
             return outcome;
         case Answer::Changed:

@@ -58,7 +58,14 @@ public:
     // Makes the tables as wanted, in one transaction.
     Outcome bring();
 
-    // Begins to watch what others do. 0 or an error (errno).
+    // Whether the last of these failed for lack of a right.
+    bool isForbidden() const { return m_isForbidden; }
+
+    // Whether there is a right to change them; costs next to nothing.
+    bool mayChange() { return m_connection.mayChange().answer != nftables::Answer::Forbidden; }
+
+    // Begins to watch what others do. 0 or an error (errno); what there is no right to is tried again when the tables
+    // could be changed.
     int watch() { return m_watch.open(); }
 
     // Readable when there is a change by others, or one of ours; -1 when nothing is watched.
@@ -96,7 +103,7 @@ private:
     nftables::Batch build(const std::vector<Change>& changes, bool named);
     void drop(const std::vector<Change>& changes, const std::vector<nftables::Refusal>& refusals, Outcome& outcome);
     void takeHandles(const std::vector<Change>& changes, const nftables::Result& result);
-    nftables::Result send(nftables::Batch& batch);
+    nftables::Result send(nftables::Batch& batch, bool& unheard);
     bool numberRules(const std::vector<Change>& changes, const std::vector<nftables::NewRule>& told);
     bool readHandles();
     void forgetHandles();
@@ -107,8 +114,9 @@ private:
     nftables::Connection m_connection;
     nftables::GenerationWatch m_watch;
     TableImage m_wanted = TableImage::untouched();
-    TableImage m_actual;            // as last known
-    bool m_everRead = false;        // m_actual says something
+    TableImage m_actual;     // as last known
+    bool m_everRead = false; // m_actual says something
+    bool m_isForbidden = false;
     bool m_isKnown = false;         // and it is what is there, as far as we have heard
     std::uint32_t m_generation = 0; // that m_actual is exactly
     std::uint32_t m_ownGeneration = 0;

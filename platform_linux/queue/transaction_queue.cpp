@@ -38,7 +38,10 @@ constexpr const char* label = "queue";
 constexpr milliseconds lastMoments{10'000}; // for each process that the destructor starts
 constexpr unsigned lessOfChecks = 10;       // looking for changes of others takes a tenth of the time at most ...
 constexpr milliseconds latestCheck{50};     // ... but is not put off longer than this
-constexpr std::size_t textsAlways = 256;    // so many texts and lines are kept whether they are in use or not
+constexpr unsigned lessOfLooks = 200;       // looking for a right that is missing takes so little of the time ...
+constexpr milliseconds shortestLook{4};     // ... with pauses between these
+constexpr milliseconds longestLook{50};
+constexpr std::size_t textsAlways = 256; // so many texts and lines are kept whether they are in use or not
 
 ZOL_Sysloglevel_Module logModule()
 {
@@ -104,18 +107,21 @@ public:
         if (m_closedLines == 0)
             return;
         endHold();
-        if (!m_nextTry || Clock::now() >= *m_nextTry)
+        if (!m_nextTry || isTime())
             return carryOut();
         playClosed(); // what waits is what is wanted, not the way there
         tidy();
     }
 
-    void retry()
+    bool retry()
     {
-        if (m_waiting && m_nextTry && Clock::now() >= *m_nextTry)
+        const bool tries = m_waiting && m_nextTry && isTime();
+        if (tries)
             carryOut();
-        if (m_nextCheck && Clock::now() >= *m_nextCheck)
+        const bool checks = m_nextCheck && Clock::now() >= *m_nextCheck;
+        if (checks)
             check();
+        return tries || checks;
     }
 
     Held hold(const std::vector<std::string>& lines)
@@ -371,6 +377,21 @@ private:
         refuse(110, line, "refused \"" + line + "\": ", reason);
     }
 
+    // Whether the time for the next try has come. Where a right was missing, that is when it is back: one small message
+    // tells, and so it can be asked for often.
+    bool isTime()
+    {
+        const Clock::time_point start = Clock::now();
+        if (start < *m_nextTry)
+            return false;
+        if (!m_looksForRight)
+            return true;
+        m_foundRight = m_tables.mayChange();
+        const Clock::time_point end = Clock::now();
+        m_nextTry = end + std::clamp<Clock::duration>(lessOfLooks * (end - start), shortestLook, longestLook);
+        return m_foundRight;
+    }
+
     void carryOut()
     {
         if (!holdRecord()) {
@@ -385,7 +406,7 @@ private:
         const bool known = m_tables.know(reason);
         playClosed();
         if (!known)
-            return cannotRun(reason);
+            return cannotRun(reason, m_tables.isForbidden());
         const KernelTables::Outcome outcome = m_tables.bring();
         for (const Dropped& dropped : outcome.dropped)
             tellDropped(dropped);
@@ -393,7 +414,7 @@ private:
         if (outcome.changed || (outcome.done && !m_played.empty()))
             noteCommit();
         if (!outcome.done)
-            return cannotRun(outcome.reason);
+            return cannotRun(outcome.reason, m_tables.isForbidden());
         m_hasLeftover = false;
         done();
         const Footprint footprint = m_tables.footprint();
@@ -433,6 +454,8 @@ private:
         m_waiting = false;
         m_nextTry.reset();
         m_pause = milliseconds(0);
+        m_looksForRight = false;
+        m_foundRight = false;
         for (const std::string& line : m_refusals.takeGone())
             info(115, "not refused any more, or gone: \"" + text::oneLine(line) + '"');
         if (!std::exchange(m_lastReason, "").empty())
@@ -493,11 +516,14 @@ private:
         m_notBefore = std::max(m_notBefore, end + std::min<Clock::duration>(lessOfChecks * (end - start), latestCheck));
     }
 
-    void cannotRun(const std::string& reason)
+    void cannotRun(const std::string& reason, bool isForbidden = false)
     {
         m_waiting = true;
-        m_pause = m_pause.count() == 0 ? m_options.firstPause : std::min(2 * m_pause, m_options.longestPause);
-        m_nextTry = Clock::now() + m_pause;
+        // Who has just been told that it has the right does not ask for it again at once.
+        m_looksForRight = !std::exchange(m_foundRight, false) && isForbidden;
+        if (!m_looksForRight)
+            m_pause = m_pause.count() == 0 ? m_options.firstPause : std::min(2 * m_pause, m_options.longestPause);
+        m_nextTry = Clock::now() + (m_looksForRight ? shortestLook : m_pause);
         tidy();
         if (m_lastReason != reason)
             error(111, "the bridge tables cannot be changed: " + reason + ". Nothing is lost; it is tried again");
@@ -589,6 +615,8 @@ private:
     std::string m_lastReason;
     milliseconds m_pause{0};
     std::optional<Clock::time_point> m_nextTry;
+    bool m_looksForRight = false; // the next try comes when there is one to change the tables
+    bool m_foundRight = false;    // which was said when it was last looked for
 
     nftables::GenerationChange m_who; // changed the tables last
     RepairPace m_pace;
@@ -642,9 +670,9 @@ std::optional<std::chrono::milliseconds> TransactionQueue::retryIn() const
     return m_state->retryIn();
 }
 
-void TransactionQueue::retry()
+bool TransactionQueue::retry()
 {
-    m_state->retry();
+    return m_state->retry();
 }
 
 int TransactionQueue::watchedDescriptor() const

@@ -73,8 +73,8 @@ public:
     // Nothing when nothing does.
     std::optional<std::chrono::milliseconds> retryIn() const;
 
-    // Tries again what waits. Does nothing when nothing does or its time has not come.
-    void retry();
+    // Tries again what waits. False when nothing does, its time has not come, or the right to do it is still missing.
+    bool retry();
 
     // Readable when somebody has changed the tables: handleChange is to be called then. -1 when there is nothing to
     // watch.

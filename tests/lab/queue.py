@@ -11,8 +11,8 @@ class Queue:
     driver = ""  # the program's path
     running = []
 
-    def __init__(self, folder, anyForm=True):
-        words = [self.driver, *(["--any-form"] if anyForm else []), "--record", os.path.join(folder, "record")]
+    def __init__(self, folder, *options, anyForm=True):
+        words = [self.driver, *(["--any-form"] if anyForm else []), *options, "--record", os.path.join(folder, "record")]
         self.errors = tempfile.TemporaryFile("w+", dir=folder)
         self.process = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors,
                                         text=True)

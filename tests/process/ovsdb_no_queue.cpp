@@ -26,7 +26,10 @@ std::optional<std::chrono::milliseconds> TransactionQueue::retryIn() const
 {
     return std::nullopt;
 }
-void TransactionQueue::retry() {}
+bool TransactionQueue::retry()
+{
+    return false;
+}
 int TransactionQueue::watchedDescriptor() const
 {
     return -1;

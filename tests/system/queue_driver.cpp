@@ -1,10 +1,11 @@
 // Drives a command queue from standard input, for tests and benchmarks.
 //
-// usage: queue_driver [--any-form] [--tools FOLDER] [--record FOLDER]
+// usage: queue_driver [--any-form] [--without-rights] [--tools FOLDER] [--record FOLDER]
 // Each input line is a verb:
 //   add LINE      addCommand          process       process        begin / end   around a delivery
 //   kill          SIGKILL to itself   state         prints "ready" (to wait for what came before)
-//   rights off    gives up CAP_NET_ADMIN, and takes it back with `on`
+//   rights off    gives up CAP_NET_ADMIN, and takes it back with `on`; then prints after how many microseconds
+//                 everything was in force
 //   memory        prints how many bytes are allocated
 // `end` prints how many microseconds it took. Between them, what others do to the tables is dealt with.
 #include "platform/sysloglevel.h"
@@ -21,7 +22,9 @@
 #include <csignal>
 #include <cstdint>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace
 {
@@ -31,6 +34,14 @@ using Clock = std::chrono::steady_clock;
 long long microsecondsSince(Clock::time_point start)
 {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
+}
+
+std::optional<Clock::time_point> rightsSince; // and not everything is in force yet
+
+void tellWhenInForce(const zol::cfg::TransactionQueue& queue)
+{
+    if (rightsSince && !queue.retryIn())
+        std::cout << "rights " << microsecondsSince(*std::exchange(rightsSince, std::nullopt)) << std::endl;
 }
 
 // The next line of standard input; the queue's own events are served while none is there.
@@ -48,6 +59,7 @@ bool nextLine(zol::cfg::TransactionQueue& queue, std::string& buffer, std::strin
         if (wanted[1].revents != 0)
             queue.handleChange();
         queue.retry();
+        tellWhenInForce(queue);
         if (wanted[0].revents == 0)
             continue;
         std::array<char, 65536> bytes;
@@ -84,6 +96,8 @@ bool handle(zol::cfg::TransactionQueue& queue, const std::string& verb, const st
         raise(SIGKILL);
     } else if (verb == "rights") {
         setRights(rest == "on");
+        if (rest == "on")
+            rightsSince = start;
     } else if (verb == "memory") {
         std::cout << verb << ' ' << mallinfo2().uordblks << std::endl;
     } else if (verb == "state") {
@@ -104,6 +118,10 @@ int main(int argc, char** argv)
         const std::string option = argv[i];
         if (option == "--any-form") {
             options.anyForm = true;
+            continue;
+        }
+        if (option == "--without-rights") {
+            setRights(false);
             continue;
         }
         const std::string value = i + 1 < argc ? argv[++i] : "";

@@ -150,12 +150,16 @@ void FakeKernel::acknowledge(std::uint32_t sequence, int error)
 void FakeKernel::batch(nftables::Bytes datagram)
 {
     ++m_batches;
+    m_lastMessages = 0;
+    const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
+    const std::uint32_t first = message->nlmsg_seq;
+    nftables::Bytes rest = datagram;
+    while (const nlmsghdr* next = nftables::takeMessage(rest))
+        m_lastMessages += next->nlmsg_type > NFNL_MSG_BATCH_END && next->nlmsg_type != (tablesType | NFT_MSG_NEWTABLE);
     if (m_interferences > 0) {
         --m_interferences;
         ++m_generation;
     }
-    const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
-    const std::uint32_t first = message->nlmsg_seq;
     const bool faulty = m_fault && !m_fault->reading && m_fault->times > 0;
     if (faulty)
         --m_fault->times;
@@ -170,7 +174,6 @@ void FakeKernel::batch(nftables::Bytes datagram)
     bool good = true;
     bool tellsGeneration = false;
     int left = static_cast<int>(datagram.size()) - static_cast<int>(message->nlmsg_len);
-    m_lastMessages = 0;
     for (message = reinterpret_cast<const nlmsghdr*>(datagram.data() + message->nlmsg_len);
          message->nlmsg_type != NFNL_MSG_BATCH_END; message = mnl_nlmsg_next(message, &left)) {
         std::vector<std::uint8_t> echo;
@@ -185,7 +188,6 @@ void FakeKernel::batch(nftables::Bytes datagram)
             answers.emplace_back(message->nlmsg_seq, error);
         if (!echo.empty())
             echoes.push_back(std::move(echo));
-        m_lastMessages += message->nlmsg_type == (tablesType | NFT_MSG_NEWTABLE) ? 0 : 1;
     }
     if (good) {
         m_state = std::move(next);

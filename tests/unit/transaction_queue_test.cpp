@@ -194,6 +194,45 @@ TEST_F(TransactionQueueTest, WhatWaitsIsWhatIsWanted)
     EXPECT_THAT(log(), HasSubstr("queue:108:"));
 }
 
+TEST_F(TransactionQueueTest, ARightThatIsMissingIsLookedForWithASmallMessage)
+{
+    start();
+    deliver(setUp);
+    m_kernel.fail({Fault::Kind::BatchError, EPERM, std::nullopt, 1000});
+    deliver({"ebtables -A U -i eth1 -j DROP"});
+    EXPECT_EQ(m_kernel.lastMessages(), 1U);
+    for (int i = 0; i < 10; ++i) {
+        const unsigned before = m_kernel.batches();
+        ASSERT_LE(m_queue->retryIn(), 50ms) << "the pause does not grow";
+        std::this_thread::sleep_for(*m_queue->retryIn());
+        EXPECT_FALSE(m_queue->retry());
+        EXPECT_EQ(m_kernel.batches(), before + 1);
+        EXPECT_EQ(m_kernel.lastMessages(), 0U);
+    }
+    m_kernel.fail({});
+    std::this_thread::sleep_for(*m_queue->retryIn());
+    EXPECT_TRUE(m_queue->retry());
+    EXPECT_THAT(m_kernel.tables().at("U"), ElementsAre("RETURN", "-i eth0 -j DROP", "-i eth1 -j DROP"));
+    EXPECT_EQ(m_queue->retryIn(), std::nullopt);
+}
+
+TEST_F(TransactionQueueTest, APauseGrowsWhenTheRightSeemsToBeThereAndIsNot)
+{
+    start();
+    deliver(setUp);
+    m_kernel.fail({Fault::Kind::Error, EPERM, 1, 1000}); // the small message has none of this number
+    deliver({"ebtables -A U -i eth1 -j DROP"});
+    const unsigned before = m_kernel.batches();
+    const auto begin = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - begin < 100ms)
+        waitAndRetry();
+    EXPECT_LE(m_kernel.batches() - before, 40U);
+    m_kernel.fail({});
+    for (int i = 0; i < 3 && m_queue->retryIn(); ++i)
+        waitAndRetry();
+    EXPECT_EQ(m_kernel.tables().at("U").size(), 3U);
+}
+
 // Each message of a batch that makes, fills and takes out chains meets each mishap: in the end all is there, once.
 TEST_F(TransactionQueueTest, NothingIsLostOrDoubledWhateverTheAnswer)
 {
