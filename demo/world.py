@@ -88,7 +88,7 @@ class Printed:
         self._printer = None
 
     def moatctl(self, *arguments):
-        return _moatctl(self._build, self._socket, arguments)
+        return _moatctl(self._build, self._socket, ["--no-wait", *arguments])
 
     def before(self):
         return ["(not looked at)"]

@@ -8,12 +8,14 @@ namespace moatctl
 {
 
 enum class ExitStatus {
-    Ok = 0,       // done; check found nothing
-    Warnings = 1, // check found warnings; status found something wrong
-    BadInput = 2, // the command line, a file or a configuration has errors, nothing was changed; explain cannot tell
-    Server = 3,   // the server cannot be reached, does not answer in time, has another schema or refused the request
-    Conflict = 4, // a row is missing, exists already or is in use, or others kept changing it; nothing was changed
-    Output = 5,   // the output could not be written, or there was not enough memory
+    Ok = 0,         // done; check found nothing
+    Warnings = 1,   // check found warnings; status found something wrong
+    BadInput = 2,   // the command line, a file or a configuration has errors, nothing was changed; explain cannot tell
+    Server = 3,     // the server cannot be reached, does not answer in time, has another schema or refused the request
+    Conflict = 4,   // a row is missing, exists already or is in use, or others kept changing it; nothing was changed
+    Output = 5,     // the output could not be written, or there was not enough memory
+    NotInForce = 6, // the change was stored, but rows of it are not in force
+    NotApplied = 7, // the change was stored, but no daemon has said in time that it applies it
 };
 
 // Ends the program with one line on standard error and the status. The text has no line break.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <optional>
 #include <poll.h>
 #include <thread>
@@ -23,6 +24,17 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr int progressInterval = 100; // milliseconds
+
+// The only value of the only row that was read.
+std::optional<std::int32_t> numberIn(const Json* rows)
+{
+    if (rows == nullptr || rows->asArray() == nullptr || rows->asArray()->size() != 1)
+        return std::nullopt;
+    const Json::Object* row = rows->asArray()->front().asObject();
+    const auto number = row != nullptr && row->size() == 1 ? row->front().second.asInteger() : std::nullopt;
+    return number && *number >= 0 && *number <= INT32_MAX ? std::optional(static_cast<std::int32_t>(*number))
+                                                          : std::nullopt;
+}
 
 Outcome outcomeOf(const Json& result)
 {
@@ -49,6 +61,7 @@ Outcome outcomeOf(const Json& result)
         if (pair.size() == 2 && pair[1].asText() != nullptr)
             outcome.uuid = Uuid::fromText(*pair[1].asText());
     }
+    outcome.number = numberIn(result.find("rows"));
     return outcome;
 }
 
@@ -64,22 +77,53 @@ public:
 
     const Database& database() const { return m_database; }
 
-    const std::string& schemaVersion() const { return m_schemaVersion; }
+    const std::string& schemaVersion() const { return m_schema.version; }
 
     const std::vector<std::string>& tableNames() const { return m_tableNames; }
 
     Json call(std::string_view method, Json params, std::size_t answerParts = 0)
     {
-        if (m_subscribed) // its changes would come in between
+        if (m_subscribed && !m_followed) // its changes would come in between
             connect();
         const std::int64_t id = m_session->request(method, std::move(params), answerParts);
         m_requestSize = m_session->output().size();
-        const RpcMessage answer = receive(deadline());
-        if (answer.id != id)
-            throw ProtocolError("unexpected notification \"" + answer.method.substr(0, 64) + "\"");
-        if (answer.error)
-            throw RequestError("the server refused \"" + std::string(method) + "\": " + *answer.error);
-        return answer.result;
+        const Clock::time_point end = deadline();
+        for (;;) {
+            const RpcMessage answer = receive(end);
+            if (answer.id != id) {
+                takeIn(answer);
+                continue;
+            }
+            if (answer.error)
+                throw RequestError("the server refused \"" + std::string(method) + "\": " + *answer.error);
+            return answer.result;
+        }
+    }
+
+    const TableCache& followTables(const std::vector<std::string>& tableNames)
+    {
+        m_followed.reset();
+        auto subscription = std::make_unique<Subscription>(m_database, tableNames);
+        start(*subscription);
+        m_followed = std::move(subscription);
+        m_changed = false;
+        return m_followed->tables();
+    }
+
+    const TableCache& followed() const { return m_followed->tables(); }
+
+    bool awaitChange(Clock::time_point end)
+    {
+        while (!std::exchange(m_changed, false)) {
+            while (auto message = m_session->next())
+                takeIn(*message);
+            if (m_changed)
+                continue;
+            if (Clock::now() >= end)
+                return false;
+            exchange(end);
+        }
+        return true;
     }
 
     // Subscribes and waits for the first state. Returns the tables that differ from what was known before.
@@ -88,7 +132,8 @@ public:
         if (m_subscribed) // the changes of an earlier subscription would come in between
             connect();
         m_subscribed = true;
-        subscription.begin(*m_session);
+        m_followed.reset();
+        subscription.begin(*m_session, m_schema);
         for (;;) { // each answer and each row ahead of it has the time of its own
             Subscription::Progress progress = subscription.handle(receive(deadline()), *m_session);
             if (progress.synchronised)
@@ -111,13 +156,15 @@ public:
         }
     }
 
-    // The next message, however long it takes to come.
+    // The next message, however long it takes to come; one that has begun has the timeout.
     RpcMessage follow()
     {
         for (;;) {
             if (auto message = m_session->next())
                 return *std::move(message);
-            exchange(m_session->waiting() ? std::optional(deadline()) : std::nullopt);
+            if (m_session->waiting())
+                return receive(deadline());
+            exchange(std::nullopt);
         }
     }
 
@@ -134,17 +181,26 @@ private:
         m_connection.emplace(m_options.socketPath);
         m_session.emplace();
         m_subscribed = false;
+        m_followed.reset();
         try {
-            const ServerSchema schema = checkSchema(call("get_schema", Json::Array{Json(m_database.name)}), m_database,
-                                                    m_database.tableNames());
-            m_schemaVersion = schema.version;
+            m_schema = checkSchema(call("get_schema", Json::Array{Json(m_database.name)}), m_database,
+                                   m_database.tableNames());
             m_tableNames = m_database.tableNames();
-            std::erase_if(m_tableNames, [&schema](const std::string& name) {
-                return std::ranges::find(schema.missing, name) != schema.missing.end();
+            std::erase_if(m_tableNames, [this](const std::string& name) {
+                return std::ranges::find(m_schema.missing, name) != m_schema.missing.end();
             });
         } catch (const RequestError& e) {
             throw SchemaError("the server has no database \"" + m_database.name + "\" (" + e.what() + ")");
         }
+    }
+
+    // Of what is followed, ahead of an answer.
+    void takeIn(const RpcMessage& message)
+    {
+        if (!m_followed)
+            throw ProtocolError("unexpected notification \"" + message.method.substr(0, 64) + "\"");
+        if (!m_followed->handle(message, *m_session).changedTables.empty())
+            m_changed = true;
     }
 
     RpcMessage receive(Clock::time_point end)
@@ -152,8 +208,19 @@ private:
         for (;;) {
             if (auto message = m_session->next())
                 return *std::move(message);
+            checkTime(end);
+            if (m_options.onProgress)
+                m_options.onProgress(m_requestSize - std::min(m_requestSize, m_session->output().size()),
+                                     m_requestSize);
             exchange(end);
         }
+    }
+
+    void checkTime(Clock::time_point end) const
+    {
+        if (Clock::now() >= end)
+            throw TimeoutError("no answer from the configuration server within " +
+                               std::to_string(m_options.timeout.count()) + " ms");
     }
 
     // Sends what is to be sent and reads what is there; waits for that until the time given, or without end.
@@ -161,16 +228,9 @@ private:
     {
         int wait = -1;
         if (end) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now());
-            if (left.count() <= 0)
-                throw TimeoutError("no answer from the configuration server within " +
-                                   std::to_string(m_options.timeout.count()) + " ms");
-            wait = static_cast<int>(left.count());
-            if (m_options.onProgress) {
-                m_options.onProgress(m_requestSize - std::min(m_requestSize, m_session->output().size()),
-                                     m_requestSize);
-                wait = std::min(wait, progressInterval);
-            }
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now()).count();
+            wait =
+                static_cast<int>(std::clamp<std::int64_t>(left, 0, m_options.onProgress ? progressInterval : INT_MAX));
         }
         pollfd event{.fd = m_connection->descriptor(), .events = POLLIN, .revents = 0};
         if (!m_session->output().empty())
@@ -187,9 +247,11 @@ private:
     ClientOptions m_options;
     std::optional<Connection> m_connection;
     std::optional<RpcSession> m_session;
-    std::string m_schemaVersion;
+    ServerSchema m_schema;
     std::vector<std::string> m_tableNames;
     bool m_subscribed = false;
+    std::unique_ptr<Subscription> m_followed;
+    bool m_changed = false; // what is followed, and nobody has been told
     std::size_t m_requestSize = 0;
 };
 
@@ -220,6 +282,21 @@ TableCache Client::read(const std::vector<std::string>& tableNames)
     Subscription subscription(m_state->database(), tableNames);
     m_state->start(subscription);
     return subscription.takeTables();
+}
+
+const TableCache& Client::follow(const std::vector<std::string>& tableNames)
+{
+    return m_state->followTables(tableNames);
+}
+
+const TableCache& Client::followed() const
+{
+    return m_state->followed();
+}
+
+bool Client::awaitChange(std::chrono::steady_clock::time_point end)
+{
+    return m_state->awaitChange(end);
 }
 
 TransactionResult Client::transact(const std::vector<Json>& operations)

@@ -51,6 +51,16 @@ public:
     TableCache read();
     TableCache read(const std::vector<std::string>& tableNames);
 
+    // A copy of these tables that this connection keeps: what the server tells while a transaction or awaitChange waits
+    // is taken in. Valid until the next call of follow, read or watch.
+    const TableCache& follow(const std::vector<std::string>& tableNames);
+
+    // What follow gave last.
+    const TableCache& followed() const;
+
+    // Until something is different in the copy that follow gave, which must be valid. False: it is that time.
+    bool awaitChange(std::chrono::steady_clock::time_point end);
+
     // All of it, or nothing. Errors of single operations are in the result.
     TransactionResult transact(const std::vector<Json>& operations);
 

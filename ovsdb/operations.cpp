@@ -65,6 +65,20 @@ Json deleteRows(std::string_view tableName, const Where& where)
     return Json::Object{{"op", "delete"}, {"table", tableName}, {"where", where}};
 }
 
+std::vector<Json> countUp(std::string_view tableName, std::string_view column, std::int32_t limit)
+{
+    const auto mutation = [column](const char* how, std::int32_t by) {
+        return Json(Json::Array{Json(column), Json(how), Json(by)});
+    };
+    Json::Array mutations{mutation("+=", 1), mutation("%=", limit)};
+    return {Json::Object{
+                {"op", "mutate"}, {"table", tableName}, {"where", everyRow()}, {"mutations", std::move(mutations)}},
+            Json::Object{{"op", "select"},
+                         {"table", tableName},
+                         {"where", everyRow()},
+                         {"columns", Json(Json::Array{Json(column)})}}};
+}
+
 Json requireRow(const Table& table, const Row& row)
 {
     // An optional column that is unset and one that holds the value it then stands for read the same: not compared.

@@ -30,6 +30,10 @@ Json insertRow(std::string_view tableName, const ColumnValues& values);
 Json updateRows(std::string_view tableName, const Where& where, const ColumnValues& values);
 Json deleteRows(std::string_view tableName, const Where& where);
 
+// Adds to the number in every row of the table, starting again from 0 at the limit, and gives the number back as
+// Outcome::number of the last of these operations.
+std::vector<Json> countUp(std::string_view tableName, std::string_view column, std::int32_t limit);
+
 // Makes the transaction fail with "timed out" unless the row still has these values: for a change that was decided upon
 // from a copy.
 Json requireRow(const Table& table, const Row& row);
@@ -40,10 +44,11 @@ Json requireOnlyRows(std::string_view tableName, std::string_view column, std::i
 // What became of one operation. An operation behind a failed one was not tried: neither done nor an error.
 struct Outcome {
     bool done = false;
-    std::int64_t count = 0;   // rows changed or deleted
-    std::optional<Uuid> uuid; // the row inserted
-    std::string error;        // the server's short name of the error ("constraint violation"); "" when none
-    std::string details;      // the server's explanation, one line
+    std::int64_t count = 0;             // rows changed or deleted
+    std::optional<Uuid> uuid;           // the row inserted
+    std::optional<std::int32_t> number; // the one read
+    std::string error;                  // the server's short name of the error ("constraint violation"); "" when none
+    std::string details;                // the server's explanation, one line
 };
 
 struct TransactionResult {

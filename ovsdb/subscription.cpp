@@ -46,6 +46,13 @@ void Subscription::begin(RpcSession& session)
     m_request = session.request("get_schema", Json::Array{Json(m_database.name)});
 }
 
+void Subscription::begin(RpcSession& session, const ServerSchema& schema)
+{
+    m_method = Method::Since;
+    m_schema = schema;
+    subscribe(session);
+}
+
 void Subscription::end()
 {
     m_phase = Phase::Idle;

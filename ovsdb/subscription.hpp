@@ -29,6 +29,8 @@ public:
 
     // A new connection: asks for the schema. The copy of the tables stays until the server has told the current state.
     void begin(RpcSession& session);
+    // Likewise, where this connection's schema is known, of all the tables, and found right.
+    void begin(RpcSession& session, const ServerSchema& schema);
 
     // The connection is lost: forgets what has come of a message that is not complete.
     void end();

@@ -69,6 +69,10 @@ void DeviceRow::update(std::int32_t change, const QueueStatus& status)
         m_inForce = change;
         m_since = text::utcTime(std::chrono::system_clock::now());
     }
+    if (m_inStep != status.inStep) {
+        m_inStep = status.inStep;
+        m_inStepSince = text::utcTime(std::chrono::system_clock::now());
+    }
     const auto add = [this](std::string_view column, auto value) {
         m_wanted.emplace_back(std::string(column), tessera::Value(std::move(value)));
     };
@@ -76,6 +80,7 @@ void DeviceRow::update(std::int32_t change, const QueueStatus& status)
     add(device::number, m_inForce.value_or(-1));
     add(device::since, m_since);
     add(device::inStep, status.inStep ? 1 : 0);
+    add(device::inStepSince, m_inStepSince);
     add(device::reason, text::oneLine(status.reason, longestReason));
     add(device::rules, number(status.rules));
     add(device::notInForce, textOf(status.notInForce));
@@ -92,10 +97,13 @@ void DeviceRow::stop()
 {
     if (m_name.empty() || !m_served || m_wanted.empty())
         return;
-    m_send(ovsdb::updateRows(schema::deviceTable, ovsdb::rowsWith(device::name, m_name),
-                             {{std::string(device::number), tessera::Value(-1)},
-                              {std::string(device::inStep), tessera::Value(0)},
-                              {std::string(device::reason), tessera::Value(std::string("the daemon was stopped"))}}),
+    m_send(ovsdb::updateRows(
+               schema::deviceTable, ovsdb::rowsWith(device::name, m_name),
+               {{std::string(device::number), tessera::Value(-1)},
+                {std::string(device::inStep), tessera::Value(0)},
+                {std::string(device::inStepSince), tessera::Value(text::utcTime(std::chrono::system_clock::now()))},
+                {std::string(device::reason), tessera::Value(std::string("the daemon was stopped"))},
+                {std::string(device::started), tessera::Value(std::string())}}),
            [](const ovsdb::Json&, const std::optional<std::string>&) {});
 }
 

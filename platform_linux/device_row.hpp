@@ -61,6 +61,8 @@ private:
     bool m_served = false;
     std::optional<std::int32_t> m_inForce;
     std::string m_since;
+    std::optional<bool> m_inStep;
+    std::string m_inStepSince;
     ovsdb::ColumnValues m_wanted; // without the name; empty: nothing is known yet
     ovsdb::ColumnValues m_sent;   // with the write under way or taken
     bool m_asked = false;         // an answer is to come

@@ -29,6 +29,7 @@ inline constexpr std::string_view name = "Name";
 inline constexpr std::string_view number = "Number";                   // the change in force; -1: none yet
 inline constexpr std::string_view since = "Since";                     // when that came into force
 inline constexpr std::string_view inStep = "InStep";                   // 1: the kernel holds what the daemon wants
+inline constexpr std::string_view inStepSince = "InStepSince";         // since when it does, or does not
 inline constexpr std::string_view reason = "Reason";                   // why it does not
 inline constexpr std::string_view rules = "Rules";                     // how many the kernel holds of ours
 inline constexpr std::string_view notInForce = "NotInForce";           // "line TAB reason" of each, one a line
@@ -36,7 +37,7 @@ inline constexpr std::string_view notInForceCount = "NotInForceCount"; // of all
 inline constexpr std::string_view repaired = "Repaired";               // when another program's change was put right
 inline constexpr std::string_view repairedWhat = "RepairedWhat";       // who had changed what
 inline constexpr std::string_view version = "Version";                 // the daemon's
-inline constexpr std::string_view started = "Started";                 // when the daemon did
+inline constexpr std::string_view started = "Started";                 // when the daemon did; empty: it was stopped
 } // namespace device
 
 inline constexpr std::size_t maximumNotInForce = 1'000;

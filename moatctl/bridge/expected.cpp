@@ -24,13 +24,14 @@ public:
     {
         for (const schema::Table& table : schema::allTables()) {
             for (const Row& row : configuration.rows(table.id)) {
-                if (isDelivered(row))
-                    m_rows[static_cast<std::size_t>(table.id)].push_back(&row);
+                (isDelivered(row) ? m_rows[static_cast<std::size_t>(table.id)] : m_leftOut).push_back(&row);
             }
         }
     }
 
     const std::vector<const Row*>& of(TableId table) const { return m_rows[static_cast<std::size_t>(table)]; }
+
+    const std::vector<const Row*>& leftOut() const { return m_leftOut; }
 
     // The rows of a table as the daemon sees them.
     template <typename Make>
@@ -54,6 +55,7 @@ private:
     }
 
     std::array<std::vector<const Row*>, schema::tableCount> m_rows;
+    std::vector<const Row*> m_leftOut;
 };
 
 daemon::Tables tablesOf(const DeliveredRows& rows)
@@ -93,6 +95,7 @@ Expected expectedOf(const Configuration& configuration)
     const auto rowAt = [&](const daemon::RowPlace& place) { return rows.of(idOf(place.table))[place.index]; };
     daemon::FirstCommit commit = daemon::firstCommit(tablesOf(rows));
     Expected expected;
+    expected.leftOut = rows.leftOut();
     for (daemon::QueuedLine& line : commit.lines)
         expected.lines.push_back({std::move(line.text), line.origin ? rowAt(*line.origin) : nullptr});
     for (const daemon::UnusableRow& unusable : commit.unusable) {

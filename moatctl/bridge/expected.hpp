@@ -29,7 +29,8 @@ struct UnusableRow {
 struct Expected {
     std::vector<ExpectedLine> lines; // of the first commit, in order
     std::vector<UnusableRow> unusable;
-    std::vector<const Row*> used; // rows that became a record, in the order in which they are applied
+    std::vector<const Row*> leftOut; // with a text that would not be one operand: the daemon never sees these
+    std::vector<const Row*> used;    // rows that became a record, in the order in which they are applied
 };
 
 Expected expectedOf(const Configuration& configuration);

@@ -1,6 +1,7 @@
 #include "moatctl/command_line/carry_out.hpp"
 
 #include "moatctl/check/change.hpp"
+#include "moatctl/command_line/await_in_force.hpp"
 
 #include <algorithm>
 #include <ostream>
@@ -59,11 +60,14 @@ std::function<void(Editor&)> checked(Program& program, std::function<void(Editor
 ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit)
 {
     ovsdb::Client client = program.connect();
-    const Told told = applyEdit(client, edit);
-    for (const std::string& line : told.notes)
+    const Stored stored = applyEdit(client, edit);
+    for (const std::string& line : stored.told.notes)
         program.err << line << '\n';
-    for (const std::string& line : told.reports)
+    for (const std::string& line : stored.told.reports)
         program.out << line << '\n';
+    program.out.flush();
+    if (!program.noWait)
+        awaitInForce(program, client, stored);
     return ExitStatus::Ok;
 }
 

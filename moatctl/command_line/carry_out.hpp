@@ -14,7 +14,8 @@ void addChangeOptions(const Command& command, Program& program);
 // stored all the same; warnings become notes. What was wrong before and is not the edit's doing is not told.
 std::function<void(Editor&)> checked(Program& program, std::function<void(Editor&)> edit);
 
-// Carries the edit out and writes what it reports. Throws what applyEdit throws.
+// Carries the edit out, writes what it reports and waits until it is in force, if that is wanted. Throws what applyEdit
+// and awaitInForce throw.
 ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit);
 
 } // namespace moatctl

@@ -24,6 +24,8 @@ constexpr const char* closingText = R"(Exit status:
   3  the server cannot be reached, does not answer in time or has another schema
   4  a row is missing, exists already or is in use, or others kept changing it
   5  the output could not be written, or there was not enough memory
+  6  the change is stored, but not in force, or not all of it: standard error names the rows
+  7  the change is stored, but no daemon has said in time that it applies it
 
 Example:
   moatctl rule add --in eth0 --out eth1 --src-mac 00:11:22:33:44:55 --drop)";
@@ -76,9 +78,10 @@ Parser::Parser(Program& program) : m_root(rootOf(program, false))
     const Command root(*m_root);
     root.option("--server", "PATH", "Socket of the configuration server", program.server.socketPath)
         .defaultsTo(program.server.socketPath);
-    root.option("--timeout", "SECONDS", "Longest wait for an answer from the server",
+    root.option("--timeout", "SECONDS", "Longest wait for an answer from the server, and for a change to be in force",
                 [&program](const std::string& text) { program.server.timeout = timeoutOf(text); })
         .defaultsTo("5");
+    root.flag("--no-wait", "Change rows without waiting until the change is in force", program.noWait);
 }
 
 Parser::Parser(Program& program, OnlyChanges) : m_root(rootOf(program, true)) {}

@@ -10,9 +10,9 @@
 namespace moatctl
 {
 
-ovsdb::Client Program::connect() const
+ovsdb::Client Program::connect(const ovsdb::ClientOptions& options) const
 {
-    return ovsdb::Client(schema::serverDatabase(), server);
+    return ovsdb::Client(schema::serverDatabaseWithDevices(), options);
 }
 
 int run(int argc, const char* const* argv, Program& program)

@@ -34,13 +34,15 @@ struct Program {
 
     ovsdb::ClientOptions server{}; // --server, --timeout
     bool force = false;            // --force
+    bool noWait = false;           // --no-wait
 
     // Set by the verb that was given, exactly one of the two. They run after the whole command line was found right,
     // and may throw Failure and the errors of ovsdb::Client.
     std::function<ExitStatus()> action{};
     std::function<void(Editor&)> edit{}; // verbs that change rows: also on a line of a batch
 
-    ovsdb::Client connect() const;
+    ovsdb::Client connect() const { return connect(server); }
+    ovsdb::Client connect(const ovsdb::ClientOptions& options) const;
 };
 
 } // namespace moatctl

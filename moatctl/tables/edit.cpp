@@ -5,10 +5,12 @@
 #include "moatctl/tables/problem.hpp"
 #include "moatctl/tables/server.hpp"
 #include "ovsdb/client.hpp"
+#include "schema/device.hpp"
 #include "schema/server/database.hpp"
 
 #include <algorithm>
 #include <map>
+#include <utility>
 
 namespace moatctl
 {
@@ -149,6 +151,40 @@ void planNotes(const ovsdb::Client& client, const std::vector<Change>& changes, 
                                               ", has no place for acknowledged warnings: expected schema 1.1 or later");
 }
 
+// Everybody who waits for the change to be in force waits for its number. Returns the number where it is known now; the
+// transaction says otherwise.
+std::optional<std::int32_t> planNumber(const ovsdb::TableCache& state, Plan& plan)
+{
+    if (changeNumberOf(state)) {
+        for (ovsdb::Json& operation : ovsdb::countUp(schema::changeTable, schema::changeNumber, schema::changeNumbers))
+            plan.add(std::move(operation), nullptr);
+        return std::nullopt;
+    }
+    // The first one, which no device has put in force yet.
+    std::int32_t largest = 0;
+    for (const Device& device : devicesOf(state))
+        largest = std::max(largest, device.number);
+    const std::int32_t number = (largest + 1) % schema::changeNumbers;
+    plan.add(ovsdb::insertRow(schema::changeTable, {{std::string(schema::changeNumber), tessera::Value(number)}}),
+             nullptr);
+    return number;
+}
+
+ovsdb::TransactionResult send(ovsdb::Client& client, const std::vector<ovsdb::Json>& operations)
+{
+    const auto unknown = [](const ovsdb::Error& error) {
+        return Failure(ExitStatus::Server,
+                       std::string(error.what()) + "; it is not known whether the change was stored");
+    };
+    try {
+        return client.transact(operations);
+    } catch (const ovsdb::ConnectionError& error) {
+        throw unknown(error);
+    } catch (const ovsdb::TimeoutError& error) {
+        throw unknown(error);
+    }
+}
+
 // Whether somebody else was faster: a row is not what it was, or an Id is taken by now.
 bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
 {
@@ -170,10 +206,15 @@ bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
 
 } // namespace
 
-Told applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit)
+Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit)
 {
     for (int attempt = 0; attempt < attemptLimit; ++attempt) {
-        const Configuration before = loadFromServer(client);
+        Stored stored;
+        const ovsdb::TableCache& state = client.follow(client.tableNames());
+        stored.before = toConfiguration(state);
+        stored.devicesBefore = devicesOf(state);
+        stored.numberBefore = changeNumberOf(state);
+        const Configuration& before = stored.before;
         Editor editor(before);
         edit(editor);
         // An acknowledgement goes with its row.
@@ -183,14 +224,26 @@ Told applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit)
         const std::vector<Change> changes = difference(before, editor.configuration);
         Plan plan = planOf(changes, before, editor);
         planNotes(client, changes, editor, plan);
+        const bool counted = !changes.empty() && tellsWhatIsInForce(client);
+        if (counted)
+            stored.number = planNumber(state, plan);
         if (!changes.empty() || editor.configuration.acknowledged != before.acknowledged) {
-            const ovsdb::TransactionResult result = client.transact(plan.operations);
+            const ovsdb::TransactionResult result = send(client, plan.operations);
             if (overtaken(plan, result))
                 continue;
             if (!result.committed())
                 refuse(plan, result);
+            if (counted && !stored.number)
+                stored.number = result.outcomes.back().number;
         }
-        return editor.told();
+        stored.told = editor.told();
+        stored.changed = !changes.empty();
+        for (const Change& change : changes) {
+            if (change.after != nullptr)
+                stored.rows.emplace(change.table->id, change.id);
+        }
+        stored.after = std::move(editor.configuration);
+        return stored;
     }
     throw Failure(ExitStatus::Conflict,
                   "gave up after " + std::to_string(attemptLimit) +

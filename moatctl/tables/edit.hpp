@@ -3,8 +3,11 @@
 #pragma once
 
 #include "moatctl/tables/configuration.hpp"
+#include "moatctl/tables/devices.hpp"
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -52,10 +55,24 @@ private:
     Told m_told;
 };
 
+// An edit that held, and what was there before it.
+struct Stored {
+    Told told;
+    std::set<std::pair<TableId, std::int32_t>> rows; // that are new or different
+    bool changed = false;                            // any row, also one that is gone
+    std::optional<std::int32_t> number;              // of the change, where the server counts them
+    std::optional<std::int32_t> numberBefore;        // of the change that it was made on
+    Configuration before;
+    Configuration after;
+    std::vector<Device> devicesBefore;
+};
+
 // Reads, edits, writes; at most attemptLimit times, as long as others come in between. Does nothing when the edit
-// changes nothing. Returns what the edit that held has told. Throws what the edit throws, Failure(Conflict) when it
-// never got through, Failure(BadInput) when the server refuses a value, and the errors of ovsdb::Client.
+// changes nothing. Throws what the edit throws, Failure(Conflict) when it
+// never got through, Failure(BadInput) when the server refuses a value, Failure(Server) when it is not known whether
+// the change was stored, and the errors of ovsdb::Client.
 inline constexpr int attemptLimit = 50;
-Told applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit);
+// The client follows all tables afterwards.
+Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit);
 
 } // namespace moatctl

@@ -3,7 +3,10 @@
 #include "ovsdb/client.hpp"
 #include "schema/server/database.hpp"
 
+#include <algorithm>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace moatctl
 {
@@ -35,7 +38,11 @@ Configuration toConfiguration(const ovsdb::TableCache& cache)
 
 Configuration loadFromServer(ovsdb::Client& client)
 {
-    return toConfiguration(client.read());
+    std::vector<std::string> names = schema::serverDatabase().tableNames();
+    std::erase_if(names, [&client](const std::string& name) {
+        return std::ranges::find(client.tableNames(), name) == client.tableNames().end();
+    });
+    return toConfiguration(client.read(names));
 }
 
 } // namespace moatctl

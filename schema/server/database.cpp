@@ -50,10 +50,10 @@ ovsdb::Database withDevices(ovsdb::Database database)
     database.tables.push_back(
         {.name = std::string(deviceTable),
          .columns = {column(device::name, Text), column(device::number, Integer), column(device::since, Text),
-                     column(device::inStep, Integer), column(device::reason, Text), column(device::rules, Integer),
-                     column(device::notInForce, Text), column(device::notInForceCount, Integer),
-                     column(device::repaired, Text), column(device::repairedWhat, Text), column(device::version, Text),
-                     column(device::started, Text)},
+                     column(device::inStep, Integer), column(device::inStepSince, Text), column(device::reason, Text),
+                     column(device::rules, Integer), column(device::notInForce, Text),
+                     column(device::notInForceCount, Integer), column(device::repaired, Text),
+                     column(device::repairedWhat, Text), column(device::version, Text), column(device::started, Text)},
          .mayBeMissing = true});
     return database;
 }

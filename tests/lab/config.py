@@ -11,6 +11,7 @@ INPUT_POLICY, FORWARD_POLICY = "MoatKeeperInputPolicy", "MoatKeeperForwardingPol
 FILTERS, FILTER_RULES = "MoatKeeperBridgeFilters", "MoatKeeperBridgeFilterRules"
 # What says whether a change is in force; not among the configuration tables.
 CHANGE, DEVICE = "MoatKeeperChange", "MoatKeeperDevice"
+USED_IDS = "MoatKeeperUsedIds"
 TABLES = (MAIN, INPUT_POLICY, FORWARD_POLICY, RULES, FILTERS, FILTER_RULES)
 
 

@@ -1,6 +1,7 @@
 """All of it together: bridge, configuration server and daemon, as a unittest class and as a test script's main."""
 
 import argparse
+import json
 import os
 import sys
 import unittest
@@ -16,6 +17,18 @@ _options = argparse.Namespace()
 
 def makeFolder():
     os.makedirs(FOLDER, exist_ok=True)
+
+
+def writeOldSchema(path):
+    """Our schema as it was before anybody could say what is in force."""
+    with open(SCHEMA, encoding="utf-8") as file:
+        schema = json.load(file)
+    for table in (config.CHANGE, config.DEVICE):
+        del schema["tables"][table]
+    schema["version"] = "1.0.0"
+    makeFolder()
+    with open(path, "w", encoding="utf-8") as file:
+        json.dump(schema, file)
 
 
 class Machine(unittest.TestCase):

@@ -38,7 +38,8 @@ class Case(unittest.TestCase):
         connection.close()
 
     def command(self, *words, socket_path=None):
-        return [MOATCTL, "--server", str(socket_path or self.socket), *map(str, words)]
+        """No daemon runs here that could put anything in force."""
+        return [MOATCTL, "--no-wait", "--server", str(socket_path or self.socket), *map(str, words)]
 
     def run_tool(self, *words, stdin="", **options):
         return subprocess.run(self.command(*words, **options), input=stdin, stdout=subprocess.PIPE,

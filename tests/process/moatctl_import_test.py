@@ -195,20 +195,16 @@ class Terminal(Case):
         path = self.folder / "rules.json"
         path.write_text(json.dumps({"MoatKeeperRuleset": rows}))
 
-        def beRead(peer):
-            peer.answerSchema()
+        def beWritten(peer):
             peer.serveSince({})
-
-        def beWritten(peer):  # what is written goes over a connection of its own
             peer.connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-            peer.answerSchema()
             peer.text = peer.connection.recv(1).decode()
             time.sleep(0.5)
             request = peer.expect("transact")
             time.sleep(0.5)
             peer.reply(request, [{"uuid": ["uuid", "11111111-1111-1111-1111-111111111111"]}
                                  for _ in request["params"][1:]])
-        slow = FakeServer(self.folder / "slow", beRead, beWritten)
+        slow = FakeServer(self.folder / "slow", beWritten)
         self.addCleanup(slow.close)
         process = subprocess.Popen(self.command("import", path, "--elsewhere", socket_path=slow.path),
                                    stdout=subprocess.DEVNULL, stderr=stderr, env=self.ENVIRONMENT)

@@ -180,6 +180,39 @@ TEST_F(OvsdbClientTest, RefusesAChangeOfWhatHasChangedMeanwhile)
     EXPECT_EQ(change().failedOperation(), 0U);
 }
 
+TEST_F(OvsdbClientTest, KeepsACopyWhileItChangesTheRowsItself)
+{
+    Client client(schema::serverDatabaseWithDevices(), options());
+    const ovsdb::TableCache& copy = client.follow(client.tableNames());
+    EXPECT_TRUE(copy.rows("MoatKeeperInputPolicy").empty());
+    for (std::int32_t id = 1; id <= 5; ++id) {
+        ASSERT_TRUE(client.transact({policy(id)}).committed());
+        while (copy.rows("MoatKeeperInputPolicy").size() != static_cast<std::size_t>(id))
+            ASSERT_TRUE(client.awaitChange(std::chrono::steady_clock::now() + 5s));
+    }
+    Client other(schema::serverDatabase(), options());
+    ASSERT_TRUE(other.transact({policy(9)}).committed());
+    while (copy.rows("MoatKeeperInputPolicy").size() != 6U)
+        ASSERT_TRUE(client.awaitChange(std::chrono::steady_clock::now() + 5s));
+    EXPECT_FALSE(client.awaitChange(std::chrono::steady_clock::now() + 20ms));
+    stopServer();
+    EXPECT_THROW(client.awaitChange(std::chrono::steady_clock::now() + 5s), ovsdb::ConnectionError);
+}
+
+TEST_F(OvsdbClientTest, CountsUpAndBeginsAgain)
+{
+    Client client(schema::serverDatabaseWithDevices(), options());
+    const auto count = [&client] {
+        return client.transact(ovsdb::countUp("MoatKeeperChange", "Number", 2'000'000'000)).outcomes.back().number;
+    };
+    EXPECT_EQ(count(), std::nullopt) << "there is no row";
+    ASSERT_TRUE(
+        client.transact({ovsdb::insertRow("MoatKeeperChange", {{"Number", Value(1'999'999'998)}})}).committed());
+    EXPECT_EQ(count(), 1'999'999'999);
+    EXPECT_EQ(count(), 0);
+    EXPECT_EQ(count(), 1);
+}
+
 TEST_F(OvsdbClientTest, WatchesChanges)
 {
     Client watcher(schema::serverDatabase(), options());

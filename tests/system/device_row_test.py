@@ -1,6 +1,5 @@
 """What the daemon tells the configuration server of itself: which change is in force, and what is not."""
 
-import json
 import signal
 import socket
 import subprocess
@@ -106,13 +105,7 @@ class OlderServer(machine.Machine):
 
     @classmethod
     def setUpClass(cls):
-        with open(programs.SCHEMA, encoding="utf-8") as file:
-            schema = json.load(file)
-        del schema["tables"][config.CHANGE], schema["tables"][config.DEVICE]
-        schema["version"] = "1.0.0"
-        machine.makeFolder()
-        with open(OLD_SCHEMA, "w", encoding="utf-8") as file:
-            json.dump(schema, file)
+        machine.writeOldSchema(OLD_SCHEMA)
         super().setUpClass()
 
     def testIsServedAsBefore(self):
