@@ -98,6 +98,15 @@ std::string advice(Answer answer, int error)
     return "";
 }
 
+// Of a list that the kernel could not finish.
+int errorAtTheEnd(const nlmsghdr* message)
+{
+    std::int32_t error = 0;
+    if (mnl_nlmsg_get_payload_len(message) >= sizeof error)
+        std::memcpy(&error, mnl_nlmsg_get_payload(message), sizeof error);
+    return error < 0 && error > -4096 ? -error : error == 0 ? 0 : EBADMSG;
+}
+
 std::optional<std::uint32_t> generationOf(const nlmsghdr* message)
 {
     std::optional<std::uint32_t> result;
@@ -108,18 +117,16 @@ std::optional<std::uint32_t> generationOf(const nlmsghdr* message)
     return result;
 }
 
-// Nothing when the chain is of another table.
-std::optional<ChainView> readChain(const nlmsghdr* message)
+ChainView readChain(const nlmsghdr* message, std::string_view& table)
 {
     ChainView chain;
-    bool ours = false;
     bool hooked = false;
     std::optional<std::uint32_t> hook;
     std::optional<std::uint32_t> policy;
     forEachAttribute(message, headerSize, [&](const nlattr* attribute) {
         switch (mnl_attr_get_type(attribute)) {
         case NFTA_CHAIN_TABLE:
-            ours = textOf(attribute) == filterTable;
+            table = textOf(attribute);
             break;
         case NFTA_CHAIN_NAME:
             chain.name = textOf(attribute);
@@ -139,8 +146,6 @@ std::optional<ChainView> readChain(const nlmsghdr* message)
             break;
         }
     });
-    if (!ours || chain.name.empty())
-        return std::nullopt;
     const std::array<std::pair<const char*, std::uint32_t>, 3> builtIn{
         {{"INPUT", NF_BR_LOCAL_IN}, {"FORWARD", NF_BR_FORWARD}, {"OUTPUT", NF_BR_LOCAL_OUT}}};
     chain.builtIn = hooked && std::ranges::any_of(builtIn, [&](const auto& known) {
@@ -184,7 +189,14 @@ Result Connection::failed(int error) const
     return result;
 }
 
-Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function<void(const nlmsghdr*)>& visit,
+// What is still on its way must not be taken for the answer to the next request.
+Result Connection::brokenOff(int error)
+{
+    m_socket.reset();
+    return failed(error);
+}
+
+Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function<bool(const nlmsghdr*)>& visit,
                         bool& settled)
 {
     Result result;
@@ -192,6 +204,7 @@ Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function
         return result;
     m_buffer.resize(bufferSize);
     const bool isDump = type != NFT_MSG_GETGEN;
+    const auto answerType = static_cast<std::uint16_t>(tables | (type - 1)); // so they are numbered
     nlmsghdr* request = mnl_nlmsg_put_header(m_buffer.data());
     request->nlmsg_type = static_cast<std::uint16_t>(tables | type);
     request->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | (isDump ? NLM_F_DUMP : 0));
@@ -206,12 +219,8 @@ Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function
         const Socket::Received got = m_socket->receive(m_buffer, true);
         if (got.error == EINTR)
             continue;
-        if (got.error != 0) {
-            result = failed(got.error);
-            // What is still on its way must not be taken for the answer to the next request.
-            m_socket.reset();
-            return result;
-        }
+        if (got.error != 0)
+            return brokenOff(got.error);
         Bytes left(m_buffer.data(), got.size);
         while (const nlmsghdr* message = takeMessage(left)) {
             if (message->nlmsg_seq != m_sequence)
@@ -220,6 +229,8 @@ Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function
                 settled = false;
             if (message->nlmsg_type == NLMSG_DONE) {
                 m_hadRight = true;
+                if (const int error = errorAtTheEnd(message); error != 0)
+                    return brokenOff(error);
                 result.answer = Answer::Done;
                 return result;
             }
@@ -227,9 +238,10 @@ Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function
                 const std::optional<ErrorMessage> error = readError(message);
                 return failed(error && error->error != 0 ? error->error : EBADMSG);
             }
-            if (message->nlmsg_type < NLMSG_MIN_TYPE || mnl_nlmsg_get_payload_len(message) < headerSize)
+            if (message->nlmsg_type < NLMSG_MIN_TYPE)
                 continue;
-            visit(message);
+            if (message->nlmsg_type != answerType || mnl_nlmsg_get_payload_len(message) < headerSize || !visit(message))
+                return brokenOff(EBADMSG);
             if (!isDump) {
                 result.answer = Answer::Done;
                 return result;
@@ -243,10 +255,13 @@ Result Connection::generation()
     std::optional<std::uint32_t> generation;
     bool settled = true;
     Result result = dump(
-        NFT_MSG_GETGEN, false, [&](const nlmsghdr* message) { generation = generationOf(message); }, settled);
+        NFT_MSG_GETGEN, false,
+        [&](const nlmsghdr* message) {
+            generation = generationOf(message);
+            return generation.has_value();
+        },
+        settled);
     result.generation = generation;
-    if (result.answer == Answer::Done && !generation)
-        return failed(EBADMSG);
     return result;
 }
 
@@ -258,16 +273,17 @@ Result Connection::readChains(std::vector<ChainView>& chains, std::uint64_t& tab
     Result result = dump(
         NFT_MSG_GETTABLE, false,
         [&](const nlmsghdr* message) {
-            bool isFilter = false;
+            std::string_view name;
             std::uint64_t handle = 0;
             forEachAttribute(message, headerSize, [&](const nlattr* attribute) {
                 if (mnl_attr_get_type(attribute) == NFTA_TABLE_NAME)
-                    isFilter = textOf(attribute) == filterTable;
+                    name = textOf(attribute);
                 else if (mnl_attr_get_type(attribute) == NFTA_TABLE_HANDLE)
                     handle = longNumberOf(attribute).value_or(0);
             });
-            if (isFilter)
+            if (name == filterTable)
                 table = handle;
+            return !name.empty() && handle != 0;
         },
         settled);
     if (result.answer != Answer::Done)
@@ -275,9 +291,12 @@ Result Connection::readChains(std::vector<ChainView>& chains, std::uint64_t& tab
     return dump(
         NFT_MSG_GETCHAIN, false,
         [&](const nlmsghdr* message) {
-            std::optional<ChainView> chain = readChain(message);
-            if (chain && std::ranges::find(chains, chain->name, &ChainView::name) == chains.end())
-                chains.push_back(std::move(*chain));
+            std::string_view of;
+            ChainView chain = readChain(message, of);
+            const bool good = !of.empty() && !chain.name.empty();
+            if (of == filterTable && std::ranges::find(chains, chain.name, &ChainView::name) == chains.end())
+                chains.push_back(std::move(chain));
+            return good;
         },
         settled);
 }
@@ -289,8 +308,10 @@ Result Connection::readRules(const std::function<void(const RuleView&)>& visit, 
         NFT_MSG_GETRULE, true,
         [&](const nlmsghdr* message) {
             const RuleView rule = readRule(message);
-            if (rule.table == filterTable && !rule.chain.empty() && rule.handle != 0)
+            const bool good = !rule.table.empty() && !rule.chain.empty() && rule.handle != 0;
+            if (good && rule.table == filterTable)
                 visit(rule);
+            return good;
         },
         settled);
 }

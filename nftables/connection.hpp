@@ -84,7 +84,9 @@ public:
 private:
     bool open(Result& result);
     Result failed(int error) const;
-    Result dump(std::uint16_t type, bool filterOnly, const std::function<void(const nlmsghdr*)>& visit, bool& settled);
+    Result brokenOff(int error);
+    // visit: false for a message that makes no sense.
+    Result dump(std::uint16_t type, bool filterOnly, const std::function<bool(const nlmsghdr*)>& visit, bool& settled);
     Result classify(const std::vector<Refusal>& errors, std::optional<int> batchError);
     bool takeAnswers(std::uint32_t first, const Batch& batch, Result& result, std::optional<int>& batchError,
                      std::vector<Refusal>& errors);

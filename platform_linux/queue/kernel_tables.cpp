@@ -220,8 +220,10 @@ bool KernelTables::know(std::string& reason)
         bool settled = true;
         if (!read(found, generation, settled, reason))
             return false;
-        // Others who change other tables make each read doubtful; two that agree are taken all the same.
-        accepted = settled || (i > 0 && sameRules(found, before)) || (m_everRead && sameRules(found, m_actual));
+        // Others who change other tables make each read doubtful, and so does what is not there any more: before that
+        // is put in once more it is looked for twice. Two that agree are taken.
+        accepted = (settled && (!m_everRead || isOursUntouched(found))) || (i > 0 && sameRules(found, before)) ||
+                   (m_everRead && sameRules(found, m_actual));
         m_sureOfGeneration = settled;
         if (!accepted)
             std::swap(before, found);
@@ -244,6 +246,24 @@ bool KernelTables::know(std::string& reason)
     m_everRead = true;
     m_isKnown = true;
     return true;
+}
+
+// Whether all of ours is where it was last seen.
+bool KernelTables::isOursUntouched(const TableImage& actual) const
+{
+    return actual.table == m_actual.table && std::ranges::all_of(m_actual.chains, [&](const auto& entry) {
+               const ImageChain& known = entry.second;
+               const ImageChain* found = actual.find(entry.first);
+               if (known.ours)
+                   return found != nullptr && found->present && found->policy == known.policy &&
+                          std::ranges::equal(found->rules, known.rules, {}, &ImageRule::handle, &ImageRule::handle);
+               return (!known.policyIsOurs || (found != nullptr && found->policy == known.policy)) &&
+                      std::ranges::all_of(known.rules, [&](const ImageRule& rule) {
+                          return !rule.ours ||
+                                 (found != nullptr && std::ranges::find(found->rules, rule.handle,
+                                                                        &ImageRule::handle) != found->rules.end());
+                      });
+           });
 }
 
 // Compares what was ours with what is found; `actual` says already which of its rules are.

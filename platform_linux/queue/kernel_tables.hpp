@@ -107,6 +107,7 @@ private:
     bool numberRules(const std::vector<Change>& changes, const std::vector<nftables::NewRule>& told);
     bool readHandles();
     void forgetHandles();
+    bool isOursUntouched(const TableImage& actual) const;
     void noteDrift(const TableImage& actual);
 
     RulePool& m_pool;

@@ -242,6 +242,10 @@ void FakeKernel::spoilReplies()
                 answer[i] = static_cast<std::uint8_t>(answer[i] * 31 + 7);
         }
         break;
+    case Fault::Kind::Omission:
+        while (m_replies.size() > 1)
+            m_replies.pop_front();
+        break;
     default:
         break;
     }

@@ -26,6 +26,7 @@ public:
             Overrun,    // taken, and the answer is lost
             Cut,        // taken, and the answer is cut off
             Lie,        // taken, and answered with nonsense
+            Omission,   // of the answer, all but its end is left out
         };
         Kind kind = Kind::Error;
         int error = 0;

@@ -254,10 +254,14 @@ TEST_F(TransactionQueueTest, NothingIsLostOrDoubledWhateverTheAnswer)
                 all.push_back({kind, 0, std::nullopt, times});
         }
         for (std::size_t request = 0; request < 6; ++request) {
-            for (const int error : {EPERM, ENOMEM, ENOBUFS, EINTR})
-                all.push_back({Fault::Kind::Error, error, request, 1, true});
-            for (const auto kind : {Fault::Kind::NoAnswer, Fault::Kind::Overrun, Fault::Kind::Cut})
-                all.push_back({kind, 0, request, 1, true});
+            for (const unsigned times : {1U, 2U}) {
+                for (const int error : {EPERM, ENOMEM, ENOBUFS, EINTR, 85 /* ERESTART */})
+                    all.push_back({Fault::Kind::Error, error, request, times, true});
+                for (const auto kind :
+                     {Fault::Kind::NoAnswer, Fault::Kind::Overrun, Fault::Kind::Cut, Fault::Kind::Lie})
+                    all.push_back({kind, 0, request, times, true});
+            }
+            all.push_back({Fault::Kind::Omission, 0, request, 1, true});
         }
         return all;
     }();
