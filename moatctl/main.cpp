@@ -23,10 +23,14 @@ bool isCapable(int descriptor)
     return isatty(descriptor) == 1 && !variable("TERM").empty() && variable("TERM") != "dumb";
 }
 
-std::size_t widthOf(int descriptor)
+moatctl::Terminal terminal()
 {
     winsize size{};
-    return isatty(descriptor) == 1 && ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+    if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0)
+        size = {};
+    const bool obeys = isCapable(STDOUT_FILENO);
+    return {
+        .obeys = obeys, .colour = obeys && variable("NO_COLOR").empty(), .width = size.ws_col, .height = size.ws_row};
 }
 
 } // namespace
@@ -40,8 +44,8 @@ int main(int argc, char** argv)
         .err = std::cerr,
         .verbs = moatctl::allVerbs(),
         .errIsTerminal = isCapable(STDERR_FILENO),
-        .terminal = {.colour = isCapable(STDOUT_FILENO) && variable("NO_COLOR").empty(),
-                     .width = widthOf(STDOUT_FILENO)},
+        .terminal = terminal(),
+        .measure = terminal,
         .server = {.socketPath = std::string(schema::defaultSocketPath)},
     };
     return moatctl::run(argc, argv, program);

@@ -19,8 +19,10 @@ enum class Format { Table, Json, Csv };
 
 // Where the output goes.
 struct Terminal {
-    bool colour = false;   // headings stand out
-    std::size_t width = 0; // 0: no terminal
+    bool obeys = false;     // escape sequences
+    bool colour = false;    // headings stand out
+    std::size_t width = 0;  // 0: no terminal
+    std::size_t height = 0; // likewise
 };
 
 struct OutputStyle {

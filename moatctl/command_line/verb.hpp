@@ -26,11 +26,12 @@ struct Verb {
 // What a verb finds around it. Lives as long as the program runs.
 struct Program {
     std::istream& in;
-    std::ostream& out;           // data
-    std::ostream& err;           // messages
-    std::span<const Verb> verbs; // in the order of the help
-    bool errIsTerminal = false;  // one that can do more than print
-    Terminal terminal{};         // of out
+    std::ostream& out;                   // data
+    std::ostream& err;                   // messages
+    std::span<const Verb> verbs;         // in the order of the help
+    bool errIsTerminal = false;          // one that can do more than print
+    Terminal terminal{};                 // of out
+    std::function<Terminal()> measure{}; // the same by now
 
     ovsdb::ClientOptions server{}; // --server, --timeout
     bool force = false;            // --force

@@ -1,24 +1,22 @@
-#include "ebtables/line_parser.hpp"
-#include "moatctl/bridge/compare.hpp"
-#include "moatctl/bridge/expected.hpp"
+#include "moatctl/bridge/daemon.hpp"
 #include "moatctl/bridge/kernel.hpp"
 #include "moatctl/check/check.hpp"
 #include "moatctl/command_line/output.hpp"
 #include "moatctl/command_line/time_stamp.hpp"
-#include "moatctl/tables/server.hpp"
 #include "moatctl/tables/values.hpp"
 #include "moatctl/verbs/all.hpp"
+#include "moatctl/verbs/status_view.hpp"
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
+#include <csignal>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <set>
-#include <system_error>
+#include <sstream>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 namespace moatctl
@@ -27,53 +25,11 @@ namespace moatctl
 namespace
 {
 
-namespace fs = std::filesystem;
-
-constexpr const char* asConfigured = "as configured";
-
 struct Options {
     std::string pidFolder = "/var/run";
     OutputStyle style;
+    bool watch = false;
 };
-
-std::string firstLine(const fs::path& path)
-{
-    std::string line;
-    std::ifstream file(path);
-    std::getline(file, line);
-    return line;
-}
-
-// Another namespace's daemon has bridge tables of its own. What may not be read counts as ours; a process that has
-// ended has no namespace any more.
-bool isInOurNetwork(const std::string& pid)
-{
-    std::error_code theirs;
-    std::error_code ours;
-    const fs::path there = fs::read_symlink("/proc/" + pid + "/ns/net", theirs);
-    const fs::path here = fs::read_symlink("/proc/self/ns/net", ours);
-    return theirs ? theirs == std::errc::permission_denied : ours || there == here;
-}
-
-// A process that is the daemon: by its program's name, which anybody may read.
-bool isDaemon(const std::string& pid)
-{
-    return !pid.empty() && std::ranges::all_of(pid, [](char c) { return c >= '0' && c <= '9'; }) &&
-           firstLine("/proc/" + pid + "/comm") == "moatkeeper" && isInOurNetwork(pid);
-}
-
-// Of the PID file; a daemon in the foreground writes none and is looked for among all processes.
-std::optional<std::string> daemonPid(const std::string& pidFolder)
-{
-    if (std::string pid = firstLine(fs::path(pidFolder) / "moatkeeper.pid"); isDaemon(pid))
-        return pid;
-    std::error_code error;
-    for (fs::directory_iterator entry("/proc", error), end; !error && entry != end; entry.increment(error)) {
-        if (std::string pid = entry->path().filename(); isDaemon(pid))
-            return pid;
-    }
-    return std::nullopt;
-}
 
 std::string lastCommitText()
 {
@@ -119,84 +75,33 @@ Sheet entriesSheet(const Applied& applied, const std::vector<Entry>& entries, bo
     return sheet;
 }
 
-std::string summaryOf(const std::vector<Entry>& entries)
+Sheet notInForceSheet(const std::vector<NotInForceHere>& rows)
 {
-    std::string text;
-    for (const EntryState state : {EntryState::Missing, EntryState::Extra, EntryState::Different}) {
-        const auto count = std::ranges::count(entries, state, &Entry::state);
-        if (count != 0)
-            text += (text.empty() ? "" : ", ") + std::to_string(count) + ' ' + nameOf(state);
+    Sheet sheet{"not_in_force", "Not in force", {"TABLE", "ID", "COLUMN", "LINE", "REASON"}, {}};
+    using tessera::Value;
+    for (const auto& [device, row] : rows) {
+        const Problem& problem = row.problem;
+        sheet.rows.push_back({Value(problem.table), problem.id != 0 ? Cell(Value(problem.id)) : Cell(),
+                              Value(problem.column), Value(row.line),
+                              Value((device.empty() ? "" : "on " + device + ": ") + problem.text)});
     }
-    return text.empty() ? asConfigured : text;
+    return sheet;
 }
 
-// Server and kernel side by side.
-struct View {
-    std::optional<Configuration> configuration;
-    std::string server; // in words
-    std::optional<ebtables::Table> kernel;
-    std::string noKernel; // why there is none
-    Applied applied;
-    std::vector<Entry> entries;
-    std::string found; // "as configured", or what is not
-
-    bool differs() const { return configuration && kernel && found != asConfigured; }
-};
-
-// Fills it in place: what it holds points into the configuration.
-void look(Program& program, View& view)
+Sheet devicesSheet(const View& view)
 {
-    try {
-        ovsdb::Client client = program.connect();
-        view.configuration = loadFromServer(client);
-        view.server = "up, schema " + client.schemaVersion();
-        view.applied = apply(expectedOf(*view.configuration));
-    } catch (const ovsdb::Error& error) {
-        view.server = std::string("down: ") + error.what();
-    }
-    view.kernel = readKernel(view.noKernel);
-    // Without the server there is nothing to compare with: everything is shown as it is.
-    if (view.kernel)
-        view.entries = compare(view.applied.table, *view.kernel);
-    view.found = summaryOf(view.entries);
-}
-
-// A change that the daemon is about to carry out is no difference yet.
-std::unique_ptr<View> lookTwice(Program& program, bool daemonRuns)
-{
-    constexpr std::chrono::milliseconds longestCommit{1000};
-    constexpr std::chrono::milliseconds pause{50};
-    const auto end = std::chrono::steady_clock::now() + longestCommit;
-    for (;;) {
-        auto view = std::make_unique<View>();
-        look(program, *view);
-        if (!view->differs() || !daemonRuns || std::chrono::steady_clock::now() >= end)
-            return view;
-        std::this_thread::sleep_for(pause);
-    }
-}
-
-// Rows that are enabled and not in force, and why.
-Sheet notInForce(const View& view, const std::vector<Problem>& problems)
-{
-    Sheet sheet{"not_in_force", "Not in force", {"TABLE", "ID", "COLUMN", "REASON"}, {}};
-    std::set<std::pair<std::string, std::int32_t>> told;
-    const auto add = [&](const std::string& table, std::int32_t id, const std::string& column,
-                         const std::string& reason) {
-        using tessera::Value;
-        sheet.rows.push_back({Value(table), id != 0 ? Cell(Value(id)) : Cell(), Value(column), Value(reason)});
-    };
-    for (const Problem& problem : problems) {
-        if (problem.severity != Severity::Error)
-            continue;
-        told.emplace(problem.table, problem.id);
-        add(problem.table, problem.id, problem.column, problem.text);
-    }
-    for (const Entry& entry : view.entries) {
-        const Row* row = view.applied.rowOf(entry.origin);
-        if (entry.state == EntryState::Missing && row != nullptr && told.emplace(row->table->name, row->id()).second)
-            add(std::string(row->table->name), row->id(), "", "the kernel does not have it: " + entry.text);
-    }
+    Sheet sheet{"devices",
+                "Devices",
+                {"NAME", "STATE", "NUMBER", "SINCE", "IN_STEP", "IN_STEP_SINCE", "REASON", "RULES", "NOT_IN_FORCE",
+                 "REPAIRED", "REPAIRED_WHAT", "VERSION", "STARTED"},
+                {}};
+    using tessera::Value;
+    for (const Device& device : view.devices)
+        sheet.rows.push_back({Value(device.name), Value(inWords(device, view)), Value(device.number),
+                              Value(device.since), Value(device.inStep ? 1 : 0), Value(device.inStepSince),
+                              Value(device.reason), Value(device.rules), std::uint64_t{device.notInForceCount},
+                              Value(device.repaired), Value(device.repairedWhat), Value(device.version),
+                              Value(device.started)});
     return sheet;
 }
 
@@ -216,41 +121,52 @@ std::string strangePorts(const View& view, const std::vector<Problem>& problems)
     return text;
 }
 
-ExitStatus status(Program& program, const Options& options)
+// The summary; whether all is as it should be.
+bool summarise(const View& view, const std::optional<std::string>& pid, const std::vector<NotInForceHere>& rows,
+               Sheet& summary)
 {
-    bool inOrder = true;
-    Sheet summary{"status", "Status", {"WHAT", "STATE"}, {}};
-    const auto add = [&](const char* what, const std::string& state) {
-        summary.rows.push_back({tessera::Value(std::string(what)), tessera::Value(state)});
+    const auto add = [&](const std::string& what, const std::string& state) {
+        summary.rows.push_back({tessera::Value(what), tessera::Value(state)});
     };
-
-    const std::optional<std::string> pid = daemonPid(options.pidFolder);
-    const std::unique_ptr<View> view = lookTwice(program, pid.has_value());
-    std::vector<Problem> problems;
-    if (view->configuration)
-        problems = checkInForce(*view->configuration, {.interfaceState = interfaceHere, .onProgress = {}});
-    Sheet rows = notInForce(*view, problems);
-
-    add("server", view->server);
+    add("server", view.server);
     add("daemon", pid ? "running, process " + *pid : "not running");
-    add("last commit", lastCommitText());
-    if (!view->kernel)
-        add("kernel tables", "unknown: " + view->noKernel);
-    else
-        add("kernel tables", view->configuration ? view->found : "not compared: the server is down");
-    if (view->configuration) {
-        add("rows", !rows.rows.empty() ? std::to_string(rows.rows.size()) + " not in force"
-                    : view->kernel     ? "all in force"
-                                       : "none is wrong in itself");
-        const std::string strange = strangePorts(*view, problems);
-        add("ports", strange.empty() ? "all here" : "not here: " + strange);
-        inOrder = rows.rows.empty() && strange.empty();
+    bool inOrder = view.isAsConfigured() && pid;
+    for (const Device& device : view.devices) {
+        add("device " + device.name, inWords(device, view));
+        if (!device.repaired.empty())
+            add("repaired", device.repaired + ": " + device.repairedWhat);
     }
-    inOrder = inOrder && view->configuration && pid && view->kernel && view->found == asConfigured;
+    for (const Device* device : view.countingDevices())
+        inOrder = inOrder && isInOrder(*device, view);
+    add("last commit", lastCommitText());
+    if (!view.kernel)
+        add("kernel tables", "unknown: " + view.noKernel);
+    else
+        add("kernel tables", view.configuration ? view.found : "not compared: the server is down");
+    if (!view.configuration)
+        return false;
+    add("rows", !rows.empty() ? std::to_string(rows.size()) + " not in force"
+                : view.kernel ? "all in force"
+                              : "none is wrong in itself");
+    const std::string strange =
+        strangePorts(view, checkInForce(*view.configuration, {.interfaceState = interfaceHere, .onProgress = {}}));
+    add("ports", strange.empty() ? "all here" : "not here: " + strange);
+    return inOrder && rows.empty() && strange.empty();
+}
+
+ExitStatus status(Program& program, const Options& options, std::ostream& out)
+{
+    Sheet summary{"status", "Status", {"WHAT", "STATE"}, {}};
+    const std::optional<std::string> pid = daemonPid(options.pidFolder);
+    const std::unique_ptr<View> view = lookAround(program, pid.has_value());
+    const std::vector<NotInForceHere> rows = notInForce(*view);
+    const bool inOrder = summarise(*view, pid, rows, summary);
 
     std::vector<Sheet> sheets{std::move(summary)};
-    if (options.style.format == Format::Json || !rows.rows.empty())
-        sheets.push_back(std::move(rows));
+    if (options.style.format == Format::Json)
+        sheets.push_back(devicesSheet(*view));
+    if (options.style.format == Format::Json || !rows.empty())
+        sheets.push_back(notInForceSheet(rows));
     sheets.push_back(entriesSheet(view->applied, view->entries, view->configuration.has_value()));
     if (options.style.format != Format::Table) {
         for (Sheet& sheet : sheets) {
@@ -259,8 +175,40 @@ ExitStatus status(Program& program, const Options& options)
                                        [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
         }
     }
-    writeSheets(program.out, sheets, options.style, program.terminal);
+    writeSheets(out, sheets, options.style, program.terminal);
     return inOrder ? ExitStatus::Ok : view->configuration ? ExitStatus::Warnings : ExitStatus::Server;
+}
+
+extern "C" void stopWatching(int)
+{
+    _exit(static_cast<int>(ExitStatus::Ok));
+}
+
+// The first lines, as many as the screen has (0: nobody knows), less one for the cursor.
+std::string fitting(const std::string& text, std::size_t lines)
+{
+    std::size_t end = 0;
+    for (std::size_t line = 0; (lines == 0 || line + 1 < lines) && end < text.size(); ++line)
+        end = std::min(text.find('\n', end), text.size() - 1) + 1;
+    return text.substr(0, end);
+}
+
+ExitStatus watch(Program& program, const Options& options)
+{
+    constexpr std::chrono::seconds pause{1};
+    constexpr const char* fromTheTop = "\033[H\033[J";
+    if (!program.terminal.obeys || options.style.format != Format::Table)
+        throw Failure(ExitStatus::BadInput, "--watch: expected a terminal for standard output, and the format table");
+    std::signal(SIGINT, stopWatching);
+    std::signal(SIGTERM, stopWatching);
+    while (program.out) {
+        program.terminal = program.measure();
+        std::ostringstream screen;
+        status(program, options, screen);
+        program.out << fromTheTop << fitting(screen.str(), program.terminal.height) << std::flush;
+        std::this_thread::sleep_for(pause);
+    }
+    return ExitStatus::Ok; // the output is gone, which the caller tells
 }
 
 } // namespace
@@ -275,9 +223,13 @@ void addStatus(const Command& root, Program& program)
                  "status --format=json");
     command.option("--pid-folder", "FOLDER", "Folder of the daemon's PID file", options->pidFolder)
         .defaultsTo(options->pidFolder);
+    command.flag("--watch", "Renew what is shown every second, until interrupted: on a terminal", options->watch);
     addOutputOptions(command, options->style);
-    command.onGiven(
-        [&program, options] { program.action = [&program, options] { return status(program, *options); }; });
+    command.onGiven([&program, options] {
+        program.action = [&program, options] {
+            return options->watch ? watch(program, *options) : status(program, *options, program.out);
+        };
+    });
 }
 
 } // namespace moatctl

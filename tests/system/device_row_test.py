@@ -84,7 +84,8 @@ class DeviceRow(machine.Machine):
     def testAStoppedDaemonSaysSo(self):
         self.assertEqual(0, self.daemon.stop())
         row = self.waitFor("the last word", lambda row: row["InStep"] == 0)
-        self.assertEqual((row["Number"], row["Reason"]), (-1, "the daemon was stopped"))
+        self.assertEqual((row["Number"], row["Reason"], row["Started"]), (-1, "the daemon was stopped", ""))
+        self.assertGreater(row["InStepSince"], row["Since"])
         self.startDaemon()
         self.change(90)
 

@@ -2,13 +2,16 @@
 
 import csv
 import datetime
+import fcntl
 import io
 import json
 import os
 import shutil
 import signal
+import struct
 import subprocess
 import sys
+import termios
 import time
 
 from lab import config, kernel, machine, programs, waiting
@@ -205,16 +208,94 @@ class Status(machine.Machine):
 
     def testRowsThatCannotBeInForceAreNamed(self):
         """The frames that such a row should stop pass: `as configured` is not all there is to say."""
-        self.config.insert(config.RULES, Id=12, RulePrio=50, InInterface="p1", Ethertype="IPv4", IPPort=80, Target="DROP")
-        self.config.insert(config.RULES, Id=13, Enabled=0, RulePrio=60, InInterface="p1", SrcMAC="zz", Target="DROP")
+        self.count(config.insert(config.RULES, Id=12, RulePrio=50, InInterface="p1", Ethertype="IPv4", IPPort=80,
+                                 Target="DROP"),
+                   config.insert(config.RULES, Id=13, Enabled=0, RulePrio=60, InInterface="p1", SrcMAC="zz", Target="DROP"),
+                   config.insert(config.FILTER_RULES, Id=14, BridgeFilterID=77, FilterMatch=MAC))
         done = run("--format=json")
         self.assertEqual((done.returncode, done.stderr), (AMISS, ""), done.stdout)
         found = json.loads(done.stdout)
-        self.assertEqual({row["what"]: row["state"] for row in found["status"]}["rows"], "1 not in force")
-        (row,) = found["not_in_force"]
-        self.assertEqual((row["table"], row["id"], row["column"]), (config.RULES, 12, "IPPort"))
+        self.assertEqual({row["what"]: row["state"] for row in found["status"]}["rows"], "2 not in force")
+        rule, entry = found["not_in_force"]
+        self.assertEqual((rule["table"], rule["id"], rule["column"]), (config.RULES, 12, "IPPort"))
+        self.assertEqual(rule["line"], "ebtables -A UserInputRules -i p1 -p IPv4 --ip-destination-port 80 -j DROP")
+        self.assertIn("protocol", rule["reason"])
+        self.assertEqual((entry["table"], entry["id"], entry["column"], entry["line"]),
+                         (config.FILTER_RULES, 14, "BridgeFilterID", ""))
+        self.assertEqual(entry["reason"], "77: there is no such filter; expected the Id of a filter")
+        self.assertRegex(run().stdout, r"\nNot in force\nTABLE +ID +COLUMN +LINE +REASON\nMoatKeeperRuleset +12 +IPPort +eb")
+        self.count(config.delete(config.FILTER_RULES, 14))
+
+    def testAChangeThatNobodyCounts(self):
+        """No device says that it has it: what no kernel would take is named all the same."""
+        self.holdDaemon()
+        self.config.insert(config.RULES, Id=12, RulePrio=50, InInterface="p1", Ethertype="IPv4", IPPort=80, Target="DROP")
+        (row,) = json.loads(run("--format=json").stdout)["not_in_force"]
         self.assertEqual(row["reason"], "80: expected a protocol to go with a port, IPProto TCP or UDP")
-        self.assertRegex(run().stdout, r"\nNot in force\nTABLE +ID +COLUMN +REASON\nMoatKeeperRuleset +12 +IPPort +80: ")
+
+    def count(self, *operations):
+        """A change with a number, as moatctl makes it."""
+        number = max((row["Number"] for row in self.config.select(config.CHANGE)), default=0) + 1
+        self.config.transact(*config.numbered(number, *operations))
+        return number
+
+    def device(self, exitStatus=IN_ORDER):
+        done = run("--format=json")
+        self.assertEqual(done.returncode, exitStatus, done.stdout)
+        (device,) = json.loads(done.stdout)["devices"]
+        return device
+
+    def testItWaitsForTheCommitUnderWay(self):
+        for number in range(5):
+            self.count({"op": "update", "table": config.RULES, "where": [["Id", "==", 5]],
+                        "row": {"SrcMAC": f"02:00:00:00:01:{number:02x}"}})
+            self.assertRegex(self.device()["state"], "^in step since 20")
+        self.holdDaemon()
+        number = self.count(config.insert(config.RULES, Id=12, RulePrio=50, InInterface="p1", Target="DROP"))
+        shown = subprocess.Popen([MOATCTL, "status", "--timeout", "30", "--format=json"], stdout=subprocess.PIPE)
+        self.assertRaises(subprocess.TimeoutExpired, shown.wait, 0.5)
+        os.kill(self.daemon.pid, signal.SIGCONT)
+        found = json.loads(shown.communicate(timeout=30)[0])
+        self.assertEqual((shown.returncode, found["devices"][0]["number"]), (IN_ORDER, number), found)
+
+    def testADeviceThatIsBehind(self):
+        self.holdDaemon()
+        self.count(config.insert(config.RULES, Id=12, RulePrio=50, InInterface="p1", Target="DROP"))
+        done = run("--timeout", "1")
+        self.assertEqual(done.returncode, AMISS)
+        self.assertRegex(done.stdout, r"\ndevice \S+ +behind: it has not said that the last change is in force")
+
+    def testARepairIsShown(self):
+        self.assertEqual(self.device()["repaired"], "")
+        ebtables("-F UserForwardRules")
+        device = waiting.until(lambda: (d := self.device()) and d["repaired"] and d, "the repair")
+        self.assertRegex(device["repaired_what"], r"^ebtables\S* \(process \d+\): .*UserForwardRules")
+        self.assertIn(f"repaired       {device['repaired']}: {device['repaired_what']}"[:70], run().stdout)
+
+    def testOnATerminalItRenewsItself(self):
+        done = run("--watch")
+        self.assertEqual((done.returncode, done.stdout), (2, ""))
+        self.assertRegex(done.stderr, "^moatctl: --watch: expected a terminal .*\n$")
+        ours, theirs = os.openpty()
+        fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 12, 150, 0, 0))
+        watch = subprocess.Popen([MOATCTL, "status", "--watch"], stdout=theirs, env={**os.environ, "TERM": "xterm"})
+        os.close(theirs)
+        screens = iter(self.screens(ours))
+        self.assertIn("as configured", next(screens))
+        self.config.update(config.RULES, 5, InInterface="p7")
+        waiting.until(lambda: 'not here: "p7"' in (screen := next(screens)) and screen, "the port")
+        self.assertLess(next(screens).count("\n"), 12)
+        watch.send_signal(signal.SIGINT)
+        self.assertEqual(watch.wait(10), 0)
+        os.close(ours)
+
+    @staticmethod
+    def screens(terminal):
+        text = ""
+        while True:
+            text += os.read(terminal, 65536).decode()
+            *whole, text = text.split("\x1b[H\x1b[J")
+            yield from filter(None, whole)
 
     def testRowsThatTheKernelDoesNotHaveAreNamed(self):
         self.daemon.stop(signal.SIGKILL)
