@@ -1,6 +1,7 @@
 # Build options, and the flags that every target of ours gets.
 option(MOATKEEPER_TESTS "Build the tests and benchmarks" ON)
 option(MOATKEEPER_WERROR "Warnings are errors; the presets say so" OFF)
+option(MOATKEEPER_LTO "Link the daemon as one program: a fifth smaller; g++ only" OFF)
 option(MOATKEEPER_FUZZ "Build the fuzz targets (clang++)" OFF)
 option(MOATKEEPER_COVERAGE "Instrument for gcov" OFF)
 set(MOATKEEPER_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them")

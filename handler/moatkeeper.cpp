@@ -11,6 +11,7 @@
 #include <exception>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace zol::moatkeeper
 {
@@ -179,8 +180,7 @@ int moatkeeper::ReadMoatKeeperRuleset(IConfigReader& source)
     if (g_debugMode)
         LogInfo(216, VAStr("%s: will read all MoatKeeperRules from Database", "ReadMoatKeeperRuleset"));
 
-    const std::list<EtherRule> previous = m_rules;
-    m_rules.clear();
+    const std::list<EtherRule> previous = std::exchange(m_rules, {});
 
     tessera::ValueList values;
     tessera::NameList names;
@@ -244,8 +244,7 @@ int moatkeeper::ReadMoatKeeperInputPolicy(IConfigReader& source)
 {
     LogTrace(335, "ReadMoatKeeperInputPolicy");
 
-    const std::list<InputPolicy> previous = m_inputPolicies;
-    m_inputPolicies.clear();
+    const std::list<InputPolicy> previous = std::exchange(m_inputPolicies, {});
 
     tessera::ValueList values;
     tessera::NameList names;
@@ -266,8 +265,7 @@ int moatkeeper::ReadMoatKeeperForwardingPolicy(IConfigReader& source)
 {
     LogTrace(388, "ReadMoatKeeperForwardingPolicy");
 
-    const std::list<ForwardingPolicy> previous = m_forwardingPolicies;
-    m_forwardingPolicies.clear();
+    const std::list<ForwardingPolicy> previous = std::exchange(m_forwardingPolicies, {});
 
     tessera::ValueList values;
     tessera::NameList names;
@@ -292,8 +290,7 @@ int moatkeeper::ReadMoatKeeperFilters(IConfigReader& source)
     if (g_debugMode)
         LogInfo(447, VAStr("%s: will read all MoatKeeperFilters from Database", "ReadMoatKeeperFilters"));
 
-    m_previousFilters = m_filters;
-    m_filters.clear();
+    m_previousFilters = std::exchange(m_filters, {});
 
     tessera::ValueList values;
     tessera::NameList names;
@@ -334,8 +331,7 @@ int moatkeeper::ReadMoatKeeperFilterRules(IConfigReader& source)
     if (g_debugMode)
         LogInfo(527, VAStr("%s: will read all MoatKeeperBridgeFilterRules from Database", "ReadMoatKeeperFilterRules"));
 
-    const std::list<BridgeFilterRule> previous = m_filterRules;
-    m_filterRules.clear();
+    const std::list<BridgeFilterRule> previous = std::exchange(m_filterRules, {});
 
     tessera::ValueList values;
     tessera::NameList names;

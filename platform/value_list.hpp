@@ -4,7 +4,9 @@
 // gives 0 or the empty text.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -47,29 +49,37 @@ private:
 // Column names in the order in which the source delivers them.
 using NameList = std::vector<std::string>;
 
-// The values of one row by column name. A row has few columns, so look-up is a walk.
+// The values of one row by column name. A row has few columns, so look-up is a walk; a list that is filled for one row
+// after the other with the same columns does without it.
 class ValueList
 {
 public:
     // Forgets all values. References that getValue gave become invalid.
-    void clear() { m_values.clear(); }
+    void clear() { m_count = 0; }
 
-    void setValue(std::string_view columnName, Value value)
+    void setValue(std::string_view columnName, const Value& value)
     {
-        for (auto& [name, held] : m_values) {
+        // All names are different, those left over from before clear as well.
+        if (m_count < m_values.size() && m_values[m_count].first == columnName) {
+            m_values[m_count++].second = value;
+            return;
+        }
+        for (auto& [name, held] : values()) {
             if (name == columnName) {
-                held = std::move(value);
+                held = value;
                 return;
             }
         }
-        m_values.emplace_back(columnName, std::move(value));
+        m_values.resize(m_count);
+        m_values.emplace_back(columnName, value);
+        ++m_count;
     }
 
     // The reference lives until this list changes.
     const Value& getValue(std::string_view columnName) const
     {
         static const Value missing;
-        for (const auto& [name, value] : m_values) {
+        for (const auto& [name, value] : values()) {
             if (name == columnName)
                 return value;
         }
@@ -80,13 +90,18 @@ public:
     void getNames(NameList& names) const
     {
         names.clear();
-        names.reserve(m_values.size());
-        for (const auto& [name, value] : m_values)
+        names.reserve(m_count);
+        for (const auto& [name, value] : values())
             names.push_back(name);
     }
 
 private:
-    std::vector<std::pair<std::string, Value>> m_values;
+    using Named = std::pair<std::string, Value>;
+    std::span<Named> values() { return std::span(m_values).first(m_count); }
+    std::span<const Named> values() const { return std::span(m_values).first(m_count); }
+
+    std::vector<Named> m_values; // of which the first m_count are held
+    std::size_t m_count = 0;
 };
 
 } // namespace tessera

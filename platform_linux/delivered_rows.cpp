@@ -54,6 +54,9 @@ void DeliveredRows::look(const std::string& tableName, View& view)
     const schema::Table& table = *schema::findTable(tableName);
     const auto rows = m_tables.rows(tableName);
     view.rows.clear();
+    view.columns.clear();
+    for (const schema::Column& column : table.columns)
+        view.columns.emplace_back(column.name);
     const auto before = std::exchange(view.leftOut, {});
     for (std::size_t i = 0; i < rows.size(); ++i) {
         const std::optional<Flaw> flaw = flawOf(table, rows[i]);
@@ -92,12 +95,10 @@ ConfigStatus DeliveredRows::readRow(const std::string& tableName, std::uint32_t 
         return {.ok = false, .text = "table \"" + tableName + "\" has no row " + std::to_string(rowIndex)};
     const schema::Table& table = *schema::findTable(tableName);
     const ovsdb::Row& row = m_tables.rows(tableName)[view->second.rows[rowIndex]];
-    names.clear();
     values.clear();
-    for (std::size_t i = 0; i < table.columns.size(); ++i) {
-        names.emplace_back(table.columns[i].name);
+    for (std::size_t i = 0; i < table.columns.size(); ++i)
         values.setValue(table.columns[i].name, row.values[i]);
-    }
+    names = view->second.columns;
     return {};
 }
 

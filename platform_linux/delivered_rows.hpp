@@ -35,6 +35,7 @@ public:
 
 private:
     struct View {
+        tessera::NameList columns;
         std::vector<std::uint32_t> rows;            // which of the table's rows are delivered, in their order
         std::map<ovsdb::Uuid, std::size_t> leftOut; // a hash of the column and the value that are the reason
     };

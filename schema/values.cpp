@@ -126,13 +126,12 @@ std::optional<std::string> expectedOperand(ValueKind kind, std::string_view text
 {
     if (text.empty())
         return std::nullopt;
-    const std::string expected(expectedValue(kind));
     if (text.size() > longestText(kind))
         return "a text of at most " + std::to_string(longestText(kind)) + " characters";
     if (!isSingleWord(text))
-        return expected + ", as a single word";
+        return std::string(expectedValue(kind)) + ", as a single word";
     if (looksLikeOption(text))
-        return expected + ", not an option";
+        return std::string(expectedValue(kind)) + ", not an option";
     return std::nullopt;
 }
 
