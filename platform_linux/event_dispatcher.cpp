@@ -97,8 +97,8 @@ void EventDispatcher::State::addSignal(int number, std::function<void()> callbac
     }
     m_signalDescriptors[number] = descriptor;
     sigaddset(&m_waitingMask, number);
-    // One that comes when nobody looks for it any more does nothing; while it is held back, it comes all the same.
-    std::signal(number, SIG_IGN);
+    // For one that comes when nobody looks for it any more. Ignoring the signal would lose one that is held back now.
+    std::signal(number, [](int) {});
 }
 
 void EventDispatcher::State::removeSignal(int number)

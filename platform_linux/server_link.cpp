@@ -16,7 +16,8 @@ using std::chrono::milliseconds;
 
 const char* const label = "ovsdb";
 
-// A server makes its socket and listens a moment later.
+// A server makes its socket and listens a moment later. Whoever makes and removes files there without a pause does not
+// make us faster than this.
 constexpr milliseconds quickPause{10};
 constexpr unsigned quickTries = 100;
 
@@ -65,7 +66,7 @@ void ServerLink::serverAppeared()
     if (m_quickTries > 0)
         return; // soon anyway
     m_quickTries = quickTries;
-    connectIn(milliseconds(0));
+    connectIn(m_lastTry + quickPause > Clock::now() ? quickPause : milliseconds(0));
 }
 
 void ServerLink::connectIn(milliseconds pause)
@@ -79,6 +80,7 @@ bool ServerLink::connect()
     // Before the attempt: a socket that appears right after it is noticed.
     if (m_settings.reconnect)
         m_socketWatch.start();
+    m_lastTry = Clock::now();
     try {
         m_connection.emplace(m_settings.socketPath);
         m_session.emplace();

@@ -59,6 +59,8 @@ public:
     void transact(ovsdb::Json operation, Answered answered);
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     // What the log last said about the server. Each change is one line, however many attempts it lasts.
     enum class Health { Unknown, Connected, Absent, Lost, Foreign, Malformed, Unsuitable, Stalled };
 
@@ -89,7 +91,8 @@ private:
     Health m_health = Health::Unknown;
     std::string m_reason{"the server has not sent it yet"}; // why there may be no configuration
 
-    FileWatch m_socketWatch;   // while there is no connection
+    FileWatch m_socketWatch; // while there is no connection
+    Clock::time_point m_lastTry{};
     unsigned m_quickTries = 0; // left: the server's socket is there, but does not listen yet
 
     tessera::net::EventDispatcher::State::TimerId m_stallTimer = 0;

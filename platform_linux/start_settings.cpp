@@ -55,9 +55,10 @@ StartSettings StartSettings::from(const Variables& variables)
         settings.problems.push_back(
             problem(untilConfigured, until, "expected open or closed. It is closed until there is a configuration"));
 
+    std::size_t entries = 0;
     for (const std::string_view word : wordsOf(valueOf(variables.allowed))) {
         const bool isMac = word.find(':') != std::string_view::npos; // no name of a port has one
-        if (settings.ports.size() + settings.macs.size() == mostAllowed) {
+        if (entries++ == mostAllowed) {
             settings.problems.push_back(problem(
                 allowed, word, "expected at most " + std::to_string(mostAllowed) + " entries. The rest is left out"));
             break;

@@ -86,6 +86,7 @@ public:
     {
         if (line.find_first_not_of(' ') == std::string::npos)
             return;
+        endHold();
         m_lines.add(line);
         if (const PlayedCommand* known = m_legacy ? nullptr : m_cache.find(line)) {
             m_queued.push_back({*known, m_lines.size() - 1});
@@ -106,7 +107,6 @@ public:
     {
         if (m_closedLines == 0)
             return;
-        endHold();
         if (!m_nextTry || isTime())
             return carryOut();
         playClosed(); // what waits is what is wanted, not the way there

@@ -46,9 +46,9 @@ public:
     TransactionQueue(const TransactionQueue&) = delete;
     TransactionQueue& operator=(const TransactionQueue&) = delete;
 
-    // Puts these lines in force at once, as one transaction, until the first delivery, whose lines take their place in
-    // the transaction that puts them in. To be called before any line is queued. Their forms are not looked at, so they
-    // are the platform's own; what they put into the tables must be in chains that they make, and in jumps to these.
+    // Puts these lines in force at once, as one transaction, until the first line is queued: the transaction that
+    // carries it out takes these out. To be called before that. Their forms are not looked at, so they are the
+    // platform's own; what they put into the tables must be in chains that they make, and in jumps to these.
     enum class Held {
         InForce,
         Waits,     // the log says why; it is tried again as commits are

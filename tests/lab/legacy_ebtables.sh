@@ -5,6 +5,7 @@ case $1 in
 *)
     rm /tmp/tool/hangs 2>/dev/null && after='sleep 1000'
     echo "$*" >>/tmp/tool/calls
+    rm /tmp/tool/waits 2>/dev/null && until [ -e /tmp/tool/goes-on ]; do sleep 0.02; done
     exec ${after:-true}
     ;;
 esac

@@ -49,8 +49,8 @@ class Machine(unittest.TestCase):
         cls.addClassCleanup(lambda: cls.daemon and cls.daemon.stop())
 
     @classmethod
-    def startDaemon(cls):
-        cls.daemon = programs.startDaemon(_options.daemon, FOLDER)
+    def startDaemon(cls, **environment):
+        cls.daemon = programs.startDaemon(_options.daemon, FOLDER, **environment)
 
     @property
     def bridge(self):

@@ -16,11 +16,12 @@ SCHEMA = os.path.realpath(os.path.join(os.path.dirname(__file__), "../../schema/
 class Program:
     """One process; its output goes to a file. Killed with the script, should that end without stop()."""
 
-    def __init__(self, arguments, logPath):
+    def __init__(self, arguments, logPath, environment=None):
         self.logPath = logPath
         with open(logPath, "wb") as log:
             self._process = subprocess.Popen(
                 arguments, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
+                env={**os.environ, **(environment or {})},
                 preexec_fn=sandbox.dieWithParent)
 
     @property
@@ -83,9 +84,9 @@ def startServer(schema, folder, database="configuration.db", socketPath=SOCKET):
     return server
 
 
-def startDaemon(binary, folder, *options):
-    """The daemon in the foreground with its debug output in folder/daemon.log."""
-    return Program([binary, "-d", "-p", folder, *options], os.path.join(folder, "daemon.log"))
+def startDaemon(binary, folder, *options, **environment):
+    """The daemon in the foreground with its debug output in folder/daemon.log; what the environment has besides."""
+    return Program([binary, "-d", "-p", folder, *options], os.path.join(folder, "daemon.log"), environment)
 
 
 def _isConnected(path):

@@ -53,8 +53,8 @@ class Rehearsal(unittest.TestCase):
             self.config.close()
         self.config = config.Config()
 
-    def startDaemon(self):
-        self.daemon = programs.startDaemon(self.daemonBinary, self.folder)
+    def startDaemon(self, **environment):
+        self.daemon = programs.startDaemon(self.daemonBinary, self.folder, **environment)
 
     def startWith(self, tables):
         """The daemon, and this configuration in force. The global policies accept, unless it says otherwise."""

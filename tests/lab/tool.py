@@ -33,12 +33,22 @@ def reset():
     shutil.copy(_STAND_IN, path)
     path.chmod(0o755)
     (_FOLDER / "calls").write_text("", encoding="utf-8")
-    (_FOLDER / "hangs").unlink(missing_ok=True)
+    for name in ("hangs", "waits", "goes-on"):
+        (_FOLDER / name).unlink(missing_ok=True)
 
 
 def hang():
     """The next command is recorded and does not end."""
     (_FOLDER / "hangs").touch()
+
+
+def pause():
+    """The next command is recorded and does not end before goOn."""
+    (_FOLDER / "waits").touch()
+
+
+def goOn():
+    (_FOLDER / "goes-on").touch()
 
 
 def commands():

@@ -13,10 +13,11 @@ import subprocess
 
 from lab import config, rehearsal, sandbox, tool, waiting
 
+HAND_OVER = signal.SIGRTMIN + 1
 CHANGE_NOTHING = [signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2, signal.SIGALRM, signal.SIGVTALRM, signal.SIGPROF,
                 signal.SIGPIPE, signal.SIGIO, signal.SIGPWR, signal.SIGSTKFLT, signal.SIGXCPU, signal.SIGXFSZ,
                 signal.SIGCHLD, signal.SIGCONT, signal.SIGURG, signal.SIGWINCH,
-                *(number for number in range(signal.SIGRTMIN, signal.SIGRTMAX + 1) if number != signal.SIGRTMIN + 1)]
+                *(number for number in range(signal.SIGRTMIN, signal.SIGRTMAX + 1) if number != HAND_OVER)]
 
 
 def rule(rowId):
@@ -55,6 +56,56 @@ class Signals(rehearsal.Rehearsal):
         self.assertEqual(self.daemon.matching("^queue:1[01]"), self.daemon.matching("^queue:104:"))
         self.assertEqual(self.daemon.stop(), 0)
         self.assertEqual(len(self.daemon.matching("killed because a stop signal came")), 1)
+
+
+class HandOver(rehearsal.Rehearsal):
+    def waitForEnd(self):
+        waiting.until(lambda: not self.daemon.isRunning(), "the daemon's end")
+        self.assertEqual(self.daemon.stop(), 0)
+
+    def testTheToolIsNotInterruptedAndNothingIsTakenOut(self):
+        self.startWith({})
+        tool.waitForCommand("-P FORWARD ACCEPT")
+        tool.pause()
+        before = tool.commands()
+        self.config.insert(config.RULES, **rule(1))
+        tool.waitForCommands(len(before) + 1)
+        os.kill(self.daemon.pid, HAND_OVER)
+        tool.goOn()
+        self.waitForEnd()
+        self.assertEqual(tool.commands(), [*before, "-F UserInputRules", "-F UserForwardRules",
+                                           "-A UserInputRules -i p1 -j DROP"])
+        self.assertEqual(self.daemon.matching("killed because"), [])
+
+    def testTheNextProcessKnowsWhatIsThere(self):
+        self.startWith({})
+        tool.waitForCommand("-P FORWARD ACCEPT")
+        os.kill(self.daemon.pid, HAND_OVER)
+        self.waitForEnd()
+        self.startDaemon()
+        self.daemon.waitForLines("^queue:106: ")
+
+    def testBeforeThereIsAServer(self):
+        self.server.stop()
+        self.startDaemon()
+        self.daemon.waitForLines("^ovsdb:20: ")
+        os.kill(self.daemon.pid, HAND_OVER)
+        self.waitForEnd()
+        self.assertEqual(tool.commands(), [])
+
+    def testClosedUntilConfigured(self):
+        self.server.stop()
+        self.startDaemon(MOATKEEPER_UNTIL_CONFIGURED="closed", MOATKEEPER_ALLOWED="lan0")
+        closed = ["-N UnconfiguredInput", "-P UnconfiguredInput RETURN", "-N UnconfiguredForward",
+                  "-P UnconfiguredForward RETURN", "-N UnconfiguredPorts", "-P UnconfiguredPorts RETURN",
+                  "-A UnconfiguredInput -i lan0 -j ACCEPT", "-A UnconfiguredForward -i lan0 -j UnconfiguredPorts",
+                  "-A UnconfiguredPorts -o lan0 -j ACCEPT", "-A INPUT -j UnconfiguredInput",
+                  "-A FORWARD -j UnconfiguredForward", "-P INPUT DROP", "-P FORWARD DROP"]
+        self.assertCommands(closed)
+        self.daemon.waitForLines("^start:20: ")
+        self.startServer()
+        tool.waitForCommand("-A FORWARD -j UserForwardPolicy")
+        self.assertEqual(self.daemon.stop(), 0)
 
 
 class Surroundings(rehearsal.Rehearsal):

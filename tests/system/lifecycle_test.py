@@ -1,14 +1,18 @@
 """What the bridge tables hold when the daemon or the configuration server starts, stops, dies and returns."""
 
 import os
+import random
 import signal
+import socket
 import subprocess
+import time
 
 from lab import config, frames, kernel, machine, netfilter, programs, waiting
 from lab.frames import Frame
 
 MAC = "02:00:00:00:0a:01"
 CHAIN = "10p2p1MACblacklist"
+HAND_OVER = signal.SIGRTMIN + 1
 TABLES = {
     config.MAIN: [{"GlobalInputPolicy": "DROP", "GlobalForwardingPolicy": "ACCEPT"}],
     config.RULES: [{"Id": 1, "RulePrio": 10, "InInterface": "p1", "SrcMAC": MAC, "Target": "ACCEPT"}],
@@ -148,6 +152,116 @@ class Lifecycle(machine.Machine):
         self.daemon.waitForLog("no configuration server")
         self.assertEqual(0, self.daemon.stop())  # who stops it wants its rules out, whoever put them in
         self.assertEqual(kernel.untouched(), kernel.readTables(), self.daemon.readLog())
+
+    def testAHandOverKeepsEverythingAndTheNextProcessChangesNothing(self):
+        before = netfilter.generation()
+        for _ in range(3):
+            self.assertEqual(0, self.daemon.stop(HAND_OVER))
+            self.assertEqual(wanted(), kernel.readTables())
+            self.startDaemon()
+            self.daemon.waitForLog("commitToSystem is called")
+        self.assertEqual(0, self.daemon.stop(HAND_OVER))
+        self.assertEqual(before, netfilter.generation())
+        self.startDaemon()
+        self.config.delete(config.INPUT_POLICY, 1)
+        tables = wanted()
+        del tables["UserInputPolicy"][1]
+        self.waitForTables(tables)
+
+    def testAHandOverAtAnyMoment(self):
+        self.daemon.stop(HAND_OVER)
+        before = netfilter.generation()
+        for _ in range(40):
+            self.startDaemon()
+            time.sleep(random.uniform(0, 0.04))  # the case itself
+            # As a signal's default action before the daemon looks for it.
+            self.assertIn(self.daemon.stop(HAND_OVER), (0, -HAND_OVER))
+        self.assertEqual(before, netfilter.generation())
+        self.assertEqual(wanted(), kernel.readTables())
+
+    def testAHandOverBeforeThereIsAConfiguration(self):
+        self.server.stop()
+        self.assertEqual(0, self.daemon.stop(HAND_OVER))
+        for _ in range(2):
+            self.startDaemon(MOATKEEPER_UNTIL_CONFIGURED="closed")
+            self.daemon.waitForLog("the rules of the process before stay")
+            self.assertEqual(0, self.daemon.stop(HAND_OVER))
+            self.assertEqual(wanted(), kernel.readTables())
+
+    def testAReloadReadsEverythingAnew(self):
+        commits = self.daemon.readLog().count("commitToSystem is called")
+        before = netfilter.generation()
+        os.kill(self.daemon.pid, signal.SIGHUP)
+        waiting.until(lambda: self.daemon.readLog().count("commitToSystem is called") > commits, "another delivery")
+        self.assertEqual(before, netfilter.generation())
+        self.assertEqual(wanted(), kernel.readTables())
+
+    def testReadyIsToldWhenTheFirstCommitIsInTheKernel(self):
+        self.assertEqual(0, self.daemon.stop())
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind("\0moatkeeper-lifecycle")
+            os.kill(self.server.pid, signal.SIGSTOP)
+            self.startDaemon(NOTIFY_SOCKET="@moatkeeper-lifecycle")
+            self.daemon.waitForLog("Debug mode is set")
+            manager.setblocking(False)
+            self.assertRaises(BlockingIOError, manager.recv, 1000)
+            manager.settimeout(10)
+            os.kill(self.server.pid, signal.SIGCONT)
+            self.assertEqual(b"READY=1\nSTATUS=the configuration is in force", manager.recv(1000))
+            self.assertEqual(wanted(), kernel.readTables())
+
+    def testReadyIsToldWithoutAConfigurationWhenTheTimeIsOver(self):
+        self.assertEqual(0, self.daemon.stop())
+        self.server.stop()
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind("/tmp/notify")
+            manager.settimeout(10)
+            self.startDaemon(NOTIFY_SOCKET="/tmp/notify", MOATKEEPER_WAIT_SECONDS="1")
+            self.assertEqual(b"READY=1\nSTATUS=waits for its configuration", manager.recv(1000))
+            self.startServer()
+            self.waitForTables(wanted())
+            manager.setblocking(False)
+            self.assertRaises(BlockingIOError, manager.recv, 1000)
+        os.unlink("/tmp/notify")
+
+    def testClosedUntilThereIsAConfiguration(self):
+        self.assertEqual(0, self.daemon.stop())
+        self.server.stop()
+        self.startDaemon(MOATKEEPER_UNTIL_CONFIGURED="closed", MOATKEEPER_ALLOWED=f"p3 {MAC} p+")
+        self.daemon.waitForLog("start:20:")
+        self.daemon.stop(signal.SIGKILL)
+        self.startDaemon(MOATKEEPER_UNTIL_CONFIGURED="closed", MOATKEEPER_ALLOWED=f"p3 {MAC} p2 a/b")  # as it is now
+        self.daemon.waitForLog("start:20:")
+        self.assertEqual(1, len(self.daemon.matching('^start:10: MOATKEEPER_ALLOWED in the environment: "a/b"')))
+
+        def assertClosed():
+            toUs = self.bridge.mac
+            self.assertEqual(set(), self.bridge.sendOne("p1", Frame()))
+            self.assertEqual(set(), self.bridge.sendOne("p1", Frame(dst=toUs)))
+            self.assertEqual({"p2", "p3"}, self.bridge.sendOne("p1", Frame(src=MAC)))
+            self.assertEqual({"p2", "p3"}, self.bridge.sendOne("p1", Frame(dst=MAC)))
+            self.assertEqual({"br0"}, self.bridge.sendOne("p1", Frame(src=MAC, dst=toUs)))
+            self.assertEqual({"br0"}, self.bridge.sendOne("p3", Frame(dst=toUs)))
+            self.assertEqual({"p2"}, self.bridge.sendOne("p3", Frame()))
+
+        assertClosed()
+        closed = kernel.readTables()
+        subprocess.run(["nft", "flush", "ruleset"], check=True)
+        self.waitForTables(closed)
+        assertClosed()
+        self.startServer()
+        self.waitForTables(wanted())
+        self.assertEqual(0, self.daemon.stop())
+        self.assertEqual(kernel.untouched(), kernel.readTables())
+
+    def testAStopOpensWhatWasClosed(self):
+        self.assertEqual(0, self.daemon.stop())
+        self.server.stop()
+        self.startDaemon(MOATKEEPER_UNTIL_CONFIGURED="closed")
+        self.daemon.waitForLog("start:20:")
+        self.assertEqual(0, self.daemon.stop())
+        self.assertEqual(kernel.untouched(), kernel.readTables())
+        self.assertFalse(os.path.exists("/run/moatkeeper/tables"))
 
     def testChangesArriveInOneStep(self):
         # Each transaction swaps the rule that stops one kind of frame for one that stops the other; whatever the

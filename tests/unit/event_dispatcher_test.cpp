@@ -152,16 +152,17 @@ TEST(EventDispatcherTest, CallsBackForASignal)
     int reloads = 0;
     {
         EventDispatcher dispatcher;
+        std::raise(SIGHUP); // early
         dispatcher.state().addSignal(SIGHUP, [&] { ++reloads; });
         for (int i = 1; i <= 3; ++i) {
-            std::raise(SIGHUP);
             EXPECT_EQ(reloads, i - 1) << "in the loop only";
             EXPECT_TRUE(dispatcher.handleEvents());
             EXPECT_EQ(reloads, i);
+            std::raise(SIGHUP);
         }
         dispatcher.state().removeSignal(SIGHUP);
         dispatcher.state().removeSignal(SIGHUP);
-        std::raise(SIGHUP); // would end this test after the dispatcher
+        // The last one would end this test after the dispatcher.
     }
     EXPECT_EQ(reloads, 3);
     std::signal(SIGHUP, SIG_DFL);

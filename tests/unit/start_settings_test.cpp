@@ -81,6 +81,16 @@ TEST(StartSettingsTest, SoManyAreEnough)
                                                "entries. The rest is left out"));
 }
 
+TEST(StartSettingsTest, EntriesThatAreWrongDoNotFillTheLog)
+{
+    std::string list = "lan0 ";
+    for (int i = 0; i < 100'000; ++i)
+        list += "! ";
+    const auto settings = StartSettings::from({.allowed = list.c_str()});
+    EXPECT_THAT(settings.ports, ElementsAre("lan0"));
+    EXPECT_EQ(settings.problems.size(), 64);
+}
+
 TEST(StartSettingsTest, TheWait)
 {
     EXPECT_EQ(StartSettings::from({.waitSeconds = "0"}).wait, 0s);
