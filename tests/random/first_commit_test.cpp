@@ -17,7 +17,7 @@ namespace
 TEST(RandomTables, FirstCommitIsWhatTheHandlerQueues)
 {
     const auto seed = fromEnvironment("MOATKEEPER_SEED", 20240229);
-    const auto states = fromEnvironment("MOATKEEPER_SEQUENCES", 5000);
+    const auto states = fromEnvironment("MOATKEEPER_SEQUENCES", MOATKEEPER_DEFAULT_STATES);
     Generator generator(seed);
     Tables tables;
     fake::MemoryTables source;
