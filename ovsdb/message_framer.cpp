@@ -2,7 +2,6 @@
 
 #include "ovsdb/error.hpp"
 
-#include <algorithm>
 #include <utility>
 
 namespace ovsdb
@@ -14,6 +13,16 @@ namespace
 bool isBlank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+// Quicker than a search for one of several, and every byte of a server's answer is looked at.
+bool endsText(char c)
+{
+    return c == '"' || c == '\\';
+}
+bool isStructure(char c)
+{
+    return c == '"' || c == ',' || c == '{' || c == '}' || c == '[' || c == ']';
 }
 
 } // namespace
@@ -28,8 +37,9 @@ std::optional<MessagePiece> MessageFramer::next()
 {
     while (m_next < m_buffer.size()) {
         if (m_depth > 0 && !m_escaped) { // what means nothing here is taken at once
-            const std::size_t end =
-                std::min(m_buffer.find_first_of(m_inText ? "\"\\" : "{}[],\"", m_next), m_buffer.size());
+            std::size_t end = m_next;
+            while (end < m_buffer.size() && !(m_inText ? endsText(m_buffer[end]) : isStructure(m_buffer[end])))
+                ++end;
             put(std::string_view(m_buffer).substr(m_next, end - m_next));
             m_next = end;
             if (end == m_buffer.size())

@@ -175,8 +175,10 @@ void awaitInForce(Program& program, ovsdb::Client& client, const Stored& stored)
                                               "schema " +
                                                   client.schemaVersion() + ", has no place for that");
     Waiting waiting(program, *stored.number);
-    // While the daemons are at work.
-    const std::vector<RowNotInForce> unusable = rowsNotInForce(stored.after, {});
+    // Looked for while the daemons are at work.
+    std::vector<RowNotInForce> unusable;
+    if (!stored.flawless)
+        unusable = rowsNotInForce(stored.after, {});
     const Seen seen = waiting.wait(client);
 
     std::vector<Verdict> verdicts;

@@ -37,6 +37,7 @@ void checkEffect(Program& program, Editor& editor)
         checkChange(editor.before, editor.configuration, {.interfaceState = interfaceHere, .onProgress = {}});
     if (!program.force && std::ranges::any_of(problems, isError))
         refuse(program, problems);
+    editor.flawless = problems.empty();
     for (const Problem& problem : problems)
         editor.note(toText(problem));
 }

@@ -238,6 +238,7 @@ Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit
         }
         stored.told = editor.told();
         stored.changed = !changes.empty();
+        stored.flawless = editor.flawless;
         for (const Change& change : changes) {
             if (change.after != nullptr)
                 stored.rows.emplace(change.table->id, change.id);

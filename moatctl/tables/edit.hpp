@@ -48,7 +48,8 @@ public:
     void note(std::string line) { m_told.notes.push_back(std::move(line)); }
     const Told& told() const { return m_told; }
 
-    bool force = false; // rows are taken whatever is wrong with them
+    bool force = false;    // rows are taken whatever is wrong with them
+    bool flawless = false; // a look at what the edit brings about has found nothing
 
 private:
     std::set<std::pair<TableId, std::int32_t>> m_reliedOn;
@@ -60,6 +61,7 @@ struct Stored {
     Told told;
     std::set<std::pair<TableId, std::int32_t>> rows; // that are new or different
     bool changed = false;                            // any row, also one that is gone
+    bool flawless = false;                           // as the editor was
     std::optional<std::int32_t> number;              // of the change, where the server counts them
     std::optional<std::int32_t> numberBefore;        // of the change that it was made on
     Configuration before;

@@ -21,6 +21,8 @@ bool equalIgnoringCase(std::string_view a, std::string_view b)
 
 const schema::Table* findTable(std::string_view nameOrWord)
 {
+    if (const schema::Table* table = schema::findTable(nameOrWord))
+        return table;
     for (const schema::Table& table : schema::allTables()) {
         if (equalIgnoringCase(table.name, nameOrWord) || equalIgnoringCase(table.word, nameOrWord))
             return &table;

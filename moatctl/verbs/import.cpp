@@ -62,6 +62,7 @@ public:
         m_sending.clear();
         merge(editor.configuration);
         check(editor.before, editor.configuration);
+        editor.flawless = m_flawless;
         show(difference(editor.before, editor.configuration));
         showAcknowledged(editor.before, editor.configuration, '-');
         showAcknowledged(editor.configuration, editor.before, '+');
@@ -108,6 +109,7 @@ private:
     {
         std::vector<Problem> problems = m_file.problems;
         std::ranges::move(checkChange(before, after, m_checkOptions), std::back_inserter(problems));
+        m_flawless = problems.empty();
         // A file that could not be read as a whole is not stored in part.
         const bool unread = std::ranges::any_of(m_file.problems, isError);
         if (std::ranges::any_of(problems, isError) && (unread || !m_program.force))
@@ -163,6 +165,7 @@ private:
     CheckOptions m_checkOptions;
     LoadedFile m_file;
     bool m_metServer = false;
+    bool m_flawless = false;
     std::string m_sending; // what is being sent, in words; empty before
 };
 
