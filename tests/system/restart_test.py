@@ -2,7 +2,7 @@
 they are installed.
 
 usage: restart_test.py CMAKE BUILD_FOLDER [unittest arguments]
-MOATKEEPER_RESTARTS: how many restarts, upgrades and kills (default 3).
+MOATKEEPER_RESTARTS: how many restarts, upgrades and kills (default 2).
 """
 
 import os
@@ -18,7 +18,7 @@ from lab import config, kernel, programs, sandbox, waiting
 from lab.service_manager import ServiceManager
 from lab.stream import ALLOWED, FORBIDDEN, TimedStream, makeBridge
 
-COUNT = int(os.environ.get("MOATKEEPER_RESTARTS", "3"))
+COUNT = int(os.environ.get("MOATKEEPER_RESTARTS", "2"))
 UNIT = "moatkeeper.service"
 ALLOWED_MAC = ALLOWED.hex(":")
 TABLES = {
