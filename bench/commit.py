@@ -7,7 +7,7 @@ of tables that already hold as many other rules:
   restore     ebtables-restore --noflush with the same lines, and nothing else
   nft         nft -f with rules of the same meaning
   change      the daemon's commit after one rule of the table has changed: commitToSystem called until it is in force
-  all         the same after all rules but two have changed
+  all         the same after all rules have changed
   database    the whole way with the daemon in between: one row of the table is changed in the database, until it is in
               force; counted from the transaction sent to ovsdb-server
   all rows    the same for a transaction that replaces every row; most of it is the server's own work

@@ -1,9 +1,8 @@
 // Drives the handler and the command queue by commands on standard input, in the network namespace that it runs in;
-// answers one line each. For the commit benchmark and for tests that refill the tables under load.
+// answers one line each. For the commit benchmark.
 //
 //   rules COUNT VARIANT   the rule table gets COUNT rules; VARIANT (a number) changes every one of them
-//   change                one rule, each time another one, gets another sender; not of the last two
-//   policy TARGET         the default policy of FORWARD
+//   change                one rule, each time another one, gets another sender
 //   deliver               hands the tables to the handler; answers when commitToSystem was called and when its
 //                         transaction had ended, in microseconds of the monotonic clock
 //   lines                 answers the lines that the next delivery would queue, behind their number
@@ -32,17 +31,12 @@ std::string macAddress(std::int32_t number)
     return text.str();
 }
 
-// A third each matches a MAC address, an IPv4 source, and an IPv4 destination with a TCP port. The last two let one
-// sender through and nothing else, whatever the variant.
-fake::Row ruleRow(std::int32_t number, std::int32_t count, std::int32_t variant)
+// A third each matches a MAC address, an IPv4 source, and an IPv4 destination with a TCP port.
+fake::Row ruleRow(std::int32_t number, std::int32_t variant)
 {
     fake::Row row;
     row.set("Id", number).set("Enabled", 1).set("RulePrio", number).set("VLANID", -1);
     row.set("InInterface", "in").set("OutInterface", "out");
-    if (number == count)
-        return row.set("Target", "DROP");
-    if (number == count - 1)
-        return row.set("SrcMAC", "02:aa:00:00:00:01").set("Target", "ACCEPT");
     const std::string host =
         std::to_string(variant % 250) + "." + std::to_string(number / 250) + "." + std::to_string(number % 250 + 1);
     switch (number % 3) {
@@ -83,11 +77,8 @@ int main(int argc, char* argv[])
     fake::MemoryTables tables;
     std::vector<fake::Row> rules;
     std::size_t changes = 0;
-    const auto setForwardPolicy = [&](const std::string& target) {
-        tables.setRows("MoatKeeper",
-                       {fake::Row().set("GlobalInputPolicy", "ACCEPT").set("GlobalForwardingPolicy", target)});
-    };
-    setForwardPolicy("ACCEPT");
+    tables.setRows("MoatKeeper",
+                   {fake::Row().set("GlobalInputPolicy", "ACCEPT").set("GlobalForwardingPolicy", "ACCEPT")});
 
     std::string line;
     while (std::getline(std::cin, line)) {
@@ -100,18 +91,13 @@ int main(int argc, char* argv[])
             words >> count >> variant;
             rules.clear();
             for (std::int32_t number = 1; number <= count; ++number)
-                rules.push_back(ruleRow(number, count, variant));
+                rules.push_back(ruleRow(number, variant));
             tables.setRows(rulesTable, rules);
             std::cout << "ok" << std::endl;
-        } else if (command == "change" && rules.size() > 2) {
+        } else if (command == "change" && !rules.empty()) {
             ++changes;
-            rules[changes * 7919 % (rules.size() - 2)].set("SrcMAC", macAddress(0xf0'0000 + static_cast<int>(changes)));
+            rules[changes * 7919 % rules.size()].set("SrcMAC", macAddress(0xf0'0000 + static_cast<int>(changes)));
             tables.setRows(rulesTable, rules);
-            std::cout << "ok" << std::endl;
-        } else if (command == "policy") {
-            std::string target;
-            words >> target;
-            setForwardPolicy(target);
             std::cout << "ok" << std::endl;
         } else if (command == "deliver") {
             handler.loadFromConfig(tables, "");

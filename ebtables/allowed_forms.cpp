@@ -193,6 +193,20 @@ const std::array<Parts, std::size(forms)>& readForms()
     return all;
 }
 
+// The forms of a whole line.
+const std::vector<const Parts*>& readLines()
+{
+    static const std::vector<const Parts*> lines = [] {
+        std::vector<const Parts*> result;
+        for (std::size_t i = 0; i < std::size(forms); ++i) {
+            if (forms[i].name == "line")
+                result.push_back(&readForms()[i]);
+        }
+        return result;
+    }();
+    return lines;
+}
+
 // Compares a line with all forms at once: each part moves the set of places that the parts before it have reached.
 class Comparison
 {
@@ -219,10 +233,8 @@ private:
     Places afterALine()
     {
         Places ends = 0;
-        for (std::size_t i = 0; i < std::size(forms); ++i) {
-            if (forms[i].name == "line")
-                ends |= after(readForms()[i], 1);
-        }
+        for (const Parts* line : readLines())
+            ends |= after(*line, 1);
         return ends;
     }
 

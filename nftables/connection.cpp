@@ -196,23 +196,35 @@ Result Connection::brokenOff(int error)
     return failed(error);
 }
 
-Result Connection::dump(std::uint16_t type, bool filterOnly, const std::function<bool(const nlmsghdr*)>& visit,
-                        bool& settled)
+// In the buffer, to be sent before that is used again.
+nlmsghdr* Connection::beginRequest(std::uint16_t type, std::uint16_t flags)
+{
+    m_buffer.resize(bufferSize);
+    nlmsghdr* request = mnl_nlmsg_put_header(m_buffer.data());
+    request->nlmsg_type = static_cast<std::uint16_t>(tables | type);
+    request->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
+    request->nlmsg_seq = ++m_sequence;
+    auto* const header = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(request, headerSize));
+    header->nfgen_family = type == NFT_MSG_GETGEN ? NFPROTO_UNSPEC : NFPROTO_BRIDGE;
+    return request;
+}
+
+Result Connection::list(std::uint16_t type, const Visit& visit, bool& settled)
+{
+    nlmsghdr* request = beginRequest(type, NLM_F_DUMP);
+    if (type == NFT_MSG_GETRULE)
+        putText(request, NFTA_RULE_TABLE, filterTable);
+    return ask(request, visit, settled);
+}
+
+// For one thing or, with NLM_F_DUMP, for a list.
+Result Connection::ask(const nlmsghdr* request, const Visit& visit, bool& settled)
 {
     Result result;
     if (!open(result))
         return result;
-    m_buffer.resize(bufferSize);
-    const bool isDump = type != NFT_MSG_GETGEN;
-    const auto answerType = static_cast<std::uint16_t>(tables | (type - 1)); // so they are numbered
-    nlmsghdr* request = mnl_nlmsg_put_header(m_buffer.data());
-    request->nlmsg_type = static_cast<std::uint16_t>(tables | type);
-    request->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | (isDump ? NLM_F_DUMP : 0));
-    request->nlmsg_seq = ++m_sequence;
-    auto* const header = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(request, headerSize));
-    header->nfgen_family = isDump ? NFPROTO_BRIDGE : NFPROTO_UNSPEC;
-    if (filterOnly)
-        mnl_attr_put_strz(request, NFTA_RULE_TABLE, filterTable);
+    const bool isDump = (request->nlmsg_flags & NLM_F_DUMP) != 0;
+    const auto answerType = static_cast<std::uint16_t>(request->nlmsg_type - 1); // so they are numbered
     if (const int error = m_socket->send({m_buffer.data(), request->nlmsg_len}); error != 0)
         return failed(error);
     for (;;) {
@@ -254,8 +266,8 @@ Result Connection::generation()
 {
     std::optional<std::uint32_t> generation;
     bool settled = true;
-    Result result = dump(
-        NFT_MSG_GETGEN, false,
+    Result result = ask(
+        beginRequest(NFT_MSG_GETGEN, 0),
         [&](const nlmsghdr* message) {
             generation = generationOf(message);
             return generation.has_value();
@@ -270,8 +282,8 @@ Result Connection::readChains(std::vector<ChainView>& chains, std::uint64_t& tab
     chains.clear();
     table = 0;
     bool settled = true;
-    Result result = dump(
-        NFT_MSG_GETTABLE, false,
+    Result result = list(
+        NFT_MSG_GETTABLE,
         [&](const nlmsghdr* message) {
             std::string_view name;
             std::uint64_t handle = 0;
@@ -288,8 +300,8 @@ Result Connection::readChains(std::vector<ChainView>& chains, std::uint64_t& tab
         settled);
     if (result.answer != Answer::Done)
         return result;
-    return dump(
-        NFT_MSG_GETCHAIN, false,
+    return list(
+        NFT_MSG_GETCHAIN,
         [&](const nlmsghdr* message) {
             std::string_view of;
             ChainView chain = readChain(message, of);
@@ -301,19 +313,32 @@ Result Connection::readChains(std::vector<ChainView>& chains, std::uint64_t& tab
         settled);
 }
 
+Connection::Visit Connection::visitRule(const std::function<void(const RuleView&)>& visit)
+{
+    return [&visit](const nlmsghdr* message) {
+        const RuleView rule = nftables::readRule(message);
+        const bool good = !rule.table.empty() && !rule.chain.empty() && rule.handle != 0;
+        if (good && rule.table == filterTable)
+            visit(rule);
+        return good;
+    };
+}
+
 Result Connection::readRules(const std::function<void(const RuleView&)>& visit, bool& settled)
 {
     settled = true;
-    return dump(
-        NFT_MSG_GETRULE, true,
-        [&](const nlmsghdr* message) {
-            const RuleView rule = readRule(message);
-            const bool good = !rule.table.empty() && !rule.chain.empty() && rule.handle != 0;
-            if (good && rule.table == filterTable)
-                visit(rule);
-            return good;
-        },
-        settled);
+    return list(NFT_MSG_GETRULE, visitRule(visit), settled);
+}
+
+Result Connection::readRule(const std::string& chain, std::uint64_t handle,
+                            const std::function<void(const RuleView&)>& visit)
+{
+    nlmsghdr* request = beginRequest(NFT_MSG_GETRULE, 0);
+    putText(request, NFTA_RULE_TABLE, filterTable);
+    putText(request, NFTA_RULE_CHAIN, chain.c_str());
+    put64(request, NFTA_RULE_HANDLE, handle);
+    bool settled = true;
+    return ask(request, visitRule(visit), settled);
 }
 
 Result Connection::apply(Batch& batch)
@@ -410,7 +435,7 @@ bool Connection::takeAnswers(std::uint32_t first, const Batch& batch, Result& re
             } else if (message->nlmsg_type == (tables | NFT_MSG_NEWGEN)) {
                 result.generation = generationOf(message);
             } else if (message->nlmsg_type == (tables | NFT_MSG_NEWRULE) && sequence - begin <= last - begin) {
-                if (const std::uint64_t handle = readRule(message).handle; handle != 0)
+                if (const std::uint64_t handle = nftables::readRule(message).handle; handle != 0)
                     result.newRules.push_back({sequence - begin, handle});
             }
         }

@@ -75,6 +75,9 @@ public:
     // meanwhile: rules may be missing or doubled.
     Result readRules(const std::function<void(const RuleView&)>& visit, bool& settled);
 
+    // The same for one rule. Where there are thousands, that is sooner done than to read them all.
+    Result readRule(const std::string& chain, std::uint64_t handle, const std::function<void(const RuleView&)>& visit);
+
     Result apply(Batch& batch);
 
     // Whether the kernel would take a batch from this process: sends one that is out of date whatever happens, which
@@ -85,8 +88,12 @@ private:
     bool open(Result& result);
     Result failed(int error) const;
     Result brokenOff(int error);
-    // visit: false for a message that makes no sense.
-    Result dump(std::uint16_t type, bool filterOnly, const std::function<bool(const nlmsghdr*)>& visit, bool& settled);
+    using Visit = std::function<bool(const nlmsghdr*)>; // false for a message that makes no sense
+
+    static Visit visitRule(const std::function<void(const RuleView&)>& visit);
+    nlmsghdr* beginRequest(std::uint16_t type, std::uint16_t flags);
+    Result list(std::uint16_t type, const Visit& visit, bool& settled);
+    Result ask(const nlmsghdr* request, const Visit& visit, bool& settled);
     Result classify(const std::vector<Refusal>& errors, std::optional<int> batchError);
     bool takeAnswers(std::uint32_t first, const Batch& batch, Result& result, std::optional<int>& batchError,
                      std::vector<Refusal>& errors);

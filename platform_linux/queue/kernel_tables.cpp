@@ -24,6 +24,7 @@ constexpr unsigned maxReads = 12;  // while others change the tables all the tim
 constexpr unsigned namedTries = 3; // then the generation is not named any more
 constexpr unsigned maxTries = 40;
 constexpr unsigned maxUnclear = 3;
+constexpr std::size_t fewKept = 50;       // rules are asked for one by one
 constexpr std::size_t manyMessages = 500; // of a batch: then nobody listens to what the kernel tells of each
 
 // Whether two reads found the same.
@@ -302,21 +303,25 @@ void KernelTables::noteDrift(const TableImage& actual)
 KernelTables::CountersByHandle KernelTables::readCounters(const std::vector<Change>& changes)
 {
     CountersByHandle counters;
-    for (const Change& change : changes) {
-        if (change.kind == Kind::AddRule && change.handle != 0)
-            counters.emplace(change.handle, nftables::Counters());
-    }
-    if (counters.empty())
-        return counters;
-    bool settled = true;
     nftables::Expressions expressions;
-    m_connection.readRules(
-        [&](const nftables::RuleView& rule) {
-            const auto found = counters.find(rule.handle);
-            if (found != counters.end() && rule.readExpressions(expressions))
-                found->second = expressions.counters;
-        },
-        settled);
+    const auto take = [&](const nftables::RuleView& rule) {
+        const auto found = counters.find(rule.handle);
+        if (found != counters.end() && rule.readExpressions(expressions))
+            found->second = expressions.counters;
+    };
+    std::vector<const Change*> kept;
+    for (const Change& change : changes) {
+        if (change.kind == Kind::AddRule && change.handle != 0 &&
+            counters.emplace(change.handle, nftables::Counters()).second)
+            kept.push_back(&change);
+    }
+    if (kept.size() > fewKept) {
+        bool settled = true;
+        m_connection.readRules(take, settled);
+        return counters;
+    }
+    for (const Change* change : kept)
+        m_connection.readRule(change->chain, change->handle, take);
     return counters;
 }
 

@@ -326,6 +326,7 @@ void FakeKernel::dump(const void* bytes)
 {
     const auto* const request = static_cast<const nlmsghdr*>(bytes);
     const std::uint32_t sequence = request->nlmsg_seq;
+    const bool isDump = (request->nlmsg_flags & NLM_F_DUMP) != 0;
     switch (request->nlmsg_type & 0xff) {
     case NFT_MSG_GETGEN: {
         Writer writer(tablesType | NFT_MSG_NEWGEN, sequence);
@@ -357,6 +358,8 @@ void FakeKernel::dump(const void* bytes)
     case NFT_MSG_GETRULE:
         for (const auto& [name, chain] : m_state.chains) {
             for (const Rule& rule : chain.rules) {
+                if (!isDump && nftables::longNumberOf(find(request, NFTA_RULE_HANDLE)) != rule.handle)
+                    continue;
                 Writer writer(tablesType | NFT_MSG_NEWRULE, sequence, NLM_F_MULTI);
                 nftables::putText(writer.header, NFTA_RULE_TABLE, "filter");
                 nftables::putText(writer.header, NFTA_RULE_CHAIN, name.c_str());
@@ -370,6 +373,8 @@ void FakeKernel::dump(const void* bytes)
     default:
         break;
     }
+    if (!isDump)
+        return;
     Writer done(NLMSG_DONE, sequence, NLM_F_MULTI);
     reply(done.finish());
 }
