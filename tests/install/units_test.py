@@ -45,9 +45,13 @@ class Units(unittest.TestCase):
             self.assertIn(name, then["Wants"])
             self.assertIn(name, then["After"])
 
+    def testNoStepOfTheStartLastsForEver(self):
+        self.assertEqual(read(CREATE)["TimeoutStartSec"], ["1min"])  # without it, there is no limit
+
     def testReadinessAndSignals(self):
         daemon = read(DAEMON)
         self.assertEqual(daemon["Type"], ["notify"])
+        self.assertEqual(daemon["TimeoutStartSec"], ["3min"])  # MOATKEEPER_WAIT_SECONDS is at most 60
         self.assertEqual(daemon["KillMode"], ["mixed"])
         self.assertEqual(daemon["RestartKillSignal"], ["SIGRTMIN+1"])
         self.assertNotIn("KillSignal", daemon)

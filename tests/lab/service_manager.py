@@ -17,7 +17,6 @@ from lab import sandbox, waiting
 _FOLDER = pathlib.Path("/tmp/service_manager")
 _SCRIPT = """
 set -e
-mount --make-rprivate /
 cd {root}
 mount -t proc proc proc
 mount --bind proc/sys proc/sys
@@ -43,6 +42,17 @@ class ServiceManager:
         if os.geteuid() != 0:
             raise sandbox.Unavailable("root is needed")
         self._process = None
+        self._first = 0  # its process, as we see it
+        self._cgroup = None
+        try:
+            self._prepare(cmake, build)
+            self.boot()  # whether it can be done at all
+            self.halt()
+        except sandbox.Unavailable:
+            self.close()
+            raise
+
+    def _prepare(self, cmake, build):
         shutil.rmtree(_FOLDER, ignore_errors=True)
         for name in ("installed", "changed", "work", "root", "cgroup"):
             (_FOLDER / name).mkdir(parents=True)
@@ -55,8 +65,6 @@ class ServiceManager:
         # Only what a test asks for is started.
         self.write("/etc/systemd/system/systemd-tmpfiles-setup.service",
                    "[Unit]\nDefaultDependencies=no\n[Service]\nType=oneshot\nExecStart=true\n")
-        self.boot() # whether it can be done at all
-        self.halt()
 
     @staticmethod
     def _mount(kind, source, target, options=""):
@@ -99,18 +107,15 @@ class ServiceManager:
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log, env={**os.environ, "container": "other"},
                 preexec_fn=self._inCgroup)
         children = pathlib.Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children")
-        self._first = waiting.until(lambda: children.exists() and children.read_text(encoding="ascii").strip(),
-                                    lambda: f"the first process:\n{self.readLog()}")
-        self._first = int(self._first)
-        waiting.until(lambda: self._isReady() or self._process.poll() is not None,
-                      lambda: f"the service manager:\n{self.readLog()}", 30)
+        waiting.until(lambda: self._isReady(children), lambda: f"the service manager:\n{self.readLog()}", 30)
+
+    def _isReady(self, children):
         if self._process.poll() is not None:
             raise sandbox.Unavailable(f"systemd does not run here: {self.readLog()[-300:]}")
-
-    def _isReady(self):
         try:
+            self._first = int(children.read_text(encoding="ascii"))
             return self.path("/run/systemd/private").exists()
-        except OSError:
+        except (OSError, ValueError):
             return False
 
     def _inCgroup(self):
@@ -121,15 +126,17 @@ class ServiceManager:
         """As when the power is cut: no process gets a signal that it could handle."""
         if self._process is None:
             return
-        os.kill(self._first, signal.SIGKILL)
+        if self._process.poll() is None:
+            os.kill(self._first, signal.SIGKILL)
         self._process.wait(20)
         self._process = None
 
     def close(self):
         """Takes everything out again."""
         self.halt()
+
         def emptied():
-            for folder, _, _ in os.walk(self._cgroup, topdown=False):
+            for folder, _, _ in os.walk(self._cgroup or "", topdown=False):
                 try:
                     os.rmdir(folder)
                 except OSError:
