@@ -39,6 +39,7 @@ class Lifecycle(machine.Machine):
             self.startServer()
         if not self.daemon.isRunning():
             self.startDaemon()
+        self.daemon.waitForLog("commitToSystem is called")  # what it finds may be as it wants it
         self.configure(TABLES, wanted())
 
     def startServer(self):
