@@ -69,7 +69,14 @@ void checkRows(const Configuration& configuration, Findings& findings)
 bool isEnabled(const Configuration& configuration, const Problem& problem)
 {
     const Row* row = configuration.find(findTable(problem.table)->id, problem.id);
-    return row == nullptr || !row->table->hasIds() || row->integer("Enabled") != 0;
+    if (row == nullptr || !row->table->hasIds())
+        return true;
+    if (row->integer("Enabled") == 0)
+        return false;
+    const Row* filter = row->table->id == TableId::FilterRules
+                            ? configuration.find(TableId::Filters, row->integer("BridgeFilterID"))
+                            : nullptr;
+    return filter == nullptr || filter->integer("Enabled") != 0;
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "moatctl/check/row.hpp"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string_view>
@@ -18,9 +19,15 @@ namespace
 
 constexpr std::size_t longestLine = 1'500; // as the device gives it
 
-bool isEnabled(const Row& row)
+// Whether it is meant to be in force: it is enabled, and so is its filter if it has one.
+bool isEnabled(const Configuration& configuration, const Row& row)
 {
-    return !row.table->hasIds() || row.integer("Enabled") != 0;
+    if (row.table->hasIds() && row.integer("Enabled") == 0)
+        return false;
+    if (row.table->id != TableId::FilterRules)
+        return true;
+    const Row* filter = configuration.find(TableId::Filters, row.integer("BridgeFilterID"));
+    return filter == nullptr || filter->integer("Enabled") != 0;
 }
 
 Problem withText(Problem problem, std::string text)
@@ -39,13 +46,16 @@ std::vector<Problem> unusableRows(const Configuration& configuration, const Expe
                 findings.add(row, std::move(problem));
         }
     };
+    Expected meant; // to be in force
     for (const Row* row : expected.leftOut) {
-        if (isEnabled(*row))
+        if (isEnabled(configuration, *row))
             ownErrors(*row);
     }
-    for (const UnusableRow& unusable : expected.unusable)
+    std::ranges::copy_if(expected.unusable, std::back_inserter(meant.unusable),
+                         [&](const UnusableRow& unusable) { return isEnabled(configuration, *unusable.row); });
+    for (const UnusableRow& unusable : meant.unusable)
         ownErrors(*unusable.row);
-    findUnusable(expected, findings);
+    findUnusable(meant, findings);
     std::vector<Problem> problems = findings.take();
     std::erase_if(problems, [](const Problem& problem) { return problem.severity != Severity::Error; });
     return problems;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string_view>
 #include <vector>
 
 namespace moatctl
@@ -85,10 +86,13 @@ std::string describeError(const CLI::ParseError& error, const CLI::App& root)
         path += ' ' + verb->get_name();
     }
     std::string text = oneLine(error.what());
+    constexpr std::string_view valueOfFlag = " was given a disallowed flag override";
     if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr)
         text = missing(*verb, root);
     else if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)
         text = unexpectedWord(*verb, root);
+    else if (text.ends_with(valueOfFlag))
+        text = "--" + text.substr(0, text.size() - valueOfFlag.size()) + " takes no value";
     else if (const CLI::Option* option = optionIn(text, *verb, root); option != nullptr)
         text = dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr
                    ? wrongCount(*option)

@@ -97,12 +97,12 @@ Option Command::option(const std::string& name, const std::string& type, const s
 
 Option Command::flag(const std::string& name, const std::string& help) const
 {
-    return Option(*m_app->add_flag(name, help));
+    return Option(*m_app->add_flag(name, help)->disable_flag_override());
 }
 
 Option Command::flag(const std::string& name, const std::string& help, bool& given) const
 {
-    return Option(*m_app->add_flag(name, given, help));
+    return Option(*m_app->add_flag(name, given, help)->disable_flag_override());
 }
 
 Option Command::find(const std::string& name) const
