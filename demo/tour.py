@@ -41,7 +41,7 @@ class Tour:
 
     def run(self):
         self.title("A site with three ports: office, guest and uplink. The configuration, all six tables:")
-        self._world.moatctl("import", "--replace", "sample.json")
+        self._world.moatctl("--no-wait", "import", "--replace", "sample.json")
         self.show(self._world.moatctl("show").splitlines())
         self.title("The bridge tables before the daemon starts, and after:")
         self.show(self._world.before())
