@@ -7,6 +7,11 @@ function(moatkeeper_for_speed)
     COMPILE_OPTIONS $<$<CONFIG:Release>:-O2> SKIP_PRECOMPILE_HEADERS ON)
 endfunction()
 
+# Whatever else is linked with these libraries takes the machine code in their objects.
+if(MOATKEEPER_LTO)
+  add_link_options($<$<NOT:$<STREQUAL:$<TARGET_PROPERTY:NAME>,moatkeeper>>:-fno-lto>)
+endif()
+
 # With MOATKEEPER_LTO the daemon is optimised across its libraries. Their objects hold machine code as well, so that whatever
 # else links them (tests, moatctl) is linked in no time.
 function(moatkeeper_link_as_one program)
