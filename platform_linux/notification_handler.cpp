@@ -152,9 +152,9 @@ private:
         const Held held = m_queue.hold(settings.closingLines());
         if (held == Held::InForce)
             ZOL_Sysloglevel_info(m_logModule, label, 20,
-                                 "the bridge is closed until there is a configuration, but for " +
-                                     std::to_string(settings.ports.size()) + " ports and " +
-                                     std::to_string(settings.macs.size()) + " addresses");
+                                 "the bridge is closed until there is a configuration; allowed are " +
+                                     std::to_string(settings.ports.size()) + " entries for ports and " +
+                                     std::to_string(settings.macs.size()) + " for addresses");
         if (held == Held::NotNeeded)
             ZOL_Sysloglevel_info(m_logModule, label, 21,
                                  "until there is a configuration, the rules of the process before stay");

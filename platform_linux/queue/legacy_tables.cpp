@@ -71,6 +71,8 @@ void LegacyTables::startOver()
 {
     m_waiting = {};
     m_leftover = m_footprint;
+    m_leftoverLast = true;
+    m_policiesSet.clear();
 }
 
 void LegacyTables::add(std::vector<Command>&& commands, std::string_view line)
@@ -97,25 +99,8 @@ LegacyTables::Outcome LegacyTables::carryOut(int keepOpen)
     Outcome outcome;
     ebtables::RunLimits limits = m_limits;
     limits.keepOpen = keepOpen;
-    if (!m_leftover.empty()) {
-        const RunResult saved = ebtables::runTool(m_tools.save, {}, {}, limits);
-        if (saved.end != RunResult::End::Exited || saved.exitCode != 0) {
-            outcome.reason =
-                saved.end != RunResult::End::Exited ? saved.reason : m_tools.save + ": " + messageOf(saved);
-            return outcome;
-        }
-        for (const Command& command : m_leftover.undo(ebtables::parseSaved(saved.output))) {
-            const RunResult result = ebtables::runTool(m_tools.ebtables, arguments(command), {}, limits);
-            const std::string message = messageOf(result);
-            if (auto reason = obstacle(m_tools.ebtables, result, message)) {
-                outcome.reason = std::move(*reason);
-                return outcome;
-            }
-            m_footprint.note(command);
-            outcome.changed = true;
-        }
-        m_leftover = {};
-    }
+    if (!m_leftoverLast && !takeOutLeftover(limits, outcome))
+        return outcome;
     ebtables::OwnChains own(m_footprint.chains());
     std::size_t done = 0;
     for (const Command& command : m_waiting.commands()) {
@@ -134,6 +119,8 @@ LegacyTables::Outcome LegacyTables::carryOut(int keepOpen)
         if (result.exitCode == 0) {
             m_footprint.note(command);
             own.note(command);
+            if (m_leftoverLast && command.kind == ebtables::CommandKind::Policy)
+                m_policiesSet.insert(command.chain);
             outcome.changed = true;
         } else {
             outcome.refused.push_back(
@@ -142,8 +129,35 @@ LegacyTables::Outcome LegacyTables::carryOut(int keepOpen)
         ++done;
     }
     m_waiting.dropFirst(done);
-    outcome.done = true;
+    outcome.done = takeOutLeftover(limits, outcome);
     return outcome;
+}
+
+bool LegacyTables::takeOutLeftover(const ebtables::RunLimits& limits, Outcome& outcome)
+{
+    if (m_leftover.empty())
+        return true;
+    const RunResult saved = ebtables::runTool(m_tools.save, {}, {}, limits);
+    if (saved.end != RunResult::End::Exited || saved.exitCode != 0) {
+        outcome.reason = saved.end != RunResult::End::Exited ? saved.reason : m_tools.save + ": " + messageOf(saved);
+        return false;
+    }
+    for (const Command& command : m_leftover.undo(ebtables::parseSaved(saved.output))) {
+        if (command.kind == ebtables::CommandKind::Policy && m_policiesSet.contains(command.chain))
+            continue;
+        const RunResult result = ebtables::runTool(m_tools.ebtables, arguments(command), {}, limits);
+        const std::string message = messageOf(result);
+        if (auto reason = obstacle(m_tools.ebtables, result, message)) {
+            outcome.reason = std::move(*reason);
+            return false;
+        }
+        m_footprint.note(command);
+        outcome.changed = true;
+    }
+    m_leftover = {};
+    m_leftoverLast = false;
+    m_policiesSet.clear();
+    return true;
 }
 
 } // namespace zol::cfg

@@ -5,6 +5,7 @@
 #include "platform_linux/queue/footprint.hpp"
 #include "platform_linux/queue/tool.hpp"
 
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,17 +38,22 @@ public:
     // Carries out what was added, in order.
     Outcome carryOut(int keepOpen);
 
-    // From here on nothing waits, and what is there of ours counts as a leftover.
+    // From here on nothing waits, and what is there of ours counts as a leftover. It is taken out behind the commands
+    // that are added next, not before them; policies that these set stay.
     void startOver();
 
     // What is of ours in the tables, and what will be when all that waits is carried out as well.
     ebtables::Footprint footprint() const;
 
 private:
+    bool takeOutLeftover(const ebtables::RunLimits& limits, Outcome& outcome);
+
     ebtables::ToolPaths m_tools;
     ebtables::RunLimits m_limits;
     CommandBatch m_waiting;
     ebtables::Footprint m_leftover;
+    bool m_leftoverLast = false;
+    std::set<std::string> m_policiesSet; // since it is to go last
     ebtables::Footprint m_footprint;
 };
 

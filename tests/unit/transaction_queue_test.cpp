@@ -443,6 +443,122 @@ TEST_F(TransactionQueueTest, ALegacyToolIsRunForEachLine)
     EXPECT_FALSE(isRecorded());
 }
 
+const Lines closed{"ebtables -N C", "ebtables -A C -i eth1 -j ACCEPT", "ebtables -A INPUT -j C",
+                   "ebtables -P INPUT DROP"};
+const auto isClosed =
+    ElementsAre(Pair("C", ElementsAre("ACCEPT", "-i eth1 -j ACCEPT")), Pair("INPUT", ElementsAre("DROP", "-j C")));
+using Held = TransactionQueue::Held;
+
+TEST_F(TransactionQueueTest, WhatHoldsUntilTheFirstCommitIsReplacedByItInOneTransaction)
+{
+    start();
+    EXPECT_EQ(m_queue->hold(closed), Held::InForce);
+    EXPECT_THAT(m_kernel.tables(), isClosed);
+    EXPECT_FALSE(m_queue->status(0).inStep) << "no commit of anybody's";
+    EXPECT_TRUE(isRecorded());
+    m_queue->endDelivery();
+    EXPECT_THAT(m_kernel.tables(), isClosed) << "nothing was delivered";
+    const auto before = m_kernel.batches();
+    deliver(setUp);
+    EXPECT_EQ(m_kernel.batches(), before + 1);
+    EXPECT_THAT(m_kernel.tables(), inKernel);
+    EXPECT_TRUE(m_queue->status(0).inStep);
+    queueLines(cleanUp);
+    m_queue.reset();
+    EXPECT_THAT(m_kernel.tables(), ElementsAre(Pair("INPUT", ElementsAre("ACCEPT"))));
+    EXPECT_FALSE(isRecorded());
+}
+
+TEST_F(TransactionQueueTest, WhatHoldsIsTakenOutByAStopAndLeftByAHandOver)
+{
+    start();
+    m_queue->hold(closed);
+    m_queue->keep();
+    m_queue.reset();
+    EXPECT_THAT(m_kernel.tables(), isClosed);
+    start();
+    const auto before = m_kernel.batches();
+    EXPECT_EQ(m_queue->hold(closed), Held::InForce);
+    EXPECT_EQ(m_kernel.batches(), before) << "the same again";
+    m_queue.reset();
+    EXPECT_THAT(m_kernel.tables(), ElementsAre(Pair("INPUT", ElementsAre("ACCEPT"))));
+    EXPECT_FALSE(isRecorded());
+}
+
+TEST_F(TransactionQueueTest, ANextProcessHoldsWhatItIsToldNotWhatTheProcessBeforeHeld)
+{
+    start();
+    m_queue->hold(closed);
+    m_queue->keep();
+    m_queue.reset();
+    start();
+    EXPECT_EQ(m_queue->hold({closed[0], "ebtables -A C -i eth2 -j ACCEPT", closed[2], closed[3]}), Held::InForce);
+    EXPECT_THAT(m_kernel.tables(), ElementsAre(Pair("C", ElementsAre("ACCEPT", "-i eth2 -j ACCEPT")),
+                                               Pair("INPUT", ElementsAre("DROP", "-j C"))));
+}
+
+TEST_F(TransactionQueueTest, NothingIsHeldWhereRulesOfTheProcessBeforeAre)
+{
+    start();
+    deliver(setUp);
+    m_queue->keep();
+    queueLines(cleanUp);
+    m_queue.reset();
+    EXPECT_THAT(m_kernel.tables(), inKernel);
+    start();
+    EXPECT_EQ(m_queue->hold(closed), Held::NotNeeded);
+    EXPECT_THAT(m_kernel.tables(), inKernel);
+    const auto before = m_kernel.batches();
+    deliver(setUp);
+    EXPECT_EQ(m_kernel.batches(), before) << "the next process wants the same";
+}
+
+TEST_F(TransactionQueueTest, WhatCannotBeHeldIsTriedAgainAndForgottenAtTheFirstCommit)
+{
+    start();
+    m_kernel.fail({Fault::Kind::BatchError, EPERM, std::nullopt, 2});
+    EXPECT_EQ(m_queue->hold(closed), Held::Waits);
+    EXPECT_THAT(log(), HasSubstr("queue:111:"));
+    while (m_queue->retryIn())
+        waitAndRetry();
+    EXPECT_THAT(m_kernel.tables(), isClosed);
+    m_queue.reset();
+    start();
+    m_kernel.fail({Fault::Kind::BatchError, EPERM, std::nullopt, 1});
+    EXPECT_EQ(m_queue->hold(closed), Held::Waits);
+    deliver(setUp);
+    EXPECT_THAT(m_kernel.tables(), inKernel);
+}
+
+TEST_F(TransactionQueueTest, ALookPutsRightWhatNobodyHasTold)
+{
+    start();
+    m_queue->look(); // before there is anything
+    deliver(setUp);
+    m_kernel.flush("U");
+    m_queue->look();
+    EXPECT_THAT(m_kernel.tables(), inKernel);
+    EXPECT_THAT(log(), HasSubstr("queue:116:"));
+}
+
+TEST_F(TransactionQueueTest, WithALegacyToolWhatHoldsGoesWhenTheCommitIsThere)
+{
+    const std::string calls = m_tool.folder().path("calls");
+    m_tool.onVersion("case $1 in --version) echo 'ebtables v2.0.11 (legacy)';; *) echo \"$*\" >> " + calls + ";; esac");
+    start();
+    EXPECT_EQ(m_queue->hold(closed), Held::InForce);
+    EXPECT_EQ(m_tool.folder().read("calls"), "-N C\n-A C -i eth1 -j ACCEPT\n-A INPUT -j C\n-P INPUT DROP\n");
+    m_tool.folder().write("calls", "");
+    m_tool.onSave(
+        "printf '*filter\\n:INPUT DROP\\n:FORWARD ACCEPT\\n:OUTPUT ACCEPT\\n:C ACCEPT\\n-A C -i eth1 -j ACCEPT\\n"
+        "-A INPUT -j C\\n'");
+    Lines lines = setUp;
+    lines.emplace_back("ebtables -P INPUT DROP");
+    deliver(lines);
+    EXPECT_EQ(m_tool.folder().read("calls"), "-N U\n-P U RETURN\n-A INPUT -j U\n-A U -i eth0 -j DROP\n-P INPUT DROP\n"
+                                             "-D INPUT -j C\n-F C\n-X C\n");
+}
+
 TEST_F(TransactionQueueTest, ALegacyToolThatCannotRunKeepsItsLines)
 {
     const std::string calls = m_tool.folder().path("calls");
