@@ -107,7 +107,7 @@ struct Rule {
     bool operator==(const Rule&) const = default;
 };
 
-enum class CommandKind {
+enum class CommandKind : std::uint8_t {
     Append,      // -A chain rule
     Insert,      // -I chain [position] rule
     Delete,      // -D chain rule

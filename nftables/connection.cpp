@@ -20,8 +20,8 @@ namespace nftables
 namespace
 {
 
-constexpr int notNow = 85; // ERESTART, which programs do not get to see otherwise
-constexpr std::size_t bufferSize = 64U << 10U;
+constexpr int notNow = 85;                     // ERESTART, which programs do not get to see otherwise
+constexpr std::size_t bufferSize = 32U << 10U; // the kernel fills no more
 constexpr std::uint16_t tables = NFNL_SUBSYS_NFTABLES << 8U;
 constexpr std::size_t headerSize = sizeof(nfgenmsg);
 
@@ -30,6 +30,16 @@ constexpr std::size_t roomForError = 1U << 10U;
 constexpr std::size_t mostRoom = 64U << 20U;
 
 constexpr std::uint32_t generationThatNeverIs = ~0U;
+
+// Not kept: an idle daemon has no use for it.
+class Buffer
+{
+public:
+    std::span<std::uint8_t> room() const { return {m_bytes.get(), bufferSize}; }
+
+private:
+    std::unique_ptr<std::uint8_t[]> m_bytes = std::make_unique_for_overwrite<std::uint8_t[]>(bufferSize);
+};
 
 struct ErrorMessage {
     int error = 0; // as in errno; 0: an acknowledgement
@@ -196,11 +206,10 @@ Result Connection::brokenOff(int error)
     return failed(error);
 }
 
-// In the buffer, to be sent before that is used again.
+// To be sent before the next one begins.
 nlmsghdr* Connection::beginRequest(std::uint16_t type, std::uint16_t flags)
 {
-    m_buffer.resize(bufferSize);
-    nlmsghdr* request = mnl_nlmsg_put_header(m_buffer.data());
+    nlmsghdr* request = mnl_nlmsg_put_header(m_request.data());
     request->nlmsg_type = static_cast<std::uint16_t>(tables | type);
     request->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
     request->nlmsg_seq = ++m_sequence;
@@ -225,15 +234,16 @@ Result Connection::ask(const nlmsghdr* request, const Visit& visit, bool& settle
         return result;
     const bool isDump = (request->nlmsg_flags & NLM_F_DUMP) != 0;
     const auto answerType = static_cast<std::uint16_t>(request->nlmsg_type - 1); // so they are numbered
-    if (const int error = m_socket->send({m_buffer.data(), request->nlmsg_len}); error != 0)
+    if (const int error = m_socket->send({m_request.data(), request->nlmsg_len}); error != 0)
         return failed(error);
+    const Buffer buffer;
     for (;;) {
-        const Socket::Received got = m_socket->receive(m_buffer, true);
+        const Socket::Received got = m_socket->receive(buffer.room(), true);
         if (got.error == EINTR)
             continue;
         if (got.error != 0)
             return brokenOff(got.error);
-        Bytes left(m_buffer.data(), got.size);
+        Bytes left(buffer.room().first(got.size));
         while (const nlmsghdr* message = takeMessage(left)) {
             if (message->nlmsg_seq != m_sequence)
                 continue;
@@ -403,16 +413,16 @@ Result Connection::mayChange()
 bool Connection::takeAnswers(std::uint32_t first, const Batch& batch, Result& result, std::optional<int>& batchError,
                              std::vector<Refusal>& errors)
 {
-    m_buffer.resize(bufferSize);
+    const Buffer buffer;
     const std::uint32_t begin = first + Batch::ahead;
     const std::uint32_t last = begin + static_cast<std::uint32_t>(batch.messages()) - 1;
     for (;;) {
-        const Socket::Received got = m_socket->receive(m_buffer, true);
+        const Socket::Received got = m_socket->receive(buffer.room(), true);
         if (got.error == EINTR)
             continue;
         if (got.error != 0)
             return false;
-        Bytes left(m_buffer.data(), got.size);
+        Bytes left(buffer.room().first(got.size));
         while (const nlmsghdr* message = takeMessage(left)) {
             const std::uint32_t sequence = message->nlmsg_seq;
             if (sequence - first > last - first)

@@ -10,6 +10,7 @@
 #include "nftables/rule_message.hpp"
 #include "nftables/socket.hpp"
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -102,7 +103,7 @@ private:
     std::unique_ptr<Socket> m_socket;
     bool m_hadRight = false; // the socket, once
     std::uint32_t m_sequence;
-    std::vector<std::uint8_t> m_buffer;
+    alignas(8) std::array<std::uint8_t, 512> m_request; // longer than any
 };
 
 } // namespace nftables

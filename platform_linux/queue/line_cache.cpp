@@ -84,12 +84,12 @@ const PlayedCommand* LineCache::find(std::string_view line)
     if (found == m_entries.end())
         return nullptr;
     found->second.used = m_round;
-    return &found->second.command;
+    return &found->second;
 }
 
 void LineCache::add(std::string_view line, const PlayedCommand& command)
 {
-    m_entries.insert_or_assign(keyOf(line), Entry{command, m_round});
+    m_entries.insert_or_assign(keyOf(line), Entry{{command}, m_round});
 }
 
 void LineCache::tidy(std::size_t most)
@@ -102,7 +102,7 @@ void LineCache::tidy(std::size_t most)
 void LineCache::forEach(const std::function<void(const PlayedCommand&)>& visit) const
 {
     for (const auto& [key, entry] : m_entries)
-        visit(entry.command);
+        visit(entry);
 }
 
 } // namespace zol::cfg

@@ -37,10 +37,11 @@ private:
     struct FirstHalf {
         std::size_t operator()(const Key& key) const { return static_cast<std::size_t>(key.first); }
     };
-    struct Entry {
-        PlayedCommand command;
+    // Derived, so that it has its place in the command's padding.
+    struct Entry : PlayedCommand {
         std::uint32_t used;
     };
+    static_assert(sizeof(void*) != 8 || sizeof(Entry) == 32);
 
     Key keyOf(std::string_view line) const;
 

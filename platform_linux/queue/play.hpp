@@ -12,11 +12,11 @@ namespace zol::cfg
 
 // A command with its texts in the pool: small, because one is kept for each line.
 struct PlayedCommand {
-    ebtables::CommandKind kind = ebtables::CommandKind::Append;
-    std::uint16_t position = 1;
     RulePool::Text chain = nullptr;
     RulePool::Text rule = nullptr; // Append, Insert, Delete; Policy: the policy
     RulePool::Text jump = nullptr;
+    std::uint16_t position = 1;
+    ebtables::CommandKind kind = ebtables::CommandKind::Append;
 };
 
 PlayedCommand intern(const ebtables::Command& command, RulePool& pool);
