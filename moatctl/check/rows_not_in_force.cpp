@@ -36,6 +36,15 @@ Problem withText(Problem problem, std::string text)
     return problem;
 }
 
+// Without a row of global policies the daemon makes lines of empty ones. Other lines without a row are its own.
+Problem withoutRow(const DeviceLine& line)
+{
+    Problem problem = withText(Problem(), line.reason);
+    if (line.line.starts_with("ebtables -P INPUT ") || line.line.starts_with("ebtables -P FORWARD "))
+        problem.table = schema::table(TableId::Global).name;
+    return problem;
+}
+
 // Rows without a line of theirs.
 std::vector<Problem> unusableRows(const Configuration& configuration, const Expected& expected)
 {
@@ -109,7 +118,7 @@ std::vector<RowNotInForce> rowsNotInForce(const Configuration& configuration, co
         for (const Row* row : rows)
             found.push_back({problemAt(Severity::Error, configuration, *row, "", each.reason), each.line});
         if (rows.empty())
-            found.push_back({withText(Problem(), each.reason), each.line});
+            found.push_back({withoutRow(each), each.line});
     }
     std::ranges::stable_sort(found, {}, [](const RowNotInForce& each) {
         const schema::Table* table = findTable(each.problem.table);
@@ -140,6 +149,14 @@ std::vector<RowNotInForce> ofChange(std::vector<RowNotInForce> rows, const Store
         return !isOfChange(row) && (!known || row.problem.table.empty() || before.contains(key(row)));
     });
     return rows;
+}
+
+std::size_t countRows(const std::vector<RowNotInForce>& rows)
+{
+    std::set<std::pair<std::string, std::int32_t>> different;
+    for (const RowNotInForce& row : rows)
+        different.emplace(row.problem.table, row.problem.id);
+    return different.size();
 }
 
 std::string toText(const RowNotInForce& row)

@@ -6,6 +6,7 @@
 #include "moatctl/tables/edit.hpp"
 #include "moatctl/tables/problem.hpp"
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,9 @@ std::vector<RowNotInForce> rowsNotInForce(const Configuration& configuration, co
 // Of these, on this device, the rows of the change and those that were in force before it, as far as that is known.
 std::vector<RowNotInForce> ofChange(std::vector<RowNotInForce> rows, const Stored& stored,
                                     const std::string& deviceName);
+
+// A row counts once, however many of its lines were refused.
+std::size_t countRows(const std::vector<RowNotInForce>& rows);
 
 // "MoatKeeperRuleset Id 5: ebtables -A ...: reason"
 std::string toText(const RowNotInForce& row);

@@ -130,8 +130,9 @@ Verdict verdictOn(const Device& device, std::int32_t number, milliseconds waited
 {
     const std::string name = text::oneLine(device.name);
     if (!device.reports())
-        return {ExitStatus::NotApplied, "no daemon applies it: that of " + name +
-                                            " was stopped, or has not been heard of since the server was started"};
+        return {ExitStatus::NotApplied,
+                "no daemon applies it: that of " + name +
+                    (device.reason.empty() ? " has not been heard of since the server was started" : " was stopped")};
     if (device.hasReached(number))
         return {};
     if (!device.inStep)
@@ -156,8 +157,8 @@ Verdict verdictOnRows(Program& program, const Device& device, const std::vector<
                                             " lines that are not, the daemon names the first " + std::to_string(named)};
     if (rows.empty())
         return {};
-    std::string text =
-        std::to_string(rows.size()) + (rows.size() == 1 ? " row is" : " rows are") + " not in force" + where;
+    const std::size_t count = countRows(rows);
+    std::string text = std::to_string(count) + (count == 1 ? " row is" : " rows are") + " not in force" + where;
     if (device.notInForceCount > named)
         text += ", and " + std::to_string(device.notInForceCount - named) +
                 " lines more that the daemon does not name may be among the change's";

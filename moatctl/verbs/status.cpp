@@ -145,7 +145,10 @@ bool summarise(const View& view, const std::optional<std::string>& pid, const st
         add("kernel tables", view.configuration ? view.found : "not compared: the server is down");
     if (!view.configuration)
         return false;
-    add("rows", !rows.empty() ? std::to_string(rows.size()) + " not in force"
+    std::set<std::pair<std::string, std::int32_t>> different; // of several lines, or on several devices
+    for (const NotInForceHere& each : rows)
+        different.emplace(each.row.problem.table, each.row.problem.id);
+    add("rows", !rows.empty() ? std::to_string(different.size()) + " not in force"
                 : view.kernel ? "all in force"
                               : "none is wrong in itself");
     const std::string strange =

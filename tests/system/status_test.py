@@ -226,6 +226,17 @@ class Status(machine.Machine):
         self.assertRegex(run().stdout, r"\nNot in force\nTABLE +ID +COLUMN +LINE +REASON\nMoatKeeperRuleset +12 +IPPort +eb")
         self.count(config.delete(config.FILTER_RULES, 14))
 
+    def testWithoutARowOfPolicies(self):
+        """The daemon's start makes two lines of nothing; they are of one row, which is missing."""
+        self.count(config.delete(config.MAIN))
+        self.daemon.stop()
+        self.startDaemon()
+        waiting.until(lambda: self.config.select(config.DEVICE)[0]["NotInForceCount"] == 2, "the refused lines")
+        found = json.loads(run("--format=json").stdout)
+        self.assertEqual({row["what"]: row["state"] for row in found["status"]}["rows"], "1 not in force")
+        self.assertEqual({(row["table"], row["id"]) for row in found["not_in_force"]}, {(config.MAIN, None)})
+        self.assertEqual([row["line"][:17] for row in found["not_in_force"]], ["ebtables -P FORWA", "ebtables -P INPUT"])
+
     def testAChangeThatNobodyCounts(self):
         """No device says that it has it: what no kernel would take is named all the same."""
         self.holdDaemon()

@@ -231,7 +231,7 @@ class NotApplied(Waiting):
     def testNoDaemon(self):
         self.daemon.stop()
         said = self.run_(NOT_APPLIED, *ADD, mac(1), "--drop", seconds=0.5)
-        self.assertRegex(said[-1], r"^moatctl: stored, but no daemon applies it: that of \S+ was stopped")
+        self.assertRegex(said[-1], r"^moatctl: stored, but no daemon applies it: that of \S+ was stopped$")
         self.config.transact(config.delete(config.DEVICE))
         said = self.run_(NOT_APPLIED, *ADD, mac(2), "--drop", seconds=0.5)
         self.assertEqual(said, ["moatctl: stored, but no daemon applies it: the server has not heard of one"])
