@@ -13,9 +13,9 @@ Json atom(const tessera::Value& value)
     return value.isText() ? Json(value.getText()) : Json(std::int64_t{value.getInteger()});
 }
 
-Json condition(std::string_view column, Json value)
+Json condition(std::string_view column, Json value, const char* how = "==")
 {
-    return Json::Array{Json(Json::Array{Json(column), Json("=="), std::move(value)})};
+    return Json::Array{Json(Json::Array{Json(column), Json(how), std::move(value)})};
 }
 
 Json rowOf(const ColumnValues& values)
@@ -48,6 +48,19 @@ Where rowWithUuid(const Uuid& uuid)
 Where rowsWith(std::string_view column, std::string_view text)
 {
     return condition(column, Json(text));
+}
+
+Where rowsWith(const ColumnValues& values)
+{
+    Json::Array conditions;
+    for (const auto& [column, value] : values)
+        conditions.emplace_back(Json::Array{Json(column), Json("=="), atom(*value)});
+    return conditions;
+}
+
+Where rowsUpTo(std::string_view column, std::int32_t greatest)
+{
+    return condition(column, Json(greatest), "<=");
 }
 
 Json insertRow(std::string_view tableName, const ColumnValues& values)

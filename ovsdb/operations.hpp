@@ -23,6 +23,8 @@ using Where = Json;
 Where everyRow();
 Where rowWithUuid(const Uuid& uuid);
 Where rowsWith(std::string_view column, std::string_view text);
+Where rowsWith(const ColumnValues& values);                     // all of them; each has a value
+Where rowsUpTo(std::string_view column, std::int32_t greatest); // not above that number
 
 // One operation each, to be put in the list that Client::transact takes. Columns left out of an insert get their
 // defaults; columns left out of an update stay.

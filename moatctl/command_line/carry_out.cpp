@@ -2,6 +2,7 @@
 
 #include "moatctl/check/change.hpp"
 #include "moatctl/command_line/await_in_force.hpp"
+#include "moatctl/command_line/occasion.hpp"
 
 #include <algorithm>
 #include <ostream>
@@ -61,7 +62,8 @@ std::function<void(Editor&)> checked(Program& program, std::function<void(Editor
 ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit)
 {
     ovsdb::Client client = program.connect();
-    const Stored stored = applyEdit(client, edit);
+    identify(*program.occasion);
+    const Stored stored = applyEdit(client, edit, *program.occasion);
     for (const std::string& line : stored.told.notes)
         program.err << line << '\n';
     for (const std::string& line : stored.told.reports)

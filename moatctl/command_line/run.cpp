@@ -1,6 +1,7 @@
 #include "moatctl/command_line/run.hpp"
 
 #include "moatctl/command_line/carry_out.hpp"
+#include "moatctl/command_line/occasion.hpp"
 #include "moatctl/command_line/parser.hpp"
 #include "schema/server/database.hpp"
 
@@ -15,10 +16,17 @@ ovsdb::Client Program::connect(const ovsdb::ClientOptions& options) const
     return ovsdb::Client(schema::serverDatabaseWithDevices(), options);
 }
 
+ovsdb::Client Program::connectToHistory() const
+{
+    return ovsdb::Client(schema::historyDatabase(), server);
+}
+
 int run(int argc, const char* const* argv, Program& program)
 {
     ExitStatus status = ExitStatus::Ok;
     try {
+        program.occasion = std::make_shared<Occasion>();
+        program.occasion->verb = commandLine(argc, argv);
         Parser parser(program);
         if (const std::string asked = parser.parse(argc, argv); !asked.empty())
             program.out << asked;

@@ -9,12 +9,14 @@
 
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <span>
 
 namespace moatctl
 {
 
 class Editor;
+struct Occasion;
 struct Program;
 
 struct Verb {
@@ -37,6 +39,8 @@ struct Program {
     bool force = false;            // --force
     bool noWait = false;           // --no-wait
 
+    std::shared_ptr<Occasion> occasion{}; // what the history is to keep of a change
+
     // Set by the verb that was given, exactly one of the two. They run after the whole command line was found right,
     // and may throw Failure and the errors of ovsdb::Client.
     std::function<ExitStatus()> action{};
@@ -44,6 +48,7 @@ struct Program {
 
     ovsdb::Client connect() const { return connect(server); }
     ovsdb::Client connect(const ovsdb::ClientOptions& options) const;
+    ovsdb::Client connectToHistory() const;
 };
 
 } // namespace moatctl

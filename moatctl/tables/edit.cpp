@@ -2,10 +2,12 @@
 
 #include "moatctl/exit_status.hpp"
 #include "moatctl/tables/difference.hpp"
+#include "moatctl/tables/history.hpp"
 #include "moatctl/tables/problem.hpp"
 #include "moatctl/tables/server.hpp"
 #include "ovsdb/client.hpp"
 #include "schema/device.hpp"
+#include "schema/history.hpp"
 #include "schema/server/database.hpp"
 
 #include <algorithm>
@@ -151,6 +153,15 @@ void planNotes(const ovsdb::Client& client, const std::vector<Change>& changes, 
                                               ", has no place for acknowledged warnings: expected schema 1.1 or later");
 }
 
+void planHistory(const ovsdb::Client& client, const Occasion& occasion,
+                 const std::vector<schema::RecordedChange>& changes, Plan& plan)
+{
+    if (changes.empty() || !has(client, schema::historyTable))
+        return;
+    for (ovsdb::Json& operation : addToHistory(client.followed(), occasion, changes))
+        plan.add(std::move(operation), nullptr);
+}
+
 // Everybody who waits for the change to be in force waits for its number. Returns the number where it is known now; the
 // transaction says otherwise.
 std::optional<std::int32_t> planNumber(const ovsdb::TableCache& state, Plan& plan)
@@ -206,7 +217,7 @@ bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
 
 } // namespace
 
-Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit)
+Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit, const Occasion& occasion)
 {
     for (int attempt = 0; attempt < attemptLimit; ++attempt) {
         Stored stored;
@@ -224,6 +235,7 @@ Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit
         const std::vector<Change> changes = difference(before, editor.configuration);
         Plan plan = planOf(changes, before, editor);
         planNotes(client, changes, editor, plan);
+        planHistory(client, occasion, recordedChanges(changes, before, editor.configuration), plan);
         const bool counted = !changes.empty() && tellsWhatIsInForce(client);
         if (counted)
             stored.number = planNumber(state, plan);

@@ -21,6 +21,8 @@ class Client;
 namespace moatctl
 {
 
+struct Occasion;
+
 // Lines for the operator.
 struct Told {
     std::vector<std::string> reports;
@@ -75,6 +77,6 @@ struct Stored {
 // the change was stored, and the errors of ovsdb::Client.
 inline constexpr int attemptLimit = 50;
 // The client follows all tables afterwards.
-Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit);
+Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit, const Occasion& occasion);
 
 } // namespace moatctl

@@ -25,5 +25,7 @@ void addBatch(const Command& root, Program& program);
 void addExport(const Command& root, Program& program);
 void addImport(const Command& root, Program& program);
 void addMonitor(const Command& root, Program& program);
+void addHistory(const Command& root, Program& program);
+void addUndo(const Command& root, Program& program);
 
 } // namespace moatctl

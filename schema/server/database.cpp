@@ -1,6 +1,7 @@
 #include "schema/server/database.hpp"
 
 #include "schema/device.hpp"
+#include "schema/history.hpp"
 #include "schema/tables.hpp"
 
 #include <string>
@@ -37,14 +38,17 @@ ovsdb::Database makeDatabase()
     return database;
 }
 
+using enum ovsdb::ColumnKind;
+
+ovsdb::Column column(std::string_view name, ovsdb::ColumnKind kind)
+{
+    return {.name = std::string(name),
+            .kind = kind,
+            .ifUnset = kind == Text ? tessera::Value(std::string()) : tessera::Value(0)};
+}
+
 ovsdb::Database withDevices(ovsdb::Database database)
 {
-    using enum ovsdb::ColumnKind;
-    const auto column = [](std::string_view name, ovsdb::ColumnKind kind) {
-        return ovsdb::Column{.name = std::string(name),
-                             .kind = kind,
-                             .ifUnset = kind == Text ? tessera::Value(std::string()) : tessera::Value(0)};
-    };
     database.tables.push_back(
         {.name = std::string(changeTable), .columns = {column(changeNumber, Integer)}, .mayBeMissing = true});
     database.tables.push_back(
@@ -55,7 +59,22 @@ ovsdb::Database withDevices(ovsdb::Database database)
                      column(device::notInForceCount, Integer), column(device::repaired, Text),
                      column(device::repairedWhat, Text), column(device::version, Text), column(device::started, Text)},
          .mayBeMissing = true});
+    database.tables.push_back(
+        {.name = std::string(historyTable), .columns = {column(history::number, Integer)}, .mayBeMissing = true});
     return database;
+}
+
+ovsdb::Database makeHistoryDatabase()
+{
+    return {.name = std::string(databaseName),
+            .schemaMajorVersion = majorVersion,
+            .tables = {
+                {.name = std::string(historyTable),
+                 .columns = {column(history::number, Integer), column(history::time, Text), column(history::user, Text),
+                             column(history::address, Text), column(history::host, Text), column(history::verb, Text),
+                             column(history::rows, Integer), column(history::changes, Text),
+                             column(history::undoes, Integer)},
+                 .mayBeMissing = true}}};
 }
 
 } // namespace
@@ -69,6 +88,12 @@ const ovsdb::Database& serverDatabase()
 const ovsdb::Database& serverDatabaseWithDevices()
 {
     static const ovsdb::Database database = withDevices(serverDatabase());
+    return database;
+}
+
+const ovsdb::Database& historyDatabase()
+{
+    static const ovsdb::Database database = makeHistoryDatabase();
     return database;
 }
 

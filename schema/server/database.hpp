@@ -15,7 +15,11 @@ const ovsdb::Database& serverDatabase();
 inline constexpr std::string_view acknowledgedTable = "MoatKeeperAcknowledged";
 inline constexpr std::string_view usedIdsTable = "MoatKeeperUsedIds";
 
-// These and the two that say what is in force; a server of schema 1.0 lacks the two. Lives for ever.
+// These, the two that say what is in force, and of each entry of the history its number: what a change needs to know.
+// A server of schema 1.0 lacks them. Lives for ever.
 const ovsdb::Database& serverDatabaseWithDevices();
+
+// The history with all that its entries hold (schema/history.hpp). Lives for ever.
+const ovsdb::Database& historyDatabase();
 
 } // namespace schema

@@ -4,6 +4,7 @@
 #include "ovsdb/json.hpp"
 #include "ovsdb/schema_check.hpp"
 #include "schema/device.hpp"
+#include "schema/history.hpp"
 #include "schema/server/database.hpp"
 #include "schema/values.hpp"
 
@@ -67,6 +68,11 @@ TEST(SchemaTablesTest, TheTablesOfDevicesEqualTheSchemaFile)
     const std::vector<std::string> names = schema::serverDatabaseWithDevices().tableNames();
     EXPECT_NO_THROW(EXPECT_THAT(ovsdb::checkSchema(schema, schema::serverDatabaseWithDevices(), names).missing,
                                 testing::IsEmpty()));
+    EXPECT_NO_THROW(EXPECT_THAT(
+        ovsdb::checkSchema(schema, schema::historyDatabase(), schema::historyDatabase().tableNames()).missing,
+        testing::IsEmpty()));
+    const Json::Object& kept = *schema.find("tables")->find(schema::historyTable)->find("columns")->asObject();
+    EXPECT_EQ(kept.size(), schema::historyDatabase().at(schema::historyTable).columns.size());
     for (const std::string_view name : {schema::changeTable, schema::deviceTable}) {
         const Json::Object& columns = *schema.find("tables")->find(name)->find("columns")->asObject();
         EXPECT_EQ(columns.size(), schema::serverDatabaseWithDevices().at(name).columns.size()) << name;
@@ -77,6 +83,7 @@ TEST(SchemaTablesTest, TheTablesOfDevicesEqualTheSchemaFile)
     };
     EXPECT_EQ(limit(schema::deviceTable, schema::device::name, "maxLength"), schema::maximumDeviceName);
     EXPECT_EQ(limit(schema::changeTable, schema::changeNumber, "maxInteger"), schema::changeNumbers);
+    EXPECT_EQ(limit(schema::historyTable, schema::history::changes, "maxLength"), schema::maximumChanges);
 }
 
 TEST(SchemaTablesTest, ANumberInForceIncludesThoseBefore)

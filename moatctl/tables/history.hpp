@@ -1,0 +1,51 @@
+// The history of changes as the server keeps it, what is added to it, and the way back.
+#pragma once
+
+#include "moatctl/tables/difference.hpp"
+#include "moatctl/tables/edit.hpp"
+#include "moatctl/tables/occasion.hpp"
+#include "schema/server/recorded_change.hpp"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace moatctl
+{
+
+struct HistoryEntry {
+    std::int32_t number = 0;
+    std::string time{};
+    std::string user{};
+    std::string address{};
+    std::string host{};
+    std::string verb{};
+    std::int32_t rows = 0;
+    std::string changes{};
+    std::int32_t undoes = 0;
+};
+
+// The newest first. Throws Failure(Server) when the server has no place for a history, and the errors of ovsdb::Client.
+std::vector<HistoryEntry> readHistory(ovsdb::Client& client);
+
+// The newest change that neither takes another one back nor was itself taken back; nullptr when there is none.
+const HistoryEntry* nextToUndo(const std::vector<HistoryEntry>& newestFirst);
+
+// What the entry says of each row. Throws Failure(Conflict) when it was too long to be kept.
+std::vector<schema::RecordedChange> changesOf(const HistoryEntry& entry);
+
+// One line, as toText(Change).
+std::string toText(const schema::RecordedChange& change);
+
+// Puts every row back as it was before. Throws Failure(Conflict) when one is no longer as the change left it.
+void takeBack(const HistoryEntry& entry, Editor& editor);
+
+std::vector<schema::RecordedChange> recordedChanges(const std::vector<Change>& changes, const Configuration& before,
+                                                    const Configuration& after);
+
+// The operations that add the entry and take out what is too old. The server refuses them when somebody else has just
+// added one. state: has the numbers of the entries.
+std::vector<ovsdb::Json> addToHistory(const ovsdb::TableCache& state, const Occasion& occasion,
+                                      const std::vector<schema::RecordedChange>& changes);
+
+} // namespace moatctl
