@@ -105,6 +105,7 @@ def main():
     parser.add_argument("--kills", type=int, default=30)
     parser.add_argument("--seed", type=int, default=1)
     options = parser.parse_args()
+    options.daemon = os.path.realpath(options.daemon)
     try:
         sandbox.enter(options.daemon)
         subprocess.run(["ebtables-restore", "--noflush"], input=FOREIGN, text=True, check=True)
