@@ -12,6 +12,7 @@
 #include "platform_linux/service_manager.hpp"
 #include "platform_linux/signals.hpp"
 #include "platform_linux/start_settings.hpp"
+#include "platform_linux/trial_watch.hpp"
 #include "schema/device.hpp"
 
 #include <array>
@@ -93,6 +94,7 @@ public:
         m_tableNames.assign(names.begin(), names.end());
         std::vector<std::string> subscribed = m_tableNames;
         subscribed.emplace_back(schema::changeTable);
+        subscribed.emplace_back(schema::trialTable);
         m_link.emplace(m_settings, m_dispatcher, m_logModule, subscribed,
                        [this](ovsdb::Subscription::Progress progress) { takeOver(std::move(progress)); });
         m_source.emplace(m_link->tables(), m_tableNames, m_logModule);
@@ -100,6 +102,14 @@ public:
                          [this](ovsdb::Json operation, ServerLink::Answered answered) {
                              m_link->transact(std::move(operation), std::move(answered));
                          });
+        m_trial.emplace(
+            hostName(), m_dispatcher, m_logModule,
+            [this](std::vector<ovsdb::Json> operations, const auto& answered) {
+                m_link->transact(
+                    std::move(operations),
+                    [answered](const ovsdb::Json&, const std::optional<std::string>& error) { answered(error); });
+            },
+            schema::readClocks);
     }
 
     void initialize()
@@ -197,6 +207,8 @@ private:
     void takeOver(ovsdb::Subscription::Progress progress)
     {
         m_numberChanged = progress.changedTables.erase(std::string(schema::changeTable)) != 0 || m_numberChanged;
+        if (progress.changedTables.erase(std::string(schema::trialTable)) != 0 || progress.synchronised)
+            m_trial->update(schema::trialOf(m_link->tables()), progress.synchronised);
         m_source->update(progress.changedTables);
         if (progress.synchronised)
             m_device->setServed(m_link->serves(schema::deviceTable));
@@ -255,6 +267,7 @@ private:
     std::optional<ServerLink> m_link;
     std::optional<DeliveredRows> m_source; // of the link's tables
     std::optional<DeviceRow> m_device;
+    std::optional<TrialWatch> m_trial;
     std::vector<std::string> m_tableNames; // the handler's
     EventDispatcher::State::TimerId m_retryTimer = 0;
 

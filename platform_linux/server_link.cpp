@@ -175,10 +175,17 @@ bool ServerLink::serves(std::string_view tableName) const
 
 void ServerLink::transact(ovsdb::Json operation, Answered answered)
 {
+    std::vector<ovsdb::Json> operations;
+    operations.push_back(std::move(operation));
+    transact(std::move(operations), std::move(answered));
+}
+
+void ServerLink::transact(std::vector<ovsdb::Json> operations, Answered answered)
+{
     if (!m_session)
         return;
-    const std::int64_t id =
-        m_session->request("transact", ovsdb::Json::Array{ovsdb::Json(schema::databaseName), std::move(operation)});
+    operations.insert(operations.begin(), ovsdb::Json(schema::databaseName));
+    const std::int64_t id = m_session->request("transact", ovsdb::Json::Array(std::move(operations)));
     m_asked[id] = std::move(answered);
     // Sent by the event loop: whoever calls may be in the middle of a message.
     if (!std::exchange(m_wantsWrite, true))

@@ -57,6 +57,8 @@ public:
     // the connection is lost first, or when there is none.
     using Answered = std::function<void(const ovsdb::Json& result, const std::optional<std::string>& error)>;
     void transact(ovsdb::Json operation, Answered answered);
+    // Of several, answered with the first one's result.
+    void transact(std::vector<ovsdb::Json> operations, Answered answered);
 
 private:
     using Clock = std::chrono::steady_clock;

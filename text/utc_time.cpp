@@ -21,4 +21,21 @@ std::string utcTime(std::chrono::system_clock::time_point time)
     return result.data();
 }
 
+std::optional<std::chrono::system_clock::time_point> parseUtcTime(const std::string& text)
+{
+    using namespace std::chrono;
+    int year = 0;
+    std::array<unsigned, 5> part{};
+    int milli = 0;
+    if (std::sscanf(text.c_str(), "%4d-%2u-%2uT%2u:%2u:%2u.%3dZ", &year, &part[0], &part[1], &part[2], &part[3],
+                    &part[4], &milli) != 7)
+        return std::nullopt;
+    const year_month_day day{std::chrono::year(year), month(part[0]), std::chrono::day(part[1])};
+    if (!day.ok())
+        return std::nullopt;
+    const system_clock::time_point time =
+        sys_days(day) + hours(part[2]) + minutes(part[3]) + seconds(part[4]) + milliseconds(milli);
+    return utcTime(time) == text ? std::optional(time) : std::nullopt;
+}
+
 } // namespace text

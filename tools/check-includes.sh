@@ -20,7 +20,7 @@ ebtables             text arpa/inet.h
 ovsdb                platform text system rapidjson
 nftables             ebtables text system libmnl
 schema               platform
-schema/server        schema ovsdb platform
+schema/server        schema ovsdb platform text
 
 platform_linux       platform_linux/queue platform ebtables ovsdb nftables schema schema/server text system
 platform_linux/queue platform_linux platform ebtables nftables schema subprocess text system

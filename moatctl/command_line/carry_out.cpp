@@ -3,6 +3,9 @@
 #include "moatctl/check/change.hpp"
 #include "moatctl/command_line/await_in_force.hpp"
 #include "moatctl/command_line/occasion.hpp"
+#include "moatctl/tables/problem.hpp"
+#include "moatctl/tables/values.hpp"
+#include "schema/trial.hpp"
 
 #include <algorithm>
 #include <ostream>
@@ -47,6 +50,17 @@ void checkEffect(Program& program, Editor& editor)
 
 void addChangeOptions(const Command& command, Program& program)
 {
+    command.option(
+        "--confirm", "SECONDS", "Let the change go back by itself unless moatctl confirm comes in that time",
+        [&program](const std::string& given) {
+            const auto seconds = parseNumber(given);
+            if (!seconds || *seconds < 1 || *seconds > schema::longestTrial)
+                throw Failure(ExitStatus::BadInput, "--confirm " + inQuotes(given) + ": expected seconds, from 1 to " +
+                                                        std::to_string(schema::longestTrial));
+            if (!program.occasion)
+                throw Failure(ExitStatus::BadInput, "--confirm is for all lines together: expected it after batch");
+            program.occasion->trial = *seconds;
+        });
     command.flag("--force", "Store the change even if that leads to errors that check would find", program.force);
 }
 
@@ -69,6 +83,9 @@ ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit)
     for (const std::string& line : stored.told.reports)
         program.out << line << '\n';
     program.out.flush();
+    if (stored.changed && program.occasion->trial != 0)
+        program.err << "goes back in " << program.occasion->trial
+                    << " s unless it is confirmed (moatctl confirm, or moatctl cancel)\n";
     if (!program.noWait)
         awaitInForce(program, client, stored);
     return ExitStatus::Ok;

@@ -3,8 +3,12 @@
 #include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/command_line/occasion.hpp"
 #include "moatctl/command_line/parser.hpp"
+#include "moatctl/tables/history.hpp"
 #include "schema/server/database.hpp"
+#include "schema/server/trial.hpp"
 
+#include <algorithm>
+#include <chrono>
 #include <new>
 #include <ostream>
 
@@ -21,6 +25,40 @@ ovsdb::Client Program::connectToHistory() const
     return ovsdb::Client(schema::historyDatabase(), server);
 }
 
+namespace
+{
+
+// After whatever shows something: a change that waits, if there is one.
+void tellTrial(const Program& program)
+{
+    constexpr std::chrono::milliseconds patience{500};
+    try {
+        ovsdb::ClientOptions options = program.server;
+        options.onProgress = {};
+        options.timeout = std::min(options.timeout, patience);
+        ovsdb::Client client = program.connect(options);
+        if (std::ranges::find(client.tableNames(), schema::trialTable) == client.tableNames().end())
+            return;
+        if (const auto trial = schema::trialOf(client.read({std::string(schema::trialTable)})))
+            program.err << toText(*trial) << " (moatctl confirm, or moatctl cancel)\n";
+    } catch (const ovsdb::Error&) {
+        // The verb has done without the server, too.
+    }
+}
+
+ExitStatus act(Program& program)
+{
+    if (program.edit)
+        return carryOut(program, checked(program, program.edit));
+    const ExitStatus status = program.action();
+    program.out.flush();
+    if (program.occasion->host.empty()) // what changes something has found that out by itself
+        tellTrial(program);
+    return status;
+}
+
+} // namespace
+
 int run(int argc, const char* const* argv, Program& program)
 {
     ExitStatus status = ExitStatus::Ok;
@@ -31,7 +69,7 @@ int run(int argc, const char* const* argv, Program& program)
         if (const std::string asked = parser.parse(argc, argv); !asked.empty())
             program.out << asked;
         else
-            status = program.edit ? carryOut(program, checked(program, program.edit)) : program.action();
+            status = act(program);
         program.out.flush();
         if (!program.out)
             throw Failure(ExitStatus::Output, "the output could not be written");

@@ -156,8 +156,15 @@ void planNotes(const ovsdb::Client& client, const std::vector<Change>& changes, 
 void planHistory(const ovsdb::Client& client, const Occasion& occasion,
                  const std::vector<schema::RecordedChange>& changes, Plan& plan)
 {
-    if (changes.empty() || !has(client, schema::historyTable))
+    if (changes.empty())
         return;
+    if (!has(client, schema::historyTable)) {
+        if (occasion.trial != 0)
+            throw Failure(ExitStatus::Server, "the server's database, schema " + client.schemaVersion() +
+                                                  ", has no place for a change that waits to be confirmed: expected "
+                                                  "schema 1.1 or later; nothing was changed");
+        return;
+    }
     for (ovsdb::Json& operation : addToHistory(client.followed(), occasion, changes))
         plan.add(std::move(operation), nullptr);
 }

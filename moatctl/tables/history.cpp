@@ -4,6 +4,7 @@
 #include "ovsdb/client.hpp"
 #include "schema/history.hpp"
 #include "schema/server/database.hpp"
+#include "text/one_line.hpp"
 #include "text/utc_time.hpp"
 
 #include <algorithm>
@@ -173,31 +174,77 @@ std::vector<RecordedChange> recordedChanges(const std::vector<Change>& changes, 
     return recorded;
 }
 
+std::string toText(const schema::Trial& trial)
+{
+    const auto left = std::chrono::ceil<std::chrono::seconds>(schema::remaining(trial, schema::readClocks()));
+    return "change " + std::to_string(trial.change) + " (" + text::oneLine(trial.verb) + ") of " +
+           text::oneLine(trial.user) + " waits to be confirmed, " + std::to_string(left.count()) + " s left";
+}
+
+namespace
+{
+
+// One trial at a time, and nothing else meanwhile: what goes back is then what everybody sees.
+void planTrial(const ovsdb::TableCache& state, const Occasion& occasion, std::int32_t number,
+               const std::string& changes, std::vector<ovsdb::Json>& operations)
+{
+    if (!state.holds(schema::trialTable)) {
+        if (occasion.trial != 0)
+            throw Failure(ExitStatus::Server, "the server's database has no place for a change that waits to be "
+                                              "confirmed: expected schema 1.1 or later; nothing was changed");
+        return;
+    }
+    if (const auto waits = schema::trialOf(state))
+        throw Failure(ExitStatus::Conflict,
+                      toText(*waits) + " (moatctl confirm, or moatctl cancel); nothing was changed");
+    operations.push_back(schema::requireNoTrial());
+    if (occasion.trial == 0)
+        return;
+    if (changes.empty())
+        throw Failure(ExitStatus::BadInput, "--confirm: the change is too large to go back; nothing was changed");
+    operations.push_back(schema::beginTrial(
+        {.change = number, .seconds = occasion.trial, .user = occasion.user, .verb = occasion.verb, .changes = changes},
+        schema::readClocks()));
+}
+
+} // namespace
+
+ovsdb::ColumnValues entryOf(const Occasion& occasion)
+{
+    ovsdb::ColumnValues entry;
+    const auto add = [&entry](std::string_view column, std::string text) {
+        entry.emplace_back(std::string(column), tessera::Value(std::move(text)));
+    };
+    add(history::time, text::utcTime(std::chrono::system_clock::now()));
+    add(history::user, occasion.user);
+    add(history::address, occasion.address);
+    add(history::host, occasion.host);
+    add(history::verb, occasion.verb);
+    return entry;
+}
+
 std::vector<ovsdb::Json> addToHistory(const ovsdb::TableCache& state, const Occasion& occasion,
                                       const std::vector<RecordedChange>& changes)
 {
     std::int32_t newest = 0;
     for (const ovsdb::Row& row : state.rows(schema::historyTable))
         newest = std::max(newest, row.values.front().getInteger());
-    if (newest == std::numeric_limits<std::int32_t>::max())
+    if (newest >= std::numeric_limits<std::int32_t>::max() - 1) // a trial takes two
         throw Failure(ExitStatus::Conflict, "the history has no larger number left: delete its newest entry");
     std::string text = schema::toText(changes);
     if (text.size() > schema::maximumChanges)
         text.clear();
-    ovsdb::ColumnValues entry;
+    std::vector<ovsdb::Json> operations;
+    planTrial(state, occasion, newest + 1, text, operations);
+    ovsdb::ColumnValues entry = entryOf(occasion);
     const auto add = [&entry](std::string_view column, auto value) {
         entry.emplace_back(std::string(column), tessera::Value(std::move(value)));
     };
     add(history::number, newest + 1);
-    add(history::time, text::utcTime(std::chrono::system_clock::now()));
-    add(history::user, occasion.user);
-    add(history::address, occasion.address);
-    add(history::host, occasion.host);
-    add(history::verb, occasion.verb);
     add(history::rows, static_cast<std::int32_t>(changes.size()));
     add(history::changes, std::move(text));
     add(history::undoes, occasion.undoes);
-    std::vector<ovsdb::Json> operations{ovsdb::insertRow(schema::historyTable, entry)};
+    operations.push_back(ovsdb::insertRow(schema::historyTable, entry));
     if (newest >= schema::maximumHistory)
         operations.push_back(ovsdb::deleteRows(schema::historyTable,
                                                ovsdb::rowsUpTo(history::number, newest + 1 - schema::maximumHistory)));

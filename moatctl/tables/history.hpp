@@ -5,6 +5,7 @@
 #include "moatctl/tables/edit.hpp"
 #include "moatctl/tables/occasion.hpp"
 #include "schema/server/recorded_change.hpp"
+#include "schema/server/trial.hpp"
 
 #include <cstdint>
 #include <string>
@@ -42,6 +43,13 @@ void takeBack(const HistoryEntry& entry, Editor& editor);
 
 std::vector<schema::RecordedChange> recordedChanges(const std::vector<Change>& changes, const Configuration& before,
                                                     const Configuration& after);
+
+// Which change waits to be confirmed, and for how long: "change 17 (rule add ...) of root waits to be confirmed, 37 s
+// left".
+std::string toText(const schema::Trial& trial);
+
+// Who, where, when and how, as columns of an entry.
+ovsdb::ColumnValues entryOf(const Occasion& occasion);
 
 // The operations that add the entry and take out what is too old. The server refuses them when somebody else has just
 // added one. state: has the numbers of the entries.

@@ -14,6 +14,7 @@ struct Occasion {
     std::string host;
     std::string verb;
     std::int32_t undoes = 0; // the number of the change that is taken back
+    std::int32_t trial = 0;  // seconds in which the change must be confirmed, or it goes back; 0: for good
 };
 
 } // namespace moatctl

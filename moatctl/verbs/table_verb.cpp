@@ -132,7 +132,7 @@ void checkAdd(const TableVerb& verb, const Given& given, bool force)
 void checkSet(const TableVerb& verb, const Given& given, bool)
 {
     checkIds(given);
-    if (!given.hasOtherThan({"ID", "--if-exists", "--force"}))
+    if (!given.hasOtherThan({"ID", "--if-exists", "--force", "--confirm"}))
         throw Failure(ExitStatus::BadInput, "nothing to change: expected an option (see moatctl " +
                                                 std::string(schema::table(verb.table).word) + " set --help)");
     Row row(schema::table(verb.table));

@@ -3,6 +3,7 @@
 #include "schema/device.hpp"
 #include "schema/history.hpp"
 #include "schema/tables.hpp"
+#include "schema/trial.hpp"
 
 #include <string>
 #include <utility>
@@ -61,6 +62,12 @@ ovsdb::Database withDevices(ovsdb::Database database)
          .mayBeMissing = true});
     database.tables.push_back(
         {.name = std::string(historyTable), .columns = {column(history::number, Integer)}, .mayBeMissing = true});
+    database.tables.push_back(
+        {.name = std::string(trialTable),
+         .columns = {column(trial::change, Integer), column(trial::seconds, Integer), column(trial::began, Text),
+                     column(trial::boot, Text), column(trial::uptime, Text), column(trial::user, Text),
+                     column(trial::verb, Text), column(trial::changes, Text)},
+         .mayBeMissing = true});
     return database;
 }
 

@@ -8,7 +8,8 @@ import socket
 import subprocess
 
 from moatctl_case import BAD_INPUT, CONFLICT, NO_SERVER, Case, main
-from lab.config import insert
+from lab import waiting
+from lab.config import Config, insert
 
 HISTORIES = int(os.environ.get("MOATKEEPER_HISTORIES", "6"))  # random ones
 LIMIT = 100
@@ -169,6 +170,62 @@ class Undo(Tool):
         self.refused(CONFLICT, "change 2 of 70000 rows was too large", "undo", "2")
         self.refused(CONFLICT, "the history has no change 3", "undo", "3")
         self.refused(BAD_INPUT, 'NUMBER "0": expected', "undo", "0")
+
+
+class Trial(Tool):
+    """Without a daemon, which would put it back: tests/system/trial_test.py."""
+
+    add = ("rule", "add", "--in", "eth0", "--drop", "--confirm")
+
+    def test_one_trial_at_a_time_whoever_is_first(self):
+        tools = [subprocess.Popen(self.command(*self.add, "60"), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                 for _ in range(6)]
+        self.assertEqual(sorted(tool.wait(60) for tool in tools), [0] + [CONFLICT] * 5)
+        self.assertEqual(len(self.rows_now("MoatKeeperTrial")), 1)
+        self.assertEqual(len(self.rows_now("MoatKeeperRuleset")), 1)
+
+    def rows_now(self, table):
+        connection = Config(self.socket)
+        self.addCleanup(connection.close)
+        return connection.select(table)
+
+    def test_the_seconds(self):
+        for wrong in ("0", "86401", "-1", "soon", "1.5"):
+            self.refused(BAD_INPUT, f'--confirm "{wrong}": expected seconds, from 1 to 86400', *self.add, wrong)
+        self.assertEqual(self.run_tool(*self.add, "86400").returncode, 0)
+        self.assertRegex(self.run_tool("show").stderr, r"^change 1 \(.*\) of \w+.* waits to be confirmed, 86[34]\d\d s left")
+
+    def test_a_line_of_a_batch_alone_is_no_trial(self):
+        done = self.run_tool("batch", stdin=" ".join(self.add) + " 5\n")
+        self.assertEqual(done.returncode, BAD_INPUT)
+        self.assertIn("--confirm is for all lines together: expected it after batch", done.stderr)
+
+    def test_what_changes_nothing_is_no_trial(self):
+        self.ok("rule", "add", "--in", "eth0", "--drop")
+        self.assertEqual(self.run_tool("rule", "enable", "1", "--confirm", "5").stderr, "")
+        self.assertEqual(self.rows_now("MoatKeeperTrial"), [])
+        self.refused(CONFLICT, "no change waits to be confirmed", "confirm")
+
+    def test_too_late_to_confirm(self):
+        self.assertEqual(self.run_tool(*self.add, "1").returncode, 0)
+        waiting.until(lambda: "not confirmed in time" in self.run_tool("show").stderr
+                      or " 0 s left" in self.run_tool("show").stderr, "the end of the time")
+        self.refused(CONFLICT, "was not confirmed in time", "confirm")
+        self.ok("cancel")
+        self.assertEqual(self.rows("rule"), [])
+        newest = self.history()[0]
+        self.assertRegex(newest["Verb"], "cancel$")
+        self.refused(CONFLICT, "no change left", "undo")
+
+    def test_a_server_without_a_place_for_it(self):
+        schema = json.loads((self.folder / "configuration.db").read_text().splitlines()[1])
+        del schema["tables"]["MoatKeeperTrial"]
+        old = self.folder / "old.ovsschema"
+        old.write_text(json.dumps(schema))
+        self.server.stop()
+        self.start_server(old, database="old.db")
+        self.refused(NO_SERVER, "has no place for a change that waits to be confirmed", *self.add, "5")
+        self.ok("rule", "add", "--in", "eth0", "--drop")
 
 
 class RandomHistories(Tool):

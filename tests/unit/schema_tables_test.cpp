@@ -6,6 +6,7 @@
 #include "schema/device.hpp"
 #include "schema/history.hpp"
 #include "schema/server/database.hpp"
+#include "schema/trial.hpp"
 #include "schema/values.hpp"
 
 #include <gmock/gmock.h>
@@ -73,7 +74,7 @@ TEST(SchemaTablesTest, TheTablesOfDevicesEqualTheSchemaFile)
         testing::IsEmpty()));
     const Json::Object& kept = *schema.find("tables")->find(schema::historyTable)->find("columns")->asObject();
     EXPECT_EQ(kept.size(), schema::historyDatabase().at(schema::historyTable).columns.size());
-    for (const std::string_view name : {schema::changeTable, schema::deviceTable}) {
+    for (const std::string_view name : {schema::changeTable, schema::deviceTable, schema::trialTable}) {
         const Json::Object& columns = *schema.find("tables")->find(name)->find("columns")->asObject();
         EXPECT_EQ(columns.size(), schema::serverDatabaseWithDevices().at(name).columns.size()) << name;
     }
@@ -84,6 +85,8 @@ TEST(SchemaTablesTest, TheTablesOfDevicesEqualTheSchemaFile)
     EXPECT_EQ(limit(schema::deviceTable, schema::device::name, "maxLength"), schema::maximumDeviceName);
     EXPECT_EQ(limit(schema::changeTable, schema::changeNumber, "maxInteger"), schema::changeNumbers);
     EXPECT_EQ(limit(schema::historyTable, schema::history::changes, "maxLength"), schema::maximumChanges);
+    EXPECT_EQ(limit(schema::trialTable, schema::trial::changes, "maxLength"), schema::maximumChanges);
+    EXPECT_EQ(limit(schema::trialTable, schema::trial::seconds, "maxInteger"), schema::longestTrial);
 }
 
 TEST(SchemaTablesTest, ANumberInForceIncludesThoseBefore)

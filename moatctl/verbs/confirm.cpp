@@ -1,0 +1,89 @@
+#include "moatctl/command_line/await_in_force.hpp"
+#include "moatctl/command_line/occasion.hpp"
+#include "moatctl/tables/history.hpp"
+#include "moatctl/tables/server.hpp"
+#include "moatctl/verbs/all.hpp"
+#include "schema/server/trial.hpp"
+
+#include <chrono>
+#include <ostream>
+#include <string>
+#include <utility>
+
+namespace moatctl
+{
+
+namespace
+{
+
+// Whatever came in between, nothing was done.
+void require(const ovsdb::TransactionResult& result, const schema::Trial& trial)
+{
+    const std::string name = "change " + std::to_string(trial.change);
+    if (const auto failed = result.failedOperation(); failed && result.outcomes[*failed].error == "timed out")
+        throw Failure(ExitStatus::Conflict, name + " does not wait any more: it was confirmed or taken back meanwhile");
+    if (!result.committed())
+        throw Failure(ExitStatus::Server, "the server refused it: " + result.errorText());
+}
+
+schema::Trial trialIn(const ovsdb::TableCache& state)
+{
+    auto trial = schema::trialOf(state);
+    if (!trial)
+        throw Failure(ExitStatus::Conflict, "no change waits to be confirmed");
+    return *std::move(trial);
+}
+
+ExitStatus confirm(Program& program)
+{
+    ovsdb::Client client = program.connect();
+    identify(*program.occasion);
+    const schema::Trial trial = trialIn(client.follow(client.tableNames()));
+    if (schema::remaining(trial, schema::readClocks()) == std::chrono::milliseconds(0))
+        throw Failure(ExitStatus::Conflict,
+                      "change " + std::to_string(trial.change) +
+                          " was not confirmed in time: it goes back as soon as a daemon is there, "
+                          "or with moatctl cancel");
+    require(client.transact({schema::requireTrial(trial), schema::endTrial(trial)}), trial);
+    program.out << "change " << trial.change << " is confirmed\n";
+    return ExitStatus::Ok;
+}
+
+ExitStatus cancel(Program& program)
+{
+    ovsdb::Client client = program.connect();
+    identify(*program.occasion);
+    const ovsdb::TableCache& state = client.follow(client.tableNames());
+    const schema::Trial trial = trialIn(state);
+    Stored stored;
+    stored.before = toConfiguration(state);
+    stored.devicesBefore = devicesOf(state);
+    stored.numberBefore = changeNumberOf(state);
+    const ovsdb::TransactionResult result = client.transact(schema::putBack(trial, entryOf(*program.occasion)));
+    require(result, trial);
+    stored.changed = true;
+    stored.number = result.outcomes.back().number;
+    stored.after = toConfiguration(client.followed());
+    program.out << "change " << trial.change << " is taken back\n";
+    program.out.flush();
+    if (!program.noWait)
+        awaitInForce(program, client, stored);
+    return ExitStatus::Ok;
+}
+
+} // namespace
+
+void addConfirm(const Command& root, Program& program)
+{
+    const Command command = root.add("confirm", "Keep the change that was made with --confirm", "confirm");
+    command.onGiven([&program] { program.action = [&program] { return confirm(program); }; });
+}
+
+void addCancel(const Command& root, Program& program)
+{
+    const Command command = root.add(
+        "cancel", "Take the change that was made with --confirm back at once, before its time is over", "cancel");
+    command.onGiven([&program] { program.action = [&program] { return cancel(program); }; });
+}
+
+} // namespace moatctl

@@ -1,0 +1,111 @@
+#include "platform_linux/trial_watch.hpp"
+
+#include "ovsdb/error.hpp"
+#include "schema/history.hpp"
+#include "text/one_line.hpp"
+#include "text/utc_time.hpp"
+
+#include <algorithm>
+#include <utility>
+
+namespace zol::cfg
+{
+
+namespace
+{
+
+using std::chrono::milliseconds;
+
+constexpr const char* label = "trial";
+constexpr std::size_t longestVerb = 900;
+constexpr std::size_t longestHost = 60;
+
+std::string nameOf(const schema::Trial& trial)
+{
+    return "change " + std::to_string(trial.change) + " (" + text::oneLine(trial.verb) + ")";
+}
+
+} // namespace
+
+TrialWatch::TrialWatch(std::string hostName, tessera::net::EventDispatcher::State& dispatcher,
+                       ZOL_Sysloglevel_Module logModule, Send send, std::function<schema::Clocks()> clocks)
+    : m_hostName(text::oneLine(hostName, longestHost)),
+      m_dispatcher(dispatcher),
+      m_logModule(logModule),
+      m_send(std::move(send)),
+      m_clocks(std::move(clocks))
+{
+}
+
+TrialWatch::~TrialWatch()
+{
+    m_dispatcher.stopTimer(m_timer);
+}
+
+void TrialWatch::update(std::optional<schema::Trial> trial, bool connected)
+{
+    const bool known = trial && m_trial && trial->uuid == m_trial->uuid;
+    if (known && !connected)
+        return;
+    m_dispatcher.stopTimer(std::exchange(m_timer, 0));
+    m_trial = std::move(trial);
+    if (!m_trial)
+        return;
+    if (!known) {
+        m_told = false;
+        m_withHistory = true;
+        const schema::Clocks now = m_clocks();
+        // Seen as it comes, its time begins now, whatever the clock of the machine says that it comes from.
+        const bool begins = !connected && m_trial->boot != now.boot;
+        const milliseconds left =
+            begins ? milliseconds(std::chrono::seconds(m_trial->seconds)) : schema::remaining(*m_trial, now);
+        m_end = Clock::now() + left;
+        ZOL_Sysloglevel_info(m_logModule, label, 10,
+                             nameOf(*m_trial) + " waits to be confirmed, for " + std::to_string(left.count()) + " ms");
+    }
+    schedule(m_end);
+}
+
+void TrialWatch::schedule(Clock::time_point when)
+{
+    const auto left = std::max(std::chrono::ceil<milliseconds>(when - Clock::now()), milliseconds(0));
+    m_timer = m_dispatcher.startTimer(left, [this] {
+        m_timer = 0;
+        putBack();
+    });
+}
+
+void TrialWatch::putBack()
+{
+    if (!std::exchange(m_told, true))
+        ZOL_Sysloglevel_warning(m_logModule, label, 20,
+                                nameOf(*m_trial) + " was not confirmed in time: what was before is put back");
+    std::optional<ovsdb::ColumnValues> entry;
+    if (m_withHistory)
+        entry = {{std::string(schema::history::time), tessera::Value(text::utcTime(m_clocks().wall))},
+                 {std::string(schema::history::user), tessera::Value(std::string("moatkeeper"))},
+                 {std::string(schema::history::host), tessera::Value(m_hostName)},
+                 {std::string(schema::history::verb),
+                  tessera::Value("not confirmed in time: " + text::oneLine(m_trial->verb, longestVerb))}};
+    try {
+        m_send(schema::putBack(*m_trial, entry), [this, uuid = m_trial->uuid](const std::optional<std::string>& error) {
+            if (m_trial && m_trial->uuid == uuid)
+                answered(error);
+        });
+    } catch (const ovsdb::Error& error) {
+        ZOL_Sysloglevel_error(m_logModule, label, 30, nameOf(*m_trial) + " cannot be put back: " + error.what());
+    }
+}
+
+// Done, or somebody else was faster: the row's end tells.
+void TrialWatch::answered(const std::optional<std::string>& error)
+{
+    if (!error || error->starts_with("timed out"))
+        return;
+    if (std::exchange(m_withHistory, false))
+        ZOL_Sysloglevel_error(m_logModule, label, 40,
+                              nameOf(*m_trial) + " was not put back, trying again: " + text::oneLine(*error));
+    schedule(Clock::now() + pause);
+}
+
+} // namespace zol::cfg
