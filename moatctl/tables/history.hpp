@@ -51,8 +51,9 @@ std::string toText(const schema::Trial& trial);
 // Who, where, when and how, as columns of an entry.
 ovsdb::ColumnValues entryOf(const Occasion& occasion);
 
-// The operations that add the entry and take out what is too old. The server refuses them when somebody else has just
-// added one. state: has the numbers of the entries.
+// The operations that add the entry and take out what is too old, and make the change a trial if it is to be one. The
+// server refuses them when somebody else has just added an entry or begun a trial. state: has the entries' numbers and
+// the trial. Throws Failure(Conflict) when a change waits to be confirmed.
 std::vector<ovsdb::Json> addToHistory(const ovsdb::TableCache& state, const Occasion& occasion,
                                       const std::vector<schema::RecordedChange>& changes);
 

@@ -189,6 +189,17 @@ class Trial(Tool):
         self.addCleanup(connection.close)
         return connection.select(table)
 
+    def test_of_many_that_put_it_back_one_does(self):
+        """Devices send the very same transaction when the time is over."""
+        self.ok("rule", "add", "--in", "eth0", "--drop")
+        before = self.export()
+        self.assertEqual(self.run_tool("rule", "set", "1", "--accept", "--confirm", "60").returncode, 0)
+        tools = [subprocess.Popen(self.command("cancel"), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                 for _ in range(6)]
+        self.assertEqual(sorted(tool.wait(60) for tool in tools), [0] + [CONFLICT] * 5)
+        self.assertEqual(self.export(), before)
+        self.assertEqual([row["Undoes"] for row in self.rows_now("MoatKeeperHistory") if row["Undoes"]], [2])
+
     def test_the_seconds(self):
         for wrong in ("0", "86401", "-1", "soon", "1.5"):
             self.refused(BAD_INPUT, f'--confirm "{wrong}": expected seconds, from 1 to 86400', *self.add, wrong)
