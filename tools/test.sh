@@ -21,6 +21,6 @@ for preset in release "$@"; do
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset"
     echo "== $preset: test"
-    ctest --preset "$preset" -j $((2 * $(nproc))) # most of the time of most tests is waiting
+    ctest --preset "$preset" -j $((3 * $(nproc))) # most of the time of most tests is waiting
     showSkipped "build/$preset/Testing/Temporary/LastTest.log"
 done

@@ -97,8 +97,9 @@ def _bind(handle, path):
         os.makedirs(path, exist_ok=True)
     else:
         os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "ab"):
-            pass
+        if not os.path.exists(path):  # else it is in a folder that was kept, and may be a program at work
+            with open(path, "ab"):
+                pass
     _mount(f"/proc/self/fd/{handle}", path, None, _MS_BIND | _MS_REC)
 
 

@@ -1,6 +1,7 @@
-"""The sandbox says why none can be made."""
+"""The sandbox says why none can be made, and keeps what it is told to."""
 
 import os
+import shutil
 import subprocess
 import sys
 import unittest
@@ -24,6 +25,21 @@ class Unavailable(unittest.TestCase):
                               capture_output=True, text=True, check=False)
         self.assertEqual((done.stdout, done.stderr), (
             "no mount namespace of our own: this is a chroot whose root folder is not a mount\n", ""))
+
+
+class Kept(unittest.TestCase):
+    def testAProgramAtWorkInAProjectBelowTmp(self):
+        shutil.copytree(f"{TESTS}/lab", "/tmp/project/tests/lab")
+        program, script = "/tmp/project/program", "/tmp/project/tests/script.py"
+        shutil.copy(shutil.which("sleep"), program)
+        with open(script, "w", encoding="ascii") as file:
+            file.write(f"import os\nfrom lab import sandbox\nsandbox.enter('{program}')\n"
+                       f"print(os.access('{program}', os.X_OK), os.listdir('/tmp'))\n")
+        with subprocess.Popen([program, "1000"]) as atWork:
+            done = subprocess.run([sys.executable, script], env={**os.environ, "PYTHONPATH": "/tmp/project/tests"},
+                                  capture_output=True, text=True, check=False)
+            atWork.kill()
+        self.assertEqual((done.stdout, done.stderr), ("True ['project']\n", ""))
 
 
 if __name__ == "__main__":
