@@ -25,12 +25,13 @@ std::optional<std::chrono::system_clock::time_point> parseUtcTime(const std::str
 {
     using namespace std::chrono;
     int year = 0;
-    std::array<unsigned, 5> part{};
+    std::array<int, 5> part{}; // signed: "-9" must not become a number without end
     int milli = 0;
-    if (std::sscanf(text.c_str(), "%4d-%2u-%2uT%2u:%2u:%2u.%3dZ", &year, &part[0], &part[1], &part[2], &part[3],
+    if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%3dZ", &year, &part[0], &part[1], &part[2], &part[3],
                     &part[4], &milli) != 7)
         return std::nullopt;
-    const year_month_day day{std::chrono::year(year), month(part[0]), std::chrono::day(part[1])};
+    const year_month_day day{std::chrono::year(year), month(static_cast<unsigned>(part[0])),
+                             std::chrono::day(static_cast<unsigned>(part[1]))};
     if (!day.ok())
         return std::nullopt;
     const system_clock::time_point time =
