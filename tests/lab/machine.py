@@ -52,6 +52,15 @@ class Machine(unittest.TestCase):
     def startDaemon(cls, **environment):
         cls.daemon = programs.startDaemon(_options.daemon, FOLDER, **environment)
 
+    def restart(self):
+        """Starts what a test has ended, the server or the daemon, and connects anew."""
+        if not self.server.isRunning():
+            type(self).server = programs.startServer(self.schema, FOLDER, self.database)
+        self.config.close()
+        type(self).config = config.Config()
+        if not self.daemon or not self.daemon.isRunning():
+            self.startDaemon()
+
     @property
     def bridge(self):
         return _options.bridge

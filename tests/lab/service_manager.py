@@ -10,6 +10,7 @@ import pathlib
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 
 from lab import sandbox, waiting
@@ -172,3 +173,15 @@ class ServiceManager:
 
     def readLog(self):
         return (_FOLDER / "log").read_text(encoding="utf-8", errors="replace")
+
+
+def enter(cmake, build):
+    """For a script's main: the machine, inside a sandbox that keeps the build folder. Exit status 77 where there can be
+    none. The caller closes it."""
+    try:
+        sys.argv[0] = os.path.realpath(sys.argv[0])
+        sandbox.enter(build)
+        return ServiceManager(cmake, build)
+    except sandbox.Unavailable as error:
+        print(f"skipped: {os.path.basename(sys.argv[0])}: {error}", file=sys.stderr)
+        sys.exit(sandbox.SKIPPED)

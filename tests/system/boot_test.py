@@ -13,8 +13,7 @@ import sys
 import time
 import unittest
 
-from lab import config, kernel, programs, sandbox, waiting
-from lab.service_manager import ServiceManager
+from lab import config, kernel, programs, service_manager, waiting
 from lab.stream import ALLOWED, FORBIDDEN, TimedStream, ip
 
 COUNT = int(os.environ.get("MOATKEEPER_BOOTS", "1"))
@@ -214,13 +213,7 @@ class Boot(unittest.TestCase):
 if __name__ == "__main__":
     CMAKE, BUILD = sys.argv[1:3]
     BUILD = os.path.realpath(BUILD)
-    try:
-        sys.argv[0] = os.path.realpath(sys.argv[0])
-        sandbox.enter(BUILD)
-        MACHINE = ServiceManager(CMAKE, BUILD)
-    except sandbox.Unavailable as error:
-        print(f"skipped: {os.path.basename(sys.argv[0])}: {error}", file=sys.stderr)
-        sys.exit(sandbox.SKIPPED)
+    MACHINE = service_manager.enter(CMAKE, BUILD)
     try:
         makeDatabase(MACHINE)
         unittest.main(argv=[sys.argv[0], *sys.argv[3:]], verbosity=2)

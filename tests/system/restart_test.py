@@ -14,8 +14,7 @@ import sys
 import tempfile
 import unittest
 
-from lab import config, kernel, programs, sandbox, waiting
-from lab.service_manager import ServiceManager
+from lab import config, kernel, programs, service_manager, waiting
 from lab.stream import ALLOWED, FORBIDDEN, TimedStream, makeBridge
 
 COUNT = int(os.environ.get("MOATKEEPER_RESTARTS", "2"))
@@ -138,13 +137,7 @@ def makePackages(machine):
 if __name__ == "__main__":
     CMAKE, BUILD = sys.argv[1:3]
     BUILD = os.path.realpath(BUILD)
-    try:
-        sys.argv[0] = os.path.realpath(sys.argv[0])
-        sandbox.enter(BUILD)
-        MACHINE = ServiceManager(CMAKE, BUILD)
-    except sandbox.Unavailable as error:
-        print(f"skipped: {os.path.basename(sys.argv[0])}: {error}", file=sys.stderr)
-        sys.exit(sandbox.SKIPPED)
+    MACHINE = service_manager.enter(CMAKE, BUILD)
     try:
         unittest.main(argv=[sys.argv[0], *sys.argv[3:]], verbosity=2)
     finally:

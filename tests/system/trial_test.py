@@ -8,7 +8,7 @@ import subprocess
 import sys
 import time
 
-from lab import config, kernel, machine, programs, waiting
+from lab import config, kernel, machine, waiting
 
 DAEMON = os.path.realpath(sys.argv[sys.argv.index("--daemon") + 1])
 MOATCTL = os.path.realpath(DAEMON + "/../../moatctl/moatctl")
@@ -24,14 +24,6 @@ class Trials(machine.Machine):
         self.config.replace({config.MAIN: [{"GlobalInputPolicy": "ACCEPT", "GlobalForwardingPolicy": "ACCEPT"}]})
         self.config.transact(*({"op": "delete", "table": table, "where": []} for table in (TRIAL, HISTORY, config.USED_IDS)))
         self.waitForTables(NOTHING)
-
-    def restart(self):
-        if not self.server.isRunning():
-            type(self).server = programs.startServer(self.schema, machine.FOLDER, self.database)
-        self.config.close()
-        type(self).config = config.Config()
-        if not self.daemon or not self.daemon.isRunning():
-            self.startDaemon()
 
     def tool(self, *words, status=0):
         done = subprocess.run([MOATCTL, "--timeout", "20", *map(str, words)], capture_output=True, text=True, check=False)

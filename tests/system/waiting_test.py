@@ -54,14 +54,6 @@ class Waiting(machine.Machine):
         self.waitForTables(kernel.expected())
         waiting.until(lambda: [row["Number"] for row in self.devices()] == [1], lambda: f"{self.devices()}")
 
-    def restart(self):
-        if not self.server.isRunning():
-            type(self).server = programs.startServer(self.schema, machine.FOLDER, self.database)
-        self.config.close()
-        type(self).config = config.Config()
-        if not self.daemon or not self.daemon.isRunning():
-            self.startDaemon()
-
     def devices(self):
         return self.config.select(config.DEVICE)
 
