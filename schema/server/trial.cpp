@@ -88,7 +88,7 @@ std::optional<Trial> trialOf(const ovsdb::TableCache& state)
 
 milliseconds remaining(const Trial& trial, const Clocks& now)
 {
-    const milliseconds all = std::chrono::seconds(trial.seconds);
+    const milliseconds all = std::chrono::seconds(std::max(trial.seconds, 0)); // not every server checks its rows
     return std::clamp(all - elapsed(trial, now), milliseconds(0), all);
 }
 

@@ -146,6 +146,9 @@ TEST_F(TrialWatchTest, ATimeThatNobodyCanReadIsAllOfIt)
     waits = trial("this");
     waits.uptime = "-5";
     EXPECT_EQ(schema::remaining(waits, m_clocks), 1s) << "the wall clock then";
+
+    waits.seconds = -1;
+    EXPECT_EQ(schema::remaining(waits, m_clocks), 0s) << "from a server that takes anything";
 }
 
 TEST_F(TrialWatchTest, WhatIsConfirmedStays)
