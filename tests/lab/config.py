@@ -26,7 +26,11 @@ class Config:
         """seconds: how long each answer may take."""
         self._socket = socket.socket(socket.AF_UNIX)
         self._socket.settimeout(seconds)
-        self._socket.connect(str(path))
+        try:
+            self._socket.connect(str(path))
+        except OSError:
+            self._socket.close()
+            raise
         self._buffer = ""
         self._number = 0
 
