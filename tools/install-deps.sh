@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what moatkeeper needs on Debian 12. This is the one list of packages.
-# usage: tools/install-deps.sh [GROUP...]   build, running, tests, checks, fresh-root; without one all but the last
+# usage: tools/install-deps.sh [GROUP...]   build, running, tests, packages, checks,
+#   fresh-root; without one all but the last
 # Does nothing when everything is there. Never starts or enables the services that come with the packages.
 set -eu
 
@@ -8,11 +9,12 @@ packagesFor() { # group
     case $1 in
     build) echo cmake g++ libcli11-dev libmnl-dev ninja-build rapidjson-dev ;;
     running) echo ebtables iproute2 iptables openvswitch-common python3 util-linux ;; # and the tour
-    tests) echo dpkg-dev file git libgmock-dev libgtest-dev mandoc mount nftables strace systemd ;;
+    tests) echo git libgmock-dev libgtest-dev mandoc mount nftables strace systemd ;;
+    packages) echo debhelper dpkg-dev file lintian ;;
     checks) echo ccache clang clang-format clang-tidy gcovr git gnuplot-nox libclang-rt-14-dev llvm mandoc shellcheck ;;
     fresh-root) echo debootstrap git util-linux ;;
     *)
-        echo "install-deps: no group '$1', expected build, running, tests, checks or fresh-root" >&2
+        echo "install-deps: no group '$1', expected build, running, tests, packages, checks or fresh-root" >&2
         return 2
         ;;
     esac
@@ -22,7 +24,7 @@ isInstalled() { # package
     [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
-[ $# -gt 0 ] || set -- build running tests checks
+[ $# -gt 0 ] || set -- build running tests packages checks
 missing=
 for group in "$@"; do
     packages=$(packagesFor "$group")

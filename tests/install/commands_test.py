@@ -43,7 +43,7 @@ def inText(name):
     """The commands between backticks in a document's other text."""
     rest = re.sub(r"```.*?```", "", (SOURCES / name).read_text(encoding="utf-8"), flags=re.DOTALL)
     for words in re.findall(r"`([^`]+)`", rest):
-        if re.match(r"(\./|tools/|bench/.*\.py |(cmake|ctest|bash|man|systemctl|moatctl|ebtables\S*|ovsdb-\S+) |[A-Z_]+=\S* )",
+        if re.match(r"(\./|tools/|bench/.*\.py |(apt-get|cmake|ctest|bash|man|systemctl|moatctl|ebtables\S*|ovsdb-\S+) |[A-Z_]+=\S* )",
                     words):
             yield " ".join(words.split())
 

@@ -1,25 +1,40 @@
-"""What gets installed, by cmake --install and as a Debian package, is complete and runs.
+"""What gets installed, by cmake --install and as Debian packages, is complete and runs; two builds give the same packages.
 
 usage: package_test.py CMAKE BUILD_FOLDER PREFIX
+MOATKEEPER_REBUILD=1: the last commit is built once more, in a clone, and must give the same packages; takes minutes.
 """
 
+import os
 import pathlib
-import shutil
 import subprocess
 import sys
 import tempfile
 import unittest
 
+from lab import packages
+
 CMAKE, BUILD, PREFIX = sys.argv[1:4]
-FILES = ("sbin/moatkeeper", "share/moatkeeper/moatkeeper.ovsschema", "share/man/man8/moatkeeper.8",
-         "lib/systemd/system/moatkeeper.service", "lib/systemd/system/moatkeeper-db.service",
-         "lib/systemd/system/moatkeeper-db-create.service", "sbin/moatkeeper-db-prepare",
-         "lib/tmpfiles.d/moatkeeper.conf", "share/moatkeeper/moatkeeper.default")
+SOURCES = pathlib.Path(__file__).resolve().parents[2]
+DAEMON = ("sbin/moatkeeper", "sbin/moatkeeper-db-prepare", "share/moatkeeper/moatkeeper.ovsschema",
+          "lib/systemd/system/moatkeeper.service", "lib/systemd/system/moatkeeper-db.service",
+          "lib/systemd/system/moatkeeper-db-create.service", "lib/tmpfiles.d/moatkeeper.conf")
+TOOLS = ("bin/moatctl", "share/bash-completion/completions/moatctl")
+LIBRARY = ("include/moatkeeper/platform/notification_handler.hpp", "include/moatkeeper/daemon/run.hpp",
+           "lib/cmake/moatkeeper/moatkeeperConfig.cmake", "lib/libmoatkeeper_daemon.a")
+PAGES = {"moatkeeper": ("share/man/man8/moatkeeper.8",), "moatkeeper-tools": ("share/man/man8/moatctl.8",),
+         "moatkeeper-dev": ()}
 
 
 def run(*command, **settings):
-    return subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=100,
+    return subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=1000,
                           check=False, **settings)
+
+
+def makePackages(folder, build=BUILD, sources=SOURCES, **environment):
+    """The packages once more, in the folder."""
+    done = run(f"{sources}/tools/packages.sh", "--from", build, folder, env={**os.environ, **environment})
+    if done.returncode != 0:
+        raise AssertionError(done.stdout + done.stderr)
 
 
 class Installed(unittest.TestCase):
@@ -29,45 +44,96 @@ class Installed(unittest.TestCase):
         self.folder = pathlib.Path(folder.name)
         self.root = self.folder / "root"
 
-    def assertWorks(self):
-        prefix = self.root / PREFIX.lstrip("/")
-        for name in FILES:
-            self.assertTrue((prefix / name).is_file(), f"{name} is missing")
+    def assertWorks(self, prefix, files):
+        place = self.root / prefix.lstrip("/")
+        for name in files:
+            self.assertTrue((place / name).is_file(), f"{name} is missing")
 
-        done = run(prefix / "sbin/moatkeeper", "-h")
+        done = run(place / "sbin/moatkeeper", "-h")
         self.assertEqual((done.returncode, done.stderr.splitlines()[1:2]), (0, [" Options:"]), done.stderr)
+        self.assertEqual(run(place / "bin/moatctl", "--help").returncode, 0)
 
-        schema = prefix / "share/moatkeeper/moatkeeper.ovsschema"
+        schema = place / "share/moatkeeper/moatkeeper.ovsschema"
         done = run("ovsdb-tool", "create", self.folder / "new.db", schema)
         self.assertEqual(done.returncode, 0, done.stderr)
 
-        # The units name the files where they were installed.
-        for unit in (prefix / "lib/systemd/system").glob("*.service"):
-            text = unit.read_text(encoding="utf-8")
-            self.assertNotIn("@", text, unit.name)
-            for word in text.split():
-                if word.startswith(PREFIX + "/") and "moatkeeper" in word:
-                    self.assertTrue((self.root / word.lstrip("/")).is_file(), f"{unit.name}: {word}")
+        # Units and scripts name the files where they were installed.
+        for file in (*(place / "lib/systemd/system").glob("*.service"), place / "sbin/moatkeeper-db-prepare"):
+            text = file.read_text(encoding="utf-8")
+            self.assertNotRegex(text, "@[A-Z_]+@", file.name)
+            for word in text.replace("=", " ").replace("}", " ").split():
+                if word.lstrip("+-").startswith(prefix + "/") and "moatkeeper" in word:
+                    self.assertTrue((self.root / word.lstrip("+-/")).is_file(), f"{file.name}: {word}")
 
     def testInstall(self):
         done = run("env", f"DESTDIR={self.root}", CMAKE, "--install", BUILD)
         self.assertEqual(done.returncode, 0, done.stderr)
-        self.assertWorks()
+        pages = [page for pages in PAGES.values() for page in pages]
+        self.assertWorks(PREFIX, (*DAEMON, *TOOLS, *LIBRARY, *pages, "share/moatkeeper/moatkeeper.default"))
 
-    @unittest.skipUnless(shutil.which("dpkg-deb"), "no dpkg-deb")
-    def testDebianPackage(self):
-        cpack = pathlib.Path(CMAKE).with_name("cpack")
-        done = run(cpack, "--config", f"{BUILD}/CPackConfig.cmake", "-G", "DEB", "-B", self.folder)
-        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
-        packages = list(self.folder.glob("*.deb"))
-        self.assertEqual(len(packages), 1, packages)
-        self.assertEqual(run("dpkg-deb", "-x", packages[0], self.root).returncode, 0)
-        self.assertWorks()
-        depends = run("dpkg-deb", "-f", packages[0], "Depends").stdout
-        for package in ("libc6", "libmnl0", "libstdc++6"):
-            self.assertIn(package, depends)
-        self.assertEqual(run("dpkg-deb", "-f", packages[0], "Recommends").stdout.split(),
-                         ["ebtables,", "openvswitch-common"])
+    def testPackages(self):
+        self.root.mkdir()
+        (self.root / "usr/lib").mkdir(parents=True)
+        os.symlink("usr/lib", self.root / "lib")  # as Debian has it
+        files = {"moatkeeper": DAEMON, "moatkeeper-tools": TOOLS, "moatkeeper-dev": LIBRARY}
+        for name, package in packages.of(BUILD).items():
+            there = {line.split()[-1].removeprefix("./").removeprefix("usr/") for line in
+                     run("dpkg-deb", "--contents", package).stdout.splitlines()}
+            for file in (*files[name], *(f"{page}.gz" for page in PAGES[name])):
+                self.assertIn(file, there, name)
+            self.assertIn(f"share/doc/{name}/copyright", there)
+            self.assertEqual(run("dpkg-deb", "--extract", package, self.root).returncode, 0)
+        self.assertWorks("/usr", ())
+        self.assertTrue((self.root / "etc/default/moatkeeper").is_file())
+
+    def field(self, package, name):
+        return run("dpkg-deb", "--field", packages.of(BUILD)[package], name).stdout
+
+    def testDependencies(self):
+        for name in ("moatkeeper", "moatkeeper-tools"):
+            depends = self.field(name, "Depends")
+            for package in ("libc6", "libmnl0", "libstdc++6"):
+                self.assertIn(package, depends, name)
+        self.assertIn("openvswitch-common", self.field("moatkeeper", "Depends"))
+        everything = "".join(run("dpkg-deb", "--field", package).stdout for package in packages.of(BUILD).values())
+        self.assertNotIn("openvswitch-switch", everything)  # would start a switch
+        version = next(line.split()[2] for line in (SOURCES / "CMakeLists.txt").read_text(encoding="utf-8").splitlines()
+                       if line.startswith("project("))
+        self.assertEqual(self.field("moatkeeper", "Version").strip(), version)
+
+    def testLintian(self):
+        done = run("lintian", "--fail-on=error", *packages.of(BUILD).values())
+        self.assertEqual(done.returncode, 0, done.stdout)
+        overrides = [line for file in SOURCES.glob("debian/*.lintian-overrides")
+                     for line in file.read_text(encoding="utf-8").splitlines() if line and not line.startswith("#")]
+        self.assertLessEqual(len(overrides), 5)
+
+    def assertSame(self, folder):
+        for package in packages.of(BUILD).values():
+            self.assertEqual(package.read_bytes(), (folder / package.name).read_bytes(), package.name)
+
+    def testPackedTwiceTheyAreTheSame(self):
+        before = os.umask(0o077)
+        try:
+            makePackages(self.folder, TZ="Pacific/Apia", LANG="C", HOME="/nowhere")
+        finally:
+            os.umask(before)
+        self.assertSame(self.folder)
+        times = {tuple(line.split()[3:5]) for package in packages.of(BUILD).values()
+                 for line in run("dpkg-deb", "--contents", package).stdout.splitlines()}
+        self.assertEqual(len(times), 1, "when the sources were checked out shows")
+
+    @unittest.skipUnless(os.environ.get("MOATKEEPER_REBUILD"), "takes minutes; MOATKEEPER_REBUILD=1 does it")
+    def testBuiltTwiceTheyAreTheSame(self):
+        clone = self.folder / "somewhere/else"
+        environment = {**os.environ, "CMAKE_CXX_COMPILER_LAUNCHER": ""}
+        for command in (("git", "clone", "--quiet", SOURCES, clone),
+                        (CMAKE, "--preset", "release", "-DMOATKEEPER_TESTS=OFF"),
+                        (CMAKE, "--build", "--preset", "release", "--target", "moatkeeper_products")):
+            done = run(*command, cwd=clone if clone.exists() else None, env=environment)
+            self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        makePackages(self.folder, clone / "build/release", clone)
+        self.assertSame(self.folder)
 
 
 if __name__ == "__main__":

@@ -19,7 +19,7 @@ DAEMON, SERVER, CREATE = "moatkeeper.service", "moatkeeper-db.service", "moatkee
 def read(name):
     """{setting: [word, ...]} of all sections."""
     settings = {}
-    for line in (UNITS / name).read_text(encoding="utf-8").splitlines():
+    for line in (UNITS / f"{name}.in").read_text(encoding="utf-8").splitlines():
         if "=" in line and not line.startswith("#"):
             key, value = line.split("=", 1)
             settings.setdefault(key, []).extend(value.split())
@@ -64,7 +64,7 @@ class Units(unittest.TestCase):
             for name in (DAEMON, SERVER, CREATE):
                 # It looks for the programs, which are not installed here.
                 text = re.sub(r"(?m)^(ExecStart|ExecReload)=\S+", r"\1=/bin/true",
-                              (UNITS / name).read_text(encoding="utf-8"))
+                              (UNITS / f"{name}.in").read_text(encoding="utf-8"))
                 pathlib.Path(folder, name).write_text(text, encoding="utf-8")
             done = subprocess.run(["systemd-analyze", "verify", "--man=no", f"{folder}/{DAEMON}"], capture_output=True,
                                   text=True, check=False, env={"SYSTEMD_UNIT_PATH": f"{folder}:", "PATH": "/usr/bin:/bin"})

@@ -61,8 +61,10 @@ class ServiceManager:
                     f"lowerdir={_FOLDER}/installed:/,upperdir={_FOLDER}/changed,workdir={_FOLDER}/work")
         self._mount("cgroup2", "cgroup2", _FOLDER / "cgroup")
         self._cgroup = pathlib.Path(tempfile.mkdtemp(prefix="moatkeeper-test.", dir=_FOLDER / "cgroup"))
-        subprocess.run([cmake, "--install", build], check=True, stdout=subprocess.DEVNULL,
+        subprocess.run([cmake, "--install", build, "--prefix", "/usr"], check=True, stdout=subprocess.DEVNULL,
                        env={**os.environ, "DESTDIR": str(_FOLDER / "installed")})
+        # A package may start its services here.
+        self.remove("/usr/sbin/policy-rc.d")
         # Only what a test asks for is started.
         self.write("/etc/systemd/system/systemd-tmpfiles-setup.service",
                    "[Unit]\nDefaultDependencies=no\n[Service]\nType=oneshot\nExecStart=true\n")
