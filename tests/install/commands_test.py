@@ -43,8 +43,8 @@ def inText(name):
     """The commands between backticks in a document's other text."""
     rest = re.sub(r"```.*?```", "", (SOURCES / name).read_text(encoding="utf-8"), flags=re.DOTALL)
     for words in re.findall(r"`([^`]+)`", rest):
-        if re.match(r"(\./|tools/|bench/.*\.py |(apt-get|cmake|ctest|bash|man|systemctl|moatctl|ebtables\S*|ovsdb-\S+) |[A-Z_]+=\S* )",
-                    words):
+        if re.match(r"(\./|tools/|bench/.*\.py |[A-Z_]+=\S* |"
+                    r"(apt-get|cmake|ctest|bash|man|systemctl|moatctl|ebtables\S*|ovsdb-\S+) )", words):
             yield " ".join(words.split())
 
 

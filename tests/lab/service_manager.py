@@ -1,4 +1,4 @@
-"""A machine's service manager, systemd, as the first process of namespaces of its own, with the product installed.
+"""A machine's service manager, systemd, as the first process of namespaces of its own, with the product installed or not.
 
 It sees the machine's files below an overlay, so that nothing of what it or a package changes stays. The network
 namespace is the calling script's: frames can be sent through its bridge from outside. Call sandbox.enter first.
@@ -36,8 +36,8 @@ _OUTPUT = "/var/log/units"
 class ServiceManager:
     """One machine: what stands in its files stays over a boot. Raises Unavailable where there can be none."""
 
-    def __init__(self, cmake, build):
-        """cmake --install of the folder build is what is installed."""
+    def __init__(self, cmake=None, build=None):
+        """cmake --install of the folder build is what is installed; nothing without one."""
         if not os.access("/lib/systemd/systemd", os.X_OK):
             raise sandbox.Unavailable("systemd is not installed")
         if os.geteuid() != 0:
@@ -61,8 +61,9 @@ class ServiceManager:
                     f"lowerdir={_FOLDER}/installed:/,upperdir={_FOLDER}/changed,workdir={_FOLDER}/work")
         self._mount("cgroup2", "cgroup2", _FOLDER / "cgroup")
         self._cgroup = pathlib.Path(tempfile.mkdtemp(prefix="moatkeeper-test.", dir=_FOLDER / "cgroup"))
-        subprocess.run([cmake, "--install", build, "--prefix", "/usr"], check=True, stdout=subprocess.DEVNULL,
-                       env={**os.environ, "DESTDIR": str(_FOLDER / "installed")})
+        if build:
+            subprocess.run([cmake, "--install", build, "--prefix", "/usr"], check=True, stdout=subprocess.DEVNULL,
+                           env={**os.environ, "DESTDIR": str(_FOLDER / "installed")})
         # A package may start its services here.
         self.remove("/usr/sbin/policy-rc.d")
         # Only what a test asks for is started.
@@ -81,6 +82,12 @@ class ServiceManager:
         place = _FOLDER / "root" / path.lstrip("/")
         place.parent.mkdir(parents=True, exist_ok=True)
         place.write_text(text, encoding="utf-8")
+
+    @staticmethod
+    def listChanges():
+        """The paths of all files that were changed on its disk, or made, or removed."""
+        root = _FOLDER / "changed"
+        return {f"/{place.relative_to(root)}" for place in root.rglob("*") if place.is_symlink() or not place.is_dir()}
 
     def remove(self, path):
         place = _FOLDER / "root" / path.lstrip("/")
@@ -177,13 +184,13 @@ class ServiceManager:
         return (_FOLDER / "log").read_text(encoding="utf-8", errors="replace")
 
 
-def enter(cmake, build):
-    """For a script's main: the machine, inside a sandbox that keeps the build folder. Exit status 77 where there can be
-    none. The caller closes it."""
+def enter(cmake, build, installed=True):
+    """For a script's main: the machine, inside a sandbox that keeps the build folder, with what cmake installs from that
+    unless told otherwise. Exit status 77 where there can be none. The caller closes it."""
     try:
         sys.argv[0] = os.path.realpath(sys.argv[0])
         sandbox.enter(build)
-        return ServiceManager(cmake, build)
+        return ServiceManager(cmake, build) if installed else ServiceManager()
     except sandbox.Unavailable as error:
         print(f"skipped: {os.path.basename(sys.argv[0])}: {error}", file=sys.stderr)
         sys.exit(sandbox.SKIPPED)
