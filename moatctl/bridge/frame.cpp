@@ -1,6 +1,8 @@
 #include "moatctl/bridge/frame.hpp"
 
+#include <arpa/inet.h>
 #include <cstddef>
+#include <cstdio>
 
 namespace moatctl
 {
@@ -194,6 +196,28 @@ MatchResult match(const ebtables::Rule& rule, const Frame& frame)
     addIp(collector, rule.ip6, frame, ip6);
     addVlan(collector, rule.vlan, frame);
     return collector.result();
+}
+
+std::string toText(const MacAddress& address)
+{
+    std::array<char, 18> text{};
+    std::snprintf(text.data(), text.size(), "%02x:%02x:%02x:%02x:%02x:%02x", address[0], address[1], address[2],
+                  address[3], address[4], address[5]);
+    return text.data();
+}
+
+std::string toText(const Ip4Address& address)
+{
+    std::array<char, INET_ADDRSTRLEN> text{};
+    inet_ntop(AF_INET, address.data(), text.data(), text.size());
+    return text.data();
+}
+
+std::string toText(const Ip6Address& address)
+{
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    inet_ntop(AF_INET6, address.data(), text.data(), text.size());
+    return text.data();
 }
 
 } // namespace moatctl

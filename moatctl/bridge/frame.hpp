@@ -68,6 +68,11 @@ struct MatchResult {
 // Whether the rule's matches all hold. Unknown only where what is not known decides.
 MatchResult match(const ebtables::Rule& rule, const Frame& frame);
 
+// As people write them.
+std::string toText(const MacAddress& address);
+std::string toText(const Ip4Address& address);
+std::string toText(const Ip6Address& address);
+
 // Whether the interface match holds for the port of this name.
 bool matchesPort(const ebtables::InterfaceMatch& match, std::string_view port);
 

@@ -1,11 +1,10 @@
 #include "moatctl/bridge/interface.hpp"
 
-#include <array>
+#include "moatctl/bridge/rtnetlink.hpp"
+
 #include <cerrno>
-#include <libmnl/libmnl.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
-#include <memory>
 #include <net/if.h>
 #include <string_view>
 
@@ -15,57 +14,35 @@ namespace moatctl
 namespace
 {
 
-using Socket = std::unique_ptr<mnl_socket, decltype(&mnl_socket_close)>;
-
 struct Link {
     std::string name;
     std::string kind;      // "bridge", "veth"; "" of a plain one
     std::string slaveKind; // of what it belongs to
 };
 
-int readKind(const nlattr* attribute, void* data)
+void read(const nlattr& attribute, Link& link)
 {
-    auto& link = *static_cast<Link*>(data);
-    const auto type = mnl_attr_get_type(attribute);
-    if (type == IFLA_INFO_KIND)
-        link.kind = mnl_attr_get_str(attribute);
-    else if (type == IFLA_INFO_SLAVE_KIND)
-        link.slaveKind = mnl_attr_get_str(attribute);
-    return MNL_CB_OK;
-}
-
-int readAttribute(const nlattr* attribute, void* data)
-{
-    const auto type = mnl_attr_get_type(attribute);
-    if (type == IFLA_IFNAME)
-        static_cast<Link*>(data)->name = mnl_attr_get_str(attribute);
-    return type == IFLA_LINKINFO ? mnl_attr_parse_nested(attribute, readKind, data) : MNL_CB_OK;
-}
-
-int readLink(const nlmsghdr* message, void* data)
-{
-    return mnl_attr_parse(message, sizeof(ifinfomsg), readAttribute, data);
+    if (mnl_attr_get_type(&attribute) == IFLA_IFNAME)
+        link.name = mnl_attr_get_str(&attribute);
+    if (mnl_attr_get_type(&attribute) != IFLA_LINKINFO)
+        return;
+    eachAttribute(attribute, [&link](const nlattr& inner) {
+        if (mnl_attr_get_type(&inner) == IFLA_INFO_KIND)
+            link.kind = mnl_attr_get_str(&inner);
+        else if (mnl_attr_get_type(&inner) == IFLA_INFO_SLAVE_KIND)
+            link.slaveKind = mnl_attr_get_str(&inner);
+    });
 }
 
 // 0, or an error number.
 int ask(const std::string& name, Link& link)
 {
-    const Socket socket(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC), mnl_socket_close);
-    if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0)
-        return errno;
-    std::array<char, 32768> buffer{};
-    nlmsghdr* request = mnl_nlmsg_put_header(buffer.data());
-    request->nlmsg_type = RTM_GETLINK;
-    request->nlmsg_flags = NLM_F_REQUEST;
-    mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg));
-    mnl_attr_put_strz(request, IFLA_IFNAME, name.c_str());
-    if (mnl_socket_sendto(socket.get(), request, request->nlmsg_len) < 0)
-        return errno;
-    const ssize_t size = mnl_socket_recvfrom(socket.get(), buffer.data(), buffer.size());
-    if (size < 0 || mnl_cb_run(buffer.data(), static_cast<std::size_t>(size), 0, mnl_socket_get_portid(socket.get()),
-                               readLink, &link) < 0)
-        return errno;
-    return 0;
+    KernelQuestion question(RTM_GETLINK, 0);
+    question.header<ifinfomsg>();
+    mnl_attr_put_strz(question.message(), IFLA_IFNAME, name.c_str());
+    return question.ask([&link](const nlmsghdr& message) {
+        eachAttribute(message, sizeof(ifinfomsg), [&link](const nlattr& attribute) { read(attribute, link); });
+    });
 }
 
 } // namespace

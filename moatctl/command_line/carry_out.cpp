@@ -2,6 +2,7 @@
 
 #include "moatctl/check/change.hpp"
 #include "moatctl/command_line/await_in_force.hpp"
+#include "moatctl/command_line/guard_rail.hpp"
 #include "moatctl/command_line/occasion.hpp"
 #include "moatctl/tables/problem.hpp"
 #include "moatctl/tables/values.hpp"
@@ -61,7 +62,8 @@ void addChangeOptions(const Command& command, Program& program)
                 throw Failure(ExitStatus::BadInput, "--confirm is for all lines together: expected it after batch");
             program.occasion->trial = *seconds;
         });
-    command.flag("--force", "Store the change even if that leads to errors that check would find", program.force);
+    command.flag("--force", "Store the change even if check would find errors then, or it cuts off your own connection",
+                 program.force);
 }
 
 std::function<void(Editor&)> checked(Program& program, std::function<void(Editor&)> edit)
@@ -77,7 +79,12 @@ ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit)
 {
     ovsdb::Client client = program.connect();
     identify(*program.occasion);
-    const Stored stored = applyEdit(client, edit, *program.occasion);
+    GuardRail guard(program);
+    const auto guarded = [&](Editor& editor) {
+        edit(editor);
+        guard.look(editor);
+    };
+    const Stored stored = applyEdit(client, guarded, *program.occasion);
     for (const std::string& line : stored.told.notes)
         program.err << line << '\n';
     for (const std::string& line : stored.told.reports)

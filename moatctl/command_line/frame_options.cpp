@@ -85,22 +85,6 @@ std::uint16_t number(std::string_view option, const std::string& text, int large
     return static_cast<std::uint16_t>(*value);
 }
 
-std::string macText(const MacAddress& address)
-{
-    std::array<char, 18> text{};
-    std::snprintf(text.data(), text.size(), "%02x:%02x:%02x:%02x:%02x:%02x", address[0], address[1], address[2],
-                  address[3], address[4], address[5]);
-    return text.data();
-}
-
-template <std::size_t N>
-std::string ipText(const std::array<std::uint8_t, N>& address)
-{
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    inet_ntop(N == 4 ? AF_INET : AF_INET6, address.data(), text.data(), text.size());
-    return text.data();
-}
-
 } // namespace
 
 void addFrameOptions(const Command& command, FrameOptions& options)
@@ -182,18 +166,18 @@ std::string toText(const Frame& frame)
     if (frame.source || frame.destination)
         text += ',';
     if (frame.source)
-        text += " from " + macText(*frame.source);
+        text += " from " + toText(*frame.source);
     if (frame.destination)
-        text += " to " + macText(*frame.destination);
+        text += " to " + toText(*frame.destination);
     if (frame.vlan)
         text += ", VLAN " + std::to_string(frame.vlan->id) + " priority " + std::to_string(frame.vlan->priority);
     if (frame.type)
         text += ", " + typeText(*frame.type);
     const auto address = [&](const char* what, const auto& ip4, const auto& ip6) {
         if (ip4)
-            text += what + ipText(*ip4);
+            text += what + toText(*ip4);
         if (ip6)
-            text += what + ipText(*ip6);
+            text += what + toText(*ip6);
     };
     address(" from ", frame.ip4Source, frame.ip6Source);
     address(" to ", frame.ip4Destination, frame.ip6Destination);

@@ -154,6 +154,21 @@ void takeBack(const HistoryEntry& entry, Editor& editor)
     }
 }
 
+void putBack(const RecordedChange& change, Configuration& configuration)
+{
+    const schema::Table* table = schema::findTable(change.table->name);
+    const Values& known = change.before ? *change.before : *change.after;
+    if (table == nullptr) {
+        configuration.acknowledged.erase(acknowledgedOf(known));
+        if (change.before)
+            configuration.acknowledged.emplace(acknowledgedOf(known), ovsdb::Uuid());
+        return;
+    }
+    configuration.remove(table->id, rowOf(*table, known).id());
+    if (change.before)
+        configuration.add(rowOf(*table, known));
+}
+
 std::vector<RecordedChange> recordedChanges(const std::vector<Change>& changes, const Configuration& before,
                                             const Configuration& after)
 {

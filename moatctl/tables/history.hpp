@@ -41,6 +41,9 @@ std::string toText(const schema::RecordedChange& change);
 // Puts every row back as it was before. Throws Failure(Conflict) when one is no longer as the change left it.
 void takeBack(const HistoryEntry& entry, Editor& editor);
 
+// Puts one row back as it was before, whatever has become of it since.
+void putBack(const schema::RecordedChange& change, Configuration& configuration);
+
 std::vector<schema::RecordedChange> recordedChanges(const std::vector<Change>& changes, const Configuration& before,
                                                     const Configuration& after);
 

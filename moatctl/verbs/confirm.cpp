@@ -1,4 +1,5 @@
 #include "moatctl/command_line/await_in_force.hpp"
+#include "moatctl/command_line/guard_rail.hpp"
 #include "moatctl/command_line/occasion.hpp"
 #include "moatctl/tables/history.hpp"
 #include "moatctl/tables/server.hpp"
@@ -49,6 +50,16 @@ ExitStatus confirm(Program& program)
     return ExitStatus::Ok;
 }
 
+void guard(Program& program, const Configuration& now, const schema::Trial& trial)
+{
+    Editor editor(now);
+    for (const schema::RecordedChange& change : schema::parseRecordedChanges(trial.changes))
+        putBack(change, editor.configuration);
+    GuardRail(program, "--force does it all the same").look(editor);
+    for (const std::string& line : editor.told().notes)
+        program.err << line << '\n';
+}
+
 ExitStatus cancel(Program& program)
 {
     ovsdb::Client client = program.connect();
@@ -59,6 +70,7 @@ ExitStatus cancel(Program& program)
     stored.before = toConfiguration(state);
     stored.devicesBefore = devicesOf(state);
     stored.numberBefore = changeNumberOf(state);
+    guard(program, stored.before, trial);
     const ovsdb::TransactionResult result = client.transact(schema::putBack(trial, entryOf(*program.occasion)));
     require(result, trial);
     stored.changed = true;
@@ -83,6 +95,7 @@ void addCancel(const Command& root, Program& program)
 {
     const Command command = root.add(
         "cancel", "Take the change that was made with --confirm back at once, before its time is over", "cancel");
+    command.flag("--force", "Take it back even if that cuts off your own connection", program.force);
     command.onGiven([&program] { program.action = [&program] { return cancel(program); }; });
 }
 

@@ -1,5 +1,6 @@
 #include "moatctl/check/change.hpp"
 #include "moatctl/command_line/carry_out.hpp"
+#include "moatctl/command_line/guard_rail.hpp"
 #include "moatctl/command_line/progress.hpp"
 #include "moatctl/tables/difference.hpp"
 #include "moatctl/tables/edit.hpp"
@@ -179,6 +180,9 @@ ExitStatus import(Program& program, const Options& options)
         const Configuration before = loadFromServer(client);
         Editor editor(before);
         work.apply(editor);
+        GuardRail(program).look(editor);
+        for (const std::string& line : editor.told().notes)
+            program.err << line << '\n';
     } catch (const ovsdb::Error& error) {
         work.checkWithoutServer(error);
         throw;

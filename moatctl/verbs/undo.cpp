@@ -1,5 +1,6 @@
 #include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/command_line/given.hpp"
+#include "moatctl/command_line/guard_rail.hpp"
 #include "moatctl/tables/difference.hpp"
 #include "moatctl/tables/history.hpp"
 #include "moatctl/tables/server.hpp"
@@ -49,6 +50,7 @@ ExitStatus undo(Program& program, std::int32_t number, bool dryRun)
     const Configuration before = loadFromServer(client);
     Editor editor(before);
     edit(editor);
+    GuardRail(program).look(editor);
     for (const std::string& line : editor.told().notes)
         program.err << line << '\n';
     for (const std::string& line : editor.told().reports)

@@ -15,6 +15,8 @@ from lab.programs import SCHEMA, startServer
 
 MOATCTL, COMPLETION, MANUAL = sys.argv[1:4]
 
+os.environ["SSH_CONNECTION"] = ""  # whoever runs the tests over a bridge must not be in their way
+
 OK, BAD_INPUT, NO_SERVER, CONFLICT, OUTPUT = 0, 2, 3, 4, 5
 
 
