@@ -1,9 +1,8 @@
 // Finds conjunctions that may cover a given one by their values, not one by one.
 #pragma once
 
-#include "moatctl/bridge/cover.hpp"
+#include "ebtables/fixed_bits.hpp"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -23,17 +22,16 @@ class CoverIndex
 {
 public:
     // Numbers are to be added in ascending order.
-    void add(const Conjunction& conjunction, std::size_t number);
+    void add(const ebtables::Conjunction& conjunction, std::size_t number);
 
     // Calls back with lists of numbers, each ascending, in which the conjunctions are that may cover this one.
-    void find(const Conjunction& inner, const std::function<void(std::span<const std::size_t>)>& onList) const;
+    void find(const ebtables::Conjunction& inner,
+              const std::function<void(std::span<const std::size_t>)>& onList) const;
 
     void clear();
 
 private:
-    // Room for the values of every kind of match, one beside the other.
-    using Bits = std::array<std::uint64_t, 13>;
-    struct Flat;
+    using Bits = ebtables::FixedBits::Bits;
     struct Form {
         Bits mask;
         std::unordered_map<std::uint64_t, std::vector<std::size_t>> byHash;

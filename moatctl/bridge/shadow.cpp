@@ -16,6 +16,9 @@ namespace
 {
 
 using ebtables::Chain;
+using ebtables::Conjunction;
+using ebtables::covers;
+using ebtables::disjoint;
 using ebtables::Rule;
 using ebtables::TableRule;
 

@@ -62,7 +62,7 @@ TEST(Shadow, TheIndexFindsAllThatCover)
         test::Random random(seed);
         const Configuration configuration = test::randomConfiguration(random, 0);
         const Applied applied = apply(expectedOf(configuration));
-        std::vector<Conjunction> all;
+        std::vector<ebtables::Conjunction> all;
         CoverIndex index;
         for (const ebtables::Chain& chain : applied.table.chains) {
             for (const ebtables::TableRule& rule : chain.rules) {
@@ -72,7 +72,7 @@ TEST(Shadow, TheIndexFindsAllThatCover)
                 index.add(all.back(), all.size() - 1);
             }
         }
-        for (const Conjunction& inner : all) {
+        for (const ebtables::Conjunction& inner : all) {
             std::set<std::size_t> found;
             index.find(inner, [&](std::span<const std::size_t> numbers) {
                 EXPECT_TRUE(std::ranges::is_sorted(numbers));

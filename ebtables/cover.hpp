@@ -7,11 +7,11 @@
 
 #include <vector>
 
-namespace moatctl
+namespace ebtables
 {
 
 // Rules that must all match, such as the jumps on the way to a rule and the rule itself. Not null.
-using Conjunction = std::vector<const ebtables::Rule*>;
+using Conjunction = std::vector<const Rule*>;
 
 // Every frame that matches all of `inner` matches all of `outer`.
 bool covers(const Conjunction& outer, const Conjunction& inner);
@@ -19,4 +19,4 @@ bool covers(const Conjunction& outer, const Conjunction& inner);
 // No frame matches all of `a` and all of `b`.
 bool disjoint(const Conjunction& a, const Conjunction& b);
 
-} // namespace moatctl
+} // namespace ebtables

@@ -1,21 +1,14 @@
-#include "moatctl/bridge/cover.hpp"
+#include "ebtables/cover.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 
-namespace moatctl
+namespace ebtables
 {
 
 namespace
 {
-
-using ebtables::EthertypeMatch;
-using ebtables::InterfaceMatch;
-using ebtables::MacMatch;
-using ebtables::NetworkMatch;
-using ebtables::RangeMatch;
-using ebtables::Rule;
 
 // Sets without their negation: whether a is part of b, and whether they have nothing in common.
 
@@ -179,4 +172,4 @@ bool disjoint(const Conjunction& a, const Conjunction& b)
     });
 }
 
-} // namespace moatctl
+} // namespace ebtables
