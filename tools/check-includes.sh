@@ -17,6 +17,7 @@ daemon               handler platform unistd.h
 text
 subprocess           system
 ebtables             text arpa/inet.h
+compiled             ebtables
 ovsdb                platform text system rapidjson
 nftables             ebtables text system libmnl
 schema               platform
@@ -40,15 +41,16 @@ demo                 handler platform platform_fake schema
 bench                handler platform platform_fake platform_linux/queue system
 
 tests/unit           daemon handler records platform platform_fake platform_linux platform_linux/queue
-                     ebtables ovsdb nftables schema schema/server subprocess text moatctl moatctl/tables moatctl/bridge
-                     moatctl/check moatctl/command_line tests/moatctl system gtest gmock
+                     ebtables compiled ovsdb nftables schema schema/server subprocess text moatctl moatctl/tables
+                     moatctl/bridge moatctl/check moatctl/command_line tests/moatctl tests/compiled system gtest gmock
 tests/golden         handler platform_fake tests/random gtest
 tests/random         handler platform_fake gtest
 tests/process        platform platform_linux/queue ovsdb schema/server system gtest
 tests/system         platform platform_linux/queue ebtables nftables subprocess moatctl/tables moatctl/bridge
                      moatctl/check moatctl/command_line tests/moatctl system gtest
+tests/compiled       compiled ebtables
 tests/moatctl        moatctl/tables moatctl/bridge subprocess system gtest
-tests/fuzz           platform_linux/queue ebtables ovsdb nftables schema schema/server
+tests/fuzz           platform_linux/queue compiled tests/compiled ebtables ovsdb nftables schema schema/server
 '
 
 cd "${1:-$(dirname "$0")/..}"

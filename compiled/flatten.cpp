@@ -1,0 +1,72 @@
+#include "compiled/flatten.hpp"
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+namespace compiled
+{
+
+namespace
+{
+
+using ebtables::Chain;
+using ebtables::Rule;
+using ebtables::Table;
+
+bool takesEveryFrame(const Rule& rule)
+{
+    Rule bare;
+    bare.target = rule.target;
+    return rule == bare;
+}
+
+class Flattener
+{
+public:
+    explicit Flattener(const Table& table) : m_table(table) {}
+
+    void add(const Chain& chain)
+    {
+        m_inside.push_back(chain.name);
+        for (const ebtables::TableRule& rule : chain.rules) {
+            const Chain* next = takesEveryFrame(*rule.rule) ? m_table.find(rule.rule->target) : nullptr;
+            if (next != nullptr && canStandInPlace(*next))
+                add(*next);
+            else
+                m_items.push_back({*rule.rule, rule.origin});
+        }
+        m_inside.pop_back();
+        if (ebtables::isBuiltIn(chain.name) || chain.policy == "RETURN")
+            return;
+        Rule policy;
+        policy.target = chain.policy;
+        m_items.push_back({policy, chain.policyOrigin});
+    }
+
+    std::vector<Item> take() { return std::move(m_items); }
+
+private:
+    // A RETURN would leave the chain that it comes to stand in.
+    bool canStandInPlace(const Chain& chain) const
+    {
+        const auto returns = [](const ebtables::TableRule& rule) { return rule.rule->target == "RETURN"; };
+        return !ebtables::isBuiltIn(chain.name) && std::ranges::none_of(chain.rules, returns) &&
+               std::ranges::find(m_inside, chain.name) == m_inside.end();
+    }
+
+    const Table& m_table;
+    std::vector<std::string_view> m_inside; // the chains that are being added
+    std::vector<Item> m_items;
+};
+
+} // namespace
+
+std::vector<Item> flatten(const Table& table, const Chain& chain)
+{
+    Flattener flattener(table);
+    flattener.add(chain);
+    return flattener.take();
+}
+
+} // namespace compiled

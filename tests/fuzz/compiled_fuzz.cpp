@@ -1,0 +1,34 @@
+// Any bytes as decisions about rules and frames: in the compiled form every frame has the fate, the counters and the
+// log lines that it has in the plain one.
+#include "compiled/compile.hpp"
+#include "compiled/describe.hpp"
+#include "tests/compiled/outcome.hpp"
+#include "tests/compiled/random_rules.hpp"
+
+#include <cstdlib>
+#include <span>
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size)
+{
+    std::span<const unsigned char> rest(data, size);
+    const auto next = [&](std::size_t below) {
+        std::size_t number = 0;
+        for (std::size_t largest = 0; largest + 1 < below && !rest.empty(); largest = largest << 8U | 0xffU) {
+            number = number << 8U | rest.front();
+            rest = rest.subspan(1);
+        }
+        return number % below;
+    };
+    test::RandomRules random(next);
+    const bool strange = next(2) == 0;
+    const ebtables::Table table = random.table(next(60), strange);
+    const std::optional<compiled::Program> program = compiled::compile(table);
+    if (!program || compiled::describe(*program).empty())
+        std::abort();
+    for (int frames = 0; frames < 20; ++frames) {
+        const test::RawFrame frame = random.frame(table);
+        if (!(test::walk(table, frame) == test::run(*program, frame)))
+            std::abort();
+    }
+    return 0;
+}
