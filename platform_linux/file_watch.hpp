@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace zol::cfg
 {
@@ -13,8 +14,8 @@ namespace zol::cfg
 class FileWatch
 {
 public:
-    // Calls back after a file of this path was made or moved to its place, or may have been. It may be called without a
-    // file there. The dispatcher must outlive it.
+    // Calls back after a file of this path was made or moved to its place, or may have been; if the path is a link,
+    // also of the path that it leads to. It may be called without a file there. The dispatcher must outlive it.
     FileWatch(const std::string& path, tessera::net::EventDispatcher::State& dispatcher,
               std::function<void()> appeared);
     ~FileWatch();
@@ -27,10 +28,16 @@ public:
     void stop();
 
 private:
+    struct Place {
+        int watch; // the kernel's number for the folder
+        std::string name;
+    };
+
+    void findPlaces(int descriptor);
     bool readEvents() const;
 
-    std::string m_folder;
-    std::string m_name;
+    const std::string m_path;
+    std::vector<Place> m_places; // where it may appear
     tessera::net::EventDispatcher::State& m_dispatcher;
     const std::function<void()> m_appeared;
     int m_descriptor = -1; // while it watches

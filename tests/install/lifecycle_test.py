@@ -18,7 +18,7 @@ UNITS = ("moatkeeper.service", "moatkeeper-db.service")
 DATABASE = "/var/lib/moatkeeper/moatkeeper.db"
 SETTINGS = "/etc/default/moatkeeper"
 # What the packages' tools keep for themselves, and the machine.
-BOOKS = ("/var/lib/dpkg/", "/var/log/", "/var/cache/")
+BOOKS = ("/var/lib/dpkg/", "/var/log/", "/var/cache/", "/etc/group", "/etc/gshadow", "/etc/.pwd.lock")
 CLOSED = kernel.expected(FORWARD=("DROP",))
 
 
@@ -58,12 +58,15 @@ class Lifecycle(unittest.TestCase):
             self.machine.waitFor(unit, "active" if runs else "inactive")
             self.assertEqual(self.machine.show(unit, "UnitFileState"), "enabled" if runs else "")
 
+    def groups(self):
+        return self.machine.path("/etc/group").read_text(encoding="utf-8")
+
     def version(self):
         return self.machine.run("ovsdb-tool", "db-version", DATABASE).strip()
 
     def testALife(self):
         self.machine.boot()
-        before = self.left()
+        before, groups = self.left(), self.groups()
 
         self.install(self.makeLast(), self.packages["moatkeeper-tools"])
         self.assertRuns()
@@ -88,8 +91,8 @@ class Lifecycle(unittest.TestCase):
         self.assertEqual(kernel.readTables(), kernel.untouched())
         kept = {path for path in self.left() - before if "moatkeeper" in path}
         self.assertLessEqual({DATABASE, SETTINGS}, kept)
-        self.assertEqual([path for path in kept if not path.startswith(("/etc/", "/var/lib/", "/usr/share/doc/moatkeeper-tools/"))],
-                         [])
+        usual = ("/etc/", "/var/lib/", "/usr/share/doc/moatkeeper-tools/")
+        self.assertEqual([path for path in kept if not path.startswith(usual)], [])
 
         self.install(self.packages["moatkeeper"])
         self.assertRuns()
@@ -98,6 +101,7 @@ class Lifecycle(unittest.TestCase):
         self.machine.run("dpkg", "--purge", "moatkeeper", "moatkeeper-tools")
         self.assertEqual(kernel.readTables(), kernel.untouched())
         self.assertEqual(self.left() - before, set(), "left behind")
+        self.assertEqual(self.groups(), groups)
         self.assertEqual(self.machine.run("systemctl", "--failed", "--plain", "--no-legend"), "")
 
 

@@ -1,9 +1,10 @@
 """The systemd units by themselves: what they say of the order of a start, and what systemd-analyze says of them. How they
 work is tested in tests/system/boot_test.py and restart_test.py, where systemd can run.
 
-usage: units_test.py FOLDER_OF_THE_UNITS
+usage: units_test.py CMAKE BUILD_FOLDER
 """
 
+import os
 import pathlib
 import re
 import shutil
@@ -12,14 +13,25 @@ import sys
 import tempfile
 import unittest
 
-UNITS = pathlib.Path(sys.argv[1])
+CMAKE, BUILD = sys.argv[1:3]
 DAEMON, SERVER, CREATE = "moatkeeper.service", "moatkeeper-db.service", "moatkeeper-db-create.service"
+
+
+_folder = tempfile.TemporaryDirectory()
+UNITS = pathlib.Path(_folder.name, "usr/lib/systemd/system")
+
+
+def setUpModule():
+    """The units as they are installed."""
+    unittest.addModuleCleanup(_folder.cleanup)
+    subprocess.run([CMAKE, "--install", BUILD, "--prefix", "/usr"], env={**os.environ, "DESTDIR": _folder.name}, check=True,
+                   stdout=subprocess.DEVNULL)
 
 
 def read(name):
     """{setting: [word, ...]} of all sections."""
     settings = {}
-    for line in (UNITS / f"{name}.in").read_text(encoding="utf-8").splitlines():
+    for line in (UNITS / name).read_text(encoding="utf-8").splitlines():
         if "=" in line and not line.startswith("#"):
             key, value = line.split("=", 1)
             settings.setdefault(key, []).extend(value.split())
@@ -58,18 +70,29 @@ class Units(unittest.TestCase):
         self.assertEqual(daemon["RuntimeDirectoryPreserve"], ["yes"])
         self.assertEqual(daemon["EnvironmentFile"], ["-/etc/default/moatkeeper"])
 
-    @unittest.skipUnless(shutil.which("systemd-analyze"), "no systemd-analyze")
-    def testSystemdFindsNothingWrong(self):
+    def analyze(self, *arguments):
+        """What systemd-analyze says of the units; it looks for the programs, which are not installed here."""
         with tempfile.TemporaryDirectory() as folder:
             for name in (DAEMON, SERVER, CREATE):
-                # It looks for the programs, which are not installed here.
                 text = re.sub(r"(?m)^(ExecStart|ExecReload)=\S+", r"\1=/bin/true",
-                              (UNITS / f"{name}.in").read_text(encoding="utf-8"))
+                              (UNITS / name).read_text(encoding="utf-8"))
                 pathlib.Path(folder, name).write_text(text, encoding="utf-8")
-            done = subprocess.run(["systemd-analyze", "verify", "--man=no", f"{folder}/{DAEMON}"], capture_output=True,
-                                  text=True, check=False, env={"SYSTEMD_UNIT_PATH": f"{folder}:", "PATH": "/usr/bin:/bin"})
-        self.assertNotRegex(done.stderr, "moatkeeper")
-        self.assertEqual(done.returncode, 0, done.stderr)
+            done = subprocess.run(["systemd-analyze", *arguments], capture_output=True, text=True, check=False, cwd=folder,
+                                  env={"SYSTEMD_UNIT_PATH": f"{folder}:", "PATH": "/usr/bin:/bin", "LANG": "C.UTF-8"})
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        return done.stdout + done.stderr
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "no systemd-analyze")
+    def testSystemdFindsNothingWrong(self):
+        self.assertNotRegex(self.analyze("verify", "--man=no", f"./{DAEMON}"), "moatkeeper")
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "no systemd-analyze")
+    def testExposure(self):
+        """As systemd counts it: 10 is the worst."""
+        for unit, most in ((DAEMON, 2.0), (SERVER, 1.5), (CREATE, 2.0)):
+            last = self.analyze("security", "--offline=yes", "--no-pager", f"./{unit}").strip().splitlines()[-1]
+            found = float(re.search(r"Overall exposure level for \S+ ([0-9.]+)", last)[1])
+            self.assertLessEqual(found, most, last)
 
 
 if __name__ == "__main__":

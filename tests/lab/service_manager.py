@@ -15,6 +15,8 @@ import tempfile
 
 from lab import sandbox, waiting
 
+SERVER_SOCKET = "/run/moatkeeper-db/change/socket"  # to which the usual path is a link
+
 _FOLDER = pathlib.Path("/tmp/service_manager")
 _SCRIPT = """
 set -e
@@ -64,6 +66,8 @@ class ServiceManager:
         if build:
             subprocess.run([cmake, "--install", build, "--prefix", "/usr"], check=True, stdout=subprocess.DEVNULL,
                            env={**os.environ, "DESTDIR": str(_FOLDER / "installed")})
+        subprocess.run(["systemd-sysusers", f"--root={_FOLDER}/root", "moatkeeper.conf"], check=bool(build),
+                       capture_output=True)
         # A package may start its services here.
         self.remove("/usr/sbin/policy-rc.d")
         # Only what a test asks for is started.
@@ -82,6 +86,10 @@ class ServiceManager:
         place = _FOLDER / "root" / path.lstrip("/")
         place.parent.mkdir(parents=True, exist_ok=True)
         place.write_text(text, encoding="utf-8")
+
+    def read(self, path):
+        """The text of a file on its disk."""
+        return (_FOLDER / "root" / path.lstrip("/")).read_text(encoding="utf-8")
 
     @staticmethod
     def listChanges():

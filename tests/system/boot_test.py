@@ -6,14 +6,13 @@ MOATKEEPER_BOOTS: how many boots of each kind (default 1).
 """
 
 import os
-import pathlib
 import re
 import subprocess
 import sys
 import time
 import unittest
 
-from lab import config, kernel, programs, service_manager, waiting
+from lab import config, kernel, service_manager, waiting
 from lab.stream import ALLOWED, FORBIDDEN, TimedStream, ip
 
 COUNT = int(os.environ.get("MOATKEEPER_BOOTS", "1"))
@@ -48,7 +47,7 @@ link set out up
 """
 SETTINGS = f"MOATKEEPER_UNTIL_CONFIGURED=closed\nMOATKEEPER_ALLOWED={LISTED.hex(':')}\n"
 MUTE = ("ExecStart=\nExecStart=/usr/bin/python3 -c 'import socket, time; s = socket.socket(socket.AF_UNIX); "
-        f's.bind("{programs.SOCKET}"); s.listen(); time.sleep(1000)\'\n')
+        f's.bind("{service_manager.SERVER_SOCKET}"); s.listen(); time.sleep(1000)\'\n')
 
 
 def makeDatabase(machine):
@@ -64,7 +63,7 @@ def makeDatabase(machine):
 
 def connect(machine):
     try:
-        return config.Config(machine.path(programs.SOCKET))
+        return config.Config(machine.path(service_manager.SERVER_SOCKET))
     except OSError:
         return None
 
@@ -159,7 +158,7 @@ class Boot(unittest.TestCase):
         self.assertEqual(kernel.readTables(), kernel.untouched())
 
     def testALateServer(self):
-        unit = pathlib.Path(BUILD, "packaging/moatkeeper-db.service").read_text(encoding="utf-8")
+        unit = self.machine.read(f"/usr/lib/systemd/system/{SERVER}")
         command = re.search(r"(?m)^ExecStart=(.*)$", unit)[1]
         self.machine.change(SERVER, "ExecStart=\nExecStart=/bin/sh -c 'until [ -e /run/go ]; do sleep 0.05; done; "
                                     f"exec {command}'\n")

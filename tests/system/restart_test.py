@@ -11,7 +11,7 @@ import sys
 import tempfile
 import unittest
 
-from lab import config, kernel, packages, programs, service_manager, waiting
+from lab import config, kernel, packages, service_manager, waiting
 from lab.stream import ALLOWED, FORBIDDEN, TimedStream, makeBridge
 
 COUNT = int(os.environ.get("MOATKEEPER_RESTARTS", "2"))
@@ -34,7 +34,7 @@ class Restart(unittest.TestCase):
         cls.machine.change(UNIT, "")
         cls.machine.boot(UNIT)
         cls.machine.waitFor(UNIT)
-        connection = config.Config(cls.machine.path(programs.SOCKET))
+        connection = config.Config(cls.machine.path(service_manager.SERVER_SOCKET))
         connection.replace(TABLES)
         connection.close()
         kernel.waitFor(WANTED)

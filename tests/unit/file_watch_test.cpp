@@ -82,6 +82,36 @@ TEST_F(FileWatchTest, StopsAndBeginsAgain)
     EXPECT_TRUE(appears());
 }
 
+TEST_F(FileWatchTest, TellsOfAFileThatALinkLeadsTo)
+{
+    std::filesystem::create_directory(m_folder.path("inside"));
+    std::filesystem::create_symlink("inside/last", m_folder.path("middle"));
+    std::filesystem::create_symlink(m_folder.path("middle"), m_folder.path("socket"));
+    m_watch.start();
+    m_folder.write("last", "");
+    EXPECT_FALSE(appears(20ms));
+    m_folder.write("inside/last", "");
+    EXPECT_TRUE(appears());
+}
+
+TEST_F(FileWatchTest, FollowsALinkThatIsMadeLater)
+{
+    std::filesystem::create_directory(m_folder.path("inside"));
+    m_watch.start();
+    std::filesystem::create_symlink("inside/file", m_folder.path("socket"));
+    EXPECT_TRUE(appears());
+    m_folder.write("inside/file", "");
+    EXPECT_TRUE(appears());
+}
+
+TEST_F(FileWatchTest, LinksInACircleAreNoError)
+{
+    std::filesystem::create_symlink("other", m_folder.path("socket"));
+    std::filesystem::create_symlink("socket", m_folder.path("other"));
+    m_watch.start();
+    EXPECT_FALSE(appears(20ms));
+}
+
 TEST_F(FileWatchTest, AFolderThatIsNotThereIsNoError)
 {
     FileWatch watch("/nowhere/at/all", m_dispatcher.state(), [this] { ++m_appeared; });
