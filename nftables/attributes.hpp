@@ -83,6 +83,23 @@ inline void put64(nlmsghdr* message, int type, std::uint64_t value)
     mnl_attr_put_u64(message, static_cast<std::uint16_t>(type), htobe64(value));
 }
 
+// What is put while it lives is inside.
+class Nest
+{
+public:
+    Nest(nlmsghdr* message, int type)
+        : m_message(message), m_attribute(mnl_attr_nest_start(message, static_cast<std::uint16_t>(type)))
+    {
+    }
+    ~Nest() { mnl_attr_nest_end(m_message, m_attribute); }
+    Nest(const Nest&) = delete;
+    Nest& operator=(const Nest&) = delete;
+
+private:
+    nlmsghdr* m_message;
+    nlattr* m_attribute;
+};
+
 inline void putText(nlmsghdr* message, int type, const char* text)
 {
     mnl_attr_put_strz(message, static_cast<std::uint16_t>(type), text);

@@ -9,6 +9,7 @@
 #include <linux/netfilter_bridge.h>
 
 #include <cstring>
+#include <utility>
 
 namespace nftables
 {
@@ -16,7 +17,7 @@ namespace nftables
 namespace
 {
 
-constexpr std::size_t longestMessage = 4096; // by far
+constexpr std::size_t headers = 96; // and the message that closes a batch
 constexpr std::uint16_t tables = NFNL_SUBSYS_NFTABLES << 8U;
 constexpr std::int32_t bridgePriority = -200; // that of the bridge filter's hooks
 
@@ -27,9 +28,9 @@ std::uint32_t hookOf(const std::string& chain)
     return chain == "FORWARD" ? NF_BR_FORWARD : NF_BR_LOCAL_OUT;
 }
 
-void putBuiltIn(nlmsghdr* message, const std::string& chain, const std::string& policy)
+void putBuiltIn(nlmsghdr* message, const std::string& table, const std::string& chain, const std::string& policy)
 {
-    putText(message, NFTA_CHAIN_TABLE, filterTable);
+    putText(message, NFTA_CHAIN_TABLE, table.c_str());
     putText(message, NFTA_CHAIN_NAME, chain.c_str());
     nlattr* hook = mnl_attr_nest_start(message, NFTA_CHAIN_HOOK);
     put32(message, NFTA_HOOK_HOOKNUM, hookOf(chain));
@@ -40,7 +41,7 @@ void putBuiltIn(nlmsghdr* message, const std::string& chain, const std::string& 
 
 } // namespace
 
-Batch::Batch(std::optional<std::uint32_t> generation)
+Batch::Batch(std::optional<std::uint32_t> generation, std::string table) : m_table(std::move(table))
 {
     nlmsghdr* message = beginControl(NFNL_MSG_BATCH_BEGIN, NLM_F_REQUEST);
     if (generation)
@@ -49,14 +50,14 @@ Batch::Batch(std::optional<std::uint32_t> generation)
     // The kernel tells the new generation when the message behind the beginning asks for an echo. This one has none of
     // its own when the table is there.
     message = begin(NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_ECHO);
-    putText(message, NFTA_TABLE_NAME, filterTable);
+    putText(message, NFTA_TABLE_NAME, m_table.c_str());
     m_used += message->nlmsg_len;
 }
 
-nlmsghdr* Batch::beginControl(std::uint16_t type, std::uint16_t flags)
+nlmsghdr* Batch::beginControl(std::uint16_t type, std::uint16_t flags, std::size_t size)
 {
-    if (m_bytes.size() < m_used + longestMessage)
-        m_bytes.resize(2 * m_bytes.size() + longestMessage);
+    if (m_bytes.size() < m_used + size + headers)
+        m_bytes.resize(2 * m_bytes.size() + size + headers);
     m_last = m_used;
     nlmsghdr* message = mnl_nlmsg_put_header(m_bytes.data() + m_used);
     message->nlmsg_type = type;
@@ -68,10 +69,10 @@ nlmsghdr* Batch::beginControl(std::uint16_t type, std::uint16_t flags)
     return message;
 }
 
-nlmsghdr* Batch::begin(std::uint16_t type, std::uint16_t flags)
+nlmsghdr* Batch::begin(std::uint16_t type, std::uint16_t flags, std::size_t size)
 {
-    nlmsghdr* message =
-        beginControl(static_cast<std::uint16_t>(tables | type), static_cast<std::uint16_t>(NLM_F_REQUEST | flags));
+    nlmsghdr* message = beginControl(static_cast<std::uint16_t>(tables | type),
+                                     static_cast<std::uint16_t>(NLM_F_REQUEST | flags), size);
     auto* const header = static_cast<nfgenmsg*>(mnl_nlmsg_get_payload(message));
     header->nfgen_family = NFPROTO_BRIDGE;
     header->res_id = 0;
@@ -87,7 +88,7 @@ std::size_t Batch::end(const nlmsghdr* message)
 std::size_t Batch::addBuiltInChain(const std::string& chain, const std::string& policy)
 {
     nlmsghdr* message = begin(NFT_MSG_NEWCHAIN, NLM_F_CREATE);
-    putBuiltIn(message, chain, policy);
+    putBuiltIn(message, m_table, chain, policy);
     putText(message, NFTA_CHAIN_TYPE, "filter");
     return end(message);
 }
@@ -95,7 +96,7 @@ std::size_t Batch::addBuiltInChain(const std::string& chain, const std::string& 
 std::size_t Batch::setPolicy(const std::string& builtInChain, const std::string& policy)
 {
     nlmsghdr* message = begin(NFT_MSG_NEWCHAIN, 0);
-    putBuiltIn(message, builtInChain, policy);
+    putBuiltIn(message, m_table, builtInChain, policy);
     nlattr* counters = mnl_attr_nest_start(message, NFTA_CHAIN_COUNTERS);
     put64(message, NFTA_COUNTER_PACKETS, 0);
     put64(message, NFTA_COUNTER_BYTES, 0);
@@ -107,7 +108,7 @@ std::size_t Batch::setPolicy(const std::string& builtInChain, const std::string&
 std::size_t Batch::addChain(const std::string& chain)
 {
     nlmsghdr* message = begin(NFT_MSG_NEWCHAIN, NLM_F_CREATE | NLM_F_EXCL);
-    putText(message, NFTA_CHAIN_TABLE, filterTable);
+    putText(message, NFTA_CHAIN_TABLE, m_table.c_str());
     putText(message, NFTA_CHAIN_NAME, chain.c_str());
     return end(message);
 }
@@ -115,7 +116,7 @@ std::size_t Batch::addChain(const std::string& chain)
 std::size_t Batch::deleteChain(const std::string& chain)
 {
     nlmsghdr* message = begin(NFT_MSG_DELCHAIN, NLM_F_NONREC);
-    putText(message, NFTA_CHAIN_TABLE, filterTable);
+    putText(message, NFTA_CHAIN_TABLE, m_table.c_str());
     putText(message, NFTA_CHAIN_NAME, chain.c_str());
     return end(message);
 }
@@ -125,7 +126,7 @@ std::size_t Batch::putRule(const std::string& chain, const Expressions& expressi
 {
     const unsigned flags = NLM_F_CREATE | (place.where == Place::Where::InFront ? 0 : NLM_F_APPEND);
     nlmsghdr* message = begin(NFT_MSG_NEWRULE, static_cast<std::uint16_t>(flags));
-    putText(message, NFTA_RULE_TABLE, filterTable);
+    putText(message, NFTA_RULE_TABLE, m_table.c_str());
     putText(message, NFTA_RULE_CHAIN, chain.c_str());
     if (place.where == Place::Where::Behind)
         put64(message, NFTA_RULE_POSITION, place.handle);
@@ -157,7 +158,7 @@ std::size_t Batch::addChainPolicy(const std::string& chain, const std::string& p
 std::size_t Batch::deleteRule(const std::string& chain, std::uint64_t handle)
 {
     nlmsghdr* message = begin(NFT_MSG_DELRULE, 0);
-    putText(message, NFTA_RULE_TABLE, filterTable);
+    putText(message, NFTA_RULE_TABLE, m_table.c_str());
     putText(message, NFTA_RULE_CHAIN, chain.c_str());
     put64(message, NFTA_RULE_HANDLE, handle);
     return end(message);
@@ -166,7 +167,7 @@ std::size_t Batch::deleteRule(const std::string& chain, std::uint64_t handle)
 std::size_t Batch::deleteRules(const std::string& chain)
 {
     nlmsghdr* message = begin(NFT_MSG_DELRULE, 0);
-    putText(message, NFTA_RULE_TABLE, filterTable);
+    putText(message, NFTA_RULE_TABLE, m_table.c_str());
     putText(message, NFTA_RULE_CHAIN, chain.c_str());
     return end(message);
 }

@@ -3,6 +3,7 @@
 
 #include "ebtables/command.hpp"
 #include "nftables/expressions.hpp"
+#include "nftables/rule_message.hpp"
 #include "nftables/socket.hpp"
 
 #include <cstdint>
@@ -29,7 +30,8 @@ class Batch
 public:
     // generation: of the tables that the changes are meant for. When the kernel's is another one by then, it refuses
     // the batch. Without, it is taken as it comes. The table is made when it is missing.
-    explicit Batch(std::optional<std::uint32_t> generation);
+    // table: in the bridge family.
+    explicit Batch(std::optional<std::uint32_t> generation, std::string table = filterTable);
 
     std::size_t addBuiltInChain(const std::string& chain, const std::string& policy);
     std::size_t setPolicy(const std::string& builtInChain, const std::string& policy);
@@ -41,6 +43,17 @@ public:
     std::size_t deleteRule(const std::string& chain, std::uint64_t handle);
     std::size_t deleteRules(const std::string& chain);
 
+    // Another message: `put` is called with it to add its attributes, at most `size` bytes of them. type: as in
+    // NFT_MSG_NEWSET.
+    template <typename Put>
+    std::size_t add(std::uint16_t type, std::uint16_t flags, std::size_t size, const Put& put)
+    {
+        nlmsghdr* message = begin(type, flags, size);
+        put(message);
+        return end(message);
+    }
+
+    const std::string& table() const { return m_table; }
     std::size_t messages() const { return m_count; }
 
     // The whole datagram: message `index` has the sequence number first + `ahead` + index. Nothing can be added any
@@ -53,12 +66,15 @@ public:
     std::uint32_t sequenceNumbers() const { return static_cast<std::uint32_t>(m_count) + ahead + 1; }
 
 private:
-    nlmsghdr* begin(std::uint16_t type, std::uint16_t flags);
-    nlmsghdr* beginControl(std::uint16_t type, std::uint16_t flags);
+    nlmsghdr* begin(std::uint16_t type, std::uint16_t flags, std::size_t size = usualSize);
+    nlmsghdr* beginControl(std::uint16_t type, std::uint16_t flags, std::size_t size = usualSize);
     std::size_t end(const nlmsghdr* message);
     std::size_t putRule(const std::string& chain, const Expressions& expressions,
                         const std::optional<ebtables::EthertypeMatch>& ethertype, Place place, bool isPolicy);
 
+    static constexpr std::size_t usualSize = 4000; // of a message's attributes, by far
+
+    std::string m_table;
     std::vector<std::uint8_t> m_bytes;
     std::size_t m_used = 0;
     std::size_t m_count = 0;

@@ -27,22 +27,6 @@ constexpr std::size_t ruleHeader = 4; // struct nfgenmsg
 
 // ---- writing
 
-class Nest
-{
-public:
-    Nest(nlmsghdr* message, int type)
-        : m_message(message), m_attribute(mnl_attr_nest_start(message, static_cast<std::uint16_t>(type)))
-    {
-    }
-    ~Nest() { mnl_attr_nest_end(m_message, m_attribute); }
-    Nest(const Nest&) = delete;
-    Nest& operator=(const Nest&) = delete;
-
-private:
-    nlmsghdr* m_message;
-    nlattr* m_attribute;
-};
-
 void putData(nlmsghdr* message, int type, const void* data, std::size_t size)
 {
     const Nest nest(message, type);

@@ -19,7 +19,7 @@ subprocess           system
 ebtables             text arpa/inet.h
 compiled             ebtables
 ovsdb                platform text system rapidjson
-nftables             ebtables text system libmnl
+nftables             ebtables compiled text system libmnl
 schema               platform
 schema/server        schema ovsdb platform text
 
@@ -46,7 +46,7 @@ tests/unit           daemon handler records platform platform_fake platform_linu
 tests/golden         handler platform_fake tests/random gtest
 tests/random         handler platform_fake gtest
 tests/process        platform platform_linux/queue ovsdb schema/server system gtest
-tests/system         platform platform_linux/queue ebtables nftables subprocess moatctl/tables moatctl/bridge
+tests/system         platform platform_linux/queue compiled tests/compiled ebtables nftables libmnl subprocess moatctl/tables moatctl/bridge
                      moatctl/check moatctl/command_line tests/moatctl system gtest
 tests/compiled       compiled ebtables
 tests/moatctl        moatctl/tables moatctl/bridge subprocess system gtest

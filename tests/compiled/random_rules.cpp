@@ -48,7 +48,7 @@ ebtables::MacMatch RandomRules::mac()
     ebtables::MacMatch match;
     match.address = {2, 0, 0, 0, static_cast<std::uint8_t>(m_next(2)), static_cast<std::uint8_t>(m_next(m_values))};
     if (one(20))
-        match.mask = prefix<6>(8 * m_next(6));
+        match.mask = prefix<6>(8 * (1 + m_next(5)));
     else if (one(40))
         match.mask = {0xff, 0, 0, 0, 0, 0xff};
     for (std::size_t i = 0; i < match.mask.size(); ++i)

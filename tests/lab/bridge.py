@@ -40,17 +40,21 @@ class Bridge:
         A set holds the ports by which the frame left, and the bridge's name if the device itself received it.
         No time limit is involved: see _waitUntilDelivered.
         """
+        received = self.sendRaw([(port, frame.data) for port, frame in sent])
+        return [{name for name, frames in received.items() if any(data.endswith(frame.token) for data in frames)}
+                for _, frame in sent]
+
+    def sendRaw(self, sent):
+        """Sends bytes, each as (port they come in by, bytes); returns what was received by now, {name: [bytes, ...]}."""
         cpus = os.sched_getaffinity(0)
         os.sched_setaffinity(0, {min(cpus)})
         try:
-            for port, frame in sent:
-                self._far[port].send(frame.data)
+            for port, data in sent:
+                self._far[port].send(data)
             self._waitUntilDelivered()
         finally:
             os.sched_setaffinity(0, cpus)
-        received = {name: _drain(tap) for name, tap in self._taps.items()}
-        return [{name for name, frames in received.items() if any(data.endswith(frame.token) for data in frames)}
-                for _, frame in sent]
+        return {name: _drain(tap) for name, tap in self._taps.items()}
 
     def sendOne(self, port, frame):
         """As send, for one frame."""
