@@ -10,6 +10,11 @@ set(MOATKEEPER_DEVICE_PLATFORM moatkeeper_platform_linux CACHE STRING
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${MOATKEEPER_WERROR}>:-Werror>)
 
+# On 32-bit machines, too, there is time after 2038.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 if(MOATKEEPER_SANITIZE)
   add_compile_options(-fsanitize=${MOATKEEPER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${MOATKEEPER_SANITIZE})

@@ -270,8 +270,9 @@ void attend(Child& child, const RunLimits& limits)
                            " did not end within " + std::to_string(limits.time.count()) + " ms and was killed");
             return;
         }
-        const auto nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
-        const timespec wait{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+        const auto whole = std::chrono::floor<std::chrono::seconds>(left);
+        const timespec wait{static_cast<time_t>(whole.count()),
+                            static_cast<long>(std::chrono::nanoseconds(left - whole).count())};
         std::array<pollfd, 3> wanted = child.wanted();
         const int ready = ppoll(wanted.data(), wanted.size(), &wait, &mask);
         if (ready < 0 && errno == EINTR && !stopped) {

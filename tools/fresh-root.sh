@@ -2,8 +2,9 @@
 # Tries the README's two commands where nothing is installed: makes a minimal Debian 12 in a folder, puts the last commit
 # there, once in an ordinary folder and once in one of mode 700 under /root, and runs tools/demo.sh and tools/test.sh in
 # both. Packages come from where this machine has its own. Takes about half an hour and 4 GB, needs root, asks nothing.
-# usage: tools/fresh-root.sh [--slow] [FOLDER]
+# usage: tools/fresh-root.sh [--slow | --cross] [FOLDER]
 #   --slow   in the end also, in the first clone, all other commands of the documents that take long
+#   --cross  instead, builds and tests for other processors, in the first clone
 #   FOLDER   where to make it, instead of a new folder in TMPDIR; it is removed in the end
 #
 # Everything happens in mount and process namespaces of its own, and they and the folder go with this script, even when
@@ -90,6 +91,10 @@ case "${1-}" in
     number=0
     makeRoot
     echo "== a minimal $suite after $SECONDS s"
+    if [ "$3" = --cross ]; then
+        try "${clones[0]}" cross
+        exit
+    fi
     for clone in "${clones[@]}"; do
         try "$clone" fresh
     done
@@ -99,7 +104,7 @@ case "${1-}" in
 esac
 
 slow=
-if [ "${1-}" = --slow ]; then
+if [ "${1-}" = --slow ] || [ "${1-}" = --cross ]; then
     slow=$1
     shift
 fi

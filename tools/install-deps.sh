@@ -1,7 +1,8 @@
 #!/bin/sh
 # Installs what moatkeeper needs on Debian 12. This is the one list of packages.
-# usage: tools/install-deps.sh [GROUP...]   build, running, tests, packages, checks,
-#   fresh-root; without one all but the last
+# usage: tools/install-deps.sh [GROUP...]   build, running, tests, packages, checks; all of these without one
+#   fresh-root       what tools/fresh-root.sh needs
+#   arm64, armhf     to build for these and to run it; adds the architecture to those that dpkg installs
 # Does nothing when everything is there. Never starts or enables the services that come with the packages.
 set -eu
 
@@ -13,11 +14,18 @@ packagesFor() { # group
     packages) echo debhelper dpkg-dev file lintian ;;
     checks) echo ccache clang clang-format clang-tidy gcovr git gnuplot-nox libclang-rt-14-dev llvm mandoc shellcheck ;;
     fresh-root) echo debootstrap git util-linux ;;
+    arm64) crossPackagesFor arm64 g++-aarch64-linux-gnu ;;
+    armhf) crossPackagesFor armhf g++-arm-linux-gnueabihf ;;
     *)
-        echo "install-deps: no group '$1', expected build, running, tests, packages, checks or fresh-root" >&2
+        echo "install-deps: no group '$1', expected build, running, tests, packages, checks, fresh-root, arm64 or armhf" >&2
         return 2
         ;;
     esac
+}
+
+crossPackagesFor() { # architecture, compiler
+    echo cmake libcli11-dev ninja-build python3 qemu-user rapidjson-dev "$2" \
+        "libgmock-dev:$1" "libgtest-dev:$1" "libmnl-dev:$1" "libstdc++6:$1"
 }
 
 isInstalled() { # package
@@ -48,6 +56,11 @@ if [ ! -e $policy ]; then
     chmod 755 $policy
 fi
 
+for architecture in arm64 armhf; do
+    case $missing in
+    *":$architecture"*) dpkg --add-architecture $architecture ;;
+    esac
+done
 echo "install-deps: installing$missing"
 export DEBIAN_FRONTEND=noninteractive
 set -- -o DPkg::Lock::Timeout=300 --no-install-recommends -y

@@ -11,7 +11,7 @@ std::string timeStamp(std::chrono::sys_time<std::chrono::nanoseconds> time)
 {
     using namespace std::chrono;
     const auto whole = floor<seconds>(time);
-    const std::time_t since = whole.time_since_epoch().count();
+    const auto since = static_cast<std::time_t>(whole.time_since_epoch().count());
     const auto milli = duration_cast<milliseconds>(time - whole).count();
     std::tm local{};
     localtime_r(&since, &local);

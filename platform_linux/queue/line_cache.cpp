@@ -22,7 +22,7 @@ public:
 
     std::uint64_t of(std::string_view text)
     {
-        std::uint64_t last = text.size() << 56U;
+        std::uint64_t last = std::uint64_t{text.size()} << 56U;
         for (; text.size() >= 8; text.remove_prefix(8)) {
             std::uint64_t word;
             std::memcpy(&word, text.data(), sizeof word);
