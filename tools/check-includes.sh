@@ -35,7 +35,7 @@ moatctl/command_line moatctl moatctl/tables moatctl/bridge moatctl/check ebtable
                      system CLI
 moatctl/verbs        moatctl moatctl/tables moatctl/bridge moatctl/check moatctl/command_line ebtables ovsdb schema schema/server
                      platform unistd.h
-moatctl/describe     moatctl/tables moatctl/command_line moatctl/verbs schema CLI
+moatctl/describe     moatctl/tables moatctl/command_line moatctl/verbs ovsdb schema CLI
 
 demo                 handler platform platform_fake schema
 bench                handler platform platform_fake platform_linux/queue system
