@@ -3,6 +3,7 @@
 usage: commands_test.py BUILD_FOLDER PREFIX
 """
 
+import contextlib
 import os
 import pathlib
 import re
@@ -15,7 +16,7 @@ import unittest
 from lab import programs, sandbox, waiting
 
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
-WAYS = ("test", "starts", "fresh", "slow", "ci", "nobody")
+WAYS = ("test", "starts", "fresh", "slow", "cross", "ci", "nobody")
 BUILD, PREFIX = os.path.realpath(sys.argv[1]), sys.argv[2]
 CLONE = "/tmp/clone"
 # What programs must show; of the others the exit status counts.
@@ -40,18 +41,21 @@ def inBlocks(name):
 
 
 def inText(name):
-    """The commands between backticks in a document's other text."""
+    """The commands between backticks in a document's other text. A verb alone names a kind of command."""
     rest = re.sub(r"```.*?```", "", (SOURCES / name).read_text(encoding="utf-8"), flags=re.DOTALL)
     for words in re.findall(r"`([^`]+)`", rest):
         if re.match(r"(\./|tools/|bench/.*\.py |[A-Z_]+=\S* |"
-                    r"(apt-get|cmake|ctest|bash|man|systemctl|moatctl|ebtables\S*|ovsdb-\S+) )", words):
+                    r"(apt-get|cmake|ctest|bash|man|sysctl|systemctl|moatctl|ebtables\S*|ovsdb-\S+) )",
+                    words) and not re.fullmatch(r"(moatctl|systemctl) [a-z][a-z-]*", words):
             yield " ".join(words.split())
 
 
 class Documents(unittest.TestCase):
     def testEveryCommandIsRunBySomebody(self):
-        shown = {*inBlocks("README.md"), *inText("README.md"), *inBlocks("CONTRIBUTING.md"), *inText("CONTRIBUTING.md"),
-                 *inBlocks("docs/performance.md")}
+        shown = {command for name in ("README.md", "CONTRIBUTING.md", "docs/performance.md") for command in inBlocks(name)}
+        # What stands in the guide's blocks is run by tests/system/guide_test.py, all of it.
+        for name in ("README.md", "CONTRIBUTING.md", *(f"docs/{file.name}" for file in (SOURCES / "docs").glob("*.md"))):
+            shown |= set(inText(name))
         table = dict((command, way) for way, command in readTable())
         self.assertGreater(len(shown), 20)
         self.assertEqual(shown - set(table), set(), "shown, but not in commands.txt")
@@ -83,16 +87,23 @@ class Commands(unittest.TestCase):
     def testTheDocuments(self):
         self.play([step for step in readTable() if step[0] in ("test", "starts")], CLONE)
 
-    def testTheManualPage(self):
-        page = (SOURCES / "docs/man/moatkeeper.8").read_text(encoding="utf-8")
-        example = re.search(r"\.Bd -literal.*?\n(.*?)\.Ed", page, re.DOTALL)[1]
-        *commands, daemon = example.replace("\\e\n", " ").splitlines()
-        os.environ["PATH"] += f":{BUILD}/daemon"
-        self.assertTrue(daemon.startswith("moatkeeper "), daemon)
-        with tempfile.TemporaryDirectory() as folder:
-            os.symlink(SOURCES / "schema/moatkeeper.ovsschema", f"{folder}/moatkeeper.ovsschema")
-            self.play([*(("test", command) for command in commands), ("starts", daemon), ("test", "ebtables-save")],
-                      folder, {"ebtables-save": ":UserInputRules"})
+    def testTheManualPages(self):
+        """What stands in the pages' examples, a page in a folder of its own."""
+        subprocess.run(["cmake", "--install", BUILD], check=True, stdout=subprocess.DEVNULL)
+        for name, shown in (("moatkeeper.8", {"ebtables-save": ":UserInputRules"}), ("moatkeeper-db.8", {})):
+            with self.subTest(name), tempfile.TemporaryDirectory() as folder:
+                os.symlink(SOURCES / "schema/moatkeeper.ovsschema", f"{folder}/moatkeeper.ovsschema")
+                steps = [("starts" if command.startswith("moatkeeper -") else "test", command)
+                         for command in self.examples(SOURCES / "docs/man" / name)]
+                self.assertGreater(len(steps), 2)
+                self.play([*steps, *(("test", command) for command in shown)], folder, shown)
+                self.doCleanups()
+
+    @staticmethod
+    def examples(page):
+        text = page.read_text(encoding="utf-8").split(".Sh EXAMPLES")[1]
+        for block in re.findall(r"\.Bd -literal.*?\n(.*?)\.Ed", text, re.DOTALL):
+            yield from block.replace("\\e\n", " ").splitlines()
 
     def play(self, steps, folder, shown=SHOWN):
         """Runs the commands of the steps in the folder, as a person would; servers are stopped in the end."""
@@ -124,7 +135,8 @@ class Commands(unittest.TestCase):
     def stopServer(pidFile):
         """A server that has gone into the background by itself."""
         if os.path.exists(pidFile):
-            os.kill(int(pathlib.Path(pidFile).read_text(encoding="ascii")), signal.SIGTERM)
+            with contextlib.suppress(ProcessLookupError, FileNotFoundError):  # it is about to end by itself
+                os.kill(int(pathlib.Path(pidFile).read_text(encoding="ascii")), signal.SIGTERM)
             waiting.until(lambda: not os.path.exists(pidFile), "the server's end")
 
 
