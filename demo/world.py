@@ -82,10 +82,13 @@ class Printed:
     explainOptions = ("--configured",)  # the kernel has nothing of this
 
     def __init__(self, build, schema, folder):
+        self._printer = None
+        self._program = f"{build}/demo/moatkeeper_lines"
+        if not os.path.exists(self._program):
+            raise Failure(f"{self._program} is missing: the tour on paper needs a build")
         self._build = build
         self._socket = f"{folder}/server.socket"
         self._server = programs.startServer(schema, folder, socketPath=self._socket)
-        self._printer = None
 
     def moatctl(self, *arguments):
         return _moatctl(self._build, self._socket, ["--no-wait", *arguments])
@@ -95,7 +98,7 @@ class Printed:
 
     def start(self):
         self._printer = subprocess.Popen(
-            [f"{self._build}/demo/moatkeeper_lines"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+            [self._program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         return self._commit()
 
     def change(self, *arguments):

@@ -76,8 +76,13 @@ class Commands(unittest.TestCase):
     def setUpClass(cls):
         if PREFIX != "/usr/local":
             raise unittest.SkipTest(f"this build is for {PREFIX}, the README's for /usr/local")
+        packages = "/tmp/dpkg"  # what dpkg knows stays in sight
+        os.mkdir(packages)
+        subprocess.run(["mount", "--bind", "/var/lib/dpkg", packages], check=True)
         for folder in ("/usr/local", "/var/lib"):
             subprocess.run(["mount", "-t", "tmpfs", "tmpfs", folder], check=True)
+        os.mkdir("/var/lib/dpkg")
+        subprocess.run(["mount", "--bind", packages, "/var/lib/dpkg"], check=True)
         os.makedirs(f"{CLONE}/build")
         os.symlink(BUILD, f"{CLONE}/build/release")
         for entry in SOURCES.iterdir():

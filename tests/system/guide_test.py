@@ -1,12 +1,15 @@
-"""The recipes of the administrators' guide and the examples of the tool's manual page: each command works as it stands."""
+"""The recipes of the administrators' guide, the examples of the tool's manual page and the README's session: each command
+works as it stands."""
 
 import os
 import re
+import socket
 import subprocess
 import sys
 
 from lab import config, kernel, machine, programs, waiting
 
+README = os.path.realpath(os.path.join(os.path.dirname(__file__), "../../README.md"))
 GUIDE = os.path.realpath(os.path.join(os.path.dirname(__file__), "../../docs/guide.md"))
 MOATCTL = os.path.realpath(sys.argv[sys.argv.index("--daemon") + 1] + "/../../moatctl/moatctl")
 
@@ -32,6 +35,15 @@ BEFORE = {"batch": "echo rule disable 1 > changes.txt",
           "import": "moatctl export > configuration.json; cp configuration.json new.json",
           "check": "moatctl export > rules.json", "undo": SEVENTEEN, "confirm": ON_TRIAL, "cancel": ON_TRIAL}
 STATUS = {"check": (0, 1), "status": (0, 1)}
+
+
+def makePorts(bridge):
+    """Those that the texts speak of."""
+    present = [name for _, name in socket.if_nameindex()]
+    for port in ("guest", "office", "uplink"):
+        if port not in present:
+            subprocess.run(["ip", "link", "add", port, "type", "veth", "peer", "name", f"{port}_far"], check=True)
+        subprocess.run(["ip", "link", "set", port, "master", bridge, "up"], check=True)
 
 
 class Manual(machine.Machine):
@@ -79,14 +91,33 @@ class Manual(machine.Machine):
         self.assertEqual(program.stop(), 0, program.readLog())
 
 
+class Session(machine.Machine):
+    """The README's: what it shows is what comes, word for word."""
+
+    def setUp(self):
+        os.environ["PATH"] = f"{os.path.dirname(MOATCTL)}:{os.environ['PATH']}"
+        os.environ["SSH_CONNECTION"] = ""
+        self.configure({}, kernel.expected())
+        makePorts(self.bridge.name)
+
+    def testItIsAsShown(self):
+        with open(README, encoding="utf-8") as readme:
+            shown = re.search(r"```console\n(.*?)```", readme.read(), re.DOTALL)[1]
+        commands = re.findall(r"^# (.*)$", shown, re.M)
+        self.assertGreater(len(commands), 4)
+        come = ""
+        for command in commands:
+            done = subprocess.run(["sh", "-c", f"{command} 2>&1"], capture_output=True, text=True, check=False, timeout=60)
+            come += f"# {command}\n{done.stdout}"
+        self.assertEqual(come, shown)
+
+
 class Guide(machine.Machine):
     """All recipes, one after the other, on one configuration."""
 
     def testTheRecipesWork(self):
         self.configure({}, kernel.expected())
-        for port in ("guest", "office", "uplink"):
-            for words in (f"add {port} type veth peer name {port}_far", f"set {port} master {self.bridge.name} up"):
-                subprocess.run(["ip", "link", *words.split()], check=True)
+        makePorts(self.bridge.name)
         with open(GUIDE, encoding="utf-8") as guide:
             blocks = re.findall(r"```sh\n(.*?)```", guide.read(), re.DOTALL)
         commands = [line for block in blocks for line in block.splitlines()]
