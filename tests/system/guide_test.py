@@ -94,6 +94,8 @@ class Manual(machine.Machine):
 class Session(machine.Machine):
     """The README's: what it shows is what comes, word for word."""
 
+    database = "session.db"  # with Ids that nobody has used
+
     def setUp(self):
         os.environ["PATH"] = f"{os.path.dirname(MOATCTL)}:{os.environ['PATH']}"
         os.environ["SSH_CONNECTION"] = ""
