@@ -6,8 +6,6 @@ namespace ovsdb
 namespace
 {
 
-constexpr std::size_t textInside = 15; // longer ones take memory of their own
-
 int hexDigit(char c)
 {
     if (c >= '0' && c <= '9')
@@ -54,14 +52,55 @@ std::optional<Uuid> Uuid::fromText(std::string_view text)
     return uuid;
 }
 
+RowValues::RowValues(std::span<const tessera::Value> values)
+{
+    std::size_t length = 0;
+    for (const tessera::Value& value : values)
+        length += value.getText().size();
+    m_texts.reserve(length);
+    m_cells.reserve(values.size());
+    for (const tessera::Value& value : values) {
+        m_texts += value.getText();
+        if (value.isText())
+            m_cells.push_back({.number = static_cast<std::uint32_t>(m_texts.size()), .isText = true});
+        else
+            m_cells.push_back({.number = static_cast<std::uint32_t>(value.getInteger()), .isText = false});
+    }
+}
+
+tessera::Value RowValues::operator[](std::size_t column) const
+{
+    return m_cells[column].isText ? tessera::Value(std::string(text(column))) : tessera::Value(integer(column));
+}
+
+std::vector<tessera::Value> RowValues::toList() const
+{
+    std::vector<tessera::Value> list;
+    list.reserve(size());
+    for (std::size_t i = 0; i < size(); ++i)
+        list.push_back((*this)[i]);
+    return list;
+}
+
+std::string_view RowValues::text(std::size_t column) const
+{
+    if (!m_cells[column].isText)
+        return {};
+    std::size_t before = column;
+    while (before > 0 && !m_cells[before - 1].isText)
+        --before;
+    const std::size_t begin = before > 0 ? m_cells[before - 1].number : 0;
+    return std::string_view(m_texts).substr(begin, m_cells[column].number - begin);
+}
+
+std::int32_t RowValues::integer(std::size_t column) const
+{
+    return m_cells[column].isText ? 0 : static_cast<std::int32_t>(m_cells[column].number);
+}
+
 std::size_t memoryOf(const Row& row)
 {
-    std::size_t bytes = sizeof row;
-    for (const tessera::Value& value : row.values) {
-        const std::size_t text = value.getText().size();
-        bytes += sizeof value + (text > textInside ? text + 1 : 0);
-    }
-    return bytes;
+    return sizeof row + row.values.memory();
 }
 
 } // namespace ovsdb

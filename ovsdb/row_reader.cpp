@@ -21,18 +21,18 @@ public:
             refuse("expected one of initial, insert, delete, modify");
         const auto& [form, columns] = forms.front();
         if (form == "initial" || form == "insert") {
-            Row row = defaults(uuid);
-            read(columns, row);
-            return {.kind = ChangeKind::Insert, .row = std::move(row)};
+            Values values = defaults();
+            read(columns, values);
+            return {.kind = ChangeKind::Insert, .row = {.uuid = uuid, .values = RowValues(values)}};
         }
         if (form != "delete" && form != "modify")
             refuse("expected one of initial, insert, delete, modify");
         const Row& held = existing(before(uuid));
         if (form == "delete")
             return {.kind = ChangeKind::Delete, .row = {.uuid = uuid, .values = {}}};
-        Row row = held;
-        read(columns, row); // a column of one value carries its new value
-        return {.kind = ChangeKind::Modify, .row = std::move(row)};
+        Values values = held.values.toList();
+        read(columns, values); // a column of one value carries its new value
+        return {.kind = ChangeKind::Modify, .row = {.uuid = uuid, .values = RowValues(values)}};
     }
 
     RowChange oldAndNew(const Uuid& uuid, const Json& change, const FindRow& before) const
@@ -47,13 +47,13 @@ public:
         if (oldColumns == nullptr && newColumns == nullptr)
             refuse("expected old, new or both");
         if (oldColumns != nullptr) {
-            Row ignored = existing(before(uuid));
+            Values ignored = existing(before(uuid)).values.toList();
             read(*oldColumns, ignored); // only checked
         }
         if (newColumns == nullptr)
             return {.kind = ChangeKind::Delete, .row = {.uuid = uuid, .values = {}}};
         return {.kind = oldColumns != nullptr ? ChangeKind::Modify : ChangeKind::Insert,
-                .row = complete(uuid, *newColumns)};
+                .row = {.uuid = uuid, .values = RowValues(complete(*newColumns))}};
     }
 
     [[noreturn]] void refuse(const std::string& reason) const
@@ -62,6 +62,8 @@ public:
     }
 
 private:
+    using Values = std::vector<tessera::Value>; // one per column
+
     std::string where() const { return "table " + m_table.name + ", row " + shownName(m_name); }
 
     const Json::Object& members(const Json& value) const
@@ -80,39 +82,39 @@ private:
     }
 
     // Writes the columns that are given. Returns how many these are.
-    std::size_t read(const Json& columns, Row& row) const
+    std::size_t read(const Json& columns, Values& values) const
     {
         std::size_t read = 0;
         for (const auto& [name, value] : members(columns)) {
             const auto column = m_table.find(name);
             if (!column)
                 refuse("unknown column " + shownName(name));
-            row.values[*column] = valueOf(m_table.columns[*column], value);
+            values[*column] = valueOf(m_table.columns[*column], value);
             ++read;
         }
         return read;
     }
 
     // In this form a server leaves out the columns that have the default of their type.
-    Row defaults(const Uuid& uuid) const
+    Values defaults() const
     {
-        Row row{.uuid = uuid, .values = {}};
-        row.values.reserve(m_table.columns.size());
+        Values values;
+        values.reserve(m_table.columns.size());
         for (const Column& column : m_table.columns)
-            row.values.push_back(column.ifUnset);
-        return row;
+            values.push_back(column.ifUnset);
+        return values;
     }
 
-    Row complete(const Uuid& uuid, const Json& columns) const
+    Values complete(const Json& columns) const
     {
-        Row row = defaults(uuid);
-        if (read(columns, row) == m_table.columns.size())
-            return row;
+        Values values = defaults();
+        if (read(columns, values) == m_table.columns.size())
+            return values;
         for (const Column& column : m_table.columns) {
             if (columns.find(column.name) == nullptr)
                 refuse("column \"" + column.name + "\" is missing");
         }
-        return row;
+        return values;
     }
 
     tessera::Value valueOf(const Column& column, const Json& value) const

@@ -26,8 +26,8 @@ public:
 
     bool operator()(const Row& a, const Row& b) const
     {
-        const std::int32_t idA = m_column ? a.values[*m_column].getInteger() : 0;
-        const std::int32_t idB = m_column ? b.values[*m_column].getInteger() : 0;
+        const std::int32_t idA = m_column ? a.values.integer(*m_column) : 0;
+        const std::int32_t idB = m_column ? b.values.integer(*m_column) : 0;
         return idA != idB ? idA < idB : a.uuid < b.uuid;
     }
 
@@ -91,10 +91,10 @@ std::span<const Row> TableCache::rows(std::string_view tableName) const
     return {};
 }
 
-const tessera::Value* TableCache::value(const Table& table, const Row& row, std::string_view columnName)
+std::optional<tessera::Value> TableCache::value(const Table& table, const Row& row, std::string_view columnName)
 {
     const auto column = table.find(columnName);
-    return column ? &row.values[*column] : nullptr;
+    return column ? std::optional(row.values[*column]) : std::nullopt;
 }
 
 std::vector<std::string> TableCache::tableNames() const

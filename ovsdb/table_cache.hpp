@@ -6,6 +6,7 @@
 #include "platform/value_list.hpp"
 
 #include <cstddef>
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
@@ -33,8 +34,8 @@ public:
     // The rows of a table by ascending Id; none when the table is not held. Valid until the next change.
     std::span<const Row> rows(std::string_view tableName) const;
 
-    // The row's value by column name, nullptr when the table has no such column.
-    static const tessera::Value* value(const Table& table, const Row& row, std::string_view columnName);
+    // The row's value by column name, or nothing when the table has no such column.
+    static std::optional<tessera::Value> value(const Table& table, const Row& row, std::string_view columnName);
 
     // nullptr when the table is not held.
     const Table* find(std::string_view tableName) const;

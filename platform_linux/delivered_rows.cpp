@@ -27,7 +27,7 @@ std::optional<Flaw> flawOf(const schema::Table& table, const ovsdb::Row& row)
         const schema::Column& column = table.columns[i];
         if (!column.isText())
             continue;
-        if (auto expected = schema::expectedOperand(column.kind, row.values[i].getText()))
+        if (auto expected = schema::expectedOperand(column.kind, row.values.text(i)))
             return Flaw{i, std::move(*expected)};
     }
     return std::nullopt;
@@ -64,14 +64,14 @@ void DeliveredRows::look(const std::string& tableName, View& view)
             view.rows.push_back(static_cast<std::uint32_t>(i));
             continue;
         }
-        const std::string& value = rows[i].values[flaw->column].getText();
+        const std::string_view value = rows[i].values.text(flaw->column);
         const std::size_t reason = std::hash<std::string_view>()(value) + flaw->column;
         view.leftOut.emplace(rows[i].uuid, reason);
         if (const auto known = before.find(rows[i].uuid); known != before.end() && known->second == reason)
             continue;
         std::string place = tableName;
         if (table.hasIds())
-            place += " Id " + std::to_string(rows[i].values.front().getInteger());
+            place += " Id " + std::to_string(rows[i].values.integer(0));
         ZOL_Sysloglevel_warning(m_logModule, label, 10,
                                 place + " is left out: column " + std::string(table.columns[flaw->column].name) + ", " +
                                     text::inQuotes(value) + ": expected " + flaw->expected);

@@ -36,7 +36,7 @@ namespace zol::cfg
 namespace
 {
 
-constexpr const char* label = "start";
+constexpr const char* startLabel = "start";
 
 std::string hostName()
 {
@@ -144,13 +144,13 @@ private:
     {
         const StartSettings settings = StartSettings::fromEnvironment();
         for (const std::string& problem : settings.problems)
-            ZOL_Sysloglevel_warning(m_logModule, label, 10, problem);
+            ZOL_Sysloglevel_warning(m_logModule, startLabel, 10, problem);
         if (settings.closed)
             close(settings);
         if (m_manager.waits())
             m_waitTimer = m_dispatcher.startTimer(settings.wait, [this] {
                 m_waitTimer = 0;
-                ZOL_Sysloglevel_warning(m_logModule, label, 30,
+                ZOL_Sysloglevel_warning(m_logModule, startLabel, 30,
                                         "no configuration is in force yet; the start goes on without it");
                 m_manager.isReady("waits for its configuration");
             });
@@ -161,12 +161,12 @@ private:
         using Held = TransactionQueue::Held;
         const Held held = m_queue.hold(settings.closingLines());
         if (held == Held::InForce)
-            ZOL_Sysloglevel_info(m_logModule, label, 20,
+            ZOL_Sysloglevel_info(m_logModule, startLabel, 20,
                                  "the bridge is closed until there is a configuration; allowed are " +
                                      std::to_string(settings.ports.size()) + " entries for ports and " +
                                      std::to_string(settings.macs.size()) + " for addresses");
         if (held == Held::NotNeeded)
-            ZOL_Sysloglevel_info(m_logModule, label, 21,
+            ZOL_Sysloglevel_info(m_logModule, startLabel, 21,
                                  "until there is a configuration, the rules of the process before stay");
         scheduleRetry();
     }
@@ -189,7 +189,7 @@ private:
 
     void reload()
     {
-        ZOL_Sysloglevel_info(m_logModule, label, 40, "looks at the bridge tables and the configuration anew");
+        ZOL_Sysloglevel_info(m_logModule, startLabel, 40, "looks at the bridge tables and the configuration anew");
         m_queue.look();
         queueHasRun();
         m_link->renew();
@@ -198,7 +198,7 @@ private:
     // Ends the process as a stop signal does, but leaves what is in force to the next one.
     void handOver()
     {
-        ZOL_Sysloglevel_info(m_logModule, label, 50, "what is in the bridge tables stays for the next process");
+        ZOL_Sysloglevel_info(m_logModule, startLabel, 50, "what is in the bridge tables stays for the next process");
         m_handedOver = true;
         m_queue.keep();
         std::raise(SIGTERM);
@@ -239,8 +239,7 @@ private:
         if (!m_device)
             return;
         const auto rows = m_link->tables().rows(schema::changeTable);
-        m_device->update(rows.empty() ? 0 : rows.front().values.front().getInteger(),
-                         m_queue.status(schema::maximumNotInForce));
+        m_device->update(rows.empty() ? 0 : rows.front().values.integer(0), m_queue.status(schema::maximumNotInForce));
     }
 
     // While the tables cannot be changed, what is wanted waits in the queue.

@@ -72,7 +72,7 @@ std::vector<Device> devicesOf(const ovsdb::TableCache& cache)
 std::optional<std::int32_t> changeNumberOf(const ovsdb::TableCache& cache)
 {
     const auto rows = cache.rows(schema::changeTable);
-    return rows.empty() ? std::nullopt : std::optional(rows.front().values.front().getInteger());
+    return rows.empty() ? std::nullopt : std::optional(rows.front().values.integer(0));
 }
 
 bool tellsWhatIsInForce(const ovsdb::Client& client)

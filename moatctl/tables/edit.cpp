@@ -22,7 +22,8 @@ namespace
 
 ovsdb::Json require(const Row& row)
 {
-    return ovsdb::requireRow(schema::serverDatabase().at(row.table->name), {.uuid = *row.uuid, .values = row.values});
+    return ovsdb::requireRow(schema::serverDatabase().at(row.table->name),
+                             {.uuid = *row.uuid, .values = ovsdb::RowValues(row.values)});
 }
 
 // Values of a new row, or those that differ.

@@ -88,9 +88,7 @@ std::vector<HistoryEntry> readHistory(ovsdb::Client& client)
     const ovsdb::Table& table = *state.find(schema::historyTable);
     std::vector<HistoryEntry> entries;
     for (const ovsdb::Row& row : state.rows(schema::historyTable)) {
-        const auto value = [&](std::string_view column) -> const tessera::Value& {
-            return *ovsdb::TableCache::value(table, row, column);
-        };
+        const auto value = [&](std::string_view column) { return *ovsdb::TableCache::value(table, row, column); };
         entries.push_back({.number = value(history::number).getInteger(),
                            .time = value(history::time).getText(),
                            .user = value(history::user).getText(),
@@ -243,7 +241,7 @@ std::vector<ovsdb::Json> addToHistory(const ovsdb::TableCache& state, const Occa
 {
     std::int32_t newest = 0;
     for (const ovsdb::Row& row : state.rows(schema::historyTable))
-        newest = std::max(newest, row.values.front().getInteger());
+        newest = std::max(newest, row.values.integer(0));
     if (newest >= std::numeric_limits<std::int32_t>::max() - 1) // a trial takes two
         throw Failure(ExitStatus::Conflict, "the history has no larger number left: delete its newest entry");
     std::string text = schema::toText(changes);

@@ -17,7 +17,7 @@ Configuration toConfiguration(const ovsdb::TableCache& cache)
     for (const schema::Table& table : schema::allTables()) {
         for (const ovsdb::Row& from : cache.rows(table.name)) {
             Row row(table);
-            row.values = from.values;
+            row.values = from.values.toList();
             row.uuid = from.uuid;
             configuration.add(std::move(row));
         }

@@ -35,7 +35,7 @@ private:
         bool operator==(const Key&) const = default;
     };
     struct FirstHalf {
-        std::size_t operator()(const Key& key) const { return static_cast<std::size_t>(key.first); }
+        std::size_t operator()(const Key& key) const noexcept { return static_cast<std::size_t>(key.first); }
     };
     // Derived, so that it has its place in the command's padding.
     struct Entry : PlayedCommand {

@@ -21,6 +21,27 @@ const std::string u1 = "aaaaaaaa-0000-0000-0000-000000000001";
 const std::string u2 = "aaaaaaaa-0000-0000-0000-000000000002";
 const std::string policies = "MoatKeeperInputPolicy";
 
+TEST(RowValuesTest, GiveBackWhatTheyWereMadeOf)
+{
+    using tessera::Value;
+    const std::vector<Value> list{
+        Value(std::string()),          Value(-7), Value("eth0"), Value(2147483647), Value(-2147483647 - 1),
+        Value(std::string("a\0b", 3)), Value("")};
+    const ovsdb::RowValues values(list);
+    EXPECT_EQ(values.toList(), list);
+    EXPECT_EQ(values.text(2), "eth0");
+    EXPECT_EQ(values.integer(2), 0);
+    EXPECT_EQ(values.text(3), "");
+    EXPECT_EQ(values.integer(4), -2147483647 - 1);
+    EXPECT_EQ(values.text(5), std::string_view("a\0b", 3));
+
+    EXPECT_EQ(values, ovsdb::RowValues(list));
+    const std::vector<Value> other{Value(4), Value("")};
+    const std::vector<Value> swapped{Value(""), Value(4)};
+    EXPECT_NE(ovsdb::RowValues(other), ovsdb::RowValues(swapped));
+    EXPECT_EQ(ovsdb::RowValues().size(), 0U);
+}
+
 // One table's changes as JSON text: {"table": {uuid: change}}.
 std::string change(const std::string& uuid, const std::string& what, const std::string& table = policies)
 {
@@ -77,7 +98,8 @@ TEST(OvsdbTableCacheTest, UnsetColumnsHaveTheirValue)
     EXPECT_EQ(integer(cache, 0, "Id"), 7);
     EXPECT_EQ(integer(cache, 0, "Enabled"), 1);
     EXPECT_EQ(integer(cache, 0, "EnableLogging"), 0);
-    EXPECT_EQ(TableCache::value(schema::serverDatabase().at(policies), cache.rows(policies)[0], "Colour"), nullptr);
+    EXPECT_EQ(TableCache::value(schema::serverDatabase().at(policies), cache.rows(policies)[0], "Colour"),
+              std::nullopt);
     EXPECT_TRUE(cache.rows("MoatKeeperBridgeFilterRules").empty());
     EXPECT_TRUE(cache.rows("Elsewhere").empty());
 }
