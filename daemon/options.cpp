@@ -2,8 +2,8 @@
 
 #include "handler/debug_mode.hpp"
 
+#include <cstdio>
 #include <cstdlib>
-#include <iostream>
 
 #include <unistd.h>
 
@@ -16,13 +16,21 @@ namespace
 void printUsage()
 {
     // The first line names another daemon. The text is an interface and stays as it is.
-    std::cerr << "Usage: romswapd [options]\n"
+    std::fprintf(stderr,
+                 "Usage: romswapd [options]\n"
                  " Options:\n"
                  "  -h: Print this help\n"
                  "  -b: Start as daemon instead of starting in foreground\n"
                  "  -d: Enable debug output\n"
-                 "  -p <filepath>: PID file path (default: "
-              << Options().pidFileLocation << ")\n";
+                 "  -p <filepath>: PID file path (default: %s)\n",
+                 Options().pidFileLocation.c_str());
+}
+
+// What is said on the way is there at once, whoever reads it.
+void say(const std::string& text)
+{
+    std::puts(text.c_str());
+    std::fflush(stdout);
 }
 
 } // namespace
@@ -38,18 +46,18 @@ Options parseOptions(int argc, char* argv[])
             std::exit(EXIT_SUCCESS);
         case 'b':
             options.daemonize = true;
-            std::cout << "Daemonize: " << options.daemonize << std::endl;
+            say("Daemonize: 1");
             break;
         case 'd':
             g_debugMode = 1;
-            std::cout << "Debug mode on" << std::endl;
+            say("Debug mode on");
             break;
         case 'p':
             options.pidFileLocation = optarg;
-            std::cout << "PID file path: " << options.pidFileLocation << std::endl;
+            say("PID file path: " + options.pidFileLocation);
             break;
         default:
-            std::cerr << "Unknown option: " << option << std::endl;
+            std::fprintf(stderr, "Unknown option: %d\n", option);
             printUsage();
             std::exit(EXIT_FAILURE);
         }

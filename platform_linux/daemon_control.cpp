@@ -2,21 +2,20 @@
 
 #include "platform/sysloglevel.h"
 #include "platform_linux/log_writer.hpp"
+#include "text/small_file.hpp"
 
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <iostream>
 #include <optional>
-#include <sstream>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -87,24 +86,20 @@ struct ProcessStatus {
 
 std::optional<ProcessStatus> processStatus(pid_t pid)
 {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::ostringstream content;
-    content << file.rdbuf();
-    const std::string text = content.str();
-    const std::size_t close = text.rfind(')');
+    const std::string content = text::readSmallFile("/proc/" + std::to_string(pid) + "/stat");
+    const std::size_t close = content.rfind(')');
     if (close == std::string::npos)
         return std::nullopt;
-    std::istringstream fields(text.substr(close + 1));
     ProcessStatus status;
-    fields >> status.state;
-    std::string skipped;
-    for (int field = 4; field < 22; ++field)
-        fields >> skipped;
-    double startTicks = 0; // since the boot
+    unsigned long long startTicks = 0; // since the boot
     timespec now{};
-    if (!(fields >> startTicks) || clock_gettime(CLOCK_BOOTTIME, &now) != 0)
+    // The fields from the third, the state, to the 22nd.
+    if (std::sscanf(content.c_str() + close + 1,
+                    " %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu", &status.state,
+                    &startTicks) != 2 ||
+        clock_gettime(CLOCK_BOOTTIME, &now) != 0)
         return std::nullopt;
-    const double start = startTicks / static_cast<double>(sysconf(_SC_CLK_TCK));
+    const double start = static_cast<double>(startTicks) / static_cast<double>(sysconf(_SC_CLK_TCK));
     status.age = std::chrono::duration<double>(static_cast<double>(now.tv_sec) - start);
     return status;
 }
@@ -198,7 +193,6 @@ void ZOL_Daemon_daemonize(ZOL_Daemon& daemon)
     requireWritableFolder(daemon, true); // while there is somebody to read it
 
     // Otherwise both processes would write what is buffered.
-    std::cout.flush();
     std::fflush(nullptr);
 
     std::array<int, 2> ends{};

@@ -3,12 +3,12 @@
 #include "schema/device.hpp"
 #include "schema/history.hpp"
 #include "schema/server/recorded_change.hpp"
+#include "text/small_file.hpp"
 #include "text/utc_time.hpp"
 
 #include <algorithm>
 #include <charconv>
 #include <ctime>
-#include <fstream>
 #include <string_view>
 #include <utility>
 
@@ -56,7 +56,8 @@ milliseconds elapsed(const Trial& trial, const Clocks& now)
 Clocks readClocks()
 {
     Clocks clocks;
-    std::ifstream("/proc/sys/kernel/random/boot_id") >> clocks.boot;
+    clocks.boot = text::readSmallFile("/proc/sys/kernel/random/boot_id");
+    clocks.boot.erase(std::min(clocks.boot.find('\n'), clocks.boot.size()));
     std::timespec time{};
     clock_gettime(CLOCK_BOOTTIME, &time);
     clocks.uptime = std::chrono::duration_cast<milliseconds>(std::chrono::seconds(time.tv_sec) +

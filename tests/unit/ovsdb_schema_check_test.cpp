@@ -3,21 +3,13 @@
 
 #include "ovsdb/error.hpp"
 #include "schema/server/database.hpp"
+#include "text/small_file.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-
 namespace
 {
-
-std::string schemaText()
-{
-    std::ifstream file(MOATKEEPER_SCHEMA);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 std::string check(const std::string& schema)
 {
@@ -34,8 +26,9 @@ std::string replaced(std::string text, const std::string& what, const std::strin
 
 TEST(OvsdbSchemaCheckTest, AcceptsOurSchemaAndMore)
 {
-    EXPECT_EQ(check(schemaText()), "1.1.0");
-    const std::string more = replaced(schemaText(), R"("Id": {)", R"("Extra": {"type": "string"}, "Id": {)");
+    EXPECT_EQ(check(text::readSmallFile(MOATKEEPER_SCHEMA)), "1.1.0");
+    const std::string more =
+        replaced(text::readSmallFile(MOATKEEPER_SCHEMA), R"("Id": {)", R"("Extra": {"type": "string"}, "Id": {)");
     EXPECT_NO_THROW(check(more));
 }
 
@@ -62,14 +55,14 @@ const OtherSchema otherSchemas[] = {
 TEST(OvsdbSchemaCheckTest, SomeTablesMayBeMissingAndNoColumn)
 {
     const auto without = [](const char* table) {
-        return replaced(schemaText(), '"' + std::string(table) + '"', "\"Other\"");
+        return replaced(text::readSmallFile(MOATKEEPER_SCHEMA), '"' + std::string(table) + '"', "\"Other\"");
     };
     const auto missing = [](const std::string& schema) {
         return ovsdb::checkSchema(ovsdb::parseJson(schema), schema::serverDatabase(),
                                   schema::serverDatabase().tableNames())
             .missing;
     };
-    EXPECT_THAT(missing(schemaText()), testing::IsEmpty());
+    EXPECT_THAT(missing(text::readSmallFile(MOATKEEPER_SCHEMA)), testing::IsEmpty());
     for (const char* table : {"MoatKeeperAcknowledged", "MoatKeeperUsedIds"})
         EXPECT_THAT(missing(without(table)), testing::ElementsAre(table));
     EXPECT_THROW(check(without("LargestId")), ovsdb::SchemaError);
@@ -79,7 +72,7 @@ TEST(OvsdbSchemaCheckTest, SaysWhatIsDifferent)
 {
     for (const auto& [what, by, message] : otherSchemas) {
         try {
-            check(replaced(schemaText(), what, by));
+            check(replaced(text::readSmallFile(MOATKEEPER_SCHEMA), what, by));
             ADD_FAILURE() << "accepted without " << what;
         } catch (const ovsdb::SchemaError& e) {
             EXPECT_NE(std::string(e.what()).find(message), std::string::npos) << e.what();

@@ -8,27 +8,19 @@
 #include "schema/server/database.hpp"
 #include "schema/trial.hpp"
 #include "schema/values.hpp"
+#include "text/small_file.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <fstream>
-#include <iterator>
 
 namespace
 {
 
 using ovsdb::Json;
 
-std::string schemaText()
-{
-    std::ifstream file(MOATKEEPER_SCHEMA);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 TEST(SchemaTablesTest, EqualTheSchemaFile)
 {
-    const Json schema = ovsdb::parseJson(schemaText());
+    const Json schema = ovsdb::parseJson(text::readSmallFile(MOATKEEPER_SCHEMA));
     EXPECT_EQ(*schema.find("name")->asText(), schema::databaseName);
     const Json::Object& tables = *schema.find("tables")->asObject();
     ASSERT_EQ(tables.size(), schema::serverDatabaseWithDevices().tables.size());
@@ -49,7 +41,7 @@ TEST(SchemaTablesTest, EqualTheSchemaFile)
 
 TEST(SchemaTablesTest, WhatIsKeptBesideEqualsTheSchemaFile)
 {
-    const Json schema = ovsdb::parseJson(schemaText());
+    const Json schema = ovsdb::parseJson(text::readSmallFile(MOATKEEPER_SCHEMA));
     std::size_t beside = 0;
     for (const ovsdb::Table& table : schema::serverDatabase().tables) {
         if (schema::findTable(table.name) != nullptr)
@@ -65,7 +57,7 @@ TEST(SchemaTablesTest, WhatIsKeptBesideEqualsTheSchemaFile)
 
 TEST(SchemaTablesTest, TheTablesOfDevicesEqualTheSchemaFile)
 {
-    const Json schema = ovsdb::parseJson(schemaText());
+    const Json schema = ovsdb::parseJson(text::readSmallFile(MOATKEEPER_SCHEMA));
     const std::vector<std::string> names = schema::serverDatabaseWithDevices().tableNames();
     EXPECT_NO_THROW(EXPECT_THAT(ovsdb::checkSchema(schema, schema::serverDatabaseWithDevices(), names).missing,
                                 testing::IsEmpty()));
@@ -112,7 +104,7 @@ TEST(SchemaTablesTest, DeviceNames)
 
 TEST(SchemaTablesTest, IntegersAreBoundedTo32Bits)
 {
-    const Json schema = ovsdb::parseJson(schemaText());
+    const Json schema = ovsdb::parseJson(text::readSmallFile(MOATKEEPER_SCHEMA));
     for (const auto& [tableName, table] : *schema.find("tables")->asObject()) {
         for (const auto& [name, column] : *table.find("columns")->asObject()) {
             const Json& key = *column.find("type")->find("key");
@@ -127,7 +119,7 @@ TEST(SchemaTablesTest, IntegersAreBoundedTo32Bits)
 // The server refuses early what the daemon would leave out, and nothing that it would not.
 TEST(SchemaTablesTest, TextsAreAsLongInTheSchemaFile)
 {
-    const Json schema = ovsdb::parseJson(schemaText());
+    const Json schema = ovsdb::parseJson(text::readSmallFile(MOATKEEPER_SCHEMA));
     for (const schema::Table& table : schema::allTables()) {
         for (const schema::Column& column : table.columns) {
             if (!column.isText())

@@ -1,9 +1,12 @@
+#include "tests/unit/scratch_folder.hpp"
 #include "text/one_line.hpp"
+#include "text/small_file.hpp"
 #include "text/utc_time.hpp"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <string>
 
 namespace
 {
@@ -19,6 +22,17 @@ TEST(InQuotes, ACutStandsBehindTheQuotationMark)
 {
     EXPECT_EQ(text::inQuotes("eth0\n"), "\"eth0\\x0a\"");
     EXPECT_EQ(text::inQuotes("abcdef", 3), "\"abc\"...");
+}
+
+TEST(SmallFile, IsReadUpToItsLimit)
+{
+    const ScratchFolder folder;
+    folder.write("lines", "two\nlines");
+    folder.write("large", std::string(70000, 'a'));
+    EXPECT_EQ(text::readSmallFile(folder.path("lines")), "two\nlines");
+    EXPECT_EQ(text::readSmallFile(folder.path("large")), std::string(65536, 'a'));
+    EXPECT_EQ(text::readSmallFile(folder.path("none")), "");
+    EXPECT_EQ(text::readSmallFile(folder.path()), "");
 }
 
 TEST(UtcTime, IsReadAsItIsWritten)
