@@ -25,7 +25,7 @@
 namespace
 {
 
-constexpr const char* label = "daemonctl";
+constexpr const char* daemonLabel = "daemonctl";
 
 // Where the PID file is when nobody says otherwise. In the foreground none is written, so that any user can run the
 // daemon there who may not write this folder.
@@ -35,16 +35,16 @@ constexpr std::string_view usualLocation = "/var/run";
 // detached) the reason is written there, too.
 [[noreturn]] void fail(const ZOL_Daemon& daemon, int line, const std::string& text, bool alsoToTerminal = false)
 {
-    ZOL_Sysloglevel_error(ZOL_Sysloglevel_registerModul(daemon.name.c_str()), label, line, text);
+    ZOL_Sysloglevel_error(ZOL_Sysloglevel_registerModul(daemon.name.c_str()), daemonLabel, line, text);
     if (alsoToTerminal)
         logging::write(logging::Target::standardError, logging::Severity::error,
-                       logging::formatLine(label, line, text));
+                       logging::formatLine(daemonLabel, line, text));
     std::exit(1);
 }
 
 void warn(const ZOL_Daemon& daemon, int line, const std::string& text)
 {
-    ZOL_Sysloglevel_warning(ZOL_Sysloglevel_registerModul(daemon.name.c_str()), label, line, text);
+    ZOL_Sysloglevel_warning(ZOL_Sysloglevel_registerModul(daemon.name.c_str()), daemonLabel, line, text);
 }
 
 // What stands in a PID file, and whether its writer still holds it.

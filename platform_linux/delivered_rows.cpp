@@ -13,7 +13,7 @@ namespace zol::cfg
 namespace
 {
 
-constexpr const char* label = "config";
+constexpr const char* rowsLabel = "config";
 
 // The first column with a text that is no operand, and what was expected instead.
 struct Flaw {
@@ -72,7 +72,7 @@ void DeliveredRows::look(const std::string& tableName, View& view)
         std::string place = tableName;
         if (table.hasIds())
             place += " Id " + std::to_string(rows[i].values.integer(0));
-        ZOL_Sysloglevel_warning(m_logModule, label, 10,
+        ZOL_Sysloglevel_warning(m_logModule, rowsLabel, 10,
                                 place + " is left out: column " + std::string(table.columns[flaw->column].name) + ", " +
                                     text::inQuotes(value) + ": expected " + flaw->expected);
     }

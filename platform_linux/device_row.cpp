@@ -16,7 +16,7 @@ namespace
 namespace device = schema::device;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* label = "device";
+constexpr const char* deviceLabel = "device";
 constexpr std::size_t longestLine = 1'500; // of a line that is not in force, and of its reason
 constexpr std::size_t longestReason = 900;
 
@@ -44,7 +44,7 @@ DeviceRow::DeviceRow(const std::string& deviceName, tessera::net::EventDispatche
       m_started(text::utcTime(std::chrono::system_clock::now()))
 {
     if (m_name.empty())
-        ZOL_Sysloglevel_warning(m_logModule, label, 10,
+        ZOL_Sysloglevel_warning(m_logModule, deviceLabel, 10,
                                 "the host name " + text::inQuotes(deviceName) +
                                     " cannot name a device: expected 1 to 64 letters, digits, '.', '-' and '_'. The "
                                     "server will not be told what is in force here");
@@ -162,7 +162,8 @@ void DeviceRow::refused(const std::string& reason)
 {
     m_asked = false;
     if (!std::exchange(m_toldRefused, true))
-        ZOL_Sysloglevel_warning(m_logModule, label, 20, "the server does not take what is in force here: " + reason);
+        ZOL_Sysloglevel_warning(m_logModule, deviceLabel, 20,
+                                "the server does not take what is in force here: " + reason);
     // What was sent counts as told: the next change is another attempt.
     writeSoon();
 }

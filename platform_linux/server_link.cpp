@@ -14,7 +14,7 @@ namespace
 
 using std::chrono::milliseconds;
 
-const char* const label = "ovsdb";
+const char* const linkLabel = "ovsdb";
 
 // A server makes its socket and listens a moment later. Whoever makes and removes files there without a pause does not
 // make us faster than this.
@@ -219,7 +219,7 @@ void ServerLink::watchForStall(bool progress)
 // While there has been no configuration at all, the log says so again and again.
 void ServerLink::remind(milliseconds waited)
 {
-    ZOL_Sysloglevel_warning(m_logModule, label, 80,
+    ZOL_Sysloglevel_warning(m_logModule, linkLabel, 80,
                             "no configuration for " + std::to_string(waited.count() / 1000) + " s: " + m_reason +
                                 ". Nothing is changed before there is one");
     m_reminderTimer = m_dispatcher.startTimer(m_settings.requestTimeout,
@@ -250,25 +250,25 @@ void ServerLink::report(Health health, const std::string& text)
     case Health::Unknown:
         break;
     case Health::Connected:
-        ZOL_Sysloglevel_info(m_logModule, label, 10, text);
+        ZOL_Sysloglevel_info(m_logModule, linkLabel, 10, text);
         break;
     case Health::Absent:
-        ZOL_Sysloglevel_warning(m_logModule, label, 20, text);
+        ZOL_Sysloglevel_warning(m_logModule, linkLabel, 20, text);
         break;
     case Health::Lost:
-        ZOL_Sysloglevel_warning(m_logModule, label, 30, text);
+        ZOL_Sysloglevel_warning(m_logModule, linkLabel, 30, text);
         break;
     case Health::Stalled:
-        ZOL_Sysloglevel_warning(m_logModule, label, 40, text);
+        ZOL_Sysloglevel_warning(m_logModule, linkLabel, 40, text);
         break;
     case Health::Foreign:
-        ZOL_Sysloglevel_error(m_logModule, label, 50, text);
+        ZOL_Sysloglevel_error(m_logModule, linkLabel, 50, text);
         break;
     case Health::Malformed:
-        ZOL_Sysloglevel_error(m_logModule, label, 60, text);
+        ZOL_Sysloglevel_error(m_logModule, linkLabel, 60, text);
         break;
     case Health::Unsuitable:
-        ZOL_Sysloglevel_error(m_logModule, label, 70, text);
+        ZOL_Sysloglevel_error(m_logModule, linkLabel, 70, text);
         break;
     }
 }

@@ -20,12 +20,12 @@ namespace zol::platform
 namespace
 {
 
-constexpr const char* label = "manager";
+constexpr const char* managerLabel = "manager";
 constexpr const char* variable = "NOTIFY_SOCKET";
 
 void warn(int line, const std::string& text)
 {
-    ZOL_Sysloglevel_warning(ZOL_Sysloglevel_registerModul("moatkeeper"), label, line, text);
+    ZOL_Sysloglevel_warning(ZOL_Sysloglevel_registerModul("moatkeeper"), managerLabel, line, text);
 }
 
 } // namespace

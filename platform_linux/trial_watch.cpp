@@ -16,7 +16,7 @@ namespace
 
 using std::chrono::milliseconds;
 
-constexpr const char* label = "trial";
+constexpr const char* trialLabel = "trial";
 constexpr std::size_t longestVerb = 900;
 constexpr std::size_t longestHost = 60;
 
@@ -60,7 +60,7 @@ void TrialWatch::update(std::optional<schema::Trial> trial, bool connected)
         const milliseconds left =
             begins ? milliseconds(std::chrono::seconds(m_trial->seconds)) : schema::remaining(*m_trial, now);
         m_end = Clock::now() + left;
-        ZOL_Sysloglevel_info(m_logModule, label, 10,
+        ZOL_Sysloglevel_info(m_logModule, trialLabel, 10,
                              nameOf(*m_trial) + " waits to be confirmed, for " + std::to_string(left.count()) + " ms");
     }
     schedule(m_end);
@@ -78,7 +78,7 @@ void TrialWatch::schedule(Clock::time_point when)
 void TrialWatch::putBack()
 {
     if (!std::exchange(m_told, true))
-        ZOL_Sysloglevel_warning(m_logModule, label, 20,
+        ZOL_Sysloglevel_warning(m_logModule, trialLabel, 20,
                                 nameOf(*m_trial) + " was not confirmed in time: what was before is put back");
     std::optional<ovsdb::ColumnValues> entry;
     if (m_withHistory)
@@ -93,7 +93,7 @@ void TrialWatch::putBack()
                 answered(error);
         });
     } catch (const ovsdb::Error& error) {
-        ZOL_Sysloglevel_error(m_logModule, label, 30, nameOf(*m_trial) + " cannot be put back: " + error.what());
+        ZOL_Sysloglevel_error(m_logModule, trialLabel, 30, nameOf(*m_trial) + " cannot be put back: " + error.what());
     }
 }
 
@@ -103,7 +103,7 @@ void TrialWatch::answered(const std::optional<std::string>& error)
     if (!error || error->starts_with("timed out"))
         return;
     if (std::exchange(m_withHistory, false))
-        ZOL_Sysloglevel_error(m_logModule, label, 40,
+        ZOL_Sysloglevel_error(m_logModule, trialLabel, 40,
                               nameOf(*m_trial) + " was not put back, trying again: " + text::oneLine(*error));
     schedule(Clock::now() + pause);
 }

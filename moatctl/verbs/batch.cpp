@@ -18,7 +18,7 @@ namespace moatctl
 namespace
 {
 
-struct Step {
+struct Instruction {
     std::size_t line;
     std::function<void(Editor&)> edit;
 };
@@ -40,11 +40,11 @@ public:
     void apply(Editor& editor)
     {
         m_mistakes = m_wrongLines;
-        for (const Step& step : m_steps) {
+        for (const Instruction& instruction : m_instructions) {
             try {
-                step.edit(editor);
+                instruction.edit(editor);
             } catch (const Failure& failure) {
-                m_mistakes.push_back({step.line, failure.status(), failure.what()});
+                m_mistakes.push_back({instruction.line, failure.status(), failure.what()});
             }
         }
         stopAtMistakes();
@@ -94,7 +94,7 @@ private:
                 m_wrongLines.push_back(
                     {number, ExitStatus::BadInput, "--force is for all lines together: expected it after batch"});
             else if (inner.edit)
-                m_steps.push_back({number, inner.edit});
+                m_instructions.push_back({number, inner.edit});
             else
                 m_wrongLines.push_back(
                     {number, ExitStatus::BadInput, "changes nothing: expected a verb that changes rows"});
@@ -117,7 +117,7 @@ private:
 
     Program& m_program;
     std::string m_name;
-    std::vector<Step> m_steps;
+    std::vector<Instruction> m_instructions;
     std::vector<Mistake> m_wrongLines; // in themselves
     std::vector<Mistake> m_mistakes;   // these, and lines that do not fit the server's rows
 };

@@ -17,7 +17,7 @@ namespace moatctl
 namespace
 {
 
-struct Options {
+struct CheckArguments {
     std::string path;
     bool elsewhere = false;
     bool all = false;
@@ -36,7 +36,7 @@ Sheet sheetOf(const std::vector<Problem>& problems)
     return sheet;
 }
 
-ExitStatus check(Program& program, const Options& options)
+ExitStatus check(Program& program, const CheckArguments& options)
 {
     LoadedFile loaded;
     if (options.path.empty()) {
@@ -91,7 +91,7 @@ ExitStatus check(Program& program, const Options& options)
 
 void addCheck(const Command& root, Program& program)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<CheckArguments>();
     const Command command =
         root.add("check", "Find what is wrong with a configuration before it takes effect", "check rules.json");
     command.option("FILE", "",

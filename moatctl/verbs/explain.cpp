@@ -23,7 +23,7 @@ namespace moatctl
 namespace
 {
 
-struct Options {
+struct ExplainArguments {
     FrameOptions frame;
     std::string path;
     bool configured = false;
@@ -184,7 +184,7 @@ Configuration readFile(Program& program, const std::string& path)
 
 // The kernel's tables are what happens; the configuration is what is walked where they cannot be read, or when asked
 // for. Either may be absent, not both.
-void build(Scene& scene, Program& program, const Options& options)
+void build(Scene& scene, Program& program, const ExplainArguments& options)
 {
     std::string unread;
     std::optional<ebtables::Table> kernel;
@@ -269,7 +269,7 @@ void noteDifference(std::ostream& err, const Scene& scene, const Frame& frame, c
         err << "it would be " << fateName(other.fate) << '\n';
 }
 
-ExitStatus explain(Program& program, const Options& options)
+ExitStatus explain(Program& program, const ExplainArguments& options)
 {
     const Frame frame = frameOf(options.frame);
     Scene scene;
@@ -293,7 +293,7 @@ ExitStatus explain(Program& program, const Options& options)
 
 void addExplain(const Command& root, Program& program)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<ExplainArguments>();
     const Command command = root.add(
         "explain", "Show what happens to a frame, and which row decides: in the kernel, if its tables may be read",
         "explain --in eth0 --out eth1 --src 10.0.0.1 --dst 10.0.0.2 --proto tcp --port 80");

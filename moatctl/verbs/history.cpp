@@ -15,7 +15,7 @@ namespace
 constexpr std::size_t usualCount = 20;
 constexpr std::size_t usualLines = 10; // of a change, in a table for people
 
-struct Options {
+struct HistoryArguments {
     std::size_t count = usualCount;
     std::int32_t number = 0;
     OutputStyle style;
@@ -44,7 +44,7 @@ Cell text(const std::string& value)
 }
 
 // A line for each row that changed; for people, what is said of the whole stands on the first one only.
-void addEntry(const HistoryEntry& entry, const Options& options, Sheet& sheet)
+void addEntry(const HistoryEntry& entry, const HistoryArguments& options, Sheet& sheet)
 {
     const bool forPeople = options.style.format == Format::Table;
     bool first = true;
@@ -59,7 +59,7 @@ void addEntry(const HistoryEntry& entry, const Options& options, Sheet& sheet)
     }
 }
 
-ExitStatus show(Program& program, const Options& options)
+ExitStatus show(Program& program, const HistoryArguments& options)
 {
     ovsdb::Client client = program.connectToHistory();
     std::vector<HistoryEntry> entries = readHistory(client);
@@ -84,7 +84,7 @@ ExitStatus show(Program& program, const Options& options)
 
 void addHistory(const Command& root, Program& program)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<HistoryArguments>();
     const Command command =
         root.add("history", "Show who changed what, from where and when, the newest change first", "history -n 5");
     command.option("NUMBER", "", "A change of which everything is shown (default: the newest changes)");

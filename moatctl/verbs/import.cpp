@@ -20,7 +20,7 @@ namespace moatctl
 namespace
 {
 
-struct Options {
+struct ImportArguments {
     std::string file;
     bool replace = false;
     bool dryRun = false;
@@ -35,7 +35,7 @@ std::string counted(std::size_t count, const char* what)
 class Import
 {
 public:
-    Import(Program& program, const Options& options)
+    Import(Program& program, const ImportArguments& options)
         : m_program(program), m_progress(program), m_replace(options.replace)
     {
         m_file = parseConfiguration(readText(program.in, options.file), nameOf(options.file));
@@ -170,7 +170,7 @@ private:
     std::string m_sending; // what is being sent, in words; empty before
 };
 
-ExitStatus import(Program& program, const Options& options)
+ExitStatus import(Program& program, const ImportArguments& options)
 {
     Import work(program, options);
     try {
@@ -194,7 +194,7 @@ ExitStatus import(Program& program, const Options& options)
 
 void addImport(const Command& root, Program& program)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<ImportArguments>();
     const Command command = root.add("import", "Import tables from a JSON file, completely or not at all",
                                      "import configuration.json --replace --dry-run");
     command

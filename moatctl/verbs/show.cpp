@@ -11,12 +11,12 @@ namespace moatctl
 namespace
 {
 
-struct Options {
+struct ShowArguments {
     std::string table;
     OutputStyle style;
 };
 
-ExitStatus show(Program& program, const Options& options)
+ExitStatus show(Program& program, const ShowArguments& options)
 {
     ovsdb::Client client = program.connect();
     const Configuration configuration = loadFromServer(client);
@@ -33,7 +33,7 @@ ExitStatus show(Program& program, const Options& options)
 
 void addShow(const Command& root, Program& program)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<ShowArguments>();
     const Command command =
         root.add("show", "Show the tables in the order in which the kernel consults them", "show rule --format=csv");
     command

@@ -25,7 +25,7 @@ namespace moatctl
 namespace
 {
 
-struct Options {
+struct StatusArguments {
     std::string pidFolder = "/var/run";
     OutputStyle style;
     bool watch = false;
@@ -157,7 +157,7 @@ bool summarise(const View& view, const std::optional<std::string>& pid, const st
     return inOrder && rows.empty() && strange.empty();
 }
 
-ExitStatus status(Program& program, const Options& options, std::ostream& out)
+ExitStatus status(Program& program, const StatusArguments& options, std::ostream& out)
 {
     Sheet summary{"status", "Status", {"WHAT", "STATE"}, {}};
     const std::optional<std::string> pid = daemonPid(options.pidFolder);
@@ -196,7 +196,7 @@ std::string fitting(const std::string& text, std::size_t lines)
     return text.substr(0, end);
 }
 
-ExitStatus watch(Program& program, const Options& options)
+ExitStatus watch(Program& program, const StatusArguments& options)
 {
     constexpr std::chrono::seconds pause{1};
     constexpr const char* fromTheTop = "\033[H\033[J";
@@ -218,7 +218,7 @@ ExitStatus watch(Program& program, const Options& options)
 
 void addStatus(const Command& root, Program& program)
 {
-    auto options = std::make_shared<Options>();
+    auto options = std::make_shared<StatusArguments>();
     const Command command =
         root.add("status",
                  "Show whether server and daemon run and whether the kernel has what is configured, "

@@ -34,7 +34,7 @@ using ebtables::Footprint;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* label = "queue";
+constexpr const char* queueLabel = "queue";
 constexpr milliseconds lastMoments{10'000}; // for each process that the destructor starts
 constexpr unsigned lessOfChecks = 10;       // looking for changes of others takes a tenth of the time at most ...
 constexpr milliseconds latestCheck{50};     // ... but is not put off longer than this
@@ -51,15 +51,15 @@ ZOL_Sysloglevel_Module logModule()
 
 void info(int line, const std::string& text)
 {
-    ZOL_Sysloglevel_info(logModule(), label, line, text);
+    ZOL_Sysloglevel_info(logModule(), queueLabel, line, text);
 }
 void warning(int line, const std::string& text)
 {
-    ZOL_Sysloglevel_warning(logModule(), label, line, text);
+    ZOL_Sysloglevel_warning(logModule(), queueLabel, line, text);
 }
 void error(int line, const std::string& text)
 {
-    ZOL_Sysloglevel_error(logModule(), label, line, text);
+    ZOL_Sysloglevel_error(logModule(), queueLabel, line, text);
 }
 
 } // namespace

@@ -33,7 +33,7 @@ std::vector<std::string> undo(const Footprint& footprint, const std::string& sav
 }
 
 // Everything there is to a footprint: two chains, one of them filled, a jump twice, a rule of its own, a policy.
-const char* const setUp =
+const char* const everything =
     "ebtables -N User; ebtables -N Other; ebtables -A User -i eth0 -j DROP; "
     "ebtables -A INPUT -j User; ebtables -I FORWARD 1 -i eth1 -j User; "
     "ebtables -I FORWARD 1 -i eth1 -j User; "
@@ -60,7 +60,7 @@ TEST(FootprintTest, WhatIsUndoneLeavesNothing)
 
 TEST(FootprintTest, UndoingTakesOutWhatIsThere)
 {
-    EXPECT_THAT(undo(after(setUp), inTable),
+    EXPECT_THAT(undo(after(everything), inTable),
                 ElementsAre("-D FORWARD -i eth1 -j User", "-D FORWARD -i eth1 -j User",
                             "-D INPUT --log-level 5 --log-prefix \"Moatkeeper denied: \" -j DROP", "-D INPUT -j User",
                             "-F Other", "-F User", "-X Other", "-X User", "-P INPUT ACCEPT"));
@@ -68,7 +68,7 @@ TEST(FootprintTest, UndoingTakesOutWhatIsThere)
 
 TEST(FootprintTest, UndoingLeavesAloneWhatIsNotThereOrNotOurs)
 {
-    EXPECT_THAT(undo(after(setUp), ""), ElementsAre("-P INPUT ACCEPT"));
+    EXPECT_THAT(undo(after(everything), ""), ElementsAre("-P INPUT ACCEPT"));
     EXPECT_THAT(undo(after("ebtables -N User; ebtables -A INPUT -j User; ebtables -A Gone -i eth0 -j DROP"),
                      "*filter\n:INPUT ACCEPT\n:FORWARD ACCEPT\n:OUTPUT ACCEPT\n:Theirs RETURN\n"
                      "-A INPUT -j Theirs\n-A FORWARD -j Theirs\n"),
@@ -91,7 +91,7 @@ TEST(FootprintTest, UnitedItHasRulesAsOftenAsTheOneWithMore)
 
 TEST(FootprintTest, TextAndBack)
 {
-    for (const char* lines : {"", setUp}) {
+    for (const char* lines : {"", everything}) {
         const Footprint footprint = after(lines);
         std::string reason;
         const std::optional<Footprint> read = Footprint::fromText(footprint.toText("4:1"), "4:1", reason);
@@ -103,7 +103,7 @@ TEST(FootprintTest, TextAndBack)
 
 TEST(FootprintTest, ATextThatIsCutOrChangedAtAnyByteIsDamaged)
 {
-    const std::string text = after(setUp).toText("4:1");
+    const std::string text = after(everything).toText("4:1");
     for (std::size_t i = 0; i < text.size(); ++i) {
         std::string reason;
         EXPECT_FALSE(Footprint::fromText(text.substr(0, i), "4:1", reason)) << "cut at " << i;
@@ -124,7 +124,7 @@ TEST(FootprintTest, ATextThatIsCutOrChangedAtAnyByteIsDamaged)
 TEST(FootprintTest, ATextOfAnotherNamespaceIsForeign)
 {
     std::string reason;
-    EXPECT_FALSE(Footprint::fromText(after(setUp).toText("4:2"), "4:1", reason));
+    EXPECT_FALSE(Footprint::fromText(after(everything).toText("4:2"), "4:1", reason));
     EXPECT_EQ(reason, "from another network namespace");
 }
 

@@ -4,6 +4,7 @@
 #include "moatctl/exit_status.hpp"
 #include "ovsdb/error.hpp"
 #include "schema/server/database.hpp"
+#include "tests/unit/rule_row.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,16 +17,6 @@ namespace
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-Row rule(std::int32_t id, std::int32_t priority)
-{
-    Row row(schema::table(TableId::Rules));
-    row.set("Id", id);
-    row.set("RulePrio", priority);
-    row.set("InInterface", "eth0");
-    row.set("Target", "DROP");
-    return row;
-}
 
 HistoryEntry entryOf(const Configuration& before, const Configuration& after)
 {

@@ -11,6 +11,7 @@
 #include "moatctl/tables/rename_port.hpp"
 #include "moatctl/tables/values.hpp"
 #include "ovsdb/json.hpp"
+#include "tests/unit/rule_row.hpp"
 #include "tests/unit/scratch_folder.hpp"
 
 #include <gmock/gmock.h>
@@ -37,16 +38,6 @@ using testing::SizeIs;
 
 constexpr std::int32_t largest = std::numeric_limits<std::int32_t>::max();
 constexpr std::int32_t smallest = std::numeric_limits<std::int32_t>::min();
-
-Row rule(std::int32_t id, std::int32_t priority)
-{
-    Row row(schema::table(TableId::Rules));
-    row.set("Id", id);
-    row.set("RulePrio", priority);
-    row.set("InInterface", "eth0");
-    row.set("Target", "DROP");
-    return row;
-}
 
 Configuration withRules(const std::vector<std::pair<std::int32_t, std::int32_t>>& idsAndPriorities)
 {
