@@ -37,6 +37,8 @@ moatctl/verbs        moatctl moatctl/tables moatctl/bridge moatctl/check moatctl
                      platform unistd.h
 moatctl/describe     moatctl/tables moatctl/command_line moatctl/verbs ovsdb schema CLI
 
+examples/platform    platform daemon system
+
 demo                 handler platform platform_fake schema
 bench                handler platform platform_fake platform_linux/queue system
 

@@ -6,12 +6,14 @@ MOATKEEPER_REBUILD=1: the last commit is built once more, in a clone, and must g
 
 import os
 import pathlib
+import shutil
+import signal
 import subprocess
 import sys
 import tempfile
 import unittest
 
-from lab import packages
+from lab import packages, programs
 
 CMAKE, BUILD, PREFIX = sys.argv[1:4]
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
@@ -87,6 +89,31 @@ class Installed(unittest.TestCase):
             self.assertEqual(run("dpkg-deb", "--extract", package, self.root).returncode, 0)
         self.assertWorks("/usr", ())
         self.assertTrue((self.root / "etc/default/moatkeeper").is_file())
+
+    def testTheExampleOfAPlatform(self):
+        """With nothing but the package moatkeeper-dev, as its README says."""
+        self.assertEqual(run("dpkg-deb", "--extract", packages.of(BUILD)["moatkeeper-dev"], self.root).returncode, 0)
+        example = self.folder / "example"
+        shutil.copytree(self.root / "usr/share/doc/moatkeeper-dev/examples/platform", example)
+        for command in ((CMAKE, "-G", "Ninja", "-S", ".", "-B", "build", f"-DCMAKE_PREFIX_PATH={self.root}/usr"),
+                        (CMAKE, "--build", "build")):
+            done = run(*command, cwd=example)
+            self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+
+        configuration = example / "configuration.txt"
+        device = programs.Program([example / "build/printing_moatkeeper", "-p", self.folder], self.folder / "printed",
+                                  {"PRINTING_CONFIGURATION": str(configuration)})
+        self.addCleanup(device.stop)
+        device.waitForLog("ebtables -A UserForwardRules -i lan0 -o lan1 -s 02:00:00:00:00:01 -j ACCEPT\n")
+        device.waitForLog("ebtables -P FORWARD DROP\n")
+        configuration.write_text('MoatKeeper GlobalForwardingPolicy=', encoding="utf-8")
+        os.kill(device.pid, signal.SIGHUP)
+        device.waitForLog('configuration:10: expected NAME=NUMBER or NAME="TEXT": GlobalForwardingPolicy=')
+        configuration.write_text('MoatKeeper GlobalForwardingPolicy="ACCEPT" GlobalInputPolicy="DROP"', encoding="utf-8")
+        os.kill(device.pid, signal.SIGHUP)
+        device.waitForLog("ebtables -P INPUT DROP\n")
+        self.assertEqual(device.stop(), 0)
+        self.assertIn("ebtables -X UserForwardRules\n", device.readLog())
 
     def field(self, package, name):
         return run("dpkg-deb", "--field", packages.of(BUILD)[package], name).stdout
