@@ -40,7 +40,7 @@ moatctl/describe     moatctl/tables moatctl/command_line moatctl/verbs ovsdb sch
 examples/platform    platform daemon system
 
 demo                 handler platform platform_fake schema
-bench                handler platform platform_fake platform_linux/queue system
+bench                handler platform platform_fake platform_linux/queue compiled ebtables nftables system
 
 tests/unit           daemon handler records platform platform_fake platform_linux platform_linux/queue
                      ebtables compiled ovsdb nftables schema schema/server subprocess text moatctl moatctl/tables

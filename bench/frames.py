@@ -1,0 +1,152 @@
+#!/usr/bin/python3
+"""Measures what a frame pays for the rules on its way, in the plain form and in the compiled one, side by side.
+
+Runs in a network namespace of its own; needs root. A bridge has three ports; frames come in by one, pass all rules between
+two of them and leave by the other. A figure is the shortest of many bursts' time for a frame, all of it: sending, bridge,
+rules, receiving. The two forms are taken in turn.
+  plain, compiled   microseconds for a frame
+  looks             the most steps that a frame is compared with, compiled
+  load, compile, write  milliseconds: ebtables-restore of the plain form; the compiler; the compiled form's transaction
+"""
+
+import os
+import random
+import struct
+import subprocess
+import sys
+import time
+
+import arguments
+from lab import sandbox
+from lab.bridge import Bridge
+
+PORTS = ("p0", "p1", "p2")
+WAY = "-A UserForwardRules -i p0 -o p1"
+
+
+def mac(number):
+    return f"02:cc:{number >> 24 & 255:02x}:{number >> 16 & 255:02x}:{number >> 8 & 255:02x}:{number & 255:02x}"
+
+
+def ip4(number):
+    return f"10.9.{number >> 8 & 255}.{number & 255}"
+
+
+def ip6(number):
+    return f"2001:db8::{number >> 16:x}:{number & 65535:x}"
+
+
+SHAPES = [
+    lambda i: f"-s {mac(i)}",
+    lambda i: f"-d {mac(i)}",
+    lambda i: f"-s {mac(i)} -d {mac(i + 1)}",
+    lambda i: f"-p 0x800 --ip-source {ip4(i)}",
+    lambda i: f"-p 0x800 --ip-source {ip4(i)} --ip-proto 17 --ip-dport {1 + i % 60000}",
+    lambda i: f"-p 0x800 --ip-source {ip4(i)} --ip-destination {ip4(i + 1)} --ip-proto 6 --ip-dport {1 + i % 60000}",
+    lambda i: f"-p 0x86dd --ip6-source {ip6(i)}",
+    lambda i: f"-p 0x86dd --ip6-destination {ip6(i)} --ip6-proto 6 --ip6-dport {1 + i % 60000}",
+    lambda i: f"-p 0x8100 -s {mac(i)} --vlan-id {i % 4095}",
+    lambda i: f"-s {mac(i)} -p 0x800 --ip-proto 17 --ip-dport {1 + i % 60000}",
+]
+
+
+def tenShapes(count, mixed):
+    """One shape after the other; or mixed, where a rule in two has a frame in common with one between them."""
+    shapes = [i % len(SHAPES) if mixed else i * len(SHAPES) // count for i in range(count)]
+    return [f"{WAY} {SHAPES[shape](i)} -j {('ACCEPT', 'DROP')[shape % 2]}" for i, shape in enumerate(shapes)]
+
+
+def lengths():
+    """600 pairs of lengths of networks, 17 rules each, no two of which have a frame in common."""
+    rules = []
+    for i in range(10200):
+        pair = i % 600
+        # The first 14 bits tell the rules apart, whatever the lengths; none begins with 192.
+        own = i << 18
+        source, destination = 14 + pair % 19, 1 + pair // 19
+        rules.append(f"{WAY} -p 0x800 --ip-source {(own >> 24) & 255}.{(own >> 16) & 255}.0.0/{source} "
+                     f"--ip-destination 10.0.0.0/{destination} -j DROP")
+    return rules
+
+
+def site():
+    """200 rules as a site has them: known stations and servers between three ports, some networks, some tags."""
+    pick = random.Random(1)
+    rules = []
+    for way in ("-i p0 -o p1", "-i p1 -o p0", "-i p0 -o p2", "-i p2 -o p0"):
+        for i in range(50):
+            condition = pick.choice([SHAPES[0](i), SHAPES[0](i), SHAPES[3](i), SHAPES[4](i), SHAPES[8](i),
+                                     f"-p 0x800 --ip-destination 10.{i}.0.0/16", "-p 0x806"])
+            rules.append(f"-A UserForwardRules {way} {condition} -j {pick.choice(('ACCEPT', 'DROP'))}")
+    return rules
+
+
+def frame():
+    """An IPv4 packet that no rule matches; its addresses are in no network of theirs."""
+    header = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 46, 0, 0, 64, 17, 0, bytes([192, 0, 2, 1]), bytes([192, 0, 2, 2]))
+    total = sum(struct.unpack("!10H", header))
+    total = (total & 0xFFFF) + (total >> 16)
+    header = header[:10] + struct.pack("!H", ~total & 0xFFFF) + header[12:]
+    return bytes.fromhex("02bb0000000102aa000000010800") + header + struct.pack("!HHHH", 4000, 65000, 26, 0) + bytes(18)
+
+
+def saved(rules):
+    return "*filter\n:INPUT ACCEPT\n:FORWARD ACCEPT\n:OUTPUT ACCEPT\n:UserForwardRules RETURN\n" \
+        "-A FORWARD -j UserForwardRules\n" + "".join(f"{rule}\n" for rule in rules)
+
+
+def run(*command, **more):
+    return subprocess.run(command, check=True, capture_output=True, text=True, **more).stdout
+
+
+class Measurement:
+    def __init__(self, driver, bursts, rounds):
+        self._driver, self._bursts, self._rounds = driver, bursts, rounds
+
+    def send(self):
+        return int(run(self._driver, "send", "p0_far", str(self._bursts), input=frame().hex() + "\n")) / 1000
+
+    def both(self, rules):
+        text = saved(rules)
+        plain, compiled = [], []
+        for _ in range(self._rounds):
+            begin = time.monotonic()
+            run("ebtables-restore", input=text)
+            load = (time.monotonic() - begin) * 1000
+            plain.append(self.send())
+            run("nft", "delete", "table", "bridge", "filter")
+            compiling, writing, looks = run(self._driver, "compile", input=text).split()
+            compiled.append(self.send())
+            run("nft", "delete", "table", "bridge", "moatkeeper")
+        return min(plain), min(compiled), int(looks), load, float(compiling), float(writing)
+
+
+def main():
+    parser = arguments.parser(__doc__)
+    parser.add_argument("build", type=arguments.existing, help="the build folder")
+    parser.add_argument("--sizes", default="10,100,1000,10000", help="numbers of rules of ten shapes (%(default)s)")
+    parser.add_argument("--bursts", type=int, default=300, help="of 64 frames (%(default)s)")
+    parser.add_argument("--rounds", type=int, default=3, help="of which the best counts (%(default)s)")
+    options = parser.parse_args()
+    if os.geteuid() != 0:
+        sys.exit("needs root, ebtables and nft")
+    sandbox.enterNetwork()
+    bridge = Bridge(PORTS)
+    bridge.close() # the sockets; the bridge stays
+    measurement = Measurement(f"{options.build}/bench/frame_driver", options.bursts, options.rounds)
+    print(f"without rules: {measurement.send():.2f} us a frame")
+    print(f"{'rules':<24}{'plain us':>10}{'compiled us':>13}{'ratio':>8}{'looks':>7}{'load ms':>9}{'compile ms':>12}"
+          f"{'write ms':>10}")
+    sizes = [int(size) for size in options.sizes.split(",")]
+    sets = [("200 of a site", site())]
+    sets += [(f"{size} of ten shapes", tenShapes(size, mixed=False)) for size in sizes]
+    sets += [(f"{size} of ten, mixed", tenShapes(size, mixed=True)) for size in sizes]
+    sets += [("10200 of 600 shapes", lengths())]
+    for name, rules in sets:
+        plain, compiled, looks, load, compiling, writing = measurement.both(rules)
+        print(f"{name:<24}{plain:>10.2f}{compiled:>13.2f}{plain / compiled:>8.1f}{looks:>7}{load:>9.0f}{compiling:>12.1f}"
+              f"{writing:>10.1f}", flush=True)
+
+
+if __name__ == "__main__":
+    arguments.run(main)
