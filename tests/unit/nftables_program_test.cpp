@@ -1,0 +1,82 @@
+#include "compiled/compile.hpp"
+#include "nftables/attributes.hpp"
+#include "nftables/program.hpp"
+#include "tests/compiled/random_rules.hpp"
+
+#include <gtest/gtest.h>
+
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+
+#include <map>
+#include <random>
+#include <string>
+
+namespace
+{
+
+// What the kernel is told, counted by reading it back.
+struct Told {
+    std::map<int, std::size_t> messages; // by type
+    std::size_t elements = 0;
+    std::size_t marked = 0; // elements
+};
+
+Told read(nftables::Bytes bytes)
+{
+    Told told;
+    while (const nlmsghdr* message = nftables::takeMessage(bytes)) {
+        if (message->nlmsg_type >> 8U != NFNL_SUBSYS_NFTABLES)
+            continue;
+        const int type = message->nlmsg_type & 0xff;
+        ++told.messages[type];
+        if (type != NFT_MSG_NEWSETELEM)
+            continue;
+        nftables::forEachAttribute(message, sizeof(nfgenmsg), [&](const nlattr* attribute) {
+            if (mnl_attr_get_type(attribute) != NFTA_SET_ELEM_LIST_ELEMENTS)
+                return;
+            nftables::forEachNested(attribute, [&](const nlattr* element) {
+                ++told.elements;
+                nftables::forEachNested(element, [&](const nlattr* part) {
+                    told.marked += mnl_attr_get_type(part) == NFTA_SET_ELEM_USERDATA ? 1 : 0;
+                });
+            });
+        });
+    }
+    EXPECT_TRUE(bytes.empty());
+    return told;
+}
+
+TEST(ProgramMessages, SayAllOfTheProgram)
+{
+    std::size_t elements = 0;
+    for (unsigned seed = 0; seed < 40; ++seed) {
+        std::mt19937 engine(seed);
+        test::RandomRules random([&](std::size_t below) { return engine() % below; });
+        const compiled::Program program = compiled::compile(random.table(1 + engine() % 200, seed % 2 == 0)).value();
+        std::size_t steps = 0;
+        for (const compiled::Chain& chain : program.chains)
+            steps += chain.steps.size();
+        std::size_t inMaps = 0;
+        std::size_t counted = 0;
+        for (const compiled::Map& map : program.maps) {
+            inMaps += map.elements.size();
+            counted += map.counts ? map.elements.size() : 0;
+        }
+        nftables::Batch batch(std::nullopt, "moatkeeper");
+        nftables::addProgram(batch, program);
+        Told told = read(batch.finish(1));
+        EXPECT_EQ(told.messages[NFT_MSG_NEWTABLE], 1U);
+        EXPECT_EQ(told.messages[NFT_MSG_NEWCHAIN], program.chains.size());
+        EXPECT_EQ(told.messages[NFT_MSG_NEWRULE], steps);
+        // Beside the maps there is a set of the extension headers, where it is needed.
+        const std::size_t sets = told.messages[NFT_MSG_NEWSET] - program.maps.size();
+        EXPECT_LE(sets, 1U);
+        EXPECT_EQ(told.elements, inMaps + sets * 5);
+        EXPECT_EQ(told.marked, counted);
+        elements += counted;
+    }
+    EXPECT_GT(elements, 1000U);
+}
+
+} // namespace
