@@ -4,13 +4,16 @@
 #   --from BUILD   of a build folder as it is, instead of build/release, which is built first
 #   FOLDER         where to put them, instead of build/packages; others there of these names are overwritten
 #
-# Needs no root, leaves nothing in the sources, and gives the same packages for the same commit, byte for byte.
+# Installs what is missing for that, as root; otherwise needs no root. Leaves nothing in the sources, and gives the same
+# packages for the same commit, byte for byte.
 set -eu
 sources=$(realpath "$(dirname "$0")/..")
 if [ "${1-}" = --from ]; then
     MOATKEEPER_BUILD=$(realpath "${2:?"packages: --from needs a build folder"}")
     export MOATKEEPER_BUILD
     shift 2
+else
+    "$sources/tools/install-deps.sh" build packages
 fi
 output=${1-$sources/build/packages}
 mkdir -p "$output"

@@ -1,6 +1,6 @@
 """What gets installed, by cmake --install and as Debian packages, is complete and runs; two builds give the same packages.
 
-usage: package_test.py CMAKE BUILD_FOLDER PREFIX
+usage: package_test.py CMAKE BUILD_FOLDER PREFIX [unittest arguments]
 MOATKEEPER_REBUILD=1: the last commit is built once more, in a clone, and must give the same packages; takes minutes.
 """
 
@@ -166,4 +166,4 @@ class Installed(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1], verbosity=2)
+    unittest.main(argv=[sys.argv[0], *sys.argv[4:]], verbosity=2)
