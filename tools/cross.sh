@@ -6,13 +6,17 @@ set -eu
 cd "$(dirname "$0")/.."
 [ $# -gt 0 ] || set -- arm64 armhf
 
+# What is written in Python is the same everywhere. And QEMU adds a line of its own to the last words of a program that aborts;
+# and as it makes vfork a fork, posix_spawn cannot tell why a program was not started.
+notHere='check_includes|AssertHookDeathTest\.(AFailed|AnUncaught|AnyType|ReportsLeave)'
+notHere="$notHere|Subprocess\.(AMissing|AProgramThatIsNot|WhatIsNoProgram)|ToolTest\.AMissingProgram"
+
 for architecture; do
     tools/install-deps.sh "$architecture"
     cmake --preset "$architecture" >/dev/null
     cmake --build --preset "$architecture" --target moatkeeper moatctl tests/unit/all tests/golden/all
-    # What is written in Python is the same everywhere.
     log=build/$architecture/tests.log
-    ctest --preset "$architecture" -L 'unit|golden' -E check_includes -j "$(nproc)" >"$log" 2>&1 || {
+    ctest --preset "$architecture" -L 'unit|golden' -E "$notHere" -j "$(nproc)" >"$log" 2>&1 || {
         cat "$log"
         exit 1
     }

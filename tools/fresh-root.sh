@@ -37,6 +37,7 @@ makeRoot() {
         fail "debootstrap: $(tail -1 "$logs/debootstrap.log")"
     archives 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' >"$root/etc/apt/sources.list"
     { apt-config dump | grep -E '^Acquire::https?::Proxy' || true; } >"$root/etc/apt/apt.conf.d/proxy"
+    echo 'APT::Get::Assume-Yes "true";' >"$root/etc/apt/apt.conf.d/assume-yes" # nobody is there to ask
     cp -L /etc/resolv.conf /etc/hosts "$root/etc/"
 
     mkdir -m 700 "$root/root/closed"

@@ -63,7 +63,7 @@ for architecture in arm64 armhf; do
 done
 echo "install-deps: installing$missing"
 export DEBIAN_FRONTEND=noninteractive
-set -- -o DPkg::Lock::Timeout=300 --no-install-recommends -y
+set -- -o DPkg::Lock::Timeout=300 -o APT::Keep-Downloaded-Packages=false --no-install-recommends -y
 apt-get -qq "$@" update
 # A terminal is shown how far it is.
 # shellcheck disable=SC2086 # a list of words
