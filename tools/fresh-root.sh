@@ -37,6 +37,9 @@ makeRoot() {
         fail "debootstrap: $(tail -1 "$logs/debootstrap.log")"
     archives 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' >"$root/etc/apt/sources.list"
     { apt-config dump | grep -E '^Acquire::https?::Proxy' || true; } >"$root/etc/apt/apt.conf.d/proxy"
+    # Packages start no services here: the network is the machine's.
+    printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
+    chmod 755 "$root/usr/sbin/policy-rc.d"
     echo 'APT::Get::Assume-Yes "true";' >"$root/etc/apt/apt.conf.d/assume-yes" # nobody is there to ask
     cp -L /etc/resolv.conf /etc/hosts "$root/etc/"
 
