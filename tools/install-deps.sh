@@ -64,7 +64,8 @@ done
 echo "install-deps: installing$missing"
 export DEBIAN_FRONTEND=noninteractive
 set -- -o DPkg::Lock::Timeout=300 -o APT::Keep-Downloaded-Packages=false --no-install-recommends -y
-apt-get -qq "$@" update
+# A mirror that is being renewed need not have changed what is wanted here.
+apt-get -qq "$@" update || echo "install-deps: not all lists of packages could be renewed; going on with those there are" >&2
 # A terminal is shown how far it is.
 # shellcheck disable=SC2086 # a list of words
 if [ -t 1 ]; then
