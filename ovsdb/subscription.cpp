@@ -135,11 +135,11 @@ Subscription::Progress Subscription::subscribed(const RpcMessage& answer, RpcSes
         if (last == nullptr || !Uuid::fromText(*last))
             throw ProtocolError("subscription answered by something else than [boolean, transaction, tables]");
         TableUpdate update = takeIncoming((*reply)[2]);
-        progress.changedTables = *found ? m_tables.apply(update) : m_tables.replace(update);
+        progress.changedTables = *found ? m_tables.apply(update, m_watcher) : m_tables.replace(update, m_watcher);
         m_lastTransaction = *last;
     } else {
         TableUpdate update = takeIncoming(answer.result);
-        progress.changedTables = m_tables.replace(update);
+        progress.changedTables = m_tables.replace(update, m_watcher);
         m_lastTransaction = noTransaction;
         session.splitRowsAt(rowsInList);
     }
@@ -161,7 +161,7 @@ Subscription::Progress Subscription::updated(const RpcMessage& notification)
     if (m_method == Method::Since && (transaction == nullptr || !Uuid::fromText(*transaction)))
         throw ProtocolError(std::string(name) + " without a transaction");
     TableUpdate update = takeIncoming(params.back());
-    Progress progress{.synchronised = false, .changedTables = m_tables.apply(update)};
+    Progress progress{.synchronised = false, .changedTables = m_tables.apply(update, m_watcher)};
     if (transaction != nullptr)
         m_lastTransaction = *transaction;
     return progress;

@@ -27,6 +27,9 @@ public:
     Subscription(const Subscription&) = delete;
     Subscription& operator=(const Subscription&) = delete;
 
+    // From now on hears of every row that changes.
+    void watchRows(RowWatcher watcher) { m_watcher = std::move(watcher); }
+
     // A new connection: asks for the schema. The copy of the tables stays until the server has told the current state.
     void begin(RpcSession& session);
     // Likewise, where this connection's schema is known, of all the tables, and found right.
@@ -68,6 +71,7 @@ private:
 
     const Database& m_database;
     TableCache m_tables;
+    RowWatcher m_watcher;
     std::optional<TableUpdate> m_incoming; // the rows of a message that is not complete
     Phase m_phase = Phase::Idle;
     Method m_method = Method::Since;

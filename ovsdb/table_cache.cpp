@@ -65,6 +65,37 @@ bool isDifferent(const std::vector<Row>& rows, const std::vector<RowChange>& cha
     });
 }
 
+// Tells of what the changes, sorted by UUID, make of the rows.
+void tell(const RowWatcher& watcher, const Table& table, const std::vector<Row>& rows,
+          const std::vector<RowChange>& changes)
+{
+    for (const Row& row : rows) {
+        const RowChange* change = changeOf(changes, row.uuid);
+        if (change != nullptr && (change->kind == ChangeKind::Delete || change->row != row))
+            watcher(table, &row, change->kind == ChangeKind::Delete ? nullptr : &change->row);
+    }
+    for (const RowChange& change : changes) {
+        if (change.kind == ChangeKind::Insert)
+            watcher(table, nullptr, &change.row);
+    }
+}
+
+// Tells of the difference between two states of a table.
+void tell(const RowWatcher& watcher, const Table& table, const std::vector<Row>& before, const std::vector<Row>& after)
+{
+    const ById byId(table);
+    auto old = before.begin();
+    auto fresh = after.begin();
+    while (old != before.end() || fresh != after.end()) {
+        const bool gone = fresh == after.end() || (old != before.end() && byId(*old, *fresh));
+        const bool added = old == before.end() || (fresh != after.end() && byId(*fresh, *old));
+        if (gone || added || *old != *fresh)
+            watcher(table, added ? nullptr : &*old, gone ? nullptr : &*fresh);
+        old += added ? 0 : 1;
+        fresh += gone ? 0 : 1;
+    }
+}
+
 } // namespace
 
 TableCache::TableCache(const Database& database, const std::vector<std::string>& tableNames, std::size_t memoryLimit)
@@ -129,7 +160,7 @@ std::size_t TableCache::check(const Held& held, TableChanges& changes)
     return bytes;
 }
 
-std::set<std::string> TableCache::apply(TableUpdate& update)
+std::set<std::string> TableCache::apply(TableUpdate& update, const RowWatcher& watcher)
 {
     struct Part {
         Held& held;
@@ -150,6 +181,10 @@ std::set<std::string> TableCache::apply(TableUpdate& update)
         if (isDifferent(held.rows, changes.rows))
             changedTables.emplace(held.table->name);
     }
+    for (const Part& part : parts) {
+        if (watcher)
+            tell(watcher, *part.held.table, part.held.rows, part.changes);
+    }
     for (const Part& part : parts) { // from here on nothing fails
         std::vector<Row>& rows = part.held.rows;
         std::erase_if(rows, [&](const Row& row) { return changeOf(part.changes, row.uuid) != nullptr; });
@@ -166,7 +201,7 @@ std::set<std::string> TableCache::apply(TableUpdate& update)
     return changedTables;
 }
 
-std::set<std::string> TableCache::replace(TableUpdate& update)
+std::set<std::string> TableCache::replace(TableUpdate& update, const RowWatcher& watcher)
 {
     TableCache fresh = *this;
     for (Held& held : fresh.m_tables)
@@ -182,6 +217,8 @@ std::set<std::string> TableCache::replace(TableUpdate& update)
     for (std::size_t i = 0; i < m_tables.size(); ++i) {
         if (m_tables[i].rows != fresh.m_tables[i].rows)
             changedTables.emplace(m_tables[i].table->name);
+        if (watcher)
+            tell(watcher, *m_tables[i].table, m_tables[i].rows, fresh.m_tables[i].rows);
     }
     m_tables = std::move(fresh.m_tables);
     return changedTables;

@@ -6,6 +6,7 @@
 #include "platform/value_list.hpp"
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <set>
 #include <span>
@@ -21,6 +22,9 @@ struct TableChanges;
 
 // What a copy holds at most: over a million rows, and far more than the server itself can be asked to keep.
 inline constexpr std::size_t maximumTableMemory = std::size_t{1} << 30;
+
+// Hears of each row that becomes another one, before it does; nullptr: there is none. The cache is as it was.
+using RowWatcher = std::function<void(const Table& table, const Row* before, const Row* after)>;
 
 // One consistent state of some tables. Plain value.
 class TableCache
@@ -46,10 +50,10 @@ public:
     // Takes over the changes: all of them, or, when any does not fit (a row to be inserted that is there, a row twice,
     // a row too many for the memory), none, and throws ProtocolError. The update was made from this state and is used
     // up. Returns the tables of which at least one row is different now.
-    std::set<std::string> apply(TableUpdate& update);
+    std::set<std::string> apply(TableUpdate& update, const RowWatcher& watcher = {});
 
     // Becomes the state that the update, which must insert all rows, gives; under the rules of apply.
-    std::set<std::string> replace(TableUpdate& update);
+    std::set<std::string> replace(TableUpdate& update, const RowWatcher& watcher = {});
 
 private:
     struct Held {

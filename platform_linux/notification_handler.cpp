@@ -7,6 +7,7 @@
 #include "platform_linux/delivery_names.hpp"
 #include "platform_linux/device_row.hpp"
 #include "platform_linux/event_dispatcher.hpp"
+#include "platform_linux/history_watch.hpp"
 #include "platform_linux/queue/transaction_queue.hpp"
 #include "platform_linux/server_link.hpp"
 #include "platform_linux/service_manager.hpp"
@@ -14,6 +15,7 @@
 #include "platform_linux/start_settings.hpp"
 #include "platform_linux/trial_watch.hpp"
 #include "schema/device.hpp"
+#include "schema/history.hpp"
 
 #include <array>
 #include <chrono>
@@ -95,6 +97,7 @@ public:
         std::vector<std::string> subscribed = m_tableNames;
         subscribed.emplace_back(schema::changeTable);
         subscribed.emplace_back(schema::trialTable);
+        subscribed.emplace_back(schema::historyTable);
         m_link.emplace(m_settings, m_dispatcher, m_logModule, subscribed,
                        [this](ovsdb::Subscription::Progress progress) { takeOver(std::move(progress)); });
         m_source.emplace(m_link->tables(), m_tableNames, m_logModule);
@@ -102,8 +105,17 @@ public:
                          [this](ovsdb::Json operation, ServerLink::Answered answered) {
                              m_link->transact(std::move(operation), std::move(answered));
                          });
+        m_history.emplace(
+            hostName(), m_link->tables(), m_dispatcher, m_logModule,
+            [this](std::vector<ovsdb::Json> operations, ServerLink::Answered answered) {
+                m_link->transact(std::move(operations), std::move(answered));
+            },
+            std::chrono::system_clock::now);
+        m_link->watchRows([this](const ovsdb::Table& table, const ovsdb::Row* before, const ovsdb::Row* after) {
+            m_history->rowChanges(table, before, after);
+        });
         m_trial.emplace(
-            hostName(), m_dispatcher, m_logModule,
+            hostName(), m_link->tables(), m_dispatcher, m_logModule,
             [this](std::vector<ovsdb::Json> operations, const auto& answered) {
                 m_link->transact(
                     std::move(operations),
@@ -207,8 +219,12 @@ private:
     void takeOver(ovsdb::Subscription::Progress progress)
     {
         m_numberChanged = progress.changedTables.erase(std::string(schema::changeTable)) != 0 || m_numberChanged;
-        if (progress.changedTables.erase(std::string(schema::trialTable)) != 0 || progress.synchronised)
+        const bool historyChanged = progress.changedTables.erase(std::string(schema::historyTable)) != 0;
+        const bool trialChanged = progress.changedTables.erase(std::string(schema::trialTable)) != 0;
+        if (trialChanged || progress.synchronised)
             m_trial->update(schema::trialOf(m_link->tables()), progress.synchronised);
+        if (!progress.changedTables.empty() || historyChanged || trialChanged || progress.synchronised)
+            m_history->update(progress.synchronised, m_link->serves(schema::historyTable));
         m_source->update(progress.changedTables);
         if (progress.synchronised)
             m_device->setServed(m_link->serves(schema::deviceTable));
@@ -266,6 +282,7 @@ private:
     std::optional<ServerLink> m_link;
     std::optional<DeliveredRows> m_source; // of the link's tables
     std::optional<DeviceRow> m_device;
+    std::optional<HistoryWatch> m_history;
     std::optional<TrialWatch> m_trial;
     std::vector<std::string> m_tableNames; // the handler's
     EventDispatcher::State::TimerId m_retryTimer = 0;

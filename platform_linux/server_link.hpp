@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace zol::cfg
@@ -41,6 +42,9 @@ public:
     ~ServerLink();
     ServerLink(const ServerLink&) = delete;
     ServerLink& operator=(const ServerLink&) = delete;
+
+    // From now on hears of every row that changes, before the listener hears of the message.
+    void watchRows(ovsdb::RowWatcher watcher) { m_subscription.watchRows(std::move(watcher)); }
 
     // The first attempt; false when there is no server yet.
     bool start();

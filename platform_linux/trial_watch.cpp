@@ -27,9 +27,11 @@ std::string nameOf(const schema::Trial& trial)
 
 } // namespace
 
-TrialWatch::TrialWatch(std::string hostName, tessera::net::EventDispatcher::State& dispatcher,
-                       ZOL_Sysloglevel_Module logModule, Send send, std::function<schema::Clocks()> clocks)
+TrialWatch::TrialWatch(std::string hostName, const ovsdb::TableCache& tables,
+                       tessera::net::EventDispatcher::State& dispatcher, ZOL_Sysloglevel_Module logModule, Send send,
+                       std::function<schema::Clocks()> clocks)
     : m_hostName(text::oneLine(hostName, longestHost)),
+      m_tables(tables),
       m_dispatcher(dispatcher),
       m_logModule(logModule),
       m_send(std::move(send)),
@@ -88,10 +90,11 @@ void TrialWatch::putBack()
                  {std::string(schema::history::verb),
                   tessera::Value("not confirmed in time: " + text::oneLine(m_trial->verb, longestVerb))}};
     try {
-        m_send(schema::putBack(*m_trial, entry), [this, uuid = m_trial->uuid](const std::optional<std::string>& error) {
-            if (m_trial && m_trial->uuid == uuid)
-                answered(error);
-        });
+        m_send(schema::putBack(*m_trial, m_tables, entry),
+               [this, uuid = m_trial->uuid](const std::optional<std::string>& error) {
+                   if (m_trial && m_trial->uuid == uuid)
+                       answered(error);
+               });
     } catch (const ovsdb::Error& error) {
         ZOL_Sysloglevel_error(m_logModule, trialLabel, 30, nameOf(*m_trial) + " cannot be put back: " + error.what());
     }

@@ -25,9 +25,9 @@ public:
                                     std::function<void(const std::optional<std::string>& error)> answered)>;
     static constexpr std::chrono::milliseconds pause{250}; // between attempts that the server refuses
 
-    // The dispatcher must outlive it. clocks: the machine's.
-    TrialWatch(std::string hostName, tessera::net::EventDispatcher::State& dispatcher, ZOL_Sysloglevel_Module logModule,
-               Send send, std::function<schema::Clocks()> clocks);
+    // The dispatcher and the tables, which are the server's, must outlive it. clocks: the machine's.
+    TrialWatch(std::string hostName, const ovsdb::TableCache& tables, tessera::net::EventDispatcher::State& dispatcher,
+               ZOL_Sysloglevel_Module logModule, Send send, std::function<schema::Clocks()> clocks);
     ~TrialWatch();
     TrialWatch(const TrialWatch&) = delete;
     TrialWatch& operator=(const TrialWatch&) = delete;
@@ -44,6 +44,7 @@ private:
     void answered(const std::optional<std::string>& error);
 
     const std::string m_hostName;
+    const ovsdb::TableCache& m_tables;
     tessera::net::EventDispatcher::State& m_dispatcher;
     const ZOL_Sysloglevel_Module m_logModule;
     const Send m_send;

@@ -21,6 +21,7 @@ inline constexpr std::string_view verb = "Verb";       // the command on one lin
 inline constexpr std::string_view rows = "Rows";       // how many changed
 inline constexpr std::string_view changes = "Changes"; // schema/server/recorded_change.hpp; empty: too long to be kept
 inline constexpr std::string_view undoes = "Undoes";   // the entry whose change this one takes back; else 0
+inline constexpr std::string_view sum = "Sum";         // of all rows if the history tells of all changes: row_sum.hpp
 } // namespace history
 
 inline constexpr std::int32_t maximumHistory = 100;

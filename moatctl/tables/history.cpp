@@ -4,6 +4,7 @@
 #include "ovsdb/client.hpp"
 #include "schema/history.hpp"
 #include "schema/server/database.hpp"
+#include "schema/server/row_sum.hpp"
 #include "text/one_line.hpp"
 #include "text/utc_time.hpp"
 
@@ -118,6 +119,10 @@ const HistoryEntry* nextToUndo(const std::vector<HistoryEntry>& newestFirst)
 
 std::vector<RecordedChange> changesOf(const HistoryEntry& entry)
 {
+    if (entry.changes.empty() && entry.rows == 0)
+        throw Failure(ExitStatus::Conflict, "change " + std::to_string(entry.number) +
+                                                " cannot be undone: nobody saw which rows changed "
+                                                "(moatctl undo NUMBER takes another change back)");
     if (entry.changes.empty())
         throw Failure(ExitStatus::Conflict, "change " + std::to_string(entry.number) + " of " +
                                                 std::to_string(entry.rows) +
@@ -239,9 +244,7 @@ ovsdb::ColumnValues entryOf(const Occasion& occasion)
 std::vector<ovsdb::Json> addToHistory(const ovsdb::TableCache& state, const Occasion& occasion,
                                       const std::vector<RecordedChange>& changes)
 {
-    std::int32_t newest = 0;
-    for (const ovsdb::Row& row : state.rows(schema::historyTable))
-        newest = std::max(newest, row.values.integer(0));
+    const std::int32_t newest = schema::newestEntry(state).number;
     if (newest >= std::numeric_limits<std::int32_t>::max() - 1) // a trial takes two
         throw Failure(ExitStatus::Conflict, "the history has no larger number left: delete its newest entry");
     std::string text = schema::toText(changes);
@@ -257,6 +260,7 @@ std::vector<ovsdb::Json> addToHistory(const ovsdb::TableCache& state, const Occa
     add(history::rows, static_cast<std::int32_t>(changes.size()));
     add(history::changes, std::move(text));
     add(history::undoes, occasion.undoes);
+    add(history::sum, schema::sumText(schema::sumAfter(state, changes)));
     operations.push_back(ovsdb::insertRow(schema::historyTable, entry));
     if (newest >= schema::maximumHistory)
         operations.push_back(ovsdb::deleteRows(schema::historyTable,

@@ -71,7 +71,7 @@ ExitStatus cancel(Program& program)
     stored.devicesBefore = devicesOf(state);
     stored.numberBefore = changeNumberOf(state);
     guard(program, stored.before, trial);
-    const ovsdb::TransactionResult result = client.transact(schema::putBack(trial, entryOf(*program.occasion)));
+    const ovsdb::TransactionResult result = client.transact(schema::putBack(trial, state, entryOf(*program.occasion)));
     require(result, trial);
     stored.changed = true;
     stored.number = result.outcomes.back().number;

@@ -23,6 +23,8 @@ struct HistoryArguments {
 
 std::vector<std::string> linesOf(const HistoryEntry& entry, std::size_t most)
 {
+    if (entry.changes.empty() && entry.rows == 0)
+        return {"unknown: nobody saw which rows changed"};
     if (entry.changes.empty())
         return {std::to_string(entry.rows) + " rows, too many to be kept"};
     std::vector<std::string> lines;

@@ -60,8 +60,9 @@ ovsdb::Database withDevices(ovsdb::Database database)
                      column(device::notInForceCount, Integer), column(device::repaired, Text),
                      column(device::repairedWhat, Text), column(device::version, Text), column(device::started, Text)},
          .mayBeMissing = true});
-    database.tables.push_back(
-        {.name = std::string(historyTable), .columns = {column(history::number, Integer)}, .mayBeMissing = true});
+    database.tables.push_back({.name = std::string(historyTable),
+                               .columns = {column(history::number, Integer), column(history::sum, Text)},
+                               .mayBeMissing = true});
     database.tables.push_back(
         {.name = std::string(trialTable),
          .columns = {column(trial::change, Integer), column(trial::seconds, Integer), column(trial::began, Text),
@@ -80,7 +81,7 @@ ovsdb::Database makeHistoryDatabase()
                  .columns = {column(history::number, Integer), column(history::time, Text), column(history::user, Text),
                              column(history::address, Text), column(history::host, Text), column(history::verb, Text),
                              column(history::rows, Integer), column(history::changes, Text),
-                             column(history::undoes, Integer)},
+                             column(history::undoes, Integer), column(history::sum, Text)},
                  .mayBeMissing = true}}};
 }
 

@@ -16,7 +16,7 @@ inline constexpr std::string_view acknowledgedTable = "MoatKeeperAcknowledged";
 inline constexpr std::string_view usedIdsTable = "MoatKeeperUsedIds";
 
 // These, the two that say what is in force, the change that waits to be confirmed, and of each
-// entry of the history its number: what a change needs to know.
+// entry of the history its number and sum: what a change needs to know.
 // A server of schema 1.0 lacks them. Lives for ever.
 const ovsdb::Database& serverDatabaseWithDevices();
 

@@ -3,6 +3,7 @@
 #include "schema/device.hpp"
 #include "schema/history.hpp"
 #include "schema/server/recorded_change.hpp"
+#include "schema/server/row_sum.hpp"
 #include "text/small_file.hpp"
 #include "text/utc_time.hpp"
 
@@ -126,7 +127,8 @@ Json endTrial(const Trial& trial)
     return ovsdb::deleteRows(trialTable, ovsdb::rowWithUuid(trial.uuid));
 }
 
-std::vector<Json> putBack(const Trial& trial, const std::optional<ovsdb::ColumnValues>& entry)
+std::vector<Json> putBack(const Trial& trial, const ovsdb::TableCache& state,
+                          const std::optional<ovsdb::ColumnValues>& entry)
 {
     std::vector<RecordedChange> changes = parseRecordedChanges(trial.changes);
     std::vector<Json> operations{requireTrial(trial)};
@@ -141,6 +143,7 @@ std::vector<Json> putBack(const Trial& trial, const std::optional<ovsdb::ColumnV
         row.emplace_back(history::rows, tessera::Value(static_cast<std::int32_t>(changes.size())));
         row.emplace_back(history::changes, tessera::Value(toText(changes)));
         row.emplace_back(history::undoes, tessera::Value(trial.change));
+        row.emplace_back(history::sum, tessera::Value(sumText(sumAfter(state, changes))));
         operations.push_back(ovsdb::insertRow(historyTable, row));
     }
     for (Json& operation : ovsdb::countUp(changeTable, changeNumber, changeNumbers))

@@ -51,8 +51,9 @@ ovsdb::Json endTrial(const Trial& trial);
 
 // A transaction that puts back what was before; of several clients that send it one succeeds, the others' fails as
 // requireTrial says. Its last result is the number of this change. entry: what the history keeps of that, without
-// Number, Rows, Changes and Undoes; nothing: no entry. Throws ovsdb::Error when the trial's text is not as it should
-// be.
-std::vector<ovsdb::Json> putBack(const Trial& trial, const std::optional<ovsdb::ColumnValues>& entry);
+// Number, Rows, Changes, Undoes and Sum; nothing: no entry. state: the tables as they are. Throws ovsdb::Error when the
+// trial's text is not as it should be.
+std::vector<ovsdb::Json> putBack(const Trial& trial, const ovsdb::TableCache& state,
+                                 const std::optional<ovsdb::ColumnValues>& entry);
 
 } // namespace schema

@@ -8,7 +8,7 @@ import socket
 import subprocess
 
 from moatctl_case import BAD_INPUT, CONFLICT, NO_SERVER, Case, main
-from lab import waiting
+from lab import config, waiting
 from lab.config import Config, insert
 
 HISTORIES = int(os.environ.get("MOATKEEPER_HISTORIES", "6"))  # random ones
@@ -242,9 +242,16 @@ class Trial(Tool):
 class RandomHistories(Tool):
     """Whatever was done, undo after undo leads back through the same states, and undo of undo forth again."""
 
+    def setUp(self):
+        super().setUp()
+        self.config = Config(self.socket)
+        self.addCleanup(self.config.close)
+
+    def ids(self, table):
+        return sorted(row["Id"] for row in self.config.select(table))
+
     def change(self, pick):
-        rules = [row["Id"] for row in self.rows("rule")]
-        filters = [row["Id"] for row in self.rows("filter")]
+        rules, filters = self.ids(config.RULES), self.ids(config.FILTERS)
         port = pick.choice(("eth0", "eth1", "eth2"))
         choices = [("rule", "add", "--in", port, "--src-mac", f"02:00:00:00:00:{pick.randrange(256):02x}",
                     pick.choice(("--drop", "--accept"))),
@@ -267,8 +274,7 @@ class RandomHistories(Tool):
                 self.run_history(random.Random(seed))
 
     def newest(self):
-        entries = self.history("-n", "1")
-        return entries[0]["Number"] if entries else 0
+        return max((row["Number"] for row in self.config.select("MoatKeeperHistory")), default=0)
 
     def run_history(self, pick):
         states = [self.export()]

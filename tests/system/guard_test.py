@@ -131,7 +131,8 @@ class Guard(machine.Machine):
             self.refused(connection, ".* the policy of INPUT", "import", "-", *dry, stdin=closed)
         self.accepted(connection, "rule", "add", "--in", PORT, "--accept")
         self.accepted(connection, "global", "set", "--input", "DROP")
-        number = json.loads(self.tool("", "history", "--format=json").stdout)["history"][1]["Number"]
+        entries = json.loads(self.tool("", "history", "--format=json").stdout)["history"]
+        number = next(entry["Number"] for entry in entries if entry["Verb"].endswith("rule add --in p1 --accept"))
         for dry in ((), ("--dry-run",)):
             self.refused(connection, ".* the policy of INPUT", "undo", number, *dry)
 

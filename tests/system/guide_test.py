@@ -28,12 +28,10 @@ ROWS = {  # that the examples are about
                           for number in NUMBERS],
 }
 ON_TRIAL = "moatctl rule set 2 --accept --confirm 60"
-SEVENTEEN = "for i in 1 2 3 4 5 6 7 8; do moatctl --no-wait rule disable 2; moatctl --no-wait rule enable 2; done; " \
-    "moatctl rule disable 2"
 # What an example needs besides; and its other exit statuses, for what is told of these rows is no matter.
 BEFORE = {"batch": "echo rule disable 1 > changes.txt",
           "import": "moatctl export > configuration.json; cp configuration.json new.json",
-          "check": "moatctl export > rules.json", "undo": SEVENTEEN, "confirm": ON_TRIAL, "cancel": ON_TRIAL}
+          "check": "moatctl export > rules.json", "undo": "moatctl rule disable 2", "confirm": ON_TRIAL, "cancel": ON_TRIAL}
 STATUS = {"check": (0, 1), "status": (0, 1)}
 
 
@@ -65,7 +63,8 @@ class Manual(machine.Machine):
             examples += [(example, {config.MAIN: ROWS[config.MAIN]}) for example in found]
         for example, rows in examples:
             self.config.replace(rows)
-            self.config.transact(config.delete("MoatKeeperHistory"))  # the next change is the first
+            # An entry without a sum: all is told, and the next change is the seventeenth.
+            self.config.transact(config.delete("MoatKeeperHistory"), config.insert("MoatKeeperHistory", Number=16))
             verb = example.split()[1]
             if verb == "monitor":
                 self.watch(example)
@@ -100,6 +99,9 @@ class Session(machine.Machine):
         os.environ["PATH"] = f"{os.path.dirname(MOATCTL)}:{os.environ['PATH']}"
         os.environ["SSH_CONNECTION"] = ""
         self.configure({}, kernel.expected())
+        # An entry without a sum: that change is told. The next one is the first.
+        self.config.transact(config.insert("MoatKeeperHistory", Number=1000))
+        self.config.transact(config.delete("MoatKeeperHistory"))
         makePorts(self.bridge.name)
 
     def testItIsAsShown(self):

@@ -2,6 +2,7 @@
 #include "platform_linux/trial_watch.hpp"
 
 #include "schema/history.hpp"
+#include "schema/server/database.hpp"
 #include "tests/unit/captured_descriptor.hpp"
 
 #include <gmock/gmock.h>
@@ -51,7 +52,7 @@ protected:
     }
     TrialWatch watch()
     {
-        return TrialWatch("here", m_dispatcher, m_logModule, sender(), [this] { return m_clocks; });
+        return TrialWatch("here", m_tables, m_dispatcher, m_logModule, sender(), [this] { return m_clocks; });
     }
     // For how long it has waited before it sent something more.
     milliseconds waitForMore()
@@ -75,6 +76,7 @@ protected:
     CapturedDescriptor m_log{STDERR_FILENO};
     ZOL_Sysloglevel_Module m_logModule = ZOL_Sysloglevel_registerModul("test");
     tessera::net::EventDispatcher::State m_dispatcher;
+    ovsdb::TableCache m_tables{schema::serverDatabaseWithDevices(), {std::string(schema::historyTable)}};
     schema::Clocks m_clocks;
     std::vector<Sent> m_sent;
 };
