@@ -206,7 +206,7 @@ class Terminal(Case):
                                  for _ in request["params"][1:]])
         slow = FakeServer(self.folder / "slow", beWritten)
         self.addCleanup(slow.close)
-        process = subprocess.Popen(self.command("import", path, "--elsewhere", socket_path=slow.path),
+        process = subprocess.Popen(self.command("--timeout", "60", "import", path, "--elsewhere", socket_path=slow.path),
                                    stdout=subprocess.DEVNULL, stderr=stderr, env=self.ENVIRONMENT)
         return process
 
@@ -214,7 +214,7 @@ class Terminal(Case):
         ours, theirs = os.openpty()
         process = self.run_slowly(theirs)
         text = read_terminal(ours, theirs)
-        self.assertEqual(process.wait(10), OK, text)
+        self.assertEqual(process.wait(60), OK, text)
         shown = [int(number) for number in re.findall(r"sending 3000 changes: (\d+)%", text)]
         self.assertTrue(shown and shown == sorted(shown) and 0 < shown[-1] < 100, text)
         self.assertIn("waiting until the server has stored 3000 changes", text)
@@ -244,7 +244,7 @@ class Terminal(Case):
         process = self.run_slowly(subprocess.PIPE)
         self.assertEqual(process.stderr.read().decode().splitlines()[-1], "3000 rows to add, 0 to remove, 0 to change")
         process.stderr.close()
-        self.assertEqual(process.wait(10), OK)
+        self.assertEqual(process.wait(60), OK)
 
     def test_short_work_says_nothing(self):
         ours, theirs = os.openpty()
