@@ -5,7 +5,7 @@
 #   FOLDER         where to put them, instead of build/packages; others there of these names are overwritten
 #
 # Installs what is missing for that, as root; otherwise needs no root. Leaves nothing in the sources, and gives the same
-# packages for the same build, byte for byte.
+# packages for the same commit and preset, byte for byte.
 set -eu
 sources=$(realpath "$(dirname "$0")/..")
 if [ "${1-}" = --from ]; then
