@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <malloc.h>
 
 namespace zol::cfg
 {
@@ -36,18 +37,14 @@ std::int32_t idOf(const ovsdb::Table& table, const Values& values)
     return id ? tessera::Value(values[*id]).getInteger() : 0;
 }
 
-bool changesNothing(const RecordedChange& change)
+std::optional<ovsdb::RowValues> valuesOf(const std::optional<std::vector<tessera::Value>>& told)
 {
-    return change.before == change.after;
+    return told ? std::optional(ovsdb::RowValues(*told)) : std::nullopt;
 }
 
-// Takes away from what a row went through what an entry tells of it: the last or the first part of the way.
-void subtract(RecordedChange& way, const RecordedChange& told)
+std::optional<std::vector<tessera::Value>> listOf(const std::optional<ovsdb::RowValues>& values)
 {
-    if (way.after == told.after)
-        way.after = told.before;
-    else if (way.before == told.before)
-        way.before = told.after;
+    return values ? std::optional(values->toList()) : std::nullopt;
 }
 
 std::vector<RecordedChange> toldIn(const ovsdb::Json& entry)
@@ -99,12 +96,11 @@ void HistoryWatch::rowChanges(const ovsdb::Table& table, const ovsdb::Row* befor
         return;
     // A row that is deleted and inserted anew is the same row to everybody.
     const ovsdb::Table& own = schema::serverDatabase().at(table.name);
-    RecordedChange& change = m_rows[{&own, idOf(table, (before != nullptr ? before : after)->values)}];
-    change.table = &own;
+    SeenChange& change = m_rows[{&own, idOf(table, (before != nullptr ? before : after)->values)}];
     if (before != nullptr)
-        change.before = before->values.toList();
+        change.before = before->values;
     if (after != nullptr)
-        change.after = after->values.toList();
+        change.after = after->values;
 }
 
 void HistoryWatch::update(bool connected, bool served)
@@ -148,7 +144,7 @@ void HistoryWatch::bound()
                 row->second.after = std::move(change.after);
         }
     }
-    std::erase_if(all.rows, [](const auto& row) { return changesNothing(row.second); });
+    std::erase_if(all.rows, [](const auto& row) { return row.second.changesNothing(); });
     m_steps.clear();
     m_steps.push_back(std::move(all));
 }
@@ -191,6 +187,15 @@ void HistoryWatch::takeEntries(Step& step)
         step.from = step.from == 0 ? number : step.from;
         step.upTo = number;
     }
+}
+
+// Takes away from what the row went through what an entry tells of it: the last or the first part of the way.
+void HistoryWatch::SeenChange::subtract(const RecordedChange& told)
+{
+    if (after == valuesOf(told.after))
+        after = valuesOf(told.before);
+    else if (before == valuesOf(told.before))
+        before = valuesOf(told.after);
 }
 
 // Whether it is the first of the steps that an entry with this difference of sums tells of.
@@ -266,11 +271,11 @@ void HistoryWatch::separate(const Step& mixed)
                         const auto& values = change.before ? *change.before : *change.after;
                         const auto row = step->rows.find({change.table, idOf(*change.table, values)});
                         if (row != step->rows.end())
-                            subtract(row->second, change);
+                            row->second.subtract(change);
                     }
                 }
             }
-            std::erase_if(step->rows, [](const auto& row) { return changesNothing(row.second); });
+            std::erase_if(step->rows, [](const auto& row) { return row.second.changesNothing(); });
         }
         answered(error);
     });
@@ -282,6 +287,7 @@ void HistoryWatch::answered(const std::optional<std::string>& error)
     if (error && !isOrdinary(*error) && std::exchange(m_problem, *error) != *error)
         ZOL_Sysloglevel_warning(m_logModule, historyLabel, 10,
                                 "a change by another client is not in the history: " + text::oneLine(*error));
+    malloc_trim(0); // an entry of many rows takes some megabytes for a while
     schedule();
 }
 
@@ -292,16 +298,17 @@ std::vector<RecordedChange> HistoryWatch::changes() const
     std::map<Key, std::size_t> places;
     for (const Step& step : m_steps) {
         for (const auto& [key, change] : step.rows) {
+            RecordedChange told{.table = key.first, .before = listOf(change.before), .after = listOf(change.after)};
             const auto [place, isNew] = places.emplace(key, all.size());
-            if (!isNew && all[place->second].after == change.before) {
-                all[place->second].after = change.after;
+            if (!isNew && all[place->second].after == told.before) {
+                all[place->second].after = std::move(told.after);
                 continue;
             }
             place->second = all.size();
-            all.push_back(change);
+            all.push_back(std::move(told));
         }
     }
-    std::erase_if(all, changesNothing);
+    std::erase_if(all, [](const RecordedChange& change) { return change.before == change.after; });
     return all;
 }
 

@@ -54,7 +54,15 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     using Key = std::pair<const ovsdb::Table*, std::int32_t>; // and the Id
-    using Rows = std::map<Key, schema::RecordedChange>;
+
+    // A row that came, went or changed. It may wait for long, and there may be many.
+    struct SeenChange {
+        std::optional<ovsdb::RowValues> before;
+        std::optional<ovsdb::RowValues> after;
+        bool changesNothing() const { return before == after; }
+        void subtract(const schema::RecordedChange& told);
+    };
+    using Rows = std::map<Key, SeenChange>;
 
     // What one message brought that no entry tells of.
     struct Step {
