@@ -50,7 +50,12 @@ public:
 
     // What is to be sent; consumed(n) takes away the first n bytes of it.
     const std::string& output() const { return m_output; }
-    void consumed(std::size_t bytes) { m_output.erase(0, bytes); }
+    void consumed(std::size_t bytes)
+    {
+        m_output.erase(0, bytes);
+        if (m_output.empty())
+            m_output.shrink_to_fit(); // a request may have been megabytes, and the next a few bytes
+    }
 
     // Whether the peer owes an answer or the rest of a message.
     bool waiting() const { return !m_pending.empty() || m_framer.unfinished(); }

@@ -28,6 +28,16 @@ TEST(OvsdbRpcSessionTest, AsksAndTakesTheAnswer)
     EXPECT_FALSE(session.next().has_value());
 }
 
+TEST(OvsdbRpcSessionTest, ALargeRequestTakesNoMemoryOnceItIsSent)
+{
+    RpcSession session;
+    session.request("transact", Json::Array{Json(std::string(1'000'000, 'x'))});
+    session.consumed(session.output().size() - 10);
+    EXPECT_EQ(session.output().size(), 10U);
+    session.consumed(10);
+    EXPECT_LT(session.output().capacity(), 100U);
+}
+
 TEST(OvsdbRpcSessionTest, AnErrorIsOneLine)
 {
     RpcSession session;
