@@ -1,9 +1,11 @@
 #!/bin/bash
 # Tries the README's two commands where nothing is installed: makes a minimal Debian 12 in a folder, puts the last commit
 # there, once in an ordinary folder and once in one of mode 700 under /root, and runs tools/demo.sh and tools/test.sh in
-# both. Packages come from where this machine has its own. Takes about half an hour and 4 GB, needs root, asks nothing.
-# usage: tools/fresh-root.sh [--slow | --cross] [FOLDER]
-#   --slow   in the end also, in the first clone, all other commands of the documents that take long
+# both, then makes the packages there, installs, removes and purges them. Packages of others come from where this machine
+# has its own. Takes about half an hour and 4 GB, needs root, asks nothing.
+# usage: tools/fresh-root.sh [--slow | --long | --cross] [FOLDER]
+#   --slow   in the end also, in the first clone, the commands of the documents that measure; half an hour more
+#   --long   the same with all other commands that take long; hours
 #   --cross  instead, builds and tests for other processors, in the first clone
 #   FOLDER   where to make it, instead of a new folder in TMPDIR; it is removed in the end
 #
@@ -102,16 +104,18 @@ case "${1-}" in
     for clone in "${clones[@]}"; do
         try "$clone" fresh
     done
-    if [ "$3" = --slow ]; then try "${clones[0]}" slow; fi
+    case "$3" in --slow | --long) try "${clones[0]}" "${3#--}" ;; esac
     exit
     ;;
 esac
 
-slow=
-if [ "${1-}" = --slow ] || [ "${1-}" = --cross ]; then
-    slow=$1
+more=
+case "${1-}" in
+--slow | --long | --cross)
+    more=$1
     shift
-fi
+    ;;
+esac
 [ "$(id -u)" = 0 ] || fail 'must be run as root'
 "$project/tools/install-deps.sh" fresh-root
 if [ $# -gt 0 ]; then
@@ -128,7 +132,7 @@ exec 9> >(exec setsid bash -c 'trap "" HUP INT TERM; cat >/dev/null; rm -rf --on
 remover=$!
 status=0
 setpriv --pdeathsig KILL unshare --mount --propagation private --pid --fork --kill-child --mount-proc -- \
-    "$project/tools/fresh-root.sh" --inside "$folder" "$slow" || status=$?
+    "$project/tools/fresh-root.sh" --inside "$folder" "$more" || status=$?
 exec 9>&-
 wait $remover || true
 [ $status = 0 ] || fail "failed with status $status; the logs are in $logs"

@@ -16,7 +16,7 @@ import unittest
 from lab import programs, sandbox, waiting
 
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
-WAYS = ("test", "starts", "fresh", "slow", "cross", "ci", "nobody")
+WAYS = ("test", "starts", "fresh", "slow", "long", "cross", "ci", "nobody")
 BUILD, PREFIX = os.path.realpath(sys.argv[1]), sys.argv[2]
 CLONE = "/tmp/clone"
 # What programs must show; of the others the exit status counts.
