@@ -29,12 +29,12 @@ platform_fake        platform
 
 moatctl              moatctl/command_line moatctl/verbs schema unistd.h sys/ioctl.h
 moatctl/tables       moatctl handler ebtables ovsdb schema schema/server platform text system
-moatctl/bridge       moatctl/tables handler records ebtables schema subprocess text system libmnl
+moatctl/bridge       moatctl/tables handler records ebtables nftables schema subprocess text system libmnl
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
 moatctl/command_line moatctl moatctl/tables moatctl/bridge moatctl/check ebtables ovsdb schema schema/server platform text
                      system CLI
 moatctl/verbs        moatctl moatctl/tables moatctl/bridge moatctl/check moatctl/command_line ebtables ovsdb schema schema/server
-                     platform unistd.h
+                     platform text unistd.h
 moatctl/describe     moatctl/tables moatctl/command_line moatctl/verbs ovsdb schema CLI
 
 examples/platform    platform daemon system

@@ -10,7 +10,7 @@ packagesFor() { # group
     case $1 in
     build) echo cmake g++ libcli11-dev libmnl-dev ninja-build rapidjson-dev ;;
     running) echo ebtables iproute2 iptables openvswitch-common python3 util-linux ;; # and the tour
-    tests) echo git libgmock-dev libgtest-dev mandoc mount nftables strace systemd ;;
+    tests) echo git libgmock-dev libgtest-dev mandoc mount nftables python3-prometheus-client strace systemd ;;
     packages) echo debhelper dpkg-dev file lintian ;;
     checks) echo ccache clang clang-format clang-tidy gcovr git gnuplot-nox libclang-rt-14-dev llvm mandoc shellcheck ;;
     fresh-root) echo debootstrap git util-linux ;;

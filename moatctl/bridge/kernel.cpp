@@ -1,5 +1,6 @@
 #include "moatctl/bridge/kernel.hpp"
 
+#include "nftables/connection.hpp"
 #include "subprocess/run.hpp"
 #include "text/one_line.hpp"
 
@@ -40,6 +41,11 @@ std::optional<CommitTime> lastCommit(std::string& reason)
         return std::nullopt;
     }
     return CommitTime(std::chrono::seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec));
+}
+
+std::optional<std::uint32_t> transactions()
+{
+    return nftables::Connection().generation().generation;
 }
 
 } // namespace moatctl

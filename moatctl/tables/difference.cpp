@@ -8,18 +8,6 @@ namespace moatctl
 namespace
 {
 
-std::string valuesOf(const Row& row)
-{
-    std::string text;
-    for (std::size_t i = row.table->hasIds() ? 1 : 0; i < row.values.size(); ++i) {
-        if (!row.table->columns[i].required && row.table->hasIds() &&
-            row.values[i] == row.table->columns[i].defaultValue())
-            continue;
-        text += (text.empty() ? "" : ", ") + std::string(row.table->columns[i].name) + ' ' + inQuotes(row.values[i]);
-    }
-    return text;
-}
-
 std::string changesOf(const Row& before, const Row& after)
 {
     std::string text;
@@ -33,6 +21,18 @@ std::string changesOf(const Row& before, const Row& after)
 }
 
 } // namespace
+
+std::string valuesOf(const Row& row)
+{
+    std::string text;
+    for (std::size_t i = row.table->hasIds() ? 1 : 0; i < row.values.size(); ++i) {
+        if (!row.table->columns[i].required && row.table->hasIds() &&
+            row.values[i] == row.table->columns[i].defaultValue())
+            continue;
+        text += (text.empty() ? "" : ", ") + std::string(row.table->columns[i].name) + ' ' + inQuotes(row.values[i]);
+    }
+    return text;
+}
 
 std::vector<Change> difference(const Configuration& before, const Configuration& after)
 {

@@ -21,7 +21,10 @@ struct Change {
 // In the order of the tables, then by Id. Empty when the configurations are equal.
 std::vector<Change> difference(const Configuration& before, const Configuration& after);
 
-// `+ MoatKeeperRuleset Id 5: RulePrio 10, InInterface "eth0", Target "DROP"` (columns at their defaults are left out),
+// `RulePrio 10, InInterface "eth0", Target "DROP"`: the Id and columns at their defaults are left out.
+std::string valuesOf(const Row& row);
+
+// `+ MoatKeeperRuleset Id 5: RulePrio 10, InInterface "eth0", Target "DROP"` (the values as above),
 // `~ MoatKeeperRuleset Id 6: RulePrio 10 -> 20`, `- MoatKeeperRuleset Id 7: ...`.
 std::string toText(const Change& change);
 
