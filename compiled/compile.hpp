@@ -14,6 +14,7 @@ namespace compiled
 
 // The program for frames that pass INPUT and FORWARD. Chains that nothing jumps to from there are left out, and so is
 // OUTPUT. Nothing when a rule of the chains is not known in full: what it does could not be told then.
-std::optional<Program> compile(const ebtables::Table& table);
+// before: the program that is in force, or null. What can stay as it is there stays so.
+std::optional<Program> compile(const ebtables::Table& table, const Program* before = nullptr);
 
 } // namespace compiled

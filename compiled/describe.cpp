@@ -55,6 +55,16 @@ std::string textOf(const Condition& condition)
     return name + " in " + hex(condition.value);
 }
 
+std::string textOf(const Program& program, const LookUp& lookUp)
+{
+    const Map& map = program.maps[lookUp.map];
+    std::string text;
+    for (const MaskedField& part : lookUp.key)
+        text.append(text.empty() ? "" : ".").append(nameOf(part));
+    return text + " in " + map.name + " (" + std::to_string(map.elements.size()) +
+           (map.intervals ? " intervals)" : ")");
+}
+
 std::string textOf(const Program& program, const Step& step)
 {
     std::string text;
@@ -64,14 +74,11 @@ std::string textOf(const Program& program, const Step& step)
     if (const auto* plain = std::get_if<PlainRule>(&step.action))
         return text + ebtables::toText(plain->rule);
     if (const auto* jump = std::get_if<Jump>(&step.action))
-        return text + "jump to " + jump->chain;
-    const auto& lookUp = std::get<LookUp>(step.action);
-    const Map& map = program.maps[lookUp.map];
-    text += "look up ";
-    for (const MaskedField& part : lookUp.key)
-        text.append(&part == &lookUp.key.front() ? "" : ".").append(nameOf(part));
-    return text + " in " + map.name + " (" + std::to_string(map.elements.size()) +
-           (map.intervals ? " intervals)" : ")");
+        return text + (jump->comesBack ? "jump to " : "go to ") + jump->chain;
+    if (const auto* lead = std::get_if<Lead>(&step.action))
+        return text + "place of " + textOf(program, lead->place) +
+               (lead->than ? ", before that of " + textOf(program, *lead->than) : "") + ": go to " + lead->chain;
+    return text + "look up " + textOf(program, std::get<LookUp>(step.action));
 }
 
 class Counter
@@ -95,8 +102,14 @@ public:
             ++passed;
             if (const auto* plain = std::get_if<PlainRule>(&step.action))
                 passed += of(plain->rule.target);
-            if (const auto* jump = std::get_if<Jump>(&step.action))
-                passed += of(jump->chain);
+            if (const auto* jump = std::get_if<Jump>(&step.action)) {
+                if (jump->comesBack)
+                    passed += of(jump->chain);
+                else
+                    most = std::max(most, passed + of(jump->chain));
+            }
+            if (const auto* lead = std::get_if<Lead>(&step.action))
+                most = std::max(most, passed + of(lead->chain));
             if (const auto* lookUp = std::get_if<LookUp>(&step.action)) {
                 for (const Element& element : m_program.maps[lookUp->map].elements)
                     most = std::max(most, passed + of(element.verdict.chain));

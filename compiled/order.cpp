@@ -1,5 +1,6 @@
 #include "compiled/order.hpp"
 
+#include "compiled/form.hpp"
 #include "ebtables/fixed_bits.hpp"
 
 #include <algorithm>
@@ -21,18 +22,6 @@ using ebtables::hashWhere;
 using Bits = FixedBits::Bits;
 
 constexpr std::size_t mostForms = 512;
-constexpr const char* digits = "0123456789abcdef";
-
-// Calls visit(part, its mask) for each part, until one returns false.
-bool allParts(const RuleKey& key, const auto& visit)
-{
-    std::span<const std::uint8_t> rest = key.mask;
-    return std::ranges::all_of(key.parts, [&](Part part) {
-        const std::span<const std::uint8_t> mask = rest.first(fieldOf(part).size);
-        rest = rest.subspan(mask.size());
-        return visit(part, mask);
-    });
-}
 
 // Ones, and then zeros, in each part: what differs only in how many can be one map, of intervals.
 bool hasPrefixesOnly(const RuleKey& key)
@@ -45,43 +34,23 @@ bool hasPrefixesOnly(const RuleKey& key)
     });
 }
 
-// An id of a tag is always masked alike.
-bool isWhole(const RuleKey& key)
-{
-    return allParts(key, [](Part part, std::span<const std::uint8_t> mask) {
-        return part == Part::VlanId || std::ranges::all_of(mask, [](std::uint8_t byte) { return byte == 0xff; });
-    });
-}
-
 bool hasAddress(const RuleKey& key)
 {
     return key.has(Part::Ip4Source) || key.has(Part::Ip4Destination) || key.has(Part::Ip6Source) ||
            key.has(Part::Ip6Destination);
 }
 
+// What differs in the lengths of its networks only has one shape.
 std::string shapeOf(const RuleKey& key)
 {
-    std::string name = key.family == Family::Ip4    ? "ip4"
-                       : key.family == Family::Ip6  ? "ip6"
-                       : key.family == Family::Vlan ? "tag"
-                                                    : "";
-    for (const Part part : key.parts)
-        name.append(name.empty() ? "" : ".").append(nameOf(part));
-    if (isWhole(key) || (hasAddress(key) && hasPrefixesOnly(key)))
-        return name;
-    name += '-';
-    for (const std::uint8_t byte : key.mask) {
-        name += digits[byte >> 4U];
-        name += digits[byte & 15U];
-    }
-    return name;
+    return hasAddress(key) && hasPrefixesOnly(key) ? nameOfParts(key) : nameOfForm(key);
 }
 
 // The groups' places are found rule by rule.
 class Orderer
 {
 public:
-    Orderer(const std::vector<Item>& items, const std::vector<std::optional<RuleKey>>& keys) : m_keys(keys)
+    Orderer(std::span<const Item> items, std::span<const std::optional<RuleKey>> keys) : m_keys(keys)
     {
         rankShapes();
         for (const Item& item : items)
@@ -206,7 +175,7 @@ private:
         return level;
     }
 
-    const std::vector<std::optional<RuleKey>>& m_keys;
+    std::span<const std::optional<RuleKey>> m_keys;
     std::vector<std::string> m_names; // of the shapes
     std::size_t m_plain = 0;          // the last shape: of the rules without keys
     std::vector<std::size_t> m_shapeOf;
@@ -218,7 +187,7 @@ private:
 
 } // namespace
 
-std::vector<Group> order(const std::vector<Item>& items, const std::vector<std::optional<RuleKey>>& keys)
+std::vector<Group> order(std::span<const Item> items, std::span<const std::optional<RuleKey>> keys)
 {
     return Orderer(items, keys).run();
 }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,6 @@ struct Group {
 //
 // Shapes with more bits come first. A rule that comes after one of a later shape, and may match the same frame, is of
 // the next level: behind all shapes of the level before. Time: rules times shapes.
-std::vector<Group> order(const std::vector<Item>& items, const std::vector<std::optional<RuleKey>>& keys);
+std::vector<Group> order(std::span<const Item> items, std::span<const std::optional<RuleKey>> keys);
 
 } // namespace compiled

@@ -4,12 +4,14 @@
 // that writing it as messages decides nothing.
 #pragma once
 
+#include "compiled/places.hpp"
 #include "ebtables/command.hpp"
 #include "ebtables/table.hpp"
 
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -61,6 +63,7 @@ struct Element {
     Bytes first; // the parts of the key one beside the other, without gaps
     Bytes last;  // of each part; the same as first but in a map of intervals
     Verdict verdict;
+    Place place = 0; // instead of a verdict, in a map of places
     ebtables::Origin origin = ebtables::noOrigin;
     bool operator==(const Element&) const = default;
 };
@@ -71,6 +74,7 @@ struct Map {
     std::vector<std::uint8_t> sizes; // of the key's parts, in bytes
     bool intervals = false;
     bool counts = false; // each element for itself
+    bool places = false; // it is asked where in the list the rule with this key is
     std::vector<Element> elements;
     bool operator==(const Map&) const = default;
 };
@@ -93,12 +97,22 @@ struct LookUp {
 
 struct Jump {
     std::string chain;
+    bool comesBack = true;
     bool operator==(const Jump&) const = default;
+};
+
+// Goes to the chain, for good, when a map of places has the key; with `than`, if the place is before the one that is
+// found there.
+struct Lead {
+    LookUp place;
+    std::optional<LookUp> than;
+    std::string chain;
+    bool operator==(const Lead&) const = default;
 };
 
 struct Step {
     std::vector<Condition> conditions; // none with a plain rule, which has its own
-    std::variant<PlainRule, LookUp, Jump> action;
+    std::variant<PlainRule, LookUp, Jump, Lead> action;
     bool operator==(const Step&) const = default;
 };
 

@@ -1,4 +1,4 @@
-// Fifth step: a group of rules as steps of a chain.
+// Sixth step: a group of rules of one shape as steps of a chain.
 #pragma once
 
 #include "compiled/item.hpp"
@@ -12,9 +12,10 @@
 namespace compiled
 {
 
+// Both are the caller's.
 struct KeyedItem {
-    Item item;
-    RuleKey key;
+    const Item* item;
+    const RuleKey* key;
 };
 
 // What the steps need beside themselves, added to as they are made.
@@ -22,6 +23,8 @@ struct Surroundings {
     Program& program;
     // Where an element leads whose rule logs: a chain that logs and decides.
     std::function<std::string(const ebtables::Rule&)> loggingChain;
+    // The map of this name in the program that is in force, or null.
+    std::function<const Map*(const std::string&)> mapBefore;
 };
 
 // Rules of one shape, none of which has a frame in common with another, as one map of that name and the steps that look

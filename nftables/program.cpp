@@ -7,6 +7,7 @@
 #include <linux/netfilter/nf_tables.h>
 
 #include <algorithm>
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
@@ -78,6 +79,25 @@ compiled::Bytes padded(const compiled::Bytes& key, const std::vector<std::uint8_
     return result;
 }
 
+// ---- which of two places comes first
+//
+// The kernel compares a register with a value, but not with another register. So places are two digits, and sets know
+// which pairs of digits are which: (high, high) -> whether that decides or the low ones are to be asked; (that answer,
+// low, low). Each of the sets is the same for all programs.
+
+constexpr const char* highDigits = "before/high";
+constexpr const char* lowDigits = "before/low";
+constexpr std::uint8_t decided = 0;
+constexpr std::uint8_t askLow = 1;
+constexpr std::uint8_t lastDigit = 0xff;
+constexpr std::uint32_t foundPlace = firstRegister + 14; // and the next one: behind the longest key of a race
+
+// A word for each digit.
+compiled::Bytes digitsOf(compiled::Place place)
+{
+    return {static_cast<std::uint8_t>(place >> 8U), 0, 0, 0, static_cast<std::uint8_t>(place), 0, 0, 0};
+}
+
 // Values that a field may have, as a set that is named for them.
 std::string nameOf(const Condition& oneOf)
 {
@@ -106,6 +126,8 @@ public:
             for (const Step& step : chain.steps)
                 addSets(step);
         }
+        if (std::ranges::any_of(m_program.chains, hasComparison))
+            addComparison();
         for (const compiled::Map& map : m_program.maps) {
             addMap(map);
             addElements(map);
@@ -141,6 +163,57 @@ private:
         }
     }
 
+    static bool hasComparison(const compiled::Chain& chain)
+    {
+        return std::ranges::any_of(chain.steps, [](const Step& step) {
+            const auto* lead = std::get_if<compiled::Lead>(&step.action);
+            return lead != nullptr && lead->than;
+        });
+    }
+
+    void addComparison()
+    {
+        addSet(highDigits, {1, 1}, NFT_SET_MAP | NFT_SET_INTERVAL | NFT_SET_CONCAT, [](nlmsghdr* message) {
+            put32(message, NFTA_SET_DATA_TYPE, 0);
+            put32(message, NFTA_SET_DATA_LEN, wordSize);
+        });
+        addDigits(highDigits, [](nlmsghdr* message, std::uint8_t digit) {
+            putDigits(message, {digit, digit}, {digit, digit}, askLow);
+            if (digit != lastDigit)
+                putDigits(message, {digit, static_cast<std::uint8_t>(digit + 1)}, {digit, lastDigit}, decided);
+        });
+        addSet(lowDigits, {1, 1, 1}, NFT_SET_INTERVAL | NFT_SET_CONCAT, [](nlmsghdr*) {});
+        addDigits(lowDigits, [](nlmsghdr* message, std::uint8_t digit) {
+            if (digit == lastDigit)
+                putDigits(message, {decided, 0, 0}, {decided, lastDigit, lastDigit});
+            else // the low digit of the one ahead comes first here
+                putDigits(message, {askLow, static_cast<std::uint8_t>(digit + 1), digit}, {askLow, lastDigit, digit});
+        });
+    }
+
+    void addDigits(const char* set, const auto& put)
+    {
+        m_batch.add(NFT_MSG_NEWSETELEM, NLM_F_CREATE | NLM_F_EXCL, longestElement * 2 * (lastDigit + 1U),
+                    [&](nlmsghdr* message) {
+                        putText(message, NFTA_SET_ELEM_LIST_TABLE, table());
+                        putText(message, NFTA_SET_ELEM_LIST_SET, set);
+                        const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS);
+                        for (unsigned digit = 0; digit <= lastDigit; ++digit)
+                            put(message, static_cast<std::uint8_t>(digit));
+                    });
+    }
+
+    static void putDigits(nlmsghdr* message, const compiled::Bytes& first, const compiled::Bytes& last,
+                          std::optional<std::uint8_t> answer = std::nullopt)
+    {
+        const std::vector<std::uint8_t> sizes(first.size(), 1);
+        const Nest nest(message, NFTA_LIST_ELEM);
+        putBytes(message, NFTA_SET_ELEM_KEY, padded(first, sizes));
+        putBytes(message, NFTA_SET_ELEM_KEY_END, padded(last, sizes));
+        if (answer)
+            putBytes(message, NFTA_SET_ELEM_DATA, compiled::Bytes{*answer, 0, 0, 0});
+    }
+
     void addSet(const std::string& name, const std::vector<std::uint8_t>& sizes, std::uint32_t flags, const auto& more)
     {
         std::size_t length = 0;
@@ -169,7 +242,9 @@ private:
     {
         const std::uint32_t intervals = map.intervals ? NFT_SET_INTERVAL | NFT_SET_CONCAT : 0;
         addSet(map.name, map.sizes, NFT_SET_MAP | intervals, [&](nlmsghdr* message) {
-            put32(message, NFTA_SET_DATA_TYPE, NFT_DATA_VERDICT);
+            put32(message, NFTA_SET_DATA_TYPE, map.places ? 0U : std::uint32_t{NFT_DATA_VERDICT});
+            if (map.places)
+                put32(message, NFTA_SET_DATA_LEN, static_cast<std::uint32_t>(digitsOf(0).size()));
             if (!map.counts)
                 return;
             const Nest counter(message, NFTA_SET_EXPR);
@@ -201,7 +276,10 @@ private:
         putBytes(message, NFTA_SET_ELEM_KEY, padded(element.first, map.sizes));
         if (map.intervals)
             putBytes(message, NFTA_SET_ELEM_KEY_END, padded(element.last, map.sizes));
-        putVerdict(message, NFTA_SET_ELEM_DATA, codeOf(element.verdict.kind), element.verdict.chain);
+        if (map.places)
+            putBytes(message, NFTA_SET_ELEM_DATA, digitsOf(element.place));
+        else
+            putVerdict(message, NFTA_SET_ELEM_DATA, codeOf(element.verdict.kind), element.verdict.chain);
         if (element.origin != ebtables::noOrigin)
             mnl_attr_put(message, NFTA_SET_ELEM_USERDATA, sizeof element.origin, &element.origin);
     }
@@ -221,12 +299,48 @@ private:
             for (const Condition& condition : step.conditions)
                 putCondition(message, condition);
             if (const auto* jump = std::get_if<compiled::Jump>(&step.action))
-                putExpression(message, "immediate", [&] {
-                    put32(message, NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
-                    putVerdict(message, NFTA_IMMEDIATE_DATA, NFT_JUMP, jump->chain);
-                });
+                putJump(message, jump->comesBack ? NFT_JUMP : NFT_GOTO, jump->chain);
+            else if (const auto* lead = std::get_if<compiled::Lead>(&step.action))
+                putLead(message, *lead);
             else
-                putLookUp(message, std::get<compiled::LookUp>(step.action));
+                putLookUp(message, std::get<compiled::LookUp>(step.action), NFT_REG_VERDICT);
+        });
+    }
+
+    static void putJump(nlmsghdr* message, int code, const std::string& chain)
+    {
+        putExpression(message, "immediate", [&] {
+            put32(message, NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
+            putVerdict(message, NFTA_IMMEDIATE_DATA, code, chain);
+        });
+    }
+
+    void putLead(nlmsghdr* message, const compiled::Lead& lead) const
+    {
+        putLookUp(message, lead.place, foundPlace);
+        if (lead.than) {
+            // In the end the digits lie as the sets' keys have them, from the first register on.
+            putLookUp(message, *lead.than, firstRegister + 1);
+            putMove(message, foundPlace, firstRegister);
+            putAsk(message, highDigits, firstRegister, firstRegister + 1);
+            putMove(message, foundPlace + 1, firstRegister + 3);
+            putAsk(message, lowDigits, firstRegister + 1, std::nullopt);
+        }
+        putJump(message, NFT_GOTO, lead.chain);
+    }
+
+    static void putMove(nlmsghdr* message, std::uint32_t from, std::uint32_t to)
+    {
+        putMask(message, from, to, compiled::Bytes(wordSize, 0xff));
+    }
+
+    static void putAsk(nlmsghdr* message, const std::string& set, std::uint32_t key, std::optional<std::uint32_t> to)
+    {
+        putExpression(message, "lookup", [&] {
+            putText(message, NFTA_LOOKUP_SET, set.c_str());
+            put32(message, NFTA_LOOKUP_SREG, key);
+            if (to)
+                put32(message, NFTA_LOOKUP_DREG, *to);
         });
     }
 
@@ -257,12 +371,17 @@ private:
         }
         if (std::ranges::all_of(of.mask, [](std::uint8_t byte) { return byte == 0xff; }))
             return;
+        putMask(message, to, to, of.mask);
+    }
+
+    static void putMask(nlmsghdr* message, std::uint32_t from, std::uint32_t to, const compiled::Bytes& mask)
+    {
         putExpression(message, "bitwise", [&] {
-            put32(message, NFTA_BITWISE_SREG, to);
+            put32(message, NFTA_BITWISE_SREG, from);
             put32(message, NFTA_BITWISE_DREG, to);
-            put32(message, NFTA_BITWISE_LEN, static_cast<std::uint32_t>(of.mask.size()));
-            putBytes(message, NFTA_BITWISE_MASK, of.mask);
-            putBytes(message, NFTA_BITWISE_XOR, compiled::Bytes(of.mask.size()));
+            put32(message, NFTA_BITWISE_LEN, static_cast<std::uint32_t>(mask.size()));
+            putBytes(message, NFTA_BITWISE_MASK, mask);
+            putBytes(message, NFTA_BITWISE_XOR, compiled::Bytes(mask.size()));
         });
     }
 
@@ -283,24 +402,17 @@ private:
         case Condition::Kind::OneOf:
             break;
         }
-        putExpression(message, "lookup", [&] {
-            putText(message, NFTA_LOOKUP_SET, nameOf(condition).c_str());
-            put32(message, NFTA_LOOKUP_SREG, firstRegister);
-        });
+        putAsk(message, nameOf(condition), firstRegister, std::nullopt);
     }
 
-    void putLookUp(nlmsghdr* message, const compiled::LookUp& lookUp) const
+    void putLookUp(nlmsghdr* message, const compiled::LookUp& lookUp, std::uint32_t to) const
     {
-        std::uint32_t to = firstRegister;
+        std::uint32_t next = firstRegister;
         for (const MaskedField& part : lookUp.key) {
-            putLoad(message, part, to);
-            to += static_cast<std::uint32_t>(words(part.field.size));
+            putLoad(message, part, next);
+            next += static_cast<std::uint32_t>(words(part.field.size));
         }
-        putExpression(message, "lookup", [&] {
-            putText(message, NFTA_LOOKUP_SET, m_program.maps[lookUp.map].name.c_str());
-            put32(message, NFTA_LOOKUP_SREG, firstRegister);
-            put32(message, NFTA_LOOKUP_DREG, NFT_REG_VERDICT);
-        });
+        putAsk(message, m_program.maps[lookUp.map].name, firstRegister, to);
     }
 
     Batch& m_batch;

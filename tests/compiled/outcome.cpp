@@ -123,7 +123,18 @@ private:
     bool carryOut(const compiled::Step& step)
     {
         if (const auto* jump = std::get_if<compiled::Jump>(&step.action)) {
+            if (!jump->comesBack)
+                m_at.pop_back();
             m_at.push_back({&chainNamed(jump->chain), 0});
+            return true;
+        }
+        if (const auto* lead = std::get_if<compiled::Lead>(&step.action)) {
+            const std::optional<compiled::Place> place = placeIn(lead->place);
+            const std::optional<compiled::Place> than = lead->than ? placeIn(*lead->than) : std::nullopt;
+            if (lead->than && !than)
+                throw std::logic_error("nobody is ahead in " + m_program.maps.at(lead->than->map).name);
+            if (place && (!than || *place < *than))
+                m_at.back() = {&chainNamed(lead->chain), 0};
             return true;
         }
         if (const auto* plain = std::get_if<compiled::PlainRule>(&step.action)) {
@@ -162,6 +173,15 @@ private:
         else if (target != "CONTINUE" && m_program.find(target) != nullptr)
             m_at.push_back({&chainNamed(target), 0});
         return true;
+    }
+
+    std::optional<compiled::Place> placeIn(const compiled::LookUp& lookUp) const
+    {
+        const compiled::Map& map = m_program.maps.at(lookUp.map);
+        if (!map.places)
+            throw std::logic_error(map.name + " has no places");
+        const compiled::Element* element = find(map, lookUp.key);
+        return element == nullptr ? std::nullopt : std::optional(element->place);
     }
 
     const compiled::Element* find(const compiled::Map& map, const std::vector<compiled::MaskedField>& key) const

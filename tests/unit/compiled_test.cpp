@@ -4,6 +4,7 @@
 #include "compiled/flatten.hpp"
 #include "compiled/key.hpp"
 #include "compiled/order.hpp"
+#include "compiled/places.hpp"
 #include "ebtables/line_parser.hpp"
 #include "ebtables/model.hpp"
 #include "tests/compiled/outcome.hpp"
@@ -11,10 +12,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace
@@ -214,6 +218,170 @@ TEST(Order, LeavesOutWhatAnEqualRuleStandsBefore)
     EXPECT_EQ(orderOf({"-s 02:00:00:00:00:01 -j DROP", "-s 02:00:00:00:00:01 -j ACCEPT"}), "src: 1");
 }
 
+// ---- places and races
+
+std::vector<unsigned> placesFor(const std::vector<std::optional<compiled::Place>>& before)
+{
+    const std::vector<compiled::Place> places = compiled::placesFor(before);
+    return {places.begin(), places.end()};
+}
+
+TEST(Places, HaveRoomBetweenThem)
+{
+    EXPECT_TRUE(placesFor({}).empty());
+    EXPECT_EQ(placesFor({{}, {}, {}}), (std::vector<unsigned>{16384, 32768, 49152}));
+}
+
+TEST(Places, AsManyStayAsCan)
+{
+    EXPECT_EQ(placesFor({100, {}, 300, 200, 400}), (std::vector<unsigned>{100, 133, 166, 200, 400}));
+    EXPECT_EQ(placesFor({100, {}, 200}), (std::vector<unsigned>{100, 150, 200}));
+    EXPECT_EQ(placesFor({{}, 1, 2}), (std::vector<unsigned>{16384, 32768, 49152})); // none is left before the first
+}
+
+TEST(Places, AlwaysAscendAndFewMove)
+{
+    std::mt19937 engine(1);
+    std::vector<std::optional<compiled::Place>> known;
+    std::size_t moved = 0;
+    constexpr std::size_t changes = 1500;
+    for (std::size_t i = 0; i < changes; ++i) {
+        const auto at = known.begin() + static_cast<std::ptrdiff_t>(engine() % (known.size() + 1));
+        if (i % 3 == 2 && at != known.end())
+            std::rotate(at, at + 1, known.end()); // to the end
+        else
+            known.insert(i % 2 == 0 ? at : known.begin() + static_cast<std::ptrdiff_t>(known.size() / 2), std::nullopt);
+        const std::vector<compiled::Place> places = compiled::placesFor(known);
+        ASSERT_EQ(places.size(), known.size());
+        for (std::size_t j = 0; j < places.size(); ++j) {
+            ASSERT_LT(j == 0 ? 0 : places[j - 1], places[j]);
+            moved += known[j] && *known[j] != places[j] ? 1 : 0;
+            known[j] = places[j];
+        }
+    }
+    EXPECT_LT(moved, 20 * changes); // half of them at one and the same place
+}
+
+TEST(Places, ThereIsOneForEach)
+{
+    const std::vector<unsigned> all = placesFor(std::vector<std::optional<compiled::Place>>(compiled::mostInRace));
+    EXPECT_EQ(std::ranges::adjacent_find(all, std::greater_equal<>()), all.end());
+}
+
+// Two forms take turns, and a frame from one to the other matches both.
+Texts inTurns(int rules)
+{
+    Texts lines;
+    for (int i = 0; i < rules; ++i) {
+        const std::string number = std::to_string(10 + i / 2);
+        lines.push_back(std::string("-A UserForwardRules -i a -o b ") + (i % 2 == 0 ? "-s" : "-d") +
+                        " 02:00:00:00:00:" + number + " -j " + (i % 2 == 0 ? "DROP" : "ACCEPT"));
+    }
+    return lines;
+}
+
+TEST(Race, AsksEachFormAndWhatMayOvertakeIt)
+{
+    const std::optional<Program> program = compiled::compile(tableOf(inTurns(20)));
+    ASSERT_TRUE(program);
+    EXPECT_EQ(
+        describe(*program),
+        "INPUT (policy ACCEPT)\n"
+        "FORWARD (policy ACCEPT)\n"
+        "  look up in.out in FORWARD/ports (1)\n"
+        "FORWARD/a/b/race/dst\n"
+        "  place of src in FORWARD/a/b/race/src/places (10), before that of dst in FORWARD/a/b/race/dst/places (10): "
+        "go to FORWARD/a/b/race/src\n"
+        "  look up dst in FORWARD/a/b/race/dst (10)\n"
+        "FORWARD/a/b/race/src\n"
+        "  look up src in FORWARD/a/b/race/src (10)\n"
+        "FORWARD/a/b\n"
+        "  place of dst in FORWARD/a/b/race/dst/places (10): go to FORWARD/a/b/race/dst\n"
+        "  place of src in FORWARD/a/b/race/src/places (10): go to FORWARD/a/b/race/src\n");
+}
+
+// Of all rules' elements.
+std::size_t elementsThatDiffer(const Program& one, const Program& other)
+{
+    std::size_t differ = 0;
+    EXPECT_EQ(one.maps.size(), other.maps.size());
+    for (std::size_t i = 0; i < one.maps.size(); ++i) {
+        EXPECT_EQ(one.maps[i].name, other.maps[i].name);
+        for (const compiled::Element& element : one.maps[i].elements) {
+            // The marks are the lines' numbers here.
+            const auto same = [&](const compiled::Element& that) {
+                return that.first == element.first && that.verdict == element.verdict && that.place == element.place;
+            };
+            differ += std::ranges::none_of(other.maps[i].elements, same) ? 1 : 0;
+        }
+    }
+    return differ;
+}
+
+TEST(Race, OneMoreRuleIsItsOwnElements)
+{
+    Texts lines = inTurns(100);
+    const std::optional<Program> before = compiled::compile(tableOf(lines));
+    ASSERT_TRUE(before);
+    for (const int at : {0, 37, 100}) {
+        Texts more = lines;
+        more.insert(more.begin() + at, "-A UserForwardRules -i a -o b -s 02:00:00:00:00:99 -j DROP");
+        const std::optional<Program> after = compiled::compile(tableOf(more), &*before);
+        ASSERT_TRUE(after);
+        EXPECT_EQ(elementsThatDiffer(*after, *before), 2U) << at;
+        EXPECT_EQ(elementsThatDiffer(*before, *after), 0U) << at;
+    }
+}
+
+TEST(Race, ARuleWithoutAKeyStaysWhereItIs)
+{
+    Texts lines = inTurns(40);
+    lines.insert(lines.begin() + 20, "-A UserForwardRules -i a -o b -s ! 02:00:00:00:00:15 -j DROP");
+    const std::optional<Program> program = compiled::compile(tableOf(lines));
+    ASSERT_TRUE(program);
+    const compiled::Chain* chain = program->find("FORWARD/a/b");
+    ASSERT_NE(chain, nullptr);
+    ASSERT_EQ(chain->steps.size(), 5U);
+    EXPECT_TRUE(std::holds_alternative<compiled::PlainRule>(chain->steps[2].action));
+    EXPECT_NE(program->find("FORWARD/a/b/race-2/dst"), nullptr);
+}
+
+// With many rules there is a race for each length of the IPv4 header, as it says where the ports are; with few, or with
+// a rule that returns, frames of other lengths meet the rules as they are.
+TEST(Race, FindsPortsBehindHeadersOfAllLengths)
+{
+    for (const auto& [rules, returns, name] :
+         {std::tuple(200, false, "FORWARD/a/b/race/lengths"), std::tuple(40, false, "FORWARD/a/b/ip4-as-written"),
+          std::tuple(200, true, "UserForwardRules/a/b/ip4-as-written")}) {
+        Texts lines;
+        for (int i = 0; i < rules; ++i)
+            lines.push_back("-A UserForwardRules -i a -o b " +
+                            (i % 2 == 0 ? "-s 02:00:00:00:00:" + std::to_string(10 + i % 90)
+                                        : "-p 0x800 --ip-protocol 17 --ip-destination-port " + std::to_string(i % 90)) +
+                            (i % 3 == 0 ? " -j DROP" : " -j ACCEPT"));
+        if (returns)
+            lines.push_back("-A UserForwardRules -i a -o b -s 02:00:00:00:00:09 -j RETURN");
+        const ebtables::Table table = tableOf(lines);
+        const std::optional<Program> program = compiled::compile(table);
+        ASSERT_TRUE(program);
+        EXPECT_NE(program->find(name), nullptr) << name;
+        for (std::uint8_t words = 0; words < 16; ++words) {
+            for (std::uint8_t port = 0; port < 90; ++port) {
+                test::RawFrame frame{"a", "b", test::Bytes(12), {}, 0x0800, test::Bytes(70)};
+                frame.addresses[6] = 2;
+                frame.addresses[11] = static_cast<std::uint8_t>(port * 7 % 0x99);
+                frame.data[0] = static_cast<std::uint8_t>(0x40U | words);
+                frame.data[9] = 17;
+                frame.data[words * 4U + 3] = port;
+                const test::Outcome plain = test::walk(table, frame);
+                const test::Outcome compiled = test::run(*program, frame);
+                ASSERT_EQ(plain.accepted, compiled.accepted) << name << ' ' << int{words} << ' ' << int{port};
+                ASSERT_EQ(plain.counted, compiled.counted) << name << ' ' << int{words} << ' ' << int{port};
+            }
+        }
+    }
+}
+
 // ---- the whole
 
 TEST(Compiled, ManyRulesAreFewSteps)
@@ -274,14 +442,15 @@ TEST(Compiled, EveryFrameHasTheSameFate)
     std::size_t logged = 0;
     std::size_t dropped = 0;
     std::size_t elements = 0;
+    std::size_t places = 0;
     for (unsigned seed = 0; seed < frames / framesEach; ++seed) {
         std::mt19937 engine(seed);
         test::RandomRules random([&](std::size_t below) { return engine() % below; });
-        const ebtables::Table table = random.table(1 + engine() % 120, seed % 2 == 0);
+        const ebtables::Table table = random.table(1 + engine() % (seed % 4 == 3 ? 1000 : 120), seed % 2 == 0);
         const std::optional<Program> program = compiled::compile(table);
         ASSERT_TRUE(program);
         for (const compiled::Map& map : program->maps)
-            elements += map.counts ? map.elements.size() : 0;
+            (map.places ? places : elements) += map.counts || map.places ? map.elements.size() : 0;
         for (unsigned long i = 0; i < framesEach; ++i) {
             const test::RawFrame frame = random.frame(table);
             const test::Outcome plain = test::walk(table, frame);
@@ -296,11 +465,12 @@ TEST(Compiled, EveryFrameHasTheSameFate)
     }
     // Rules are met, and they are in maps: otherwise nothing would have been shown.
     std::cout << frames << " frames: " << dropped << " dropped, " << counted << " rules met, " << logged << " lines; "
-              << elements << " elements\n";
+              << elements << " elements, " << places << " places\n";
     EXPECT_GT(counted, frames / 2);
     EXPECT_GT(logged, frames / 20);
     EXPECT_GT(dropped, frames / 10);
     EXPECT_GT(elements, frames / 10);
+    EXPECT_GT(places, frames / 20);
 }
 
 } // namespace

@@ -1,0 +1,60 @@
+#include "compiled/form.hpp"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace compiled
+{
+
+namespace
+{
+
+constexpr const char* digits = "0123456789abcdef";
+constexpr std::size_t longestMask = 16; // that a name shows as it is: the kernel's names end somewhere
+
+// An id of a tag is always masked alike.
+bool isWhole(const RuleKey& key)
+{
+    return allParts(key, [](Part part, std::span<const std::uint8_t> mask) {
+        return part == Part::VlanId || std::ranges::all_of(mask, [](std::uint8_t byte) { return byte == 0xff; });
+    });
+}
+
+} // namespace
+
+std::string nameOfParts(const RuleKey& key)
+{
+    std::string name = key.family == Family::Ip4    ? "ip4"
+                       : key.family == Family::Ip6  ? "ip6"
+                       : key.family == Family::Vlan ? "tag"
+                                                    : "";
+    for (const Part part : key.parts)
+        name.append(name.empty() ? "" : ".").append(nameOf(part));
+    return name;
+}
+
+std::string nameOfForm(const RuleKey& key)
+{
+    std::string name = nameOfParts(key);
+    if (isWhole(key))
+        return name;
+    std::string mask;
+    for (const std::uint8_t byte : key.mask) {
+        mask += digits[byte >> 4U];
+        mask += digits[byte & 15U];
+    }
+    return name + "-" + (key.mask.size() <= longestMask ? mask : shortNameFor(mask));
+}
+
+std::string shortNameFor(const std::string& text)
+{
+    std::uint64_t hash = 0xcbf29ce484222325;
+    for (const char c : text)
+        hash = (hash ^ static_cast<std::uint8_t>(c)) * 0x100000001b3;
+    std::string name;
+    for (int shift = 60; shift >= 0; shift -= 4)
+        name += digits[hash >> static_cast<unsigned>(shift) & 15U];
+    return name;
+}
+
+} // namespace compiled
