@@ -1,13 +1,11 @@
 #include "moatctl/command_line/parser.hpp"
 
 #include "moatctl/command_line/errors.hpp"
-#include "moatctl/tables/problem.hpp"
+#include "moatctl/command_line/numbers.hpp"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
 
 namespace moatctl
 {
@@ -15,7 +13,7 @@ namespace moatctl
 namespace
 {
 
-constexpr double longestTimeout = 3600;
+constexpr int longestTimeout = 3600;
 
 constexpr const char* closingText = R"(Exit status:
   0  done; check found nothing
@@ -26,19 +24,10 @@ constexpr const char* closingText = R"(Exit status:
   5  the output could not be written, or there was not enough memory
   6  the change is stored, but not in force, or not all of it: standard error names the rows
   7  the change is stored, but no daemon has said in time that it applies it
+  8  the kernel's tables cannot be read
 
 Example:
   moatctl rule add --in eth0 --out eth1 --src-mac 00:11:22:33:44:55 --drop)";
-
-std::chrono::milliseconds timeoutOf(const std::string& text)
-{
-    double seconds = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-    if (error != std::errc() || end != text.data() + text.size() || !(seconds > 0) || seconds > longestTimeout)
-        throw Failure(ExitStatus::BadInput,
-                      "--timeout " + inQuotes(text) + ": expected seconds, more than 0 and at most 3600");
-    return std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(seconds * 1000)));
-}
 
 std::unique_ptr<CLI::App> rootOf(Program& program, bool onlyChanges)
 {
@@ -79,7 +68,9 @@ Parser::Parser(Program& program) : m_root(rootOf(program, false))
     root.option("--server", "PATH", "Socket of the configuration server", program.server.socketPath)
         .defaultsTo(program.server.socketPath);
     root.option("--timeout", "SECONDS", "Longest wait for an answer from the server, and for a change to be in force",
-                [&program](const std::string& text) { program.server.timeout = timeoutOf(text); })
+                [&program](const std::string& text) {
+                    program.server.timeout = secondsOf("--timeout", text, longestTimeout);
+                })
         .defaultsTo("5");
     root.flag("--no-wait", "Change rows without waiting until the change is in force", program.noWait);
 }

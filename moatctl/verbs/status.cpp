@@ -2,6 +2,7 @@
 #include "moatctl/bridge/kernel.hpp"
 #include "moatctl/check/check.hpp"
 #include "moatctl/command_line/output.hpp"
+#include "moatctl/command_line/screen.hpp"
 #include "moatctl/command_line/time_stamp.hpp"
 #include "moatctl/tables/values.hpp"
 #include "moatctl/verbs/all.hpp"
@@ -9,14 +10,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <set>
 #include <sstream>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 
 namespace moatctl
@@ -182,33 +181,18 @@ ExitStatus status(Program& program, const StatusArguments& options, std::ostream
     return inOrder ? ExitStatus::Ok : view->configuration ? ExitStatus::Warnings : ExitStatus::Server;
 }
 
-extern "C" void stopWatching(int)
-{
-    _exit(static_cast<int>(ExitStatus::Ok));
-}
-
-// The first lines, as many as the screen has (0: nobody knows), less one for the cursor.
-std::string fitting(const std::string& text, std::size_t lines)
-{
-    std::size_t end = 0;
-    for (std::size_t line = 0; (lines == 0 || line + 1 < lines) && end < text.size(); ++line)
-        end = std::min(text.find('\n', end), text.size() - 1) + 1;
-    return text.substr(0, end);
-}
-
 ExitStatus watch(Program& program, const StatusArguments& options)
 {
     constexpr std::chrono::seconds pause{1};
-    constexpr const char* fromTheTop = "\033[H\033[J";
     if (!program.terminal.obeys || options.style.format != Format::Table)
         throw Failure(ExitStatus::BadInput, "--watch: expected a terminal for standard output, and the format table");
-    std::signal(SIGINT, stopWatching);
-    std::signal(SIGTERM, stopWatching);
+    Screen screen(program);
     while (program.out) {
-        program.terminal = program.measure();
-        std::ostringstream screen;
-        status(program, options, screen);
-        program.out << fromTheTop << fitting(screen.str(), program.terminal.height) << std::flush;
+        screen.show([&] {
+            std::ostringstream text;
+            status(program, options, text);
+            return text.str();
+        });
         std::this_thread::sleep_for(pause);
     }
     return ExitStatus::Ok; // the output is gone, which the caller tells
