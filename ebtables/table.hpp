@@ -19,7 +19,7 @@ struct Counters {
 };
 
 // A mark that whoever makes a table gives to its parts, to find out later what they are made of.
-using Origin = std::uint32_t;
+using Origin = std::uint64_t;
 inline constexpr Origin noOrigin = 0;
 
 struct TableRule {

@@ -9,6 +9,8 @@
 #include "nftables/socket.hpp"
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -82,6 +84,40 @@ inline void put64(nlmsghdr* message, int type, std::uint64_t value)
 {
     mnl_attr_put_u64(message, static_cast<std::uint16_t>(type), htobe64(value));
 }
+
+inline constexpr std::size_t messageHeader = 4; // struct nfgenmsg
+
+// The attributes of one level by their types; views of the message.
+template <std::size_t N>
+class Attributes
+{
+public:
+    explicit Attributes(const nlattr* parent)
+    {
+        forEachNested(parent, [this](const nlattr* attribute) { note(attribute); });
+    }
+    explicit Attributes(const nlmsghdr* message)
+    {
+        forEachAttribute(message, messageHeader, [this](const nlattr* attribute) { note(attribute); });
+    }
+
+    const nlattr* find(int type) const { return m_found[static_cast<std::size_t>(type)]; }
+
+    std::optional<std::uint32_t> number(int type) const { return numberOf(find(type)); }
+    std::optional<std::uint64_t> longNumber(int type) const { return longNumberOf(find(type)); }
+
+    // Whether the attribute is there with another value, or of another size.
+    bool differs(int type, std::uint32_t value) const { return number(type) != value; }
+
+private:
+    void note(const nlattr* attribute)
+    {
+        if (mnl_attr_get_type(attribute) < N)
+            m_found[mnl_attr_get_type(attribute)] = attribute;
+    }
+
+    std::array<const nlattr*, N> m_found{};
+};
 
 // What is put while it lives is inside.
 class Nest

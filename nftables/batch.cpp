@@ -122,7 +122,8 @@ std::size_t Batch::deleteChain(const std::string& chain)
 }
 
 std::size_t Batch::putRule(const std::string& chain, const Expressions& expressions,
-                           const std::optional<ebtables::EthertypeMatch>& ethertype, Place place, bool isPolicy)
+                           const std::optional<ebtables::EthertypeMatch>& ethertype, Place place, bool isPolicy,
+                           ebtables::Origin mark)
 {
     const unsigned flags = NLM_F_CREATE | (place.where == Place::Where::InFront ? 0 : NLM_F_APPEND);
     nlmsghdr* message = begin(NFT_MSG_NEWRULE, static_cast<std::uint16_t>(flags));
@@ -132,6 +133,8 @@ std::size_t Batch::putRule(const std::string& chain, const Expressions& expressi
         put64(message, NFTA_RULE_POSITION, place.handle);
     if (isPolicy)
         putChainPolicyMark(message);
+    if (mark != ebtables::noOrigin)
+        putMark(message, NFTA_RULE_USERDATA, mark);
     putExpressions(message, expressions);
     putCompatibility(message, ethertype);
     if (m_firstRule == 0)
@@ -140,11 +143,12 @@ std::size_t Batch::putRule(const std::string& chain, const Expressions& expressi
     return end(message);
 }
 
-std::size_t Batch::addRule(const std::string& chain, const ebtables::Rule& rule, Place place, const Counters& counters)
+std::size_t Batch::addRule(const std::string& chain, const ebtables::Rule& rule, Place place, const Counters& counters,
+                           ebtables::Origin mark)
 {
     encode(rule, m_expressions);
     m_expressions.counters = counters;
-    return putRule(chain, m_expressions, rule.ethertype, place, false);
+    return putRule(chain, m_expressions, rule.ethertype, place, false, mark);
 }
 
 std::size_t Batch::addChainPolicy(const std::string& chain, const std::string& policy)

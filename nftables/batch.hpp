@@ -38,7 +38,7 @@ public:
     std::size_t addChain(const std::string& chain);
     std::size_t deleteChain(const std::string& chain); // it must be empty by then
     std::size_t addRule(const std::string& chain, const ebtables::Rule& rule, Place place,
-                        const Counters& counters = {});
+                        const Counters& counters = {}, ebtables::Origin mark = ebtables::noOrigin);
     std::size_t addChainPolicy(const std::string& chain, const std::string& policy); // at the end of a user chain
     std::size_t deleteRule(const std::string& chain, std::uint64_t handle);
     std::size_t deleteRules(const std::string& chain);
@@ -70,7 +70,8 @@ private:
     nlmsghdr* beginControl(std::uint16_t type, std::uint16_t flags, std::size_t size = usualSize);
     std::size_t end(const nlmsghdr* message);
     std::size_t putRule(const std::string& chain, const Expressions& expressions,
-                        const std::optional<ebtables::EthertypeMatch>& ethertype, Place place, bool isPolicy);
+                        const std::optional<ebtables::EthertypeMatch>& ethertype, Place place, bool isPolicy,
+                        ebtables::Origin mark = ebtables::noOrigin);
 
     static constexpr std::size_t usualSize = 4000; // of a message's attributes, by far
 

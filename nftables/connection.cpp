@@ -218,11 +218,11 @@ nlmsghdr* Connection::beginRequest(std::uint16_t type, std::uint16_t flags)
     return request;
 }
 
-Result Connection::list(std::uint16_t type, const Visit& visit, bool& settled)
+Result Connection::list(std::uint16_t type, const std::function<void(nlmsghdr*)>& put, const Visit& visit,
+                        bool& settled)
 {
     nlmsghdr* request = beginRequest(type, NLM_F_DUMP);
-    if (type == NFT_MSG_GETRULE)
-        putText(request, NFTA_RULE_TABLE, filterTable);
+    put(request);
     return ask(request, visit, settled);
 }
 
@@ -287,13 +287,14 @@ Result Connection::generation()
     return result;
 }
 
-Result Connection::readChains(std::vector<ChainView>& chains, std::uint64_t& table)
+Result Connection::readChains(std::vector<ChainView>& chains, std::uint64_t& table, std::string_view wanted)
 {
+    const auto all = [](nlmsghdr*) {};
     chains.clear();
     table = 0;
     bool settled = true;
     Result result = list(
-        NFT_MSG_GETTABLE,
+        NFT_MSG_GETTABLE, all,
         [&](const nlmsghdr* message) {
             std::string_view name;
             std::uint64_t handle = 0;
@@ -303,20 +304,20 @@ Result Connection::readChains(std::vector<ChainView>& chains, std::uint64_t& tab
                 else if (mnl_attr_get_type(attribute) == NFTA_TABLE_HANDLE)
                     handle = longNumberOf(attribute).value_or(0);
             });
-            if (name == filterTable)
+            if (name == wanted)
                 table = handle;
             return !name.empty() && handle != 0;
         },
         settled);
-    if (result.answer != Answer::Done)
+    if (result.answer != Answer::Done || (table == 0 && wanted != filterTable))
         return result;
     return list(
-        NFT_MSG_GETCHAIN,
+        NFT_MSG_GETCHAIN, all,
         [&](const nlmsghdr* message) {
             std::string_view of;
             ChainView chain = readChain(message, of);
             const bool good = !of.empty() && !chain.name.empty();
-            if (of == filterTable && std::ranges::find(chains, chain.name, &ChainView::name) == chains.end())
+            if (of == wanted && std::ranges::find(chains, chain.name, &ChainView::name) == chains.end())
                 chains.push_back(std::move(chain));
             return good;
         },
@@ -337,7 +338,9 @@ Connection::Visit Connection::visitRule(const std::function<void(const RuleView&
 Result Connection::readRules(const std::function<void(const RuleView&)>& visit, bool& settled)
 {
     settled = true;
-    return list(NFT_MSG_GETRULE, visitRule(visit), settled);
+    return list(
+        NFT_MSG_GETRULE, [](nlmsghdr* request) { putText(request, NFTA_RULE_TABLE, filterTable); }, visitRule(visit),
+        settled);
 }
 
 Result Connection::readRule(const std::string& chain, std::uint64_t handle,

@@ -68,9 +68,14 @@ public:
 
     Result generation();
 
-    // The number of the bridge family's table "filter", which no other table has or gets, or 0 when there is none; and
-    // its chains, in the kernel's order.
-    Result readChains(std::vector<ChainView>& chains, std::uint64_t& table);
+    // The number of the bridge family's table "filter", or of another one, which no other table has or gets, or 0 when
+    // there is none; and its chains, in the kernel's order.
+    Result readChains(std::vector<ChainView>& chains, std::uint64_t& table, std::string_view name = filterTable);
+
+    // A list of anything, as in NFT_MSG_GETSET: `put` adds what the request needs beside its header, at most 400 bytes;
+    // visit says false for a message that makes no sense.
+    using Visit = std::function<bool(const nlmsghdr*)>;
+    Result list(std::uint16_t type, const std::function<void(nlmsghdr*)>& put, const Visit& visit, bool& settled);
 
     // Calls back for each rule of the table, chain by chain, in order. settled: false when the tables changed
     // meanwhile: rules may be missing or doubled.
@@ -89,11 +94,8 @@ private:
     bool open(Result& result);
     Result failed(int error) const;
     Result brokenOff(int error);
-    using Visit = std::function<bool(const nlmsghdr*)>; // false for a message that makes no sense
-
     static Visit visitRule(const std::function<void(const RuleView&)>& visit);
     nlmsghdr* beginRequest(std::uint16_t type, std::uint16_t flags);
-    Result list(std::uint16_t type, const Visit& visit, bool& settled);
     Result ask(const nlmsghdr* request, const Visit& visit, bool& settled);
     Result classify(const std::vector<Refusal>& errors, std::optional<int> batchError);
     bool takeAnswers(std::uint32_t first, const Batch& batch, Result& result, std::optional<int>& batchError,

@@ -7,10 +7,13 @@
 #include <linux/netfilter/nf_tables.h>
 
 #include <algorithm>
+#include <map>
+#include <numeric>
 #include <optional>
-#include <set>
 #include <span>
 #include <string>
+#include <unordered_set>
+#include <utility>
 
 namespace nftables
 {
@@ -66,152 +69,208 @@ int codeOf(Verdict::Kind kind)
     return NFT_GOTO;
 }
 
-// Each part of a key begins a word of its own.
-compiled::Bytes padded(const compiled::Bytes& key, const std::vector<std::uint8_t>& sizes)
-{
-    compiled::Bytes result;
-    auto at = key.begin();
-    for (const std::uint8_t size : sizes) {
-        result.insert(result.end(), at, at + size);
-        result.resize(words(result.size()) * wordSize);
-        at += size;
-    }
-    return result;
-}
-
-// ---- which of two places comes first
-//
-// The kernel compares a register with a value, but not with another register. So places are two digits, and sets know
-// which pairs of digits are which: (high, high) -> whether that decides or the low ones are to be asked; (that answer,
-// low, low). Each of the sets is the same for all programs.
-
-constexpr const char* highDigits = "before/high";
-constexpr const char* lowDigits = "before/low";
-constexpr std::uint8_t decided = 0;
-constexpr std::uint8_t askLow = 1;
-constexpr std::uint8_t lastDigit = 0xff;
-constexpr std::uint32_t foundPlace = firstRegister + 14; // and the next one: behind the longest key of a race
-
 // A word for each digit.
 compiled::Bytes digitsOf(compiled::Place place)
 {
     return {static_cast<std::uint8_t>(place >> 8U), 0, 0, 0, static_cast<std::uint8_t>(place), 0, 0, 0};
 }
 
-// Values that a field may have, as a set that is named for them.
-std::string nameOf(const Condition& oneOf)
-{
-    std::string name = "one-of/" + std::to_string(oneOf.of.field.size) + "/";
-    for (const std::uint8_t byte : oneOf.value) {
-        name += "0123456789abcdef"[byte >> 4U];
-        name += "0123456789abcdef"[byte & 15U];
-    }
-    return name;
-}
-
 class Writer
 {
 public:
-    Writer(Batch& batch, const compiled::Program& program) : m_batch(batch), m_program(program) {}
-
-    void write()
+    Writer(Batch& batch, const compiled::Program& from, const compiled::Program& to, CountersByMark counted)
+        : m_batch(batch), m_from(from), m_to(to), m_counted(std::move(counted))
     {
-        for (const compiled::Chain& chain : m_program.chains) {
-            if (chain.hook == compiled::Hook::None)
-                m_batch.addChain(chain.name);
-            else
-                m_batch.addBuiltInChain(chain.name, chain.dropsByPolicy ? "DROP" : "ACCEPT");
+    }
+
+    std::vector<ebtables::Origin> write(const compiled::Difference& difference)
+    {
+        takeOut(difference);
+        for (const std::size_t added : difference.newChains) {
+            const compiled::Chain& chain = m_to.chains[added];
+            if (chain.hook != compiled::Hook::None)
+                m_batch.addBuiltInChain(chain.name, "ACCEPT");
+            m_batch.addChain(chainOfSteps(chain));
         }
-        for (const compiled::Chain& chain : m_program.chains) {
-            for (const Step& step : chain.steps)
-                addSets(step);
-        }
-        if (std::ranges::any_of(m_program.chains, hasComparison))
+        addOneOfs();
+        if (hasComparison(m_to) && !hasComparison(m_from))
             addComparison();
-        for (const compiled::Map& map : m_program.maps) {
-            addMap(map);
-            addElements(map);
+        for (const std::size_t added : difference.newMaps)
+            addMap(m_to.maps[added]);
+        for (const std::size_t added : difference.newMaps)
+            addElements(m_to.maps[added], all(m_to.maps[added].elements.size()));
+        for (const compiled::Difference::Elements& changes : difference.elements)
+            addElements(m_to.maps[changes.to], changes.added);
+        for (const std::size_t added : difference.newChains)
+            addSteps(m_to.chains[added]);
+        for (const auto& [before, after] : difference.refilled)
+            addSteps(m_to.chains[after]);
+        for (const std::size_t gone : difference.goneChains) {
+            const compiled::Chain& chain = m_from.chains[gone];
+            m_batch.deleteChain(chainOfSteps(chain));
+            if (chain.hook != compiled::Hook::None)
+                m_batch.deleteChain(chain.name);
         }
-        for (const compiled::Chain& chain : m_program.chains) {
-            for (const Step& step : chain.steps)
-                addStep(chain.name, step);
-        }
+        m_marks.resize(m_batch.messages() - m_first);
+        return std::move(m_marks);
     }
 
 private:
     const char* table() const { return m_batch.table().c_str(); }
 
-    // ---- sets
-
-    void addSets(const Step& step)
+    // The last message is about the rule with this mark.
+    void note(ebtables::Origin mark)
     {
-        for (const Condition& condition : step.conditions) {
-            if (condition.kind != Condition::Kind::OneOf || !m_sets.insert(nameOf(condition)).second)
-                continue;
-            const std::vector<std::uint8_t> sizes{condition.of.field.size};
-            addSet(nameOf(condition), sizes, 0, [](nlmsghdr*) {});
-            m_batch.add(NFT_MSG_NEWSETELEM, NLM_F_CREATE, longestElement * condition.value.size(),
-                        [&](nlmsghdr* message) {
-                            putText(message, NFTA_SET_ELEM_LIST_TABLE, table());
-                            putText(message, NFTA_SET_ELEM_LIST_SET, nameOf(condition).c_str());
-                            const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS);
-                            for (auto at = condition.value.begin(); at != condition.value.end(); at += sizes[0]) {
-                                const Nest element(message, NFTA_LIST_ELEM);
-                                putBytes(message, NFTA_SET_ELEM_KEY, padded({at, at + sizes[0]}, sizes));
-                            }
-                        });
+        m_marks.resize(m_batch.messages() - m_first);
+        m_marks.back() = mark;
+    }
+
+    Counters takeCounted(ebtables::Origin mark)
+    {
+        const auto found = m_counted.find(mark);
+        return found == m_counted.end() ? Counters() : std::exchange(found->second, {});
+    }
+
+    static std::vector<std::size_t> all(std::size_t count)
+    {
+        std::vector<std::size_t> places(count);
+        std::iota(places.begin(), places.end(), std::size_t{0});
+        return places;
+    }
+
+    // ---- what goes
+
+    // Rules hold maps and chains; elements hold chains.
+    void takeOut(const compiled::Difference& difference)
+    {
+        for (const auto& [before, after] : difference.refilled)
+            deleteRules(m_from.chains[before]);
+        for (const std::size_t gone : difference.goneChains)
+            deleteRules(m_from.chains[gone]);
+        for (const compiled::Difference::Elements& changes : difference.elements)
+            deleteElements(m_from.maps[changes.from], changes.gone);
+        for (const std::size_t gone : difference.goneMaps) {
+            const std::string name = nameOf(m_from.maps[gone]);
+            m_batch.add(NFT_MSG_DELSETELEM, 0, longestElement, [&](nlmsghdr* message) { // all
+                putText(message, NFTA_SET_ELEM_LIST_TABLE, table());
+                putText(message, NFTA_SET_ELEM_LIST_SET, name.c_str());
+            });
+            deleteSet(name);
+        }
+        const std::map<std::string, Condition> wanted = oneOfs(m_to);
+        for (const auto& [name, condition] : oneOfs(m_from)) {
+            if (!wanted.contains(name))
+                deleteSet(name);
+        }
+        if (hasComparison(m_from) && !hasComparison(m_to)) {
+            deleteSet(highDigits);
+            deleteSet(lowDigits);
         }
     }
 
-    static bool hasComparison(const compiled::Chain& chain)
+    void deleteRules(const compiled::Chain& chain)
     {
-        return std::ranges::any_of(chain.steps, [](const Step& step) {
-            const auto* lead = std::get_if<compiled::Lead>(&step.action);
-            return lead != nullptr && lead->than;
+        m_batch.deleteRules(chainOfSteps(chain));
+        if (chain.hook != compiled::Hook::None)
+            m_batch.deleteRules(chain.name);
+    }
+
+    void deleteSet(const std::string& name)
+    {
+        m_batch.add(NFT_MSG_DELSET, 0, longestElement, [&](nlmsghdr* message) {
+            putText(message, NFTA_SET_TABLE, table());
+            putText(message, NFTA_SET_NAME, name.c_str());
+        });
+    }
+
+    void deleteElements(const compiled::Map& map, std::span<const std::size_t> places)
+    {
+        inPortions(NFT_MSG_DELSETELEM, 0, map, places,
+                   [&](nlmsghdr* message, const Element& element) { putKey(message, map, element); });
+    }
+
+    // ---- sets
+
+    static std::map<std::string, Condition> oneOfs(const compiled::Program& program)
+    {
+        std::map<std::string, Condition> found;
+        for (const compiled::Chain& chain : program.chains) {
+            for (const Step& step : chain.steps) {
+                for (const Condition& condition : step.conditions) {
+                    if (condition.kind == Condition::Kind::OneOf)
+                        found.emplace(nameOf(condition), condition);
+                }
+            }
+        }
+        return found;
+    }
+
+    void addOneOfs()
+    {
+        const std::map<std::string, Condition> there = oneOfs(m_from);
+        for (const auto& [name, condition] : oneOfs(m_to)) {
+            if (!there.contains(name))
+                addOneOf(name, condition);
+        }
+    }
+
+    void addOneOf(const std::string& name, const Condition& condition)
+    {
+        const std::vector<std::uint8_t> sizes{condition.of.field.size};
+        addSet(name, sizes, 0, [](nlmsghdr*) {});
+        m_batch.add(NFT_MSG_NEWSETELEM, NLM_F_CREATE, longestElement * condition.value.size(), [&](nlmsghdr* message) {
+            putText(message, NFTA_SET_ELEM_LIST_TABLE, table());
+            putText(message, NFTA_SET_ELEM_LIST_SET, name.c_str());
+            const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS);
+            for (auto at = condition.value.begin(); at != condition.value.end(); at += sizes[0]) {
+                const Nest element(message, NFTA_LIST_ELEM);
+                putBytes(message, NFTA_SET_ELEM_KEY, padded({at, at + sizes[0]}, sizes));
+            }
+        });
+    }
+
+    static bool hasComparison(const compiled::Program& program)
+    {
+        return std::ranges::any_of(program.chains, [](const compiled::Chain& chain) {
+            return std::ranges::any_of(chain.steps, [](const Step& step) {
+                const auto* lead = std::get_if<compiled::Lead>(&step.action);
+                return lead != nullptr && lead->than;
+            });
         });
     }
 
     void addComparison()
     {
-        addSet(highDigits, {1, 1}, NFT_SET_MAP | NFT_SET_INTERVAL | NFT_SET_CONCAT, [](nlmsghdr* message) {
+        addSet(highDigits, {1, 1}, highFlags, [](nlmsghdr* message) {
             put32(message, NFTA_SET_DATA_TYPE, 0);
             put32(message, NFTA_SET_DATA_LEN, wordSize);
         });
-        addDigits(highDigits, [](nlmsghdr* message, std::uint8_t digit) {
-            putDigits(message, {digit, digit}, {digit, digit}, askLow);
-            if (digit != lastDigit)
-                putDigits(message, {digit, static_cast<std::uint8_t>(digit + 1)}, {digit, lastDigit}, decided);
-        });
-        addSet(lowDigits, {1, 1, 1}, NFT_SET_INTERVAL | NFT_SET_CONCAT, [](nlmsghdr*) {});
-        addDigits(lowDigits, [](nlmsghdr* message, std::uint8_t digit) {
-            if (digit == lastDigit)
-                putDigits(message, {decided, 0, 0}, {decided, lastDigit, lastDigit});
-            else // the low digit of the one ahead comes first here
-                putDigits(message, {askLow, static_cast<std::uint8_t>(digit + 1), digit}, {askLow, lastDigit, digit});
-        });
+        addDigits(highDigits);
+        addSet(lowDigits, {1, 1, 1}, lowFlags, [](nlmsghdr*) {});
+        addDigits(lowDigits);
     }
 
-    void addDigits(const char* set, const auto& put)
+    void addDigits(const char* set)
     {
-        m_batch.add(NFT_MSG_NEWSETELEM, NLM_F_CREATE | NLM_F_EXCL, longestElement * 2 * (lastDigit + 1U),
+        const std::vector<DigitsInterval> intervals = digitsIn(set);
+        m_batch.add(NFT_MSG_NEWSETELEM, NLM_F_CREATE | NLM_F_EXCL, longestElement * intervals.size(),
                     [&](nlmsghdr* message) {
                         putText(message, NFTA_SET_ELEM_LIST_TABLE, table());
                         putText(message, NFTA_SET_ELEM_LIST_SET, set);
                         const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS);
-                        for (unsigned digit = 0; digit <= lastDigit; ++digit)
-                            put(message, static_cast<std::uint8_t>(digit));
+                        for (const DigitsInterval& each : intervals)
+                            putDigits(message, each);
                     });
     }
 
-    static void putDigits(nlmsghdr* message, const compiled::Bytes& first, const compiled::Bytes& last,
-                          std::optional<std::uint8_t> answer = std::nullopt)
+    static void putDigits(nlmsghdr* message, const DigitsInterval& interval)
     {
-        const std::vector<std::uint8_t> sizes(first.size(), 1);
+        const std::vector<std::uint8_t> sizes(interval.first.size(), 1);
         const Nest nest(message, NFTA_LIST_ELEM);
-        putBytes(message, NFTA_SET_ELEM_KEY, padded(first, sizes));
-        putBytes(message, NFTA_SET_ELEM_KEY_END, padded(last, sizes));
-        if (answer)
-            putBytes(message, NFTA_SET_ELEM_DATA, compiled::Bytes{*answer, 0, 0, 0});
+        putBytes(message, NFTA_SET_ELEM_KEY, padded(interval.first, sizes));
+        putBytes(message, NFTA_SET_ELEM_KEY_END, padded(interval.last, sizes));
+        if (interval.answer)
+            putBytes(message, NFTA_SET_ELEM_DATA, compiled::Bytes{*interval.answer, 0, 0, 0});
     }
 
     void addSet(const std::string& name, const std::vector<std::uint8_t>& sizes, std::uint32_t flags, const auto& more)
@@ -241,7 +300,8 @@ private:
     void addMap(const compiled::Map& map)
     {
         const std::uint32_t intervals = map.intervals ? NFT_SET_INTERVAL | NFT_SET_CONCAT : 0;
-        addSet(map.name, map.sizes, NFT_SET_MAP | intervals, [&](nlmsghdr* message) {
+        addSet(nameOf(map), map.sizes, NFT_SET_MAP | intervals, [&](nlmsghdr* message) {
+            putSizes(message, map.sizes);
             put32(message, NFTA_SET_DATA_TYPE, map.places ? 0U : std::uint32_t{NFT_DATA_VERDICT});
             if (map.places)
                 put32(message, NFTA_SET_DATA_LEN, static_cast<std::uint32_t>(digitsOf(0).size()));
@@ -253,43 +313,85 @@ private:
         });
     }
 
-    void addElements(const compiled::Map& map)
+    // The kernel only keeps what the key's parts are where it needs to know.
+    static void putSizes(nlmsghdr* message, const std::vector<std::uint8_t>& sizes)
     {
-        std::span<const Element> rest = map.elements;
-        while (!rest.empty()) {
-            const std::span<const Element> some = rest.first(std::min(rest.size(), elementsEach));
-            rest = rest.subspan(some.size());
-            m_batch.add(NFT_MSG_NEWSETELEM, NLM_F_CREATE | NLM_F_EXCL, longestElement * (some.size() + 1),
-                        [&](nlmsghdr* message) {
-                            putText(message, NFTA_SET_ELEM_LIST_TABLE, table());
-                            putText(message, NFTA_SET_ELEM_LIST_SET, map.name.c_str());
-                            const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS);
-                            for (const Element& element : some)
-                                putElement(message, map, element);
-                        });
+        std::vector<std::uint8_t> data{sizesType, static_cast<std::uint8_t>(sizes.size())};
+        data.insert(data.end(), sizes.begin(), sizes.end());
+        mnl_attr_put(message, NFTA_SET_USERDATA, data.size(), data.data());
+    }
+
+    void addElements(const compiled::Map& map, std::span<const std::size_t> places)
+    {
+        inPortions(NFT_MSG_NEWSETELEM, NLM_F_CREATE | NLM_F_EXCL, map, places,
+                   [&](nlmsghdr* message, const Element& element) { putElement(message, map, element); });
+    }
+
+    void inPortions(std::uint16_t type, std::uint16_t flags, const compiled::Map& map,
+                    std::span<const std::size_t> places, const auto& putOne)
+    {
+        const std::string name = nameOf(map);
+        while (!places.empty()) {
+            const std::span<const std::size_t> some = places.first(std::min(places.size(), elementsEach));
+            places = places.subspan(some.size());
+            m_batch.add(type, flags, longestElement * (some.size() + 1), [&](nlmsghdr* message) {
+                putText(message, NFTA_SET_ELEM_LIST_TABLE, table());
+                putText(message, NFTA_SET_ELEM_LIST_SET, name.c_str());
+                const Nest list(message, NFTA_SET_ELEM_LIST_ELEMENTS);
+                for (const std::size_t place : some) {
+                    const Nest element(message, NFTA_LIST_ELEM);
+                    putOne(message, map.elements[place]);
+                }
+            });
         }
     }
 
-    static void putElement(nlmsghdr* message, const compiled::Map& map, const Element& element)
+    static void putKey(nlmsghdr* message, const compiled::Map& map, const Element& element)
     {
-        const Nest nest(message, NFTA_LIST_ELEM);
         putBytes(message, NFTA_SET_ELEM_KEY, padded(element.first, map.sizes));
         if (map.intervals)
             putBytes(message, NFTA_SET_ELEM_KEY_END, padded(element.last, map.sizes));
+    }
+
+    void putElement(nlmsghdr* message, const compiled::Map& map, const Element& element)
+    {
+        putKey(message, map, element);
         if (map.places)
             putBytes(message, NFTA_SET_ELEM_DATA, digitsOf(element.place));
         else
             putVerdict(message, NFTA_SET_ELEM_DATA, codeOf(element.verdict.kind), element.verdict.chain);
-        if (element.origin != ebtables::noOrigin)
-            mnl_attr_put(message, NFTA_SET_ELEM_USERDATA, sizeof element.origin, &element.origin);
+        if (element.origin == ebtables::noOrigin)
+            return;
+        putMark(message, NFTA_SET_ELEM_USERDATA, element.origin);
+        const Counters counted = map.counts ? takeCounted(element.origin) : Counters();
+        if (counted.packets == 0)
+            return;
+        const Nest counter(message, NFTA_SET_ELEM_EXPR);
+        putText(message, NFTA_EXPR_NAME, "counter");
+        const Nest body(message, NFTA_EXPR_DATA);
+        put64(message, NFTA_COUNTER_BYTES, counted.bytes);
+        put64(message, NFTA_COUNTER_PACKETS, counted.packets);
     }
 
     // ---- steps
 
+    void addSteps(const compiled::Chain& chain)
+    {
+        const std::string name = chainOfSteps(chain);
+        for (const Step& step : chain.steps)
+            addStep(name, step);
+        if (chain.hook == compiled::Hook::None)
+            return;
+        addStep(chain.name, {{}, compiled::Jump{name}});
+        if (chain.dropsByPolicy)
+            addStep(chain.name, dropStep());
+    }
+
     void addStep(const std::string& chain, const Step& step)
     {
         if (const auto* plain = std::get_if<compiled::PlainRule>(&step.action)) {
-            m_batch.addRule(chain, plain->rule, {});
+            m_batch.addRule(chain, plain->rule, {}, takeCounted(plain->origin), plain->origin);
+            note(plain->origin);
             return;
         }
         m_batch.add(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, longestStep, [&](nlmsghdr* message) {
@@ -317,13 +419,13 @@ private:
 
     void putLead(nlmsghdr* message, const compiled::Lead& lead) const
     {
-        putLookUp(message, lead.place, foundPlace);
+        putLookUp(message, lead.place, firstRegister + placeRegister);
         if (lead.than) {
             // In the end the digits lie as the sets' keys have them, from the first register on.
             putLookUp(message, *lead.than, firstRegister + 1);
-            putMove(message, foundPlace, firstRegister);
+            putMove(message, firstRegister + placeRegister, firstRegister);
             putAsk(message, highDigits, firstRegister, firstRegister + 1);
-            putMove(message, foundPlace + 1, firstRegister + 3);
+            putMove(message, firstRegister + placeRegister + 1, firstRegister + 3);
             putAsk(message, lowDigits, firstRegister + 1, std::nullopt);
         }
         putJump(message, NFT_GOTO, lead.chain);
@@ -412,20 +514,165 @@ private:
             putLoad(message, part, next);
             next += static_cast<std::uint32_t>(words(part.field.size));
         }
-        putAsk(message, m_program.maps[lookUp.map].name, firstRegister, to);
+        putAsk(message, nameOf(m_to.maps[lookUp.map]), firstRegister, to);
     }
 
     Batch& m_batch;
-    const compiled::Program& m_program;
-    std::set<std::string> m_sets; // those for conditions that are there
+    const compiled::Program& m_from;
+    const compiled::Program& m_to;
+    CountersByMark m_counted; // not given to anything yet
+    const std::size_t m_first = m_batch.messages();
+    std::vector<ebtables::Origin> m_marks; // of the messages
     std::uint32_t m_setId = 0;
 };
+
+// Calls visit(mark) for what counts: elements, and rules as they stand.
+void forEachMark(const compiled::Map& map, std::span<const std::size_t> places, const auto& visit)
+{
+    for (const std::size_t place : places) {
+        if (map.counts)
+            visit(map.elements[place].origin);
+    }
+}
+
+void forEachMark(const compiled::Map& map, const auto& visit)
+{
+    for (const Element& element : map.elements) {
+        if (map.counts)
+            visit(element.origin);
+    }
+}
+
+void forEachMark(const compiled::Chain& chain, const auto& visit)
+{
+    for (const Step& step : chain.steps) {
+        if (const auto* plain = std::get_if<compiled::PlainRule>(&step.action))
+            visit(plain->origin);
+    }
+}
 
 } // namespace
 
 void addProgram(Batch& batch, const compiled::Program& program)
 {
-    Writer(batch, program).write();
+    addChanges(batch, {}, program, compiled::difference({}, program));
+}
+
+std::vector<ebtables::Origin> addChanges(Batch& batch, const compiled::Program& from, const compiled::Program& to,
+                                         const compiled::Difference& difference, CountersByMark counted)
+{
+    return Writer(batch, from, to, std::move(counted)).write(difference);
+}
+
+std::vector<ebtables::Origin> movedMarks(const compiled::Program& from, const compiled::Program& to,
+                                         const compiled::Difference& difference)
+{
+    std::unordered_set<ebtables::Origin> gone;
+    const auto noteGone = [&](ebtables::Origin mark) { gone.insert(mark); };
+    for (const std::size_t chain : difference.goneChains)
+        forEachMark(from.chains[chain], noteGone);
+    for (const auto& [before, after] : difference.refilled)
+        forEachMark(from.chains[before], noteGone);
+    for (const std::size_t map : difference.goneMaps)
+        forEachMark(from.maps[map], noteGone);
+    for (const compiled::Difference::Elements& changes : difference.elements)
+        forEachMark(from.maps[changes.from], changes.gone, noteGone);
+    gone.erase(ebtables::noOrigin);
+
+    std::vector<ebtables::Origin> moved;
+    const auto noteNew = [&](ebtables::Origin mark) {
+        if (gone.erase(mark) != 0)
+            moved.push_back(mark);
+    };
+    for (const std::size_t chain : difference.newChains)
+        forEachMark(to.chains[chain], noteNew);
+    for (const auto& [before, after] : difference.refilled)
+        forEachMark(to.chains[after], noteNew);
+    for (const std::size_t map : difference.newMaps)
+        forEachMark(to.maps[map], noteNew);
+    for (const compiled::Difference::Elements& changes : difference.elements)
+        forEachMark(to.maps[changes.to], changes.added, noteNew);
+    return moved;
+}
+
+void removeProgram(Batch& batch)
+{
+    const std::string& table = batch.table();
+    batch.add(NFT_MSG_DELTABLE, 0, longestElement,
+              [&](nlmsghdr* message) { putText(message, NFTA_TABLE_NAME, table.c_str()); });
+}
+
+std::string chainOfSteps(const compiled::Chain& chain)
+{
+    return chain.hook == compiled::Hook::None ? chain.name : "rules/" + chain.name;
+}
+
+Step dropStep()
+{
+    ebtables::Rule drop;
+    drop.target = "DROP";
+    return {{}, compiled::PlainRule{drop, ebtables::noOrigin}};
+}
+
+std::vector<DigitsInterval> digitsIn(std::string_view set)
+{
+    constexpr std::uint8_t decided = 0;
+    constexpr std::uint8_t askLow = 1;
+    constexpr std::uint8_t last = 0xff;
+    std::vector<DigitsInterval> result;
+    for (unsigned number = 0; number <= last; ++number) {
+        const auto digit = static_cast<std::uint8_t>(number);
+        const auto next = static_cast<std::uint8_t>(number + 1);
+        if (set == highDigits) {
+            result.push_back({{digit, digit}, {digit, digit}, askLow});
+            if (digit != last)
+                result.push_back({{digit, next}, {digit, last}, decided});
+        } else if (digit == last) {
+            result.push_back({{decided, 0, 0}, {decided, last, last}, std::nullopt});
+        } else { // the low digit of the one ahead comes first here
+            result.push_back({{askLow, next, digit}, {askLow, last, digit}, std::nullopt});
+        }
+    }
+    return result;
+}
+
+std::string nameOf(const compiled::Map& map)
+{
+    return map.intervals ? map.name + "/intervals" : map.name;
+}
+
+std::string nameOf(const Condition& oneOf)
+{
+    std::string name = "one-of/" + std::to_string(oneOf.of.field.size) + "/";
+    for (const std::uint8_t byte : oneOf.value) {
+        name += "0123456789abcdef"[byte >> 4U];
+        name += "0123456789abcdef"[byte & 15U];
+    }
+    return name;
+}
+
+compiled::Bytes padded(const compiled::Bytes& key, const std::vector<std::uint8_t>& sizes)
+{
+    compiled::Bytes result;
+    auto at = key.begin();
+    for (const std::uint8_t size : sizes) {
+        result.insert(result.end(), at, at + size);
+        result.resize(words(result.size()) * wordSize);
+        at += size;
+    }
+    return result;
+}
+
+compiled::Bytes unpadded(const compiled::Bytes& key, const std::vector<std::uint8_t>& sizes)
+{
+    compiled::Bytes result;
+    std::size_t at = 0;
+    for (const std::uint8_t size : sizes) {
+        for (std::size_t i = 0; i < size && at + i < key.size(); ++i)
+            result.push_back(key[at + i]);
+        at += words(size) * wordSize;
+    }
+    return result;
 }
 
 } // namespace nftables

@@ -11,6 +11,7 @@
 #include <endian.h>
 #include <iterator>
 #include <net/ethernet.h>
+#include <span>
 
 namespace nftables
 {
@@ -23,7 +24,8 @@ using Kind = ExpressionKind;
 // A user chain's policy is known by this piece of the rule's user data: type, length, value.
 constexpr std::array<std::uint8_t, 6> chainPolicyMark{1, 4, 1, 0, 0, 0};
 
-constexpr std::size_t ruleHeader = 4; // struct nfgenmsg
+// A mark follows this, in network order.
+constexpr std::array<std::uint8_t, 2> markBegin{0xb7, sizeof(ebtables::Origin)};
 
 // ---- writing
 
@@ -109,38 +111,6 @@ const char* nameOf(Kind kind)
 }
 
 // ---- reading
-
-// The attributes of one level by their types; views of the message.
-template <std::size_t N>
-class Attributes
-{
-public:
-    explicit Attributes(const nlattr* parent)
-    {
-        forEachNested(parent, [this](const nlattr* attribute) { note(attribute); });
-    }
-    explicit Attributes(const nlmsghdr* message)
-    {
-        forEachAttribute(message, ruleHeader, [this](const nlattr* attribute) { note(attribute); });
-    }
-
-    const nlattr* find(int type) const { return m_found[static_cast<std::size_t>(type)]; }
-
-    std::optional<std::uint32_t> number(int type) const { return numberOf(find(type)); }
-    std::optional<std::uint64_t> longNumber(int type) const { return longNumberOf(find(type)); }
-
-    // Whether the attribute is there with another value, or of another size.
-    bool differs(int type, std::uint32_t value) const { return number(type) != value; }
-
-private:
-    void note(const nlattr* attribute)
-    {
-        if (mnl_attr_get_type(attribute) < N)
-            m_found[mnl_attr_get_type(attribute)] = attribute;
-    }
-
-    std::array<const nlattr*, N> m_found{};
-};
 
 bool readData(const nlattr* nest, Expression& expression)
 {
@@ -312,6 +282,31 @@ void putCompatibility(nlmsghdr* message, const std::optional<ebtables::Ethertype
 void putChainPolicyMark(nlmsghdr* message)
 {
     mnl_attr_put(message, NFTA_RULE_USERDATA, chainPolicyMark.size(), chainPolicyMark.data());
+}
+
+void putMark(nlmsghdr* message, int type, ebtables::Origin mark)
+{
+    std::array<std::uint8_t, markBegin.size() + sizeof mark> data{};
+    std::ranges::copy(markBegin, data.begin());
+    mark = htobe64(mark);
+    std::memcpy(data.data() + markBegin.size(), &mark, sizeof mark);
+    mnl_attr_put(message, static_cast<std::uint16_t>(type), data.size(), data.data());
+}
+
+ebtables::Origin readMark(const nlattr* userData)
+{
+    ebtables::Origin mark = ebtables::noOrigin;
+    const auto* const data = static_cast<const std::uint8_t*>(mnl_attr_get_payload(userData));
+    if (mnl_attr_get_payload_len(userData) == markBegin.size() + sizeof mark &&
+        std::ranges::equal(markBegin, std::span(data, markBegin.size())))
+        std::memcpy(&mark, data + markBegin.size(), sizeof mark);
+    return be64toh(mark);
+}
+
+ebtables::Origin readMark(const RuleView& rule)
+{
+    const nlattr* user = Attributes<NFTA_RULE_MAX + 1>(rule.message).find(NFTA_RULE_USERDATA);
+    return user == nullptr ? ebtables::noOrigin : readMark(user);
 }
 
 } // namespace nftables

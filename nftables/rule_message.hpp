@@ -3,11 +3,13 @@
 // Whatever the kernel's side sends is read within its bounds. No operation throws but std::bad_alloc.
 #pragma once
 
+#include "ebtables/table.hpp"
 #include "nftables/expressions.hpp"
 
 #include <cstdint>
 #include <string_view>
 
+struct nlattr;
 struct nlmsghdr;
 
 namespace nftables
@@ -35,5 +37,10 @@ RuleView readRule(const nlmsghdr* message);
 void putExpressions(nlmsghdr* message, const Expressions& expressions);
 void putCompatibility(nlmsghdr* message, const std::optional<ebtables::EthertypeMatch>& ethertype);
 void putChainPolicyMark(nlmsghdr* message);
+
+// A mark as user data, of a kind that no other program has.
+void putMark(nlmsghdr* message, int type, ebtables::Origin mark);
+ebtables::Origin readMark(const nlattr* userData); // noOrigin when there is none
+ebtables::Origin readMark(const RuleView& rule);
 
 } // namespace nftables

@@ -5,32 +5,26 @@
 //        compiled_driver apply SEED          puts the compiled form into the kernel, as table moatkeeper
 //        compiled_driver marks SEED          "chain mark" for each rule, in the order of the lines
 //        compiled_driver counters SEED       "mark packets bytes", a line each, summed up from table moatkeeper
+//        compiled_driver changes SEED COUNT  so many programs one after the other, each made of the one before and read
+//                                            back; says what differs
 #include "compiled/compile.hpp"
-#include "nftables/attributes.hpp"
+#include "compiled/describe.hpp"
+#include "compiled/difference.hpp"
+#include "compiled/mark.hpp"
 #include "nftables/connection.hpp"
 #include "nftables/program.hpp"
+#include "nftables/program_reader.hpp"
 #include "tests/compiled/random_rules.hpp"
 
-#include <linux/netfilter.h>
-#include <linux/netfilter/nf_tables.h>
-#include <linux/netfilter/nfnetlink.h>
-
-#include <array>
 #include <cstdlib>
-#include <functional>
 #include <iomanip>
 #include <iostream>
-#include <map>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <unistd.h>
 
 namespace
 {
-
-constexpr const char* tableName = "moatkeeper";
-constexpr std::size_t bufferSize = 64U << 10U;
 
 struct Random {
     explicit Random(unsigned seed) : engine(seed), rules([this](std::size_t below) { return engine() % below; })
@@ -71,7 +65,7 @@ void printFrame(const test::RawFrame& frame)
 
 void apply(const ebtables::Table& table)
 {
-    nftables::Batch batch(std::nullopt, tableName);
+    nftables::Batch batch(std::nullopt, nftables::compiledTable);
     nftables::addProgram(batch, compiled::compile(table).value());
     const nftables::Result result = nftables::Connection().apply(batch);
     for (const nftables::Refusal& refusal : result.refusals)
@@ -80,104 +74,78 @@ void apply(const ebtables::Table& table)
         throw std::runtime_error("not taken: " + result.reason);
 }
 
-// Asks for a list and visits its messages.
-void list(std::uint16_t type, const std::function<void(nlmsghdr*)>& put,
-          const std::function<void(const nlmsghdr*)>& visit)
+nftables::HeldProgram readBack()
 {
-    int error = 0;
-    const std::unique_ptr<nftables::Socket> socket = nftables::openSocket(error);
-    if (socket == nullptr)
-        throw std::runtime_error("no socket");
-    alignas(8) std::array<std::uint8_t, 1024> request{};
-    nlmsghdr* message = mnl_nlmsg_put_header(request.data());
-    message->nlmsg_type = static_cast<std::uint16_t>(NFNL_SUBSYS_NFTABLES << 8U | type);
-    message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    auto* const header = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
-    header->nfgen_family = NFPROTO_BRIDGE;
-    put(message);
-    socket->send({request.data(), message->nlmsg_len});
-    std::vector<std::uint8_t> buffer(bufferSize);
-    for (;;) {
-        const nftables::Socket::Received received = socket->receive(buffer, true);
-        if (received.error != 0)
-            throw std::runtime_error("no answer");
-        nftables::Bytes bytes(buffer.data(), received.size);
-        while (const nlmsghdr* answer = nftables::takeMessage(bytes)) {
-            if (answer->nlmsg_type == NLMSG_DONE)
-                return;
-            if (answer->nlmsg_type == NLMSG_ERROR)
-                throw std::runtime_error("the kernel refuses the list");
-            visit(answer);
-        }
-    }
+    nftables::Connection connection;
+    nftables::HeldProgram held;
+    bool settled = true;
+    const nftables::Result result = nftables::readProgram(connection, nftables::compiledTable, held, settled);
+    if (result.answer != nftables::Answer::Done)
+        throw std::runtime_error("not read: " + result.reason);
+    return held;
 }
 
-struct Sum {
-    std::uint64_t packets = 0;
-    std::uint64_t bytes = 0;
-};
-using Sums = std::map<ebtables::Origin, Sum>;
-
-void addElement(const nlattr* element, Sums& sums)
+void printCounters()
 {
-    ebtables::Origin origin = ebtables::noOrigin;
-    Sum counted;
-    nftables::forEachNested(element, [&](const nlattr* part) {
-        if (mnl_attr_get_type(part) == NFTA_SET_ELEM_USERDATA)
-            std::memcpy(&origin, mnl_attr_get_payload(part), sizeof origin);
-        if (mnl_attr_get_type(part) != NFTA_SET_ELEM_EXPR)
-            return;
-        nftables::forEachNested(part, [&](const nlattr* expression) {
-            if (mnl_attr_get_type(expression) != NFTA_EXPR_DATA)
-                return;
-            nftables::forEachNested(expression, [&](const nlattr* field) {
-                if (mnl_attr_get_type(field) == NFTA_COUNTER_PACKETS)
-                    counted.packets = nftables::longNumberOf(field).value_or(0);
-                if (mnl_attr_get_type(field) == NFTA_COUNTER_BYTES)
-                    counted.bytes = nftables::longNumberOf(field).value_or(0);
-            });
-        });
-    });
-    sums[origin].packets += counted.packets;
-    sums[origin].bytes += counted.bytes;
-}
-
-void printCounters(const ebtables::Table& table)
-{
-    const compiled::Program program = compiled::compile(table).value();
-    Sums sums;
-    for (const compiled::Map& map : program.maps) {
-        list(
-            NFT_MSG_GETSETELEM,
-            [&](nlmsghdr* request) {
-                nftables::putText(request, NFTA_SET_ELEM_LIST_TABLE, tableName);
-                nftables::putText(request, NFTA_SET_ELEM_LIST_SET, map.name.c_str());
-            },
-            [&](const nlmsghdr* answer) {
-                nftables::forEachAttribute(answer, sizeof(nfgenmsg), [&](const nlattr* attribute) {
-                    if (mnl_attr_get_type(attribute) == NFTA_SET_ELEM_LIST_ELEMENTS)
-                        nftables::forEachNested(attribute, [&](const nlattr* one) { addElement(one, sums); });
-                });
-            });
-    }
-    std::map<std::string, std::size_t> places; // in each chain
-    nftables::Expressions expressions;
-    list(
-        NFT_MSG_GETRULE, [](nlmsghdr* request) { nftables::putText(request, NFTA_RULE_TABLE, tableName); },
-        [&](const nlmsghdr* answer) {
-            const nftables::RuleView rule = nftables::readRule(answer);
-            const std::string chain(rule.chain);
-            const compiled::Step& step = program.find(chain)->steps.at(places[chain]++);
-            const auto* plain = std::get_if<compiled::PlainRule>(&step.action);
-            if (plain == nullptr || !rule.readExpressions(expressions))
-                return;
-            sums[plain->origin].packets += expressions.counters.packets;
-            sums[plain->origin].bytes += expressions.counters.bytes;
-        });
-    for (const auto& [origin, sum] : sums) {
-        if (origin != ebtables::noOrigin && sum.packets != 0)
+    for (const auto& [origin, sum] : nftables::countedBy(readBack())) {
+        if (sum.packets != 0)
             std::cout << origin << ' ' << sum.packets << ' ' << sum.bytes << '\n';
     }
+}
+
+// Throws when the kernel has another program.
+void expectHeld(const compiled::Program& program, const std::string& when)
+{
+    const nftables::HeldProgram held = readBack();
+    if (held.isWhole && compiled::difference(held.program, program).empty())
+        return;
+    const compiled::Difference difference = compiled::difference(held.program, program);
+    std::cout << (held.isWhole ? "understood" : "not understood") << '\n';
+    for (const compiled::Difference::Elements& changes : difference.elements)
+        std::cout << changes.gone.size() << " elements too many and " << changes.added.size() << " missing in "
+                  << program.maps[changes.to].name << '\n';
+    std::cout << "wanted:\n" << compiled::describe(program) << "held:\n" << compiled::describe(held.program);
+    throw std::runtime_error("another program is in the kernel " + when);
+}
+
+void change(Random& random, unsigned long count)
+{
+    compiled::Program before;
+    ebtables::Table table = random.table;
+    std::size_t elements = 0;
+    std::size_t messages = 0;
+    for (unsigned long i = 0; i < count; ++i) {
+        if (i % 5 == 0)
+            table = random.rules.table(1 + random.engine() % 120, i % 2 == 0);
+        for (ebtables::Chain& chain : table.chains)
+            std::erase_if(chain.rules, [&](const ebtables::TableRule& rule) {
+                // Beside an id the kernel forgets the priority, and the rule comes back as another one.
+                return random.engine() % 10 == 0 || (rule.rule->vlan.id && rule.rule->vlan.priority);
+            });
+        compiled::mark(table);
+        const compiled::Program after = compiled::compile(table, &before).value();
+        const compiled::Difference difference = compiled::difference(before, after);
+        nftables::Batch batch(std::nullopt, nftables::compiledTable);
+        nftables::addChanges(batch, before, after, difference);
+        messages += batch.messages();
+        for (const compiled::Difference::Elements& changes : difference.elements)
+            elements += changes.gone.size() + changes.added.size();
+        const nftables::Result result = nftables::Connection().apply(batch);
+        if (result.answer != nftables::Answer::Done)
+            throw std::runtime_error("not taken: " + result.reason);
+        expectHeld(after, "after change " + std::to_string(i));
+        before = after;
+    }
+    nftables::Batch batch(std::nullopt, nftables::compiledTable);
+    nftables::addChanges(batch, before, {}, compiled::difference(before, {}));
+    nftables::Connection().apply(batch);
+    expectHeld({}, "after all was taken out");
+    nftables::Batch last(std::nullopt, nftables::compiledTable);
+    nftables::removeProgram(last);
+    nftables::Connection().apply(last);
+    if (readBack().table != 0)
+        throw std::runtime_error("the table is still there");
+    std::cout << messages << " messages, " << elements << " elements of maps that stayed\n";
 }
 
 } // namespace
@@ -194,12 +162,15 @@ int main(int count, char** arguments)
         else if (what == "apply")
             apply(random.table);
         else if (what == "counters")
-            printCounters(random.table);
+            printCounters();
         else if (what == "frames" && count > 3)
             for (unsigned long left = std::strtoul(arguments[3], nullptr, 10); left > 0; --left)
                 printFrame(random.rules.frame(random.table));
+        else if (what == "changes" && count > 3)
+            change(random, std::strtoul(arguments[3], nullptr, 10));
         else
-            throw std::runtime_error("usage: compiled_driver rules|marks|apply|counters SEED, or frames SEED COUNT");
+            throw std::runtime_error(
+                "usage: compiled_driver rules|marks|apply|counters SEED, or frames|changes SEED COUNT");
     } catch (const std::exception& error) {
         std::cerr << error.what() << '\n';
         return 1;

@@ -55,8 +55,11 @@ TEST(ProgramMessages, SayAllOfTheProgram)
         test::RandomRules random([&](std::size_t below) { return engine() % below; });
         const compiled::Program program = compiled::compile(random.table(1 + engine() % 200, seed % 2 == 0)).value();
         std::size_t steps = 0;
-        for (const compiled::Chain& chain : program.chains)
+        std::size_t hooked = 0; // what is behind the hooks: a jump, and perhaps a policy
+        for (const compiled::Chain& chain : program.chains) {
             steps += chain.steps.size();
+            hooked += chain.hook == compiled::Hook::None ? 0 : chain.dropsByPolicy ? 2 : 1;
+        }
         std::size_t inMaps = 0;
         std::size_t counted = 0;
         for (const compiled::Map& map : program.maps) {
@@ -67,8 +70,8 @@ TEST(ProgramMessages, SayAllOfTheProgram)
         nftables::addProgram(batch, program);
         Told told = read(batch.finish(1));
         EXPECT_EQ(told.messages[NFT_MSG_NEWTABLE], 1U);
-        EXPECT_EQ(told.messages[NFT_MSG_NEWCHAIN], program.chains.size());
-        EXPECT_EQ(told.messages[NFT_MSG_NEWRULE], steps);
+        EXPECT_EQ(told.messages[NFT_MSG_NEWCHAIN], program.chains.size() + 2); // INPUT, FORWARD and their steps
+        EXPECT_EQ(told.messages[NFT_MSG_NEWRULE], steps + hooked);
         // Beside the maps there is a set of the extension headers, and two that compare places, where they are needed.
         const std::size_t sets = told.messages[NFT_MSG_NEWSET] - program.maps.size();
         EXPECT_LE(sets, 3U);

@@ -1,0 +1,39 @@
+// Reads the compiled form back from the kernel.
+#pragma once
+
+#include "compiled/program.hpp"
+#include "nftables/connection.hpp"
+#include "nftables/program.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace nftables
+{
+
+struct HeldProgram {
+    std::uint64_t table = 0; // the kernel's number for it; 0: there is none
+    // Whether all that is in the table is in the program. If not, others have changed it, and the program is what was
+    // understood.
+    bool isWhole = true;
+    compiled::Program program; // in no certain order
+    // What has been counted: for each chain of the program by each of its steps, for each map by each element.
+    std::vector<std::vector<Counters>> chains;
+    std::vector<std::vector<Counters>> maps;
+};
+
+// Summed up: a rule may be in several places. The second one: in those that the difference from the held program takes
+// out.
+CountersByMark countedBy(const HeldProgram& held);
+CountersByMark countedByGone(const HeldProgram& held, const compiled::Difference& difference);
+
+// table: of the bridge family. settled: false when the tables changed meanwhile. Whatever the kernel sends is taken.
+// Throws std::bad_alloc only.
+Result readProgram(Connection& connection, const std::string& table, HeldProgram& held, bool& settled);
+
+// The step that a rule of the table is, or nothing when no program has such a one. maps: of the program.
+std::optional<compiled::Step> readStep(const RuleView& rule, const std::vector<compiled::Map>& maps);
+
+} // namespace nftables
