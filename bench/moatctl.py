@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""How long moatctl takes with many rules: import, which checks them, show, export, check, one more rule.
+"""How long moatctl takes with many rules: import, which checks them, show, export, check, matrix, one more rule.
 
 Starts an ovsdb-server of its own in a temporary folder. Prints the shortest and the median wall time of each verb, the
 processor time of tool and server together, and the most memory that the tool took.
@@ -33,6 +33,14 @@ def of_many_forms(count):
     for i, rule in enumerate(tables["MoatKeeperRuleset"]):
         rule["IPSrcAddr"] = f"{i % 200 + 1}.{i >> 8 & 255}.{i & 255}.0/{8 + i % 25}"
         rule["IPDstAddr"] = f"{i % 190 + 1}.{i >> 8 & 255}.{i & 255}.0/{8 + i // 25 % 25}"
+    return json.dumps(tables)
+
+
+def of_16_ports(count):
+    """Like it, with all pairs of 16 ports."""
+    tables = json.loads(configuration(count))
+    for i, rule in enumerate(tables["MoatKeeperRuleset"]):
+        rule["InInterface"], rule["OutInterface"] = f"eth{i % 16}", f"eth{(i // 16 + i + 1) % 16}"
     return json.dumps(tables)
 
 
@@ -77,10 +85,13 @@ def measure(tool, server, folder, count, runs):
     full, forms, empty = f"{folder}/full.json", f"{folder}/forms.json", f"{folder}/empty.json"
     pathlib.Path(full).write_text(configuration(count))
     pathlib.Path(forms).write_text(of_many_forms(count))
+    ports16 = f"{folder}/ports.json"
+    pathlib.Path(ports16).write_text(of_16_ports(count))
     pathlib.Path(empty).write_text('{"MoatKeeper": [{}]}')
     tool("global", "set", "--input", "ACCEPT", "--forward", "ACCEPT")
     verbs = {"import": ("import", full), "show": ("show", "rule"), "export": ("export",), "check": ("check",),
              "import, nothing new": ("import", full), "import, many forms": ("import", forms), "check, many forms": ("check",),
+             "import, 16 ports": ("import", ports16), "matrix, 16 ports": ("matrix", "--configured"),
              "rule add": ("rule", "add", "--in", "eth0", "--drop"), "import, all removed": ("import", empty, "--replace")}
     wall = {verb: [] for verb in verbs}
     processor = {verb: [] for verb in verbs}

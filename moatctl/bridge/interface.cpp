@@ -45,11 +45,12 @@ int ask(const std::string& name, Link& link)
     });
 }
 
+constexpr std::string_view bridge = "bridge";
+
 } // namespace
 
 InterfaceState interfaceHere(const std::string& name)
 {
-    constexpr std::string_view bridge = "bridge";
     if (name.empty() || name.size() >= IFNAMSIZ)
         return InterfaceState::Missing;
     Link link;
@@ -60,6 +61,20 @@ InterfaceState interfaceHere(const std::string& name)
            : link.slaveKind == bridge ? InterfaceState::Port
            : link.kind == bridge      ? InterfaceState::Bridge
                                       : InterfaceState::NoPort;
+}
+
+std::vector<std::string> bridgePortsHere()
+{
+    std::vector<std::string> ports;
+    KernelQuestion question(RTM_GETLINK, NLM_F_DUMP);
+    question.header<ifinfomsg>();
+    question.ask([&ports](const nlmsghdr& message) {
+        Link link;
+        eachAttribute(message, sizeof(ifinfomsg), [&link](const nlattr& attribute) { read(attribute, link); });
+        if (link.slaveKind == bridge)
+            ports.push_back(link.name);
+    });
+    return ports;
 }
 
 } // namespace moatctl

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace moatctl
 {
@@ -15,5 +16,8 @@ enum class InterfaceState {
 
 // Asks the kernel. Port where that cannot be asked: nothing is known to be wrong.
 InterfaceState interfaceHere(const std::string& name);
+
+// The ports of all bridges here. Those that the kernel tells of.
+std::vector<std::string> bridgePortsHere();
 
 } // namespace moatctl

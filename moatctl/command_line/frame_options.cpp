@@ -87,15 +87,13 @@ std::uint16_t number(std::string_view option, const std::string& text, int large
 
 } // namespace
 
-void addFrameOptions(const Command& command, FrameOptions& options)
+void addFrameOptions(const Command& command, FrameOptions& options, const Unsaid& unsaid)
 {
-    command.option("--in", "PORT", "Port that the frame arrives on", options.in).required();
-    command.option("--out", "PORT", "Port that it leaves by; without it the frame is for the device itself",
-                   options.out);
     command.option("--src-mac", "MAC", "Its source MAC address", options.sourceMac);
     command.option("--dst-mac", "MAC", "Its destination MAC address", options.destinationMac);
-    command.option("--vlan", "NUMBER", "VLAN id of its tag; without it the frame is untagged", options.vlan);
-    command.option("--vlan-prio", "NUMBER", "Priority in its tag (default 0)", options.vlanPriority);
+    command.option("--vlan", "NUMBER", "VLAN id of its tag; without it " + unsaid.vlan, options.vlan);
+    command.option("--vlan-prio", "NUMBER", "Priority in its tag; without it " + unsaid.vlanPriority,
+                   options.vlanPriority);
     command.option(
         "--ethertype", "TYPE",
         "What it carries, after the tag if there is one: IPv4, ARP, 0x88cc, or LENGTH for an IEEE 802.3 frame",
@@ -111,7 +109,8 @@ void addFrameOptions(const Command& command, FrameOptions& options)
 Frame frameOf(const FrameOptions& options)
 {
     Frame frame;
-    frame.in = portName("--in", options.in);
+    if (!options.in.empty())
+        frame.in = portName("--in", options.in);
     if (!options.out.empty())
         frame.out = portName("--out", options.out);
     if (!options.sourceMac.empty())
@@ -159,20 +158,18 @@ Frame frameOf(const FrameOptions& options)
     return frame;
 }
 
-std::string toText(const Frame& frame)
+std::string contentsOf(const Frame& frame)
 {
-    std::string text =
-        "arriving on " + frame.in + (frame.out.empty() ? ", for the device itself" : ", leaving by " + frame.out);
-    if (frame.source || frame.destination)
-        text += ',';
+    std::string text;
+    const auto begin = [&text](const std::string& what) { text += (text.empty() ? "" : ", ") + what; };
     if (frame.source)
-        text += " from " + toText(*frame.source);
+        begin("from " + toText(*frame.source));
     if (frame.destination)
-        text += " to " + toText(*frame.destination);
+        text += (frame.source ? " to " : "to ") + toText(*frame.destination);
     if (frame.vlan)
-        text += ", VLAN " + std::to_string(frame.vlan->id) + " priority " + std::to_string(frame.vlan->priority);
+        begin("VLAN " + std::to_string(frame.vlan->id) + " priority " + std::to_string(frame.vlan->priority));
     if (frame.type)
-        text += ", " + typeText(*frame.type);
+        begin(typeText(*frame.type));
     const auto address = [&](const char* what, const auto& ip4, const auto& ip6) {
         if (ip4)
             text += what + toText(*ip4);
@@ -182,14 +179,21 @@ std::string toText(const Frame& frame)
     address(" from ", frame.ip4Source, frame.ip6Source);
     address(" to ", frame.ip4Destination, frame.ip6Destination);
     if (frame.protocol)
-        text += ", protocol " + std::to_string(*frame.protocol);
+        begin("protocol " + std::to_string(*frame.protocol));
     if (frame.sourcePort)
-        text += ", source port " + std::to_string(*frame.sourcePort);
+        begin("source port " + std::to_string(*frame.sourcePort));
     if (frame.destinationPort)
-        text += ", port " + std::to_string(*frame.destinationPort);
+        begin("port " + std::to_string(*frame.destinationPort));
     if (frame.laterFragment)
-        text += ", a later fragment";
+        begin("a later fragment");
     return text;
+}
+
+std::string toText(const Frame& frame)
+{
+    const std::string contents = contentsOf(frame);
+    return "arriving on " + frame.in + (frame.out.empty() ? ", for the device itself" : ", leaving by " + frame.out) +
+           (contents.empty() ? "" : ", " + contents);
 }
 
 } // namespace moatctl

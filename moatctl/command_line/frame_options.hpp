@@ -15,13 +15,21 @@ struct FrameOptions {
     bool fragment = false;
 };
 
-// --in, --out, --src-mac and so on; the options must outlive the parsing.
-void addFrameOptions(const Command& command, FrameOptions& options);
+// What a frame is like when that is not said, in words that follow "without it".
+struct Unsaid {
+    std::string vlan;
+    std::string vlanPriority;
+};
+
+// --src-mac, --dst-mac and so on, all but the ports; the options must outlive the parsing.
+void addFrameOptions(const Command& command, FrameOptions& options, const Unsaid& unsaid);
 
 // Throws Failure(BadInput), one line, when a value is none of its kind or two do not go together.
 Frame frameOf(const FrameOptions& options);
 
 // In one line, for a person.
 std::string toText(const Frame& frame);
+// Likewise, without the ports; "" when nothing is known.
+std::string contentsOf(const Frame& frame);
 
 } // namespace moatctl

@@ -27,15 +27,31 @@ constexpr std::size_t narrowestLast = 20; // of a last column that is wrapped
 
 using Line = std::vector<std::string>;
 
+using ColourOf = const char* (*)(std::string_view cell);
+
+// colourOf: null for none.
+std::string painted(const std::string& cell, ColourOf colourOf)
+{
+    const std::string colour = colourOf != nullptr ? colourOf(cell) : "";
+    return colour.empty() ? cell : "\033[" + colour + "m" + cell + "\033[0m";
+}
+
 // The last cell in pieces of that width, broken at blanks where there are any.
-void writeLine(std::ostream& out, const Line& cells, const std::vector<std::size_t>& widths, std::size_t lastWidth)
+void writeLine(std::ostream& out, const Line& cells, const std::vector<std::size_t>& widths, std::size_t lastWidth,
+               ColourOf colourOf = nullptr)
 {
     std::string line;
+    std::size_t indented = 0;
     for (std::size_t i = 0; i + 1 < cells.size(); ++i) {
-        line += cells[i];
+        line += painted(cells[i], colourOf);
         line.append(widths[i] - cells[i].size() + gap, ' ');
+        indented += widths[i] + gap;
     }
-    const std::string indent(line.size(), ' ');
+    if (cells.back().size() <= lastWidth) {
+        out << line << painted(cells.back(), colourOf) << '\n';
+        return;
+    }
+    const std::string indent(indented, ' ');
     std::string_view rest = cells.back();
     while (rest.size() > lastWidth) {
         std::size_t end = rest.rfind(' ', lastWidth);
@@ -100,7 +116,7 @@ void writeTable(std::ostream& out, const Sheet& sheet, bool headings, const Term
         out << (terminal.colour ? "\033[0m" : "");
     }
     for (const Line& cells : lines)
-        writeLine(out, cells, widths, lastWidth);
+        writeLine(out, cells, widths, lastWidth, terminal.colour ? sheet.colourOf : nullptr);
 }
 
 void writeCsv(std::ostream& out, const Sheet& sheet, bool headings, bool withName)

@@ -41,6 +41,9 @@ struct Sheet {
     std::string title; // above the table
     std::vector<std::string> headings;
     std::vector<std::vector<Cell>> rows; // as many cells as headings
+    // Of a cell in a table that stands out, by what it says: the numbers of an escape sequence, such as "31"; "" for
+    // the others.
+    const char* (*colourOf)(std::string_view cell) = nullptr;
 };
 
 // Table: a title when there are several sheets, headings, aligned columns; what is not printable ASCII is

@@ -1,14 +1,11 @@
-#include "moatctl/bridge/compare.hpp"
-#include "moatctl/bridge/expected.hpp"
 #include "moatctl/bridge/interface.hpp"
-#include "moatctl/bridge/kernel.hpp"
 #include "moatctl/bridge/walk.hpp"
 #include "moatctl/command_line/frame_options.hpp"
 #include "moatctl/command_line/output.hpp"
-#include "moatctl/tables/file.hpp"
-#include "moatctl/tables/read_text.hpp"
-#include "moatctl/tables/server.hpp"
+#include "moatctl/tables/problem.hpp"
 #include "moatctl/verbs/all.hpp"
+#include "moatctl/verbs/matrix_view.hpp"
+#include "moatctl/verbs/scene.hpp"
 #include "ovsdb/json.hpp"
 
 #include <algorithm>
@@ -25,38 +22,10 @@ namespace
 
 struct ExplainArguments {
     FrameOptions frame;
-    std::string path;
-    bool configured = false;
+    ScenePlace place;
     bool all = false;
     bool json = false;
 };
-
-// What a frame is walked through, and what is known beside it.
-struct Scene {
-    std::optional<Configuration> configuration; // none: the server is down, and the kernel's tables are read
-    Applied configured;
-    std::optional<Applied> kernel; // with the rows that the configuration has for its rules
-    std::string name;              // of what is walked, in words
-    bool differs = false;          // the kernel's tables are not as configured
-
-    const Applied& walked() const { return kernel ? *kernel : configured; }
-};
-
-// The rule, or the policy at the end of the chain, as the tool writes it.
-std::string textOf(const Step& step)
-{
-    if (step.rule == nullptr)
-        return "policy " + step.chain->policy;
-    return step.rule->rule ? ebtables::toText(*step.rule->rule) : step.rule->text;
-}
-
-std::string nameOfOrigin(const Scene& scene, const Step& step)
-{
-    const Row* row = scene.walked().rowOf(step.origin());
-    if (row != nullptr)
-        return moatctl::nameOf(*row);
-    return scene.kernel && step.origin() == ebtables::noOrigin ? "no row" : "the daemon's own";
-}
 
 std::string answerOf(const Step& step)
 {
@@ -71,16 +40,11 @@ std::string answerOf(const Step& step)
     return "";
 }
 
-const char* fateName(Fate fate)
-{
-    return fate == Fate::Accept ? "ACCEPT" : fate == Fate::Drop ? "DROP" : "UNKNOWN";
-}
-
 // Who decides, in words.
 std::string decisionOf(const Scene& scene, const Walk& walked)
 {
     const Step& last = walked.steps.back();
-    const std::string by = nameOfOrigin(scene, last);
+    const std::string by = scene.nameOf(last.origin());
     if (walked.fate == Fate::Unknown)
         return "it depends on " + std::string(last.result.missing) + ", which " + by + " looks at";
     if (last.rule != nullptr)
@@ -108,7 +72,7 @@ ovsdb::Json placeOf(const Applied& applied, const Step& step)
         {"rule", step.rule != nullptr ? ovsdb::Json(static_cast<std::int64_t>(step.position) + 1) : ovsdb::Json()},
         {"table", origin != nullptr ? ovsdb::Json(origin->table->name) : ovsdb::Json()},
         {"id", origin != nullptr && origin->table->hasIds() ? ovsdb::Json(std::int64_t{origin->id()}) : ovsdb::Json()},
-        {"text", textOf(step)},
+        {"text", textOf(*step.chain, step.rule)},
     };
     return object;
 }
@@ -126,14 +90,14 @@ void writeJson(std::ostream& out, const Frame& frame, const Scene& scene, const 
     ovsdb::Json configured; // null where only one of the two is known
     if (scene.kernel && scene.configuration) {
         const Walk other = walk(scene.configured.table, frame);
-        configured = ovsdb::Json::Object{{"fate", fateName(other.fate)},
+        configured = ovsdb::Json::Object{{"fate", nameOf(other.fate)},
                                          {"decided_by", placeOf(scene.configured, other.steps.back())}};
     }
     out << ovsdb::toText(ovsdb::Json::Object{
                {"frame", toText(frame)},
                {"walked", scene.kernel ? "kernel" : "configuration"},
                {"differs", scene.kernel && scene.configuration ? ovsdb::Json(scene.differs) : ovsdb::Json()},
-               {"fate", fateName(walked.fate)},
+               {"fate", nameOf(walked.fate)},
                {"decided_by", placeOf(scene.walked(), walked.steps.back())},
                {"configured", std::move(configured)},
                {"steps", std::move(steps)},
@@ -150,71 +114,14 @@ void writeText(Program& program, const Frame& frame, const Scene& scene, const W
     for (const Step* step : shown) {
         const std::string number = step->rule != nullptr ? std::to_string(step->position + 1) : "-";
         sheet.rows.push_back({Value(std::string(2 * std::size_t{step->depth}, ' ') + step->chain->name), Value(number),
-                              Value(answerOf(*step)), Value(nameOfOrigin(scene, *step)), Value(textOf(*step))});
+                              Value(answerOf(*step)), Value(scene.nameOf(step->origin())),
+                              Value(textOf(*step->chain, step->rule))});
     }
     writeSheets(program.out, {sheet}, {}, program.terminal);
     if (const std::size_t rest = walked.steps.size() - shown.size(); rest != 0)
         program.out << rest << (rest == 1 ? " step that leads" : " steps that lead")
                     << " nowhere not shown (--all shows all)\n";
-    program.out << fateName(walked.fate) << ": " << decisionOf(scene, walked) << '\n';
-}
-
-// The kernel's tables with the rows of the configuration.
-Applied withRows(ebtables::Table kernel, const Applied& configured, const std::vector<Entry>& entries)
-{
-    for (const Entry& entry : entries) {
-        ebtables::Chain* chain = kernel.find(entry.chain);
-        if (chain == nullptr || entry.state == EntryState::Missing)
-            continue;
-        if (entry.position != 0)
-            chain->rules[entry.position - 1].origin = entry.origin;
-        else if (entry.state == EntryState::Same)
-            chain->policyOrigin = entry.origin;
-    }
-    return {.table = std::move(kernel), .refused = {}, .rows = configured.rows};
-}
-
-Configuration readFile(Program& program, const std::string& path)
-{
-    LoadedFile loaded = parseConfiguration(readText(program.in, path), moatctl::nameOf(path));
-    if (writeProblems(program.err, loaded.problems) != 0)
-        throw Failure(ExitStatus::BadInput, "the configuration has errors; nothing is explained");
-    return std::move(loaded.configuration);
-}
-
-// The kernel's tables are what happens; the configuration is what is walked where they cannot be read, or when asked
-// for. Either may be absent, not both.
-void build(Scene& scene, Program& program, const ExplainArguments& options)
-{
-    std::string unread;
-    std::optional<ebtables::Table> kernel;
-    if (options.path.empty() && !options.configured)
-        kernel = readKernel(unread);
-    try {
-        if (options.path.empty()) {
-            ovsdb::Client client = program.connect();
-            scene.configuration = loadFromServer(client);
-        } else {
-            scene.configuration = readFile(program, options.path);
-        }
-        scene.configured = apply(expectedOf(*scene.configuration));
-    } catch (const ovsdb::Error& error) {
-        if (!kernel)
-            throw;
-        program.err << "note: " << error.what() << "; rows cannot be named\n";
-    }
-    if (!kernel) {
-        scene.name = options.path.empty() ? "the configuration" : "the configuration in " + nameOf(options.path);
-        if (!unread.empty())
-            scene.name += "; the kernel's tables cannot be read: " + unread;
-        return;
-    }
-    scene.name = "the kernel's tables";
-    const std::vector<Entry> entries = compare(scene.configured.table, *kernel);
-    scene.differs = scene.configuration &&
-                    std::ranges::any_of(entries, [](const Entry& entry) { return entry.state != EntryState::Same; });
-    scene.kernel = scene.configuration ? withRows(*std::move(kernel), scene.configured, entries)
-                                       : Applied{.table = *std::move(kernel), .refused = {}, .rows = {}};
+    program.out << nameOf(walked.fate) << ": " << decisionOf(scene, walked) << '\n';
 }
 
 // What the bridge itself does with some addresses, whatever the chains say.
@@ -246,17 +153,6 @@ void notePorts(std::ostream& err, const Frame& frame)
     }
 }
 
-void noteRefused(std::ostream& err, const Applied& configured)
-{
-    std::set<const Row*> noted;
-    for (const RefusedLine& refused : configured.refused) {
-        if (noted.insert(refused.origin).second)
-            err << "note: "
-                << (refused.origin != nullptr ? moatctl::nameOf(*refused.origin) : "the missing row of MoatKeeper")
-                << ": a line is left out because the kernel would refuse it (see moatctl check)\n";
-    }
-}
-
 void noteDifference(std::ostream& err, const Scene& scene, const Frame& frame, const Walk& walked)
 {
     if (!scene.differs)
@@ -266,14 +162,14 @@ void noteDifference(std::ostream& err, const Scene& scene, const Frame& frame, c
     if (other.fate == walked.fate)
         err << "the frame's fate is the same\n";
     else
-        err << "it would be " << fateName(other.fate) << '\n';
+        err << "it would be " << nameOf(other.fate) << '\n';
 }
 
 ExitStatus explain(Program& program, const ExplainArguments& options)
 {
     const Frame frame = frameOf(options.frame);
     Scene scene;
-    build(scene, program, options);
+    lookAt(scene, program, options.place);
     const Walk walked = walk(scene.walked().table, frame);
     if (options.json)
         writeJson(program.out, frame, scene, walked, options.all);
@@ -283,7 +179,7 @@ ExitStatus explain(Program& program, const ExplainArguments& options)
     if (scene.configuration)
         noteRefused(program.err, scene.configured);
     noteDifference(program.err, scene, frame, walked);
-    if (options.path.empty())
+    if (options.place.path.empty())
         notePorts(program.err, frame);
     noteBridge(program.err, frame);
     return walked.fate == Fate::Unknown ? ExitStatus::BadInput : ExitStatus::Ok;
@@ -297,11 +193,11 @@ void addExplain(const Command& root, Program& program)
     const Command command = root.add(
         "explain", "Show what happens to a frame, and which row decides: in the kernel, if its tables may be read",
         "explain --in eth0 --out eth1 --src 10.0.0.1 --dst 10.0.0.2 --proto tcp --port 80");
-    addFrameOptions(command, options->frame);
-    const Option file =
-        command.option("--file", "FILE", "Look at the configuration in a file; - for standard input", options->path);
-    command.flag("--configured", "Look at the server's configuration, whatever the kernel has", options->configured)
-        .excludes(file);
+    command.option("--in", "PORT", "Port that the frame arrives on", options->frame.in).required();
+    command.option("--out", "PORT", "Port that it leaves by; without it the frame is for the device itself",
+                   options->frame.out);
+    addFrameOptions(command, options->frame, {"the frame is untagged", "it is 0"});
+    addScenePlace(command, options->place);
     command.flag("--all", "Show all steps, also those that lead nowhere", options->all);
     command
         .option("--format", "table|json", "Form of the output",

@@ -191,6 +191,38 @@ class Explain(Case):
         self.assertEqual((done.returncode, done.stderr), (OK, ""))
         self.assertEqual(done.stdout.splitlines()[1], f"through the configuration in {path}")
 
+    def matrix(self, *words, status=OK):
+        done = self.run_tool("matrix", "--configured", *words)
+        self.assertEqual(done.returncode, status, done.stderr)
+        return done.stdout
+
+    def test_matrix(self):
+        """Global policies: nothing goes to the device, and every port to every other but for 39 addresses and a VLAN."""
+        out = self.matrix().splitlines()
+        self.assertEqual(out[:2], ["frames: every frame", "through the configuration"])
+        self.assertRegex(out[2], "^the ordinary frame: from 02:.* to 02:.*, IPv4 from .*, protocol 6, source port .*, port ")
+        self.assertEqual([line.split() for line in out[4:]],
+                         [["FROM", "device", "eth0", "eth1"], ["eth0", "open", "global", "-", "partly", "global", "+40"],
+                          ["eth1", "open", "global", "open", "global", "-"]])
+        self.assertIn("closed rule 7", self.matrix("--src-mac", "02:00:00:00:00:07", "--in", "eth0", "--out", "eth1"))
+        self.assertIn("partly global +1", self.matrix("--src-mac", "02:00:00:00:01:07", "--in", "eth0", "--out", "eth1"))
+        self.assertIn("open global", self.matrix("--src-mac", "02:00:00:00:01:07", "--untagged", "--in", "eth0", "--out", "eth1"))
+        self.assertIn("closed rule 40", self.matrix("--vlan", "3", "--in", "eth0", "--out", "eth1"))
+
+    def test_matrix_for_programs(self):
+        found = json.loads(self.matrix("--format=json", "--exceptions"))
+        self.assertEqual([(cell["in"], cell["out"], cell["passage"], cell["exceptions"], cell["complete"], cell["fate"],
+                           cell["table"]) for cell in found["cells"]],
+                         [("eth0", None, "open", 0, 1, "ACCEPT", "MoatKeeper"), ("eth0", "eth1", "partly", 40, 1, "ACCEPT", "MoatKeeper"),
+                          ("eth1", None, "open", 0, 1, "ACCEPT", "MoatKeeper"), ("eth1", "eth0", "open", 0, 1, "ACCEPT", "MoatKeeper")])
+        self.assertEqual([(row["table"], row["fate"]) for row in found["exceptions"]], [("MoatKeeperRuleset", "DROP")] * 40)
+        self.assertEqual([row["id"] for row in found["exceptions"]], list(range(1, 41)))
+        lines = self.matrix("--format=csv", "--out", "eth1").split("\n")
+        self.assertEqual(lines[0], "in,out,passage,exceptions,complete,fate,table,id,chain,rule,text")
+        self.assertEqual(lines[1], "eth0,eth1,partly,40,1,ACCEPT,MoatKeeper,,FORWARD,,policy ACCEPT")
+        self.refused(BAD_INPUT, "^moatctl: --untagged excludes --vlan|--vlan excludes --untagged", "matrix", "--vlan", "1", "--untagged")
+        self.refused(BAD_INPUT, '^moatctl: --in "a/b": expected the name of one port', "matrix", "--configured", "--in", "a/b")
+
     def test_a_socket_that_may_not_be_used(self):
         """Told as what it is, not as a server that is not there."""
         if os.geteuid() != 0:
