@@ -53,14 +53,14 @@ bool canRace(const RuleKey& key)
 
 bool isWorthARace(std::span<const std::optional<RuleKey>> keys, std::size_t longest)
 {
-    std::set<Form> forms;
+    std::set<const RuleKey*, ByForm> forms;
     std::map<Family, std::size_t> ofFamily;
     std::size_t rules = 0;
     for (const std::optional<RuleKey>& key : keys) {
         if (!key || !canRace(*key))
             continue;
         ++rules;
-        if (forms.insert(formOf(*key)).second && ++ofFamily[key->family] > longest)
+        if (forms.insert(&*key).second && ++ofFamily[key->family] > longest)
             return false;
     }
     std::size_t others = 0;

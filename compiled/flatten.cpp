@@ -29,9 +29,11 @@ public:
     void add(const Chain& chain)
     {
         m_inside.push_back(chain.name);
+        m_items.reserve(m_items.size() + chain.rules.size() + 1);
         for (const ebtables::TableRule& rule : chain.rules) {
-            const Chain* next = takesEveryFrame(*rule.rule) ? m_table.find(rule.rule->target) : nullptr;
-            if (next != nullptr && canStandInPlace(*next))
+            const std::string& target = rule.rule->target;
+            const Chain* next = ebtables::isStandardTarget(target) ? nullptr : m_table.find(target);
+            if (next != nullptr && takesEveryFrame(*rule.rule) && canStandInPlace(*next))
                 add(*next);
             else
                 m_items.push_back({*rule.rule, rule.origin});

@@ -4,25 +4,20 @@
 #include "compiled/key.hpp"
 
 #include <algorithm>
-#include <compare>
 #include <span>
 #include <string>
-#include <vector>
+#include <tuple>
 
 namespace compiled
 {
 
-struct Form {
-    Family family = Family::Any;
-    std::vector<Part> parts;
-    Bytes mask;
-    auto operator<=>(const Form&) const = default;
+// Orders keys by what they have in common with others of their form: family, parts and mask, not the value.
+struct ByForm {
+    bool operator()(const RuleKey* one, const RuleKey* other) const
+    {
+        return std::tie(one->family, one->parts, one->mask) < std::tie(other->family, other->parts, other->mask);
+    }
 };
-
-inline Form formOf(const RuleKey& key)
-{
-    return {key.family, key.parts, key.mask};
-}
 
 // Calls visit(part, its mask) for each part, until one returns false.
 bool allParts(const RuleKey& key, const auto& visit)

@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <map>
 #include <optional>
-#include <set>
+#include <string_view>
 #include <tuple>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 namespace compiled
@@ -23,6 +25,12 @@ constexpr std::uint8_t lengths = 16; // that an IPv4 header can say it has
 bool canMeet(Family one, Family other)
 {
     return one == Family::Any || other == Family::Any || one == other;
+}
+
+// For tables: the library hashes texts.
+std::string_view asText(const Bytes& bytes)
+{
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 class RaceMaker
@@ -54,23 +62,23 @@ private:
     // The rules of one form.
     struct Runner {
         std::string name;
-        const RuleKey* key;             // the first one's
-        std::vector<std::size_t> items; // in m_items
-        std::set<Bytes> values;         // theirs
-        std::size_t places = 0;         // the map's number
-        std::size_t verdicts = 0;       // likewise
+        const RuleKey* key;                          // the first one's
+        std::vector<std::size_t> items;              // in m_items
+        std::unordered_set<std::string_view> values; // theirs
+        std::size_t places = 0;                      // the map's number
+        std::size_t verdicts = 0;                    // likewise
     };
 
     void sortByForm()
     {
-        std::map<Form, std::size_t> known;
+        std::map<const RuleKey*, std::size_t, ByForm> known;
         for (std::size_t i = 0; i < m_items.size(); ++i) {
             const RuleKey& key = *m_items[i].key;
-            const auto [place, isNew] = known.emplace(formOf(key), m_runners.size());
+            const auto [place, isNew] = known.emplace(&key, m_runners.size());
             if (isNew)
                 m_runners.push_back({nameOfForm(key), &key, {}, {}});
             // One with the same value stands before: it is never reached.
-            if (m_runners[place->second].values.insert(key.value).second)
+            if (m_runners[place->second].values.insert(asText(key.value)).second)
                 m_runners[place->second].items.push_back(i);
         }
         // An order that other rules do not change. Those for all frames come first: only those of one family follow
@@ -114,11 +122,11 @@ private:
         const Map* map = m_with.mapBefore(m_name + "/" + runner.name + "/places");
         if (map == nullptr)
             return;
-        std::map<Bytes, Place> known;
+        std::unordered_map<std::string_view, Place> known;
         for (const Element& element : map->elements)
-            known.emplace(element.first, element.place);
+            known.emplace(asText(element.first), element.place);
         for (const std::size_t index : runner.items) {
-            if (const auto found = known.find(m_items[index].key->value); found != known.end())
+            if (const auto found = known.find(asText(m_items[index].key->value)); found != known.end())
                 places[index] = found->second;
         }
     }
