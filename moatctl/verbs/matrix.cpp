@@ -26,7 +26,7 @@ struct MatrixArguments {
     bool exceptions = false;
 };
 
-constexpr const char* device = "device";
+constexpr const char* theDevice = "device";
 
 FrameQuestion questionOf(const MatrixArguments& options)
 {
@@ -47,7 +47,7 @@ std::string inWords(const FrameQuestion& question)
 
 std::string outName(const Matrix& matrix, const MatrixCell& cell)
 {
-    return cell.out ? matrix.ports[*cell.out] : device;
+    return cell.out ? matrix.ports[*cell.out] : theDevice;
 }
 
 std::string countOf(const Answered& answer)
@@ -84,7 +84,7 @@ Sheet picture(const Scene& scene, const Matrix& matrix)
     }
     std::ranges::sort(outs);
     for (const auto& out : outs)
-        sheet.headings.push_back(out ? matrix.ports[*out] : device);
+        sheet.headings.push_back(out ? matrix.ports[*out] : theDevice);
     for (std::size_t i = 0; i < matrix.cells.size();) {
         const std::size_t in = matrix.cells[i].in;
         std::vector<Cell>& row = sheet.rows.emplace_back();
