@@ -1,8 +1,9 @@
 #!/bin/bash
 # Tries the README's two commands where nothing is installed: makes a minimal Debian 12 in a folder, puts the last commit
 # there, once in an ordinary folder and once in one of mode 700 under /root, and runs tools/demo.sh and tools/test.sh in
-# both, then makes the packages there, installs, removes and purges them. Packages of others come from where this machine
-# has its own. Takes about half an hour and 4 GB, needs root, asks nothing.
+# both, then makes the packages there, installs, removes and purges them; in the end those of the two must be equal, byte for
+# byte. Packages of others come from where this machine has its own. Takes about half an hour and 4 GB, needs root, asks
+# nothing.
 # usage: tools/fresh-root.sh [--slow | --long | --cross] [FOLDER]
 #   --slow   in the end also, in the first clone, the commands of the documents that measure; half an hour more
 #   --long   the same with all other commands that take long; hours
@@ -87,6 +88,17 @@ try() { # clone, kind
     done
 }
 
+# Two builds of one commit, in folders of other names.
+comparePackages() {
+    local package first second
+    for package in "$root${clones[0]}"/build/packages/*.deb; do
+        first=$(sha256sum <"$package")
+        second=$(sha256sum <"$root${clones[1]}/build/packages/${package##*/}")
+        [ "$first" = "$second" ] || fail "${package##*/} is another one in ${clones[1]}"
+        echo "== ${package##*/} is the same in both: ${first%% *}"
+    done
+}
+
 case "${1-}" in
 --enter)
     root=$2
@@ -104,6 +116,7 @@ case "${1-}" in
     for clone in "${clones[@]}"; do
         try "$clone" fresh
     done
+    comparePackages
     case "$3" in --slow | --long) try "${clones[0]}" "${3#--}" ;; esac
     exit
     ;;
