@@ -3,9 +3,9 @@
 // usage: frame_driver compile < RULES         as ebtables-save writes them: compiles them and puts them into the
 // kernel, as
 //                                             table moatkeeper; prints the milliseconds that each of the two took
-//        frame_driver send PORT BURSTS        sends bursts of the frames of standard input (hexadecimal, a line each)
-//        and
-//                                             prints the nanoseconds that a frame of the shortest burst took
+//        frame_driver send PORT BURSTS [RATE] sends bursts of 64 of the frames of standard input (hexadecimal, a line
+//                                             each), at most RATE frames a second, and prints the nanoseconds that a
+//                                             frame of the shortest burst took
 #include "compiled/compile.hpp"
 #include "compiled/describe.hpp"
 #include "ebtables/table.hpp"
@@ -66,7 +66,8 @@ std::vector<std::vector<std::uint8_t>> readFrames()
     return frames;
 }
 
-void send(const char* port, unsigned long bursts)
+// rate: 0 for as many as can be.
+void send(const char* port, unsigned long bursts, unsigned long rate)
 {
     const int raw = socket(AF_PACKET, SOCK_RAW, 0);
     sockaddr_ll address{};
@@ -86,6 +87,8 @@ void send(const char* port, unsigned long bursts)
     std::array<mmsghdr, burst> messages{};
     std::array<iovec, burst> parts{};
     Clock::duration shortest = Clock::duration::max();
+    const auto pause = std::chrono::nanoseconds(rate == 0 ? 0 : burst * 1'000'000'000 / rate);
+    Clock::time_point due = Clock::now();
     for (std::size_t next = 0; bursts > 0; --bursts) {
         for (std::size_t i = 0; i < burst; ++i, ++next) {
             std::vector<std::uint8_t>& frame = frames[next % frames.size()];
@@ -93,6 +96,9 @@ void send(const char* port, unsigned long bursts)
             messages[i].msg_hdr.msg_iov = &parts[i];
             messages[i].msg_hdr.msg_iovlen = 1;
         }
+        while (Clock::now() < due) {
+        }
+        due += pause;
         const Clock::time_point begin = Clock::now();
         for (std::size_t sent = 0; sent < burst;) {
             const int now = sendmmsg(raw, messages.data() + sent, static_cast<unsigned>(burst - sent), 0);
@@ -115,9 +121,11 @@ int main(int count, char** arguments)
         if (what == "compile")
             compile();
         else if (what == "send" && count > 3)
-            send(arguments[2], std::strtoul(arguments[3], nullptr, 10));
+            send(arguments[2], std::strtoul(arguments[3], nullptr, 10),
+                 count > 4 ? std::strtoul(arguments[4], nullptr, 10) : 0);
         else
-            throw std::runtime_error("usage: frame_driver compile < RULES, or frame_driver send PORT BURSTS < FRAMES");
+            throw std::runtime_error(
+                "usage: frame_driver compile < RULES, or frame_driver send PORT BURSTS [RATE] < FRAMES");
     } catch (const std::exception& error) {
         std::cerr << error.what() << '\n';
         return 1;

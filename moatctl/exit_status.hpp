@@ -16,7 +16,7 @@ enum class ExitStatus {
     Output = 5,     // the output could not be written, or there was not enough memory
     NotInForce = 6, // the change was stored, but rows of it are not in force
     NotApplied = 7, // the change was stored, but no daemon has said in time that it applies it
-    Kernel = 8,     // the kernel's tables cannot be read, and without them there is nothing to say
+    Kernel = 8,     // the kernel's tables cannot be read, or it cannot trace, and there is nothing to say without
 };
 
 // Ends the program with one line on standard error and the status. The text has no line break.

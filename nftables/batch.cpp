@@ -41,7 +41,8 @@ void putBuiltIn(nlmsghdr* message, const std::string& table, const std::string& 
 
 } // namespace
 
-Batch::Batch(std::optional<std::uint32_t> generation, std::string table) : m_table(std::move(table))
+Batch::Batch(std::optional<std::uint32_t> generation, std::string table, std::uint32_t flags)
+    : m_table(std::move(table))
 {
     nlmsghdr* message = beginControl(NFNL_MSG_BATCH_BEGIN, NLM_F_REQUEST);
     if (generation)
@@ -51,6 +52,8 @@ Batch::Batch(std::optional<std::uint32_t> generation, std::string table) : m_tab
     // its own when the table is there.
     message = begin(NFT_MSG_NEWTABLE, NLM_F_CREATE | NLM_F_ECHO);
     putText(message, NFTA_TABLE_NAME, m_table.c_str());
+    if (flags != 0)
+        put32(message, NFTA_TABLE_FLAGS, flags);
     m_used += message->nlmsg_len;
 }
 

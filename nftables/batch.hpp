@@ -30,8 +30,8 @@ class Batch
 public:
     // generation: of the tables that the changes are meant for. When the kernel's is another one by then, it refuses
     // the batch. Without, it is taken as it comes. The table is made when it is missing.
-    // table: in the bridge family.
-    explicit Batch(std::optional<std::uint32_t> generation, std::string table = filterTable);
+    // table: in the bridge family. flags: that it is made with, as in NFT_TABLE_F_OWNER.
+    explicit Batch(std::optional<std::uint32_t> generation, std::string table = filterTable, std::uint32_t flags = 0);
 
     std::size_t addBuiltInChain(const std::string& chain, const std::string& policy);
     std::size_t setPolicy(const std::string& builtInChain, const std::string& policy);

@@ -260,15 +260,20 @@ RuleView readRule(const nlmsghdr* message)
     return view;
 }
 
-void putExpressions(nlmsghdr* message, const Expressions& expressions)
+void putElements(nlmsghdr* message, const Expressions& expressions)
 {
-    const Nest list(message, NFTA_RULE_EXPRESSIONS);
     for (const Expression& expression : expressions.list) {
         const Nest element(message, NFTA_LIST_ELEM);
         putText(message, NFTA_EXPR_NAME, nameOf(expression.kind));
         const Nest body(message, NFTA_EXPR_DATA);
         putBody(message, expression, expressions);
     }
+}
+
+void putExpressions(nlmsghdr* message, const Expressions& expressions)
+{
+    const Nest list(message, NFTA_RULE_EXPRESSIONS);
+    putElements(message, expressions);
 }
 
 void putCompatibility(nlmsghdr* message, const std::optional<ebtables::EthertypeMatch>& ethertype)

@@ -35,6 +35,7 @@ RuleView readRule(const nlmsghdr* message);
 // Appends the attributes for the expressions and the rule's ethertype, without which the kernel takes no match of
 // ebtables.
 void putExpressions(nlmsghdr* message, const Expressions& expressions);
+void putElements(nlmsghdr* message, const Expressions& expressions); // the list's elements only
 void putCompatibility(nlmsghdr* message, const std::optional<ebtables::EthertypeMatch>& ethertype);
 void putChainPolicyMark(nlmsghdr* message);
 

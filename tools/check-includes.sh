@@ -29,7 +29,7 @@ platform_fake        platform
 
 moatctl              moatctl/command_line moatctl/verbs schema unistd.h sys/ioctl.h
 moatctl/tables       moatctl handler ebtables ovsdb schema schema/server platform text system
-moatctl/bridge       moatctl/tables handler records ebtables nftables schema subprocess text system libmnl
+moatctl/bridge       moatctl moatctl/tables handler records ebtables nftables schema subprocess text system libmnl
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
 moatctl/command_line moatctl moatctl/tables moatctl/bridge moatctl/check ebtables ovsdb schema schema/server platform text
                      system CLI

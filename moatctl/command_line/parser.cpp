@@ -24,7 +24,7 @@ constexpr const char* closingText = R"(Exit status:
   5  the output could not be written, or there was not enough memory
   6  the change is stored, but not in force, or not all of it: standard error names the rows
   7  the change is stored, but no daemon has said in time that it applies it
-  8  the kernel's tables cannot be read
+  8  the kernel's tables cannot be read, or it cannot be made to trace frames
 
 Example:
   moatctl rule add --in eth0 --out eth1 --src-mac 00:11:22:33:44:55 --drop)";

@@ -12,8 +12,8 @@ std::span<const Verb> allVerbs()
         Verb{addFilter, true},      Verb{addFilterRule, true}, Verb{addGlobal, true},   Verb{addPort, true},
         Verb{addBatch, false},      Verb{addExport, false},    Verb{addImport, false},  Verb{addHistory, false},
         Verb{addUndo, false},       Verb{addConfirm, false},   Verb{addCancel, false},  Verb{addCheck, false},
-        Verb{addAcknowledge, true}, Verb{addExplain, false},   Verb{addMatrix, false},  Verb{addStatus, false},
-        Verb{addTop, false},        Verb{addMetrics, false},   Verb{addMonitor, false},
+        Verb{addAcknowledge, true}, Verb{addExplain, false},   Verb{addMatrix, false},  Verb{addTrace, false},
+        Verb{addStatus, false},     Verb{addTop, false},       Verb{addMetrics, false}, Verb{addMonitor, false},
     };
     return verbs;
 }

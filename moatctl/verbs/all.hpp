@@ -15,6 +15,7 @@ void addMatrix(const Command& root, Program& program);
 void addStatus(const Command& root, Program& program);
 void addMetrics(const Command& root, Program& program);
 void addTop(const Command& root, Program& program);
+void addTrace(const Command& root, Program& program);
 void addShow(const Command& root, Program& program);
 void addRule(const Command& root, Program& program);
 void addPolicy(const Command& root, Program& program);

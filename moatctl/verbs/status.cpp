@@ -1,5 +1,6 @@
 #include "moatctl/bridge/daemon.hpp"
 #include "moatctl/bridge/kernel.hpp"
+#include "moatctl/bridge/tracer.hpp"
 #include "moatctl/check/check.hpp"
 #include "moatctl/command_line/output.hpp"
 #include "moatctl/command_line/screen.hpp"
@@ -142,6 +143,8 @@ bool summarise(const View& view, const std::optional<std::string>& pid, const st
         add("kernel tables", "unknown: " + view.noKernel);
     else
         add("kernel tables", view.configuration ? view.found : "not compared: the server is down");
+    for (const std::string& table : removeLeftTraces())
+        add("trace", "a trace that was killed had left the table " + table + " in the kernel: removed");
     if (!view.configuration)
         return false;
     std::set<std::pair<std::string, std::int32_t>> different; // of several lines, or on several devices

@@ -4,6 +4,7 @@
 #include "nftables/connection.hpp"
 #include "nftables/generation_watch.hpp"
 #include "nftables/rule_message.hpp"
+#include "nftables/trace_watch.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -76,6 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     std::memcpy(aligned.data(), data, size);
     const auto* const bytes = reinterpret_cast<const std::uint8_t*>(aligned.data());
     nftables::readGenerationChange(bytes, size);
+    nftables::readTraceEvent({data, size});
     nftables::Bytes left(bytes, size);
     while (const nlmsghdr* message = nftables::takeMessage(left))
         readRule(message);
