@@ -159,41 +159,41 @@ void writeDevices(OpenMetrics& metrics, const View& view)
     const auto eachDevice = [&](std::string_view name, Type type, std::string_view unit, std::string_view help,
                                 const auto& write) {
         metrics.begin(name, type, unit, help);
-        for (const Device& device : view.devices)
-            write(device, Labels{{"device", device.name}});
+        for (const Device& each : view.devices)
+            write(each, Labels{{"device", each.name}});
     };
     const auto times = [&](std::string_view name, std::string_view help, std::string Device::*member) {
-        eachDevice(name, Type::Gauge, "seconds", help, [&](const Device& device, const Labels& labels) {
-            if (const auto time = text::parseUtcTime(device.*member))
+        eachDevice(name, Type::Gauge, "seconds", help, [&](const Device& each, const Labels& labels) {
+            if (const auto time = text::parseUtcTime(each.*member))
                 metrics.sample(labels, since1970(*time));
         });
     };
     const auto numbers = [&](std::string_view name, std::string_view help, const auto& number) {
-        eachDevice(name, Type::Gauge, "", help, [&](const Device& device, const Labels& labels) {
-            if (device.reports())
-                metrics.sample(labels, number(device));
+        eachDevice(name, Type::Gauge, "", help, [&](const Device& each, const Labels& labels) {
+            if (each.reports())
+                metrics.sample(labels, number(each));
         });
     };
     eachDevice("moatkeeper_device_connected", Type::Gauge, "",
                "Whether the device's daemon has told the server how it is since either was started.",
-               [&](const Device& device, const Labels& labels) { metrics.sample(labels, device.reports()); });
+               [&](const Device& each, const Labels& labels) { metrics.sample(labels, each.reports()); });
     eachDevice("moatkeeper_device_info", Type::Gauge, "", "Always 1; version is that of the device's daemon.",
-               [&](const Device& device, Labels labels) {
-                   labels.emplace_back("version", device.version);
-                   if (device.reports())
+               [&](const Device& each, Labels labels) {
+                   labels.emplace_back("version", each.version);
+                   if (each.reports())
                        metrics.sample(labels, true);
                });
     numbers("moatkeeper_device_in_step", "Whether the device's kernel holds what its daemon wants.",
-            [](const Device& device) { return device.inStep; });
+            [](const Device& each) { return each.inStep; });
     numbers("moatkeeper_device_rules", "Rules of the daemon that the device's kernel holds.",
-            [](const Device& device) { return static_cast<std::uint64_t>(device.rules); });
+            [](const Device& each) { return static_cast<std::uint64_t>(each.rules); });
     numbers("moatkeeper_device_refused_lines", "Lines that the device has not put in force.",
-            [](const Device& device) { return std::uint64_t{device.notInForceCount}; });
+            [](const Device& each) { return std::uint64_t{each.notInForceCount}; });
     eachDevice("moatkeeper_device_changes", Type::Counter, "",
                "The number of the last change that the device has in force: moatkeeper_changes, or less for a moment.",
-               [&](const Device& device, const Labels& labels) {
-                   if (device.reports() && device.number >= 0)
-                       metrics.sample(labels, static_cast<std::uint64_t>(device.number));
+               [&](const Device& each, const Labels& labels) {
+                   if (each.reports() && each.number >= 0)
+                       metrics.sample(labels, static_cast<std::uint64_t>(each.number));
                });
     times("moatkeeper_device_change_timestamp_seconds", "When that change came into force.", &Device::since);
     times("moatkeeper_device_in_step_since_timestamp_seconds", "Since when the device is in step, or is not.",
