@@ -81,13 +81,20 @@ def site():
     return rules
 
 
-def frame():
-    """An IPv4 packet that no rule matches; its addresses are in no network of theirs."""
-    header = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 46, 0, 0, 64, 17, 0, bytes([192, 0, 2, 1]), bytes([192, 0, 2, 2]))
+def frame(destination="02:bb:00:00:00:01", source="02:aa:00:00:00:01", address="192.0.2.1"):
+    """An IPv4 packet; as it is, no rule matches it, its addresses are in no network of theirs."""
+    sender = bytes(int(number) for number in address.split("."))
+    header = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 46, 0, 0, 64, 17, 0, sender, bytes([192, 0, 2, 2]))
     total = sum(struct.unpack("!10H", header))
     total = (total & 0xFFFF) + (total >> 16)
     header = header[:10] + struct.pack("!H", ~total & 0xFFFF) + header[12:]
-    return bytes.fromhex("02bb0000000102aa000000010800") + header + struct.pack("!HHHH", 4000, 65000, 26, 0) + bytes(18)
+    return bytes.fromhex(destination.replace(":", "") + source.replace(":", "") + "0800") + header + \
+        struct.pack("!HHHH", 4000, 65000, 26, 0) + bytes(18)
+
+
+def frameOfThree(count):
+    """One that three of the last of so many mixed rules match; the first of them accepts it."""
+    return frame(destination=mac(count - 9), source=mac(count - 10), address=ip4(count - 7))
 
 
 def saved(rules):
@@ -103,20 +110,20 @@ class Measurement:
     def __init__(self, driver, bursts, rounds):
         self._driver, self._bursts, self._rounds = driver, bursts, rounds
 
-    def send(self):
-        return int(run(self._driver, "send", "p0_far", str(self._bursts), input=frame().hex() + "\n")) / 1000
+    def send(self, one):
+        return int(run(self._driver, "send", "p0_far", str(self._bursts), input=one.hex() + "\n")) / 1000
 
-    def both(self, rules):
+    def both(self, rules, one):
         text = saved(rules)
         plain, compiled = [], []
         for _ in range(self._rounds):
             begin = time.monotonic()
             run("ebtables-restore", input=text)
             load = (time.monotonic() - begin) * 1000
-            plain.append(self.send())
+            plain.append(self.send(one))
             run("nft", "delete", "table", "bridge", "filter")
             compiling, writing, looks = run(self._driver, "compile", input=text).split()
-            compiled.append(self.send())
+            compiled.append(self.send(one))
             run("nft", "delete", "table", "bridge", "moatkeeper")
         return min(plain), min(compiled), int(looks), load, float(compiling), float(writing)
 
@@ -134,16 +141,17 @@ def main():
     bridge = Bridge(PORTS)
     bridge.close() # the sockets; the bridge stays
     measurement = Measurement(f"{options.build}/bench/frame_driver", options.bursts, options.rounds)
-    print(f"without rules: {measurement.send():.2f} us a frame")
+    print(f"without rules: {measurement.send(frame()):.2f} us a frame")
     print(f"{'rules':<24}{'plain us':>10}{'compiled us':>13}{'ratio':>8}{'looks':>7}{'load ms':>9}{'compile ms':>12}"
           f"{'write ms':>10}")
     sizes = [int(size) for size in options.sizes.split(",")]
-    sets = [("200 of a site", site())]
-    sets += [(f"{size} of ten shapes", tenShapes(size, mixed=False)) for size in sizes]
-    sets += [(f"{size} of ten, mixed", tenShapes(size, mixed=True)) for size in sizes]
-    sets += [("10200 of 600 shapes", lengths())]
-    for name, rules in sets:
-        plain, compiled, looks, load, compiling, writing = measurement.both(rules)
+    sets = [("200 of a site", site(), frame())]
+    sets += [(f"{size} of ten shapes", tenShapes(size, mixed=False), frame()) for size in sizes]
+    sets += [(f"{size} of ten, mixed", tenShapes(size, mixed=True), frame()) for size in sizes]
+    sets += [(f"{size}, three match", tenShapes(size, mixed=True), frameOfThree(size)) for size in sizes if size % 10 == 0]
+    sets += [("10200 of 600 shapes", lengths(), frame())]
+    for name, rules, one in sets:
+        plain, compiled, looks, load, compiling, writing = measurement.both(rules, one)
         print(f"{name:<24}{plain:>10.2f}{compiled:>13.2f}{plain / compiled:>8.1f}{looks:>7}{load:>9.0f}{compiling:>12.1f}"
               f"{writing:>10.1f}", flush=True)
 

@@ -425,8 +425,8 @@ private:
             putLookUp(message, *lead.than, firstRegister + 1);
             putMove(message, firstRegister + placeRegister, firstRegister);
             putAsk(message, highDigits, firstRegister, firstRegister + 1);
-            putMove(message, firstRegister + placeRegister + 1, firstRegister + 3);
-            putAsk(message, lowDigits, firstRegister + 1, std::nullopt);
+            putMove(message, firstRegister + placeRegister + 1, firstRegister);
+            putAsk(message, lowDigits, firstRegister, std::nullopt);
         }
         putJump(message, NFT_GOTO, lead.chain);
     }
@@ -628,9 +628,9 @@ std::vector<DigitsInterval> digitsIn(std::string_view set)
             if (digit != last)
                 result.push_back({{digit, next}, {digit, last}, decided});
         } else if (digit == last) {
-            result.push_back({{decided, 0, 0}, {decided, last, last}, std::nullopt});
-        } else { // the low digit of the one ahead comes first here
-            result.push_back({{askLow, next, digit}, {askLow, last, digit}, std::nullopt});
+            result.push_back({{0, decided, 0}, {last, decided, last}, std::nullopt});
+        } else {
+            result.push_back({{digit, askLow, next}, {digit, askLow, last}, std::nullopt});
         }
     }
     return result;

@@ -60,8 +60,9 @@ compiled::Step dropStep();
 // ---- which of two places comes first
 //
 // The kernel compares a register with a value, but not with another register. So places are two digits, and sets know
-// which pairs of digits are which: (high, high) -> whether that decides or the low ones are to be asked; (that answer,
-// low, low). Each of the sets is the same for all programs.
+// which pairs of digits are which: (high, high) -> whether that decides or the low ones are to be asked; (low, that
+// answer, low). What few elements share comes first in a key: the kernel looks part by part, at those that are left. Each
+// of the sets is the same for all programs.
 
 inline constexpr const char* highDigits = "before/high";
 inline constexpr const char* lowDigits = "before/low";
