@@ -108,6 +108,13 @@ class Tour:
         self.explain("ACCEPT: MoatKeeperRuleset Id 1", "--in", "guest", "--out", "office", "--src-mac", PRINTER,
                      "--dst-mac", BOSS, "--ethertype", "0x88b6")
 
+        self.title("And what becomes of real frames? The kernel tells it of each, as it passes")
+        self.trace(("--in", "guest"),
+                   ("DROP: MoatKeeperForwardingPolicy Id 1", "leaving by office", "guest", Frame(src=LAPTOP)),
+                   ("ACCEPT: MoatKeeperRuleset Id 1", "leaving by office", "guest", Frame(src=PRINTER)),
+                   ("DROP: MoatKeeper (policy of INPUT)", "for the device itself", "guest",
+                    Frame(src=LAPTOP, dst=Bridge.mac)))
+
         self.title("The daemon is stopped with SIGTERM: its chains are gone, the policies are ACCEPT again")
         self.show(self._world.stop())
         self.frames(("a guest's frame", "guest", Frame(src=LAPTOP), {"office", "uplink"}),
@@ -143,6 +150,20 @@ class Tour:
         self.show(lines)
         if not lines[-1].startswith(wanted):
             raise Failure(f"moatctl explain: expected {wanted}")
+
+    def trace(self, options, *probes):
+        """Frames, each as (what a line of the trace must say of it, and where it goes, port, frame)."""
+        lines = self._world.trace(options, [(port, frame) for _, _, port, frame in probes])
+        if lines is None:
+            return
+        say(f"\n   $ moatctl trace {' '.join(options)}")
+        for line in lines:
+            say(f"   {paint(line, GREEN if ' ACCEPT: ' in line else RED)}")
+        for decision, way, _, frame in probes:
+            source = ":".join(f"{byte:02x}" for byte in frame.data[6:12])
+            if not any(decision in line and way in line and source in line for line in lines):
+                raise Failure(f"moatctl trace: expected a line with {decision}, {way}, from {source}")
+            self.framesSeen += 1
 
     def frames(self, *probes):
         """Frames, each as (what it is, port it comes in by, frame, where it must arrive)."""

@@ -46,6 +46,20 @@ class Bridged:
     def send(self, sent):
         return self._bridge.send(*sent)
 
+    def trace(self, options, sent):
+        """What moatctl trace says of the frames while they pass."""
+        words = [f"{self._build}/moatctl/moatctl", "--server", programs.SOCKET, "trace", *options]
+        with subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as tracing:
+            for line in tracing.stderr:
+                if line == "tracing\n":
+                    break
+            self._bridge.send(*sent)
+            tracing.terminate()
+            lines, said = tracing.communicate(timeout=30)
+        if tracing.returncode != 0:
+            raise Failure(f"moatctl trace ended with status {tracing.returncode}: {said.strip()}")
+        return lines.splitlines()
+
     def stop(self):
         status = self._daemon.stop()
         if status != 0:
@@ -106,6 +120,9 @@ class Printed:
         return self._commit()
 
     def send(self, _):
+        return None
+
+    def trace(self, *_):
         return None
 
     def stop(self):

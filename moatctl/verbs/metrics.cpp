@@ -252,7 +252,7 @@ void addMetrics(const Command& root, Program& program)
     const Command command = root.add(
         "metrics",
         "Write counters and states as OpenMetrics text, for a collector; says when server or kernel cannot be read",
-        "metrics --output /var/lib/prometheus/node-exporter/moatkeeper.prom");
+        "metrics --output moatkeeper.prom");
     command.option("--output", "FILE", "Put it in the place of a file, in one step, as a collector wants it",
                    options->output);
     command.option("--pid-folder", "FOLDER", "Folder of the daemon's PID file", options->pidFolder)

@@ -157,7 +157,7 @@ void addTop(const Command& root, Program& program)
     auto options = std::make_shared<TopArguments>();
     const Command command =
         root.add("top", "Show which rows meet the most frames a second, again and again: renewed on a terminal",
-                 "top --interval 5");
+                 "top --interval 1");
     command
         .option(
             "--interval", "SECONDS", "Time between two looks at the counters",

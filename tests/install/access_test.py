@@ -13,6 +13,7 @@ from lab import kernel, service_manager, waiting
 from lab.programs import SCHEMA, SOCKET
 
 DAEMON, SERVER, CREATE = "moatkeeper.service", "moatkeeper-db.service", "moatkeeper-db-create.service"
+METRICS, METRICS_FILE = "moatkeeper-metrics.service", "/run/moatkeeper-metrics/moatkeeper.prom"
 FOLDER = "/run/moatkeeper-db"
 CHANGE, READ = service_manager.SERVER_SOCKET, f"{FOLDER}/read/socket"
 STRANGER = "4000"
@@ -164,6 +165,37 @@ class Access(unittest.TestCase):
         finally:
             self.machine.run("setpriv", f"--reuid={STRANGER}", "--clear-groups", "sh", "-c", "kill -KILL -1",
                              check=False)
+
+    # What a collector is told.
+
+    def metrics(self):
+        """{sample: value} of those without labels, as a stranger reads them."""
+        self.machine.run("systemctl", "start", METRICS)
+        text = self.assertAllowed("cat", METRICS_FILE)
+        self.assertTrue(text.endswith("# EOF\n"), text)
+        return dict(line.split() for line in text.splitlines() if not line.startswith("#") and "{" not in line)
+
+    def testMetricsAreWrittenForEverybody(self):
+        self.machine.change(METRICS, "")
+        self.machine.run("systemctl", "daemon-reload")
+        found = self.metrics()
+        self.assertEqual([found[f"moatkeeper_{name}"] for name in ("server_up", "kernel_readable", "daemon_running")],
+                         ["1", "1", "1"], self.machine.readOutput())
+        self.assertIn("moatkeeper_last_commit_timestamp_seconds", found)
+        self.machine.run("systemctl", "stop", DAEMON, SERVER)
+        found = self.metrics()
+        self.assertEqual([found[f"moatkeeper_{name}"] for name in ("server_up", "kernel_readable", "daemon_running")],
+                         ["0", "1", "0"], self.machine.readOutput())
+
+    def testTheTimerHasThemWritten(self):
+        self.machine.run("rm", "-rf", METRICS_FILE)
+        self.machine.run("systemctl", "start", "moatkeeper-metrics.timer")
+        self.addCleanup(self.machine.run, "systemctl", "stop", "moatkeeper-metrics.timer")
+        waiting.until(lambda: self.machine.path(METRICS_FILE).exists(), lambda: self.machine.readOutput()[-2000:])
+
+    def testMetricsNeedTheirCapability(self):
+        self.assertEqual(self.without(METRICS, "CAP_NET_ADMIN"), 1)
+        self.assertEqual(self.metrics()["moatkeeper_kernel_readable"], "0")
 
     # Capabilities: with one less it does not work.
 

@@ -91,7 +91,8 @@ class Lifecycle(unittest.TestCase):
         self.assertEqual(kernel.readTables(), kernel.untouched())
         kept = {path for path in self.left() - before if "moatkeeper" in path}
         self.assertLessEqual({DATABASE, SETTINGS}, kept)
-        usual = ("/etc/", "/var/lib/", "/usr/share/doc/moatkeeper-tools/")
+        # The tools are still there.
+        usual = ("/etc/", "/var/lib/", "/usr/share/doc/moatkeeper-tools/", "/usr/lib/systemd/system/moatkeeper-metrics.")
         self.assertEqual([path for path in kept if not path.startswith(usual)], [])
 
         self.install(self.packages["moatkeeper"])

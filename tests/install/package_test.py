@@ -20,7 +20,8 @@ SOURCES = pathlib.Path(__file__).resolve().parents[2]
 DAEMON = ("sbin/moatkeeper", "sbin/moatkeeper-db-prepare", "share/moatkeeper/moatkeeper.ovsschema",
           "lib/systemd/system/moatkeeper.service", "lib/systemd/system/moatkeeper-db.service",
           "lib/systemd/system/moatkeeper-db-create.service", "lib/tmpfiles.d/moatkeeper.conf")
-TOOLS = ("bin/moatctl", "share/bash-completion/completions/moatctl")
+TOOLS = ("bin/moatctl", "share/bash-completion/completions/moatctl",
+         "lib/systemd/system/moatkeeper-metrics.service", "lib/systemd/system/moatkeeper-metrics.timer")
 LIBRARY = ("include/moatkeeper/platform/notification_handler.hpp", "include/moatkeeper/daemon/run.hpp",
            "lib/cmake/moatkeeper/moatkeeperConfig.cmake", "lib/libmoatkeeper_daemon.a")
 PAGES = {"moatkeeper": ("share/man/man8/moatkeeper.8", "share/man/man8/moatkeeper-db.8",

@@ -15,6 +15,7 @@ import unittest
 
 CMAKE, BUILD = sys.argv[1:3]
 DAEMON, SERVER, CREATE = "moatkeeper.service", "moatkeeper-db.service", "moatkeeper-db-create.service"
+METRICS, TIMER = "moatkeeper-metrics.service", "moatkeeper-metrics.timer"
 
 
 _folder = tempfile.TemporaryDirectory()
@@ -60,6 +61,11 @@ class Units(unittest.TestCase):
     def testNoStepOfTheStartLastsForEver(self):
         self.assertEqual(read(CREATE)["TimeoutStartSec"], ["1min"])  # without it, there is no limit
 
+    def testMetricsAreWrittenWhenTheTimerSaysSo(self):
+        self.assertNotIn("WantedBy", read(METRICS))
+        self.assertEqual(read(TIMER)["WantedBy"], ["timers.target"])
+        self.assertEqual((read(METRICS)["Type"], read(METRICS)["TimeoutStartSec"]), (["oneshot"], ["1min"]))
+
     def testReadinessAndSignals(self):
         daemon = read(DAEMON)
         self.assertEqual(daemon["Type"], ["notify"])
@@ -73,7 +79,7 @@ class Units(unittest.TestCase):
     def analyze(self, *arguments):
         """What systemd-analyze says of the units; it looks for the programs, which are not installed here."""
         with tempfile.TemporaryDirectory() as folder:
-            for name in (DAEMON, SERVER, CREATE):
+            for name in (DAEMON, SERVER, CREATE, METRICS, TIMER):
                 text = re.sub(r"(?m)^(ExecStart|ExecReload)=\S+", r"\1=/bin/true",
                               (UNITS / name).read_text(encoding="utf-8"))
                 pathlib.Path(folder, name).write_text(text, encoding="utf-8")
@@ -84,12 +90,13 @@ class Units(unittest.TestCase):
 
     @unittest.skipUnless(shutil.which("systemd-analyze"), "no systemd-analyze")
     def testSystemdFindsNothingWrong(self):
-        self.assertNotRegex(self.analyze("verify", "--man=no", f"./{DAEMON}"), "moatkeeper")
+        for unit in (DAEMON, TIMER):
+            self.assertNotRegex(self.analyze("verify", "--man=no", f"./{unit}"), "moatkeeper")
 
     @unittest.skipUnless(shutil.which("systemd-analyze"), "no systemd-analyze")
     def testExposure(self):
         """As systemd counts it: 10 is the worst."""
-        for unit, most in ((DAEMON, 2.0), (SERVER, 1.5), (CREATE, 2.0)):
+        for unit, most in ((DAEMON, 2.0), (SERVER, 1.5), (CREATE, 2.0), (METRICS, 2.0)):
             last = self.analyze("security", "--offline=yes", "--no-pager", f"./{unit}").strip().splitlines()[-1]
             found = float(re.search(r"Overall exposure level for \S+ ([0-9.]+)", last)[1])
             self.assertLessEqual(found, most, last)

@@ -66,7 +66,7 @@ class Manual(machine.Machine):
             # An entry without a sum: all is told, and the next change is the seventeenth.
             self.config.transact(config.delete("MoatKeeperHistory"), config.insert("MoatKeeperHistory", Number=16))
             verb = example.split()[1]
-            if verb == "monitor":
+            if verb in ("monitor", "top", "trace"):
                 self.watch(example)
                 continue
             self.run_(BEFORE.get(verb, "true"))
@@ -78,7 +78,7 @@ class Manual(machine.Machine):
         self.assertIn(done.returncode, wanted, f"{command}: {done.stdout}{done.stderr}")
 
     def watch(self, example):
-        """What has no end: it shows a change, and ends by a signal."""
+        """What has no end: it shows something, a change say, and ends by a signal."""
         program = programs.Program(["sh", "-c", f"exec {example}"], machine.FOLDER + "/monitor.log")
         self.addCleanup(program.stop)
 
@@ -86,7 +86,7 @@ class Manual(machine.Machine):
             self.config.update(config.RULES, 1, Enabled=0)
             self.config.update(config.RULES, 1, Enabled=1)
             return program.readLog()
-        waiting.until(isShown, "a change that is shown")
+        waiting.until(isShown, "something that is shown")
         self.assertEqual(program.stop(), 0, program.readLog())
 
 
