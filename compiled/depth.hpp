@@ -8,8 +8,9 @@
 namespace compiled
 {
 
-// The kernel takes no more: chains one behind the other, wherever a frame may go, that with the hook among them.
-inline constexpr std::size_t deepest = 16;
+// The kernel takes no more than 16 chains one behind the other, wherever a frame may go. One with a hook is two there:
+// its steps are behind a jump (nftables/program.hpp).
+inline constexpr std::size_t deepest = 15;
 
 // A chain that leads to itself, which the kernel refuses, is counted once.
 std::size_t depthOf(const Program& program);

@@ -144,6 +144,15 @@ std::string describe(const Program& program)
     return text;
 }
 
+std::string textOf(const Element& element)
+{
+    const char* const verdicts[] = {"ACCEPT", "DROP", "RETURN", "go to "};
+    std::string text = hex(element.first);
+    if (element.last != element.first)
+        text += " to " + hex(element.last);
+    return text + ": " + verdicts[static_cast<std::size_t>(element.verdict.kind)] + element.verdict.chain;
+}
+
 std::size_t mostSteps(const Program& program, const Chain& chain)
 {
     return Counter(program).of(chain);

@@ -16,6 +16,9 @@ namespace compiled
 //     -s 02:00:00:00:00:01 -j DROP
 std::string describe(const Program& program);
 
+// An element's key, in hexadecimal digits, and what becomes of a frame that has it.
+std::string textOf(const Element& element);
+
 // The most steps that a frame is compared with on its way through the chain and those that it leads to.
 std::size_t mostSteps(const Program& program, const Chain& chain);
 

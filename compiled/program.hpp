@@ -116,6 +116,18 @@ struct Step {
     bool operator==(const Step&) const = default;
 };
 
+// Calls visit(lookUp) for each that the step has.
+void forEachLookUp(auto& step, const auto& visit)
+{
+    if (auto* lookUp = std::get_if<LookUp>(&step.action))
+        visit(*lookUp);
+    if (auto* lead = std::get_if<Lead>(&step.action)) {
+        visit(lead->place);
+        if (lead->than)
+            visit(*lead->than);
+    }
+}
+
 enum class Hook : std::uint8_t { None, Input, Forward };
 
 struct Chain {

@@ -602,6 +602,14 @@ void removeProgram(Batch& batch)
               [&](nlmsghdr* message) { putText(message, NFTA_TABLE_NAME, table.c_str()); });
 }
 
+void renewTable(Batch& batch)
+{
+    removeProgram(batch);
+    const std::string& table = batch.table();
+    batch.add(NFT_MSG_NEWTABLE, NLM_F_CREATE, longestElement,
+              [&](nlmsghdr* message) { putText(message, NFTA_TABLE_NAME, table.c_str()); });
+}
+
 std::string chainOfSteps(const compiled::Chain& chain)
 {
     return chain.hook == compiled::Hook::None ? chain.name : "rules/" + chain.name;

@@ -43,6 +43,8 @@ std::vector<ebtables::Origin> movedMarks(const compiled::Program& from, const co
 
 // Takes the table out, if there is one, with all that is in it.
 void removeProgram(Batch& batch);
+// And makes an empty one in its place.
+void renewTable(Batch& batch);
 
 // A map's user data: this, how many parts its keys have, and their sizes.
 inline constexpr std::uint8_t sizesType = 0xb8;
@@ -61,8 +63,8 @@ compiled::Step dropStep();
 //
 // The kernel compares a register with a value, but not with another register. So places are two digits, and sets know
 // which pairs of digits are which: (high, high) -> whether that decides or the low ones are to be asked; (low, that
-// answer, low). What few elements share comes first in a key: the kernel looks part by part, at those that are left. Each
-// of the sets is the same for all programs.
+// answer, low). What few elements share comes first in a key: the kernel looks part by part, at those that are left.
+// Each of the sets is the same for all programs.
 
 inline constexpr const char* highDigits = "before/high";
 inline constexpr const char* lowDigits = "before/low";

@@ -202,8 +202,7 @@ private:
     {
         const bool isHigh = m_compared++ == 0;
         return std::ranges::all_of(mask, [](std::uint8_t byte) { return byte == 0xff; }) &&
-               from == (isHigh ? placeRegister : placeRegister + 1) && to == 0U &&
-               m_compared == (isHigh ? 1 : 3);
+               from == (isHigh ? placeRegister : placeRegister + 1) && to == 0U && m_compared == (isHigh ? 1 : 3);
     }
 
     bool takeCompare(const auto& in)

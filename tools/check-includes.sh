@@ -24,16 +24,16 @@ schema               platform
 schema/server        schema ovsdb platform text
 
 platform_linux       platform_linux/queue platform ebtables ovsdb nftables schema schema/server text system
-platform_linux/queue platform_linux platform ebtables nftables schema subprocess text system
+platform_linux/queue platform_linux platform compiled ebtables nftables schema subprocess text system
 platform_fake        platform
 
 moatctl              moatctl/command_line moatctl/verbs schema unistd.h sys/ioctl.h
 moatctl/tables       moatctl handler ebtables ovsdb schema schema/server platform text system
-moatctl/bridge       moatctl moatctl/tables handler records ebtables nftables schema subprocess text system libmnl
+moatctl/bridge       moatctl moatctl/tables handler records compiled ebtables nftables schema subprocess text system libmnl
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
 moatctl/command_line moatctl moatctl/tables moatctl/bridge moatctl/check ebtables ovsdb schema schema/server platform text
                      system CLI
-moatctl/verbs        moatctl moatctl/tables moatctl/bridge moatctl/check moatctl/command_line ebtables ovsdb schema schema/server
+moatctl/verbs        moatctl moatctl/tables moatctl/bridge moatctl/check moatctl/command_line compiled ebtables ovsdb schema schema/server
                      platform text unistd.h
 moatctl/describe     moatctl/tables moatctl/command_line moatctl/verbs ovsdb schema CLI
 
