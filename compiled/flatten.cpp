@@ -36,7 +36,7 @@ public:
             if (next != nullptr && takesEveryFrame(*rule.rule) && canStandInPlace(*next))
                 add(*next);
             else
-                m_items.push_back({*rule.rule, rule.origin});
+                addRule(*rule.rule, rule.origin);
         }
         m_inside.pop_back();
         if (ebtables::isBuiltIn(chain.name) || chain.policy == "RETURN")
@@ -49,6 +49,15 @@ public:
     std::vector<Item> take() { return std::move(m_items); }
 
 private:
+    // Beside the id of a network the kernel forgets the priority: kept as it is, the rule would come back as another
+    // one.
+    void addRule(const Rule& rule, ebtables::Origin origin)
+    {
+        Item& item = m_items.emplace_back(Item{rule, origin});
+        if (rule.vlan.id && rule.vlan.id->first != 0)
+            item.rule.vlan.priority.reset();
+    }
+
     // A RETURN would leave the chain that it comes to stand in.
     bool canStandInPlace(const Chain& chain) const
     {

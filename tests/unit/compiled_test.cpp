@@ -92,6 +92,14 @@ TEST(Flatten, MakesAPolicyTheLastRuleOfAChainThatIsJumpedTo)
     EXPECT_TRUE(compiled::flatten(table, *table.find("OUTPUT")).empty());
 }
 
+TEST(Flatten, ForgetsAPriorityAsTheKernelDoes)
+{
+    const ebtables::Table table = tableOf({"-A FORWARD -p 0x8100 --vlan-id 3 --vlan-prio 3 -j DROP",
+                                           "-A FORWARD -p 0x8100 --vlan-id 0 --vlan-prio 3 -j DROP"});
+    EXPECT_EQ(textOf(compiled::flatten(table, *table.find("FORWARD"))),
+              (Texts{"-p 0x8100 --vlan-id 3 -j DROP", "-p 0x8100 --vlan-id 0 --vlan-prio 3 -j DROP"}));
+}
+
 TEST(Flatten, EndsWithChainsThatLeadToThemselves)
 {
     const ebtables::Table table = tableOf({"-N f", "-P f RETURN", "-A f -j f", "-A FORWARD -j f"});
