@@ -101,7 +101,7 @@ void TracedFrames::take(const nftables::TraceEvent& event, Time now, std::vector
         const bool isChosen = event.chain == nftables::selectingChain && event.rule != 0;
         // With headers: a frame that begins its way, whatever had this number before.
         if (known == m_underway.end() || !event.link.empty()) {
-            m_underway[event.id] = {frameOf(event), now, isChosen};
+            m_underway[event.id] = {frameOf(event), event.link, event.out, now, isChosen};
         } else {
             known->second.last = now;
             known->second.isChosen = known->second.isChosen || isChosen;
@@ -113,6 +113,11 @@ void TracedFrames::take(const nftables::TraceEvent& event, Time now, std::vector
     Underway& underway = known->second;
     underway.last = now;
     const bool isFilter = event.table == nftables::filterTable;
+    // The filter begins with the frame's headers. Otherwise messages were lost, and this is of another frame.
+    if (isFilter && !underway.isFiltered && (event.link != underway.link || event.out != underway.out)) {
+        m_underway.erase(known);
+        return;
+    }
     underway.isFiltered = underway.isFiltered || isFilter;
     const bool decides = event.kind != Kind::Return && event.verdict != Verdict::GoesOn;
     if (!decides || (!isFilter && event.verdict == Verdict::Accept))

@@ -43,6 +43,8 @@ public:
 private:
     struct Underway {
         Frame frame;
+        std::vector<std::uint8_t> link;
+        std::uint32_t out = 0;
         Time last;
         bool isChosen = false;
         bool isFiltered = false; // by the bridge's filter

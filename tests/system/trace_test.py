@@ -21,7 +21,7 @@ from lab.frames import Frame
 DAEMON = os.path.realpath(sys.argv[sys.argv.index("--daemon") + 1])
 SENDER = os.path.realpath(DAEMON + "/../../bench/frame_driver")
 MOATCTL = os.path.realpath(DAEMON + "/../../moatctl/moatctl")
-FRAMES = int(os.environ.get("MOATKEEPER_TRACE_FRAMES", "100"))
+FRAMES = int(os.environ.get("MOATKEEPER_TRACE_FRAMES", "60"))
 KILLS = int(os.environ.get("MOATKEEPER_TRACE_KILLS", "5"))
 SECONDS = float(os.environ.get("MOATKEEPER_TRACE_SECONDS", "0.5"))
 FLOOD = 100_000  # frames a second
@@ -361,6 +361,14 @@ class Trace(machine.Machine):
         leave(os.getpid())  # a process of that number, but no moatctl
         self.end(self.start())
         self.assertEqual(traceTables(), [f"moatctl_trace_{running.pid}"], "a trace under way stays")
+
+    def testWithoutADaemon(self):
+        """There is no table to look at a frame."""
+        self.daemon.stop()
+        subprocess.run(["nft", "flush", "ruleset"], check=True)
+        lines = self.traced(("p1", Frame(src=MACS[1])), options=("--out", "p2"))
+        self.assertEqual([(line["fate"], line["decided_by"]["words"]) for line in lines],
+                         [("ACCEPT", "no rule of the bridge's filter")])
 
     def testWithoutAServer(self):
         self.server.stop()
