@@ -93,9 +93,9 @@ std::vector<Probe> allProbes()
         Probe probe;
         probe.frame.type = type;
         for (const std::uint16_t id : std::vector<std::uint16_t>{0, 1, 100, 4094, 7}) {
-            Probe tagged = probe;
-            tagged.frame.vlan = VlanTag{id, 0};
-            add(tagged);
+            Probe withTag = probe;
+            withTag.frame.vlan = VlanTag{id, 0};
+            add(withTag);
         }
         probe.hasHeader = probe.hasPorts = false;
         add(probe);
