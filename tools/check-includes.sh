@@ -33,8 +33,9 @@ moatctl/bridge       moatctl moatctl/tables handler records compiled ebtables nf
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
 moatctl/command_line moatctl moatctl/tables moatctl/bridge moatctl/check ebtables ovsdb schema schema/server platform text
                      system CLI
-moatctl/verbs        moatctl moatctl/tables moatctl/bridge moatctl/check moatctl/command_line compiled ebtables ovsdb schema schema/server
+moatctl/verbs        moatctl moatctl/page moatctl/tables moatctl/bridge moatctl/check moatctl/command_line compiled ebtables ovsdb schema schema/server
                      platform text unistd.h
+moatctl/page
 moatctl/describe     moatctl/tables moatctl/command_line moatctl/verbs ovsdb schema CLI
 
 examples/platform    platform daemon system

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Installs what moatkeeper needs on Debian 12. This is the one list of packages.
 # usage: tools/install-deps.sh [GROUP...]   build, running, tests, packages, checks; all of these without one
+#   browser          to test the page of moatctl report; the test is skipped without it
 #   fresh-root       what tools/fresh-root.sh needs
 #   arm64, armhf     to build for these and to run it; adds the architecture to those that dpkg installs
 # Does nothing when everything is there. Never starts or enables the services that come with the packages.
@@ -11,13 +12,14 @@ packagesFor() { # group
     build) echo cmake g++ libcli11-dev libmnl-dev ninja-build rapidjson-dev ;;
     running) echo ebtables iproute2 iptables openvswitch-common python3 util-linux ;; # and the tour
     tests) echo git libgmock-dev libgtest-dev mandoc mount nftables python3-prometheus-client strace systemd ;;
+    browser) echo chromium chromium-driver python3-selenium tidy ;; # for the test of moatctl's page; large
     packages) echo debhelper dpkg-dev file lintian ;;
     checks) echo ccache clang clang-format clang-tidy gcovr git gnuplot-nox libclang-rt-14-dev llvm mandoc shellcheck ;;
     fresh-root) echo debootstrap git util-linux ;;
     arm64) crossPackagesFor arm64 g++-aarch64-linux-gnu ;;
     armhf) crossPackagesFor armhf g++-arm-linux-gnueabihf ;;
     *)
-        echo "install-deps: no group '$1', expected build, running, tests, packages, checks, fresh-root, arm64 or armhf" >&2
+        echo "install-deps: no group '$1', expected build, running, tests, packages, checks, browser, fresh-root, arm64 or armhf" >&2
         return 2
         ;;
     esac

@@ -71,6 +71,14 @@ PreparedTable::Fits PreparedTable::leaves(const std::string& port) const
         [&](const ebtables::Rule& rule) { return !rule.out || (!port.empty() && matchesPort(*rule.out, port)); });
 }
 
+std::size_t PreparedTable::ruleCount() const
+{
+    std::size_t count = 0;
+    for (const Chain& chain : m_chains)
+        count += chain.rules.size();
+    return count;
+}
+
 std::vector<FrameCondition> PreparedTable::conditions() const
 {
     std::vector<FrameCondition> all;
@@ -423,10 +431,7 @@ private:
 
 void PreparedTable::findReached(const std::vector<FrameRegion>& regions, std::uint64_t effort)
 {
-    std::size_t count = 0;
-    for (const Chain& chain : m_chains)
-        count += chain.rules.size();
-    const Fits all(count, true);
+    const Fits all(ruleCount(), true);
     std::unordered_set<const Rule*> reached;
     for (const bool forDevice : {true, false}) {
         const Way way(*this, all, all, forDevice);

@@ -35,6 +35,7 @@ public:
     Fits cameIn(const std::string& port) const;
     Fits leaves(const std::string& port) const;
 
+    std::size_t ruleCount() const;
     // All that rules look at, but for the ports of the bridge.
     std::vector<FrameCondition> conditions() const;
 

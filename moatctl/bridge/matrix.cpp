@@ -62,6 +62,14 @@ private:
     std::vector<const Fits*> m_all;
 };
 
+std::uint64_t countBoth(const Fits& in, const Fits& out)
+{
+    std::uint64_t count = 0;
+    for (std::size_t i = 0; i < in.size(); ++i)
+        count += in[i] && out[i] ? 1 : 0;
+    return count;
+}
+
 // Of the rules that are made of one row only the first; rules of no row each for itself.
 void keepOneOfEachRow(std::vector<Decider>& deciders, const Applied& applied)
 {
@@ -99,7 +107,6 @@ Matrix matrixOf(const Applied& applied, const FrameQuestion& question, std::vect
     if (regions.empty())
         return matrix;
     PreparedTable table(applied.table);
-    table.findReached(regions, wholeEffort);
     const FramePoint ordinary = ordinaryOf(regions.front(), table);
     matrix.ordinary = frameAt(ordinary);
 
@@ -128,6 +135,16 @@ Matrix matrixOf(const Applied& applied, const FrameQuestion& question, std::vect
                 matrix.cells.push_back({in, out, answerOf(inClass[in], outClass[out], false)});
         }
     }
+
+    // One look at all rules pays where ways have many of them in common.
+    std::uint64_t apart = 0;
+    for (const auto& [key, number] : answers) {
+        const std::uint64_t rules = countBoth(ins.of(std::get<0>(key)), outs.of(std::get<1>(key)));
+        apart += rules * rules;
+    }
+    const std::uint64_t all = table.ruleCount();
+    if (apart > all * all)
+        table.findReached(regions, wholeEffort);
 
     matrix.answers.resize(answers.size());
     const std::uint64_t effort = std::max(leastEffort, wholeEffort / std::max<std::size_t>(answers.size(), 1));

@@ -13,7 +13,8 @@ std::span<const Verb> allVerbs()
         Verb{addBatch, false},      Verb{addExport, false},    Verb{addImport, false},  Verb{addHistory, false},
         Verb{addUndo, false},       Verb{addConfirm, false},   Verb{addCancel, false},  Verb{addCheck, false},
         Verb{addAcknowledge, true}, Verb{addExplain, false},   Verb{addMatrix, false},  Verb{addTrace, false},
-        Verb{addStatus, false},     Verb{addTop, false},       Verb{addMetrics, false}, Verb{addMonitor, false},
+        Verb{addStatus, false},     Verb{addTop, false},       Verb{addMetrics, false}, Verb{addReport, false},
+        Verb{addMonitor, false},
     };
     return verbs;
 }

@@ -12,6 +12,7 @@ std::span<const Verb> allVerbs();
 void addCheck(const Command& root, Program& program);
 void addExplain(const Command& root, Program& program);
 void addMatrix(const Command& root, Program& program);
+void addReport(const Command& root, Program& program);
 void addStatus(const Command& root, Program& program);
 void addMetrics(const Command& root, Program& program);
 void addTop(const Command& root, Program& program);

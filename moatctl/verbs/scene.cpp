@@ -1,6 +1,5 @@
 #include "moatctl/verbs/scene.hpp"
 
-#include "moatctl/bridge/compare.hpp"
 #include "moatctl/bridge/kernel.hpp"
 #include "moatctl/tables/file.hpp"
 #include "moatctl/tables/read_text.hpp"
@@ -18,7 +17,16 @@ namespace moatctl
 namespace
 {
 
-// The kernel's tables with the rows of the configuration.
+Configuration readFile(Program& program, const std::string& path)
+{
+    LoadedFile loaded = parseConfiguration(readText(program.in, path), nameOf(path));
+    if (writeProblems(program.err, loaded.problems) != 0)
+        throw Failure(ExitStatus::BadInput, "the configuration has errors; nothing is shown");
+    return std::move(loaded.configuration);
+}
+
+} // namespace
+
 Applied withRows(ebtables::Table kernel, const Applied& configured, const std::vector<Entry>& entries)
 {
     for (const Entry& entry : entries) {
@@ -32,16 +40,6 @@ Applied withRows(ebtables::Table kernel, const Applied& configured, const std::v
     }
     return {.table = std::move(kernel), .refused = {}, .rows = configured.rows};
 }
-
-Configuration readFile(Program& program, const std::string& path)
-{
-    LoadedFile loaded = parseConfiguration(readText(program.in, path), nameOf(path));
-    if (writeProblems(program.err, loaded.problems) != 0)
-        throw Failure(ExitStatus::BadInput, "the configuration has errors; nothing is shown");
-    return std::move(loaded.configuration);
-}
-
-} // namespace
 
 void lookAt(Scene& scene, Program& program, const ScenePlace& place)
 {

@@ -1,12 +1,14 @@
 // What verbs look at that say what becomes of frames: the kernel's tables, or a configuration.
 #pragma once
 
+#include "moatctl/bridge/compare.hpp"
 #include "moatctl/bridge/expected.hpp"
 #include "moatctl/command_line/verb.hpp"
 
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace moatctl
 {
@@ -35,6 +37,9 @@ struct Scene {
 // The kernel's tables are what happens; the configuration is what is walked where they cannot be read, or when asked
 // for. Either may be absent, not both. Fills the scene in place.
 void lookAt(Scene& scene, Program& program, const ScenePlace& place);
+
+// The kernel's tables with the rows of the configuration; entries: of the comparison.
+Applied withRows(ebtables::Table kernel, const Applied& configured, const std::vector<Entry>& entries);
 
 // Rows with lines that the kernel would refuse.
 void noteRefused(std::ostream& err, const Applied& configured);
