@@ -108,6 +108,9 @@ class Tour:
         self.explain("ACCEPT: MoatKeeperRuleset Id 1", "--in", "guest", "--out", "office", "--src-mac", PRINTER,
                      "--dst-mac", BOSS, "--ethertype", "0x88b6")
 
+        self.title("Who may talk to whom? The same for all frames at once, and exactly")
+        self.matrix("guest   partly global +1  -                 partly forward-policy 1 +1")
+
         self.title("And what becomes of real frames? The kernel tells it of each, as it passes")
         self.trace(("--in", "guest"),
                    ("DROP: MoatKeeperForwardingPolicy Id 1", "leaving by office", "guest", Frame(src=LAPTOP)),
@@ -150,6 +153,15 @@ class Tour:
         self.show(lines)
         if not lines[-1].startswith(wanted):
             raise Failure(f"moatctl explain: expected {wanted}")
+
+    def matrix(self, wanted):
+        """Ports by ports; one line must begin as wanted."""
+        options = self._world.explainOptions
+        say(f"\n   $ moatctl {' '.join(('matrix', *options))}")
+        lines = self._world.moatctl("matrix", *options).splitlines()
+        self.show(lines)
+        if not any(line.startswith(wanted) for line in lines):
+            raise Failure(f"moatctl matrix: expected {wanted}")
 
     def trace(self, options, *probes):
         """Frames, each as (what a line of the trace must say of it, and where it goes, port, frame)."""
