@@ -1,5 +1,7 @@
 #include "tests/moatctl/random_configuration.hpp"
 
+#include <algorithm>
+
 namespace test
 {
 
@@ -146,12 +148,9 @@ private:
         row.set("Mode", text({"blacklist", "whitelist"}, {"", "Whitelist"}));
         addRow(row);
         // Two of the same name cannot be.
-        if (m_wrongOneIn == 0) {
-            for (const Row& other : m_configuration.rows(TableId::Filters)) {
-                if (other.id() != id && sameChain(other, row))
-                    m_configuration.remove(TableId::Filters, id);
-            }
-        }
+        const auto isAnother = [&](const Row& other) { return other.id() != id && sameChain(other, row); };
+        if (m_wrongOneIn == 0 && std::ranges::any_of(m_configuration.rows(TableId::Filters), isAnother))
+            m_configuration.remove(TableId::Filters, id);
     }
 
     static bool sameChain(const Row& a, const Row& b)
