@@ -66,6 +66,8 @@ class Lifecycle(unittest.TestCase):
 
     def testALife(self):
         self.machine.boot()
+        # What this machine may have of ours is none of the other one's.
+        self.machine.run("dpkg", "--purge", *self.packages)
         before, groups = self.left(), self.groups()
 
         self.install(self.makeLast(), self.packages["moatkeeper-tools"])

@@ -149,11 +149,16 @@ class Metrics(machine.Machine):
         tool = os.path.join(machine.FOLDER, "moatctl")
         subprocess.run(["cp", MOATCTL, tool], check=True)
         os.chmod(machine.FOLDER, 0o755)
-        done = subprocess.run([tool, "metrics"], capture_output=True, text=True, user=65534, check=False)
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
-        found, _ = read(done.stdout)
-        self.assertEqual((found[("moatkeeper_server_up", ())], found[("moatkeeper_kernel_readable", ())]), (1, 0))
-        # The device has said what is in force.
+
+        def lookAround():
+            done = subprocess.run([tool, "metrics"], capture_output=True, text=True, user=65534, check=False)
+            self.assertEqual((done.returncode, done.stderr), (0, ""))
+            found, _ = read(done.stdout)
+            self.assertEqual((found[("moatkeeper_server_up", ())], found[("moatkeeper_kernel_readable", ())]), (1, 0))
+            return found if ("moatkeeper_row_in_force", (config.RULES, "4")) in found else None
+
+        # The device says what is in force, a moment after it is.
+        found = waiting.until(lookAround, "the device's word")
         self.assertEqual(found[("moatkeeper_row_in_force", (config.RULES, "4"))], 1)
         self.assertNotIn(("moatkeeper_row_frames_total", (config.RULES, "4")), found)
         self.assertNotIn(("moatkeeper_kernel_transactions_total", ()), found)
