@@ -9,6 +9,7 @@
 #include <linux/netfilter/nfnetlink.h>
 
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -80,6 +81,41 @@ TEST(ProgramMessages, SayAllOfTheProgram)
         elements += counted;
     }
     EXPECT_GT(elements, 1000U);
+}
+
+// Looks the key up as the kernel does: the answer of the interval that it is in, 0 where there are no answers.
+std::optional<std::uint8_t> ask(const char* set, const compiled::Bytes& key)
+{
+    for (const nftables::DigitsInterval& interval : nftables::digitsIn(set)) {
+        bool isIn = true;
+        for (std::size_t i = 0; i < key.size(); ++i)
+            isIn = isIn && interval.first.at(i) <= key[i] && key[i] <= interval.last.at(i);
+        if (isIn)
+            return interval.answer.value_or(0);
+    }
+    return std::nullopt;
+}
+
+bool comesFirst(unsigned place, unsigned than)
+{
+    const auto high = [](unsigned of) { return static_cast<std::uint8_t>(of >> 8U); };
+    const auto low = [](unsigned of) { return static_cast<std::uint8_t>(of); };
+    const std::optional<std::uint8_t> answer = ask(nftables::highDigits, {high(place), high(than)});
+    return answer && ask(nftables::lowDigits, {low(place), *answer, low(than)});
+}
+
+TEST(ComparisonOfPlaces, KnowsWhichComesFirst)
+{
+    std::mt19937 engine(1);
+    for (int i = 0; i < 3000; ++i) {
+        const unsigned one = engine() % 65536;
+        // Near each other, so that the low digits decide, in every second case.
+        const unsigned other = i % 2 == 0 ? engine() % 65536 : (one + engine() % 400 + 65536 - 200) % 65536;
+        EXPECT_EQ(comesFirst(one, other), one < other) << one << ' ' << other;
+        EXPECT_FALSE(comesFirst(one, one)) << one;
+    }
+    EXPECT_TRUE(comesFirst(0, 65535));
+    EXPECT_TRUE(comesFirst(65534, 65535));
 }
 
 } // namespace
