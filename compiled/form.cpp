@@ -1,5 +1,7 @@
 #include "compiled/form.hpp"
 
+#include "compiled/hash.hpp"
+
 #include <algorithm>
 #include <cstdint>
 
@@ -48,9 +50,7 @@ std::string nameOfForm(const RuleKey& key)
 
 std::string shortNameFor(const std::string& text)
 {
-    std::uint64_t hash = 0xcbf29ce484222325;
-    for (const char c : text)
-        hash = (hash ^ static_cast<std::uint8_t>(c)) * 0x100000001b3;
+    const std::uint64_t hash = hashOf(text);
     std::string name;
     for (int shift = 60; shift >= 0; shift -= 4)
         name += digits[hash >> static_cast<unsigned>(shift) & 15U];

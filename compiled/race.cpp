@@ -92,7 +92,7 @@ private:
         std::vector<std::optional<Place>> before(m_items.size());
         for (const Runner& runner : m_runners)
             findPlaces(runner, before);
-        // Those that are never reached have a place, too: they may be reached tomorrow.
+        // Those that are never reached have room, too: they may be reached tomorrow.
         const std::vector<Place> places = placesFor(before);
         for (Runner& runner : m_runners) {
             Map verdicts;

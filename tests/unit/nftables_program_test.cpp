@@ -12,6 +12,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace
 {
@@ -84,9 +85,9 @@ TEST(ProgramMessages, SayAllOfTheProgram)
 }
 
 // Looks the key up as the kernel does: the answer of the interval that it is in, 0 where there are no answers.
-std::optional<std::uint8_t> ask(const char* set, const compiled::Bytes& key)
+std::optional<std::uint8_t> ask(const std::vector<nftables::DigitsInterval>& set, const compiled::Bytes& key)
 {
-    for (const nftables::DigitsInterval& interval : nftables::digitsIn(set)) {
+    for (const nftables::DigitsInterval& interval : set) {
         bool isIn = true;
         for (std::size_t i = 0; i < key.size(); ++i)
             isIn = isIn && interval.first.at(i) <= key[i] && key[i] <= interval.last.at(i);
@@ -98,10 +99,12 @@ std::optional<std::uint8_t> ask(const char* set, const compiled::Bytes& key)
 
 bool comesFirst(unsigned place, unsigned than)
 {
+    static const auto highSet = nftables::digitsIn(nftables::highDigits);
+    static const auto lowSet = nftables::digitsIn(nftables::lowDigits);
     const auto high = [](unsigned of) { return static_cast<std::uint8_t>(of >> 8U); };
     const auto low = [](unsigned of) { return static_cast<std::uint8_t>(of); };
-    const std::optional<std::uint8_t> answer = ask(nftables::highDigits, {high(place), high(than)});
-    return answer && ask(nftables::lowDigits, {low(place), *answer, low(than)});
+    const std::optional<std::uint8_t> answer = ask(highSet, {high(place), high(than)});
+    return answer && ask(lowSet, {low(place), *answer, low(than)});
 }
 
 TEST(ComparisonOfPlaces, KnowsWhichComesFirst)
