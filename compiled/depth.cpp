@@ -42,17 +42,29 @@ private:
             return of(jump->chain);
         if (const auto* lead = std::get_if<Lead>(&step.action))
             return of(lead->chain);
+        return behind(std::get<LookUp>(step.action).map);
+    }
+
+    std::size_t behind(std::size_t map)
+    {
+        const auto [place, isNew] = m_knownMaps.emplace(map, 0);
+        if (!isNew)
+            return place->second;
         std::size_t most = 0;
-        for (const Element& element : m_program.maps[std::get<LookUp>(step.action).map].elements) {
-            if (element.verdict.kind == Verdict::Kind::Goto)
-                most = std::max(most, of(element.verdict.chain));
+        std::string_view last; // most lead to the same few
+        for (const Element& element : m_program.maps[map].elements) {
+            if (element.verdict.kind != Verdict::Kind::Goto || element.verdict.chain == last)
+                continue;
+            last = element.verdict.chain;
+            most = std::max(most, of(last));
         }
-        return most;
+        return m_knownMaps[map] = most;
     }
 
     const Program& m_program;
     std::unordered_map<std::string_view, const Chain*> m_chains;
     std::unordered_map<std::string_view, std::size_t> m_known;
+    std::unordered_map<std::size_t, std::size_t> m_knownMaps; // by number
 };
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <numeric>
 #include <string_view>
 #include <unordered_map>
 
@@ -51,10 +52,15 @@ public:
     }
 
 private:
-    // For each of `to` the one of `from` with its name.
+    // For each of `to` the one of `from` with its name. Most of the time all are where they were.
     template <typename Named>
     static std::vector<std::size_t> places(const std::vector<Named>& from, const std::vector<Named>& to)
     {
+        if (std::ranges::equal(from, to, {}, &Named::name, &Named::name)) {
+            std::vector<std::size_t> all(to.size());
+            std::iota(all.begin(), all.end(), std::size_t{0});
+            return all;
+        }
         std::unordered_map<std::string_view, std::size_t> byName;
         for (std::size_t i = 0; i < from.size(); ++i)
             byName.emplace(from[i].name, i);
@@ -84,9 +90,11 @@ private:
                 partner = none;
             if (partner == none) {
                 m_result.newMaps.push_back(i);
+                m_mapsStay = false;
                 continue;
             }
             stays[partner] = true;
+            m_mapsStay = m_mapsStay && partner == i;
             compareElements(partner, i);
         }
         addOthers(stays, m_result.goneMaps);
@@ -94,8 +102,10 @@ private:
 
     void compareElements(std::size_t fromMap, std::size_t toMap)
     {
-        const std::vector<Element>& from = m_from.maps[fromMap].elements;
-        const std::vector<Element>& to = m_to.maps[toMap].elements;
+        const List<Element>& from = m_from.maps[fromMap].elements;
+        const List<Element>& to = m_to.maps[toMap].elements;
+        if (from.isSharedWith(to))
+            return;
         Difference::Elements changes{fromMap, toMap, {}, {}};
         // Most of the time all but one are where they were.
         const std::size_t shorter = std::min(from.size(), to.size());
@@ -127,6 +137,8 @@ private:
 
     bool isSame(const Chain& from, const Chain& to) const
     {
+        if (m_mapsStay && from.steps.isSharedWith(to.steps))
+            return from.dropsByPolicy == to.dropsByPolicy;
         return from.dropsByPolicy == to.dropsByPolicy &&
                std::ranges::equal(from.steps, to.steps, [this](const Step& a, const Step& b) { return isSame(a, b); });
     }
@@ -156,6 +168,7 @@ private:
     const Program& m_to;
     std::vector<std::size_t> m_partners;
     std::vector<std::size_t> m_mapPartners; // only those that stay
+    bool m_mapsStay = true;                 // all of them, with their numbers
     Difference m_result;
 };
 

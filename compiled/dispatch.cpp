@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <iterator>
-#include <map>
+#include <numeric>
 #include <optional>
-#include <set>
 #include <string_view>
+#include <tuple>
+#include <unordered_map>
 #include <utility>
 
 namespace compiled
@@ -16,6 +17,7 @@ namespace
 
 using ebtables::InterfaceMatch;
 using Matches = std::optional<InterfaceMatch>;
+using Places = std::vector<std::size_t>;
 
 constexpr std::size_t fewRules = 4;
 constexpr std::size_t mostCopies = 4; // of a rule, on average
@@ -30,97 +32,111 @@ bool holds(const Matches& match, std::string_view port)
     return !match || (match->prefix ? port.starts_with(match->name) : port == match->name) != match->negated;
 }
 
-struct ByPorts {
-    std::set<std::pair<std::string, std::string>> pairs; // named together
-    std::set<std::string> ins;                           // named with no, or more than one, port to leave by
-};
-
-ByPorts portsOf(const std::vector<Item>& items)
+Places merged(const Places& one, const Places& other)
 {
-    ByPorts ports;
-    for (const Item& item : items) {
-        if (!namesOne(item.rule.in))
-            continue;
-        if (namesOne(item.rule.out))
-            ports.pairs.emplace(item.rule.in->name, item.rule.out->name);
-        else
-            ports.ins.insert(item.rule.in->name);
-    }
-    return ports;
+    Places all;
+    all.reserve(one.size() + other.size());
+    std::ranges::merge(one, other, std::back_inserter(all));
+    return all;
 }
 
-// Without all copies: the rules of a class, and where each of them is in the list.
-class Sorter
+class Dispatcher
 {
 public:
-    explicit Sorter(const std::vector<Item>& items) : m_ports(portsOf(items))
+    explicit Dispatcher(std::span<const ebtables::Rule* const> rules)
+        : m_rules(rules), m_room(mostCopies * rules.size())
     {
-        for (std::size_t i = 0; i < items.size(); ++i) {
-            const ebtables::Rule& rule = items[i].rule;
-            if (namesOne(rule.in))
-                m_byIn[rule.in->name].push_back(i);
-            else
-                m_general.push_back(i);
-        }
+        for (std::size_t i = 0; i < rules.size(); ++i)
+            sort(i);
     }
 
-    const ByPorts& ports() const { return m_ports; }
-    const std::vector<std::size_t>& general() const { return m_general; }
-
-    // Those that name the port and those that name none or several, in their order.
-    std::vector<std::size_t> about(const std::string& in) const
+    Dispatched run()
     {
-        const std::vector<std::size_t>& own = m_byIn.at(in);
-        std::vector<std::size_t> all;
-        all.reserve(own.size() + m_general.size());
-        std::merge(own.begin(), own.end(), m_general.begin(), m_general.end(), std::back_inserter(all));
-        return all;
+        if (m_rules.size() < fewRules || m_byIn.empty())
+            return undivided();
+        std::vector<PortClass> withOne;
+        for (const auto& [in, own] : m_byIn) {
+            const Places others = merged(own.others, m_general);
+            for (const auto& [out, both] : own.byOut) {
+                PortClass& here = m_result.classes.emplace_back(PortClass{std::string(in), std::string(out), {}});
+                const auto isElsewhere = [&](std::size_t place) { return !holds(m_rules[place]->out, here.out); };
+                if (!give(here, merged(both, without(others, here.in, isElsewhere))))
+                    return undivided();
+            }
+            if (own.others.empty())
+                continue;
+            PortClass& here = withOne.emplace_back(PortClass{std::string(in), "", {}});
+            const auto isElsewhere = [&own = own, this](std::size_t place) {
+                return namesOne(m_rules[place]->out) && own.byOut.contains(m_rules[place]->out->name);
+            };
+            if (!give(here, without(others, here.in, isElsewhere)))
+                return undivided();
+        }
+        const auto byNames = [](const PortClass& one, const PortClass& other) {
+            return std::tie(one.in, one.out) < std::tie(other.in, other.out);
+        };
+        std::ranges::sort(m_result.classes, byNames);
+        std::ranges::sort(withOne, byNames);
+        std::ranges::move(withOne, std::back_inserter(m_result.classes));
+        m_result.rest = std::move(m_general);
+        return std::move(m_result);
     }
 
 private:
-    ByPorts m_ports;
-    std::map<std::string, std::vector<std::size_t>> m_byIn;
-    std::vector<std::size_t> m_general;
+    // The rules that name a port to come in by.
+    struct OfIn {
+        std::unordered_map<std::string_view, Places> byOut; // and one to leave by
+        Places others;
+    };
+
+    void sort(std::size_t place)
+    {
+        const ebtables::Rule& rule = *m_rules[place];
+        if (!namesOne(rule.in)) {
+            m_general.push_back(place);
+            return;
+        }
+        OfIn& own = m_byIn[rule.in->name];
+        (namesOne(rule.out) ? own.byOut[rule.out->name] : own.others).push_back(place);
+    }
+
+    Places without(const Places& places, const std::string& in, const auto& isElsewhere) const
+    {
+        Places left;
+        std::ranges::copy_if(places, std::back_inserter(left),
+                             [&](std::size_t place) { return holds(m_rules[place]->in, in) && !isElsewhere(place); });
+        return left;
+    }
+
+    // False when the rules become too many.
+    bool give(PortClass& to, Places places)
+    {
+        const bool fits = places.size() <= m_room;
+        m_room -= fits ? places.size() : 0;
+        to.rules = std::move(places);
+        return fits;
+    }
+
+    Dispatched undivided() const
+    {
+        Dispatched all;
+        all.rest.resize(m_rules.size());
+        std::iota(all.rest.begin(), all.rest.end(), std::size_t{0});
+        return all;
+    }
+
+    std::span<const ebtables::Rule* const> m_rules;
+    std::size_t m_room;
+    std::unordered_map<std::string_view, OfIn> m_byIn;
+    Places m_general;
+    Dispatched m_result;
 };
 
 } // namespace
 
-Dispatched dispatch(std::vector<Item> items)
+Dispatched dispatch(std::span<const ebtables::Rule* const> rules)
 {
-    Dispatched result;
-    const Sorter sorter(items);
-    const ByPorts& ports = sorter.ports();
-    std::size_t room = mostCopies * items.size();
-    const auto give = [&](PortClass& to, std::size_t index, bool keepOut) {
-        Item& copy = to.items.emplace_back(items[index]);
-        copy.rule.in.reset();
-        if (!keepOut)
-            copy.rule.out.reset();
-        return room-- != 0;
-    };
-    bool pays = items.size() >= fewRules && !(ports.pairs.empty() && ports.ins.empty());
-    for (auto pair = ports.pairs.begin(); pays && pair != ports.pairs.end(); ++pair) {
-        PortClass& here = result.classes.emplace_back(PortClass{pair->first, pair->second, {}});
-        for (const std::size_t index : sorter.about(here.in)) {
-            const ebtables::Rule& rule = items[index].rule;
-            if (holds(rule.in, here.in) && holds(rule.out, here.out))
-                pays = pays && give(here, index, false);
-        }
-    }
-    for (auto in = ports.ins.begin(); pays && in != ports.ins.end(); ++in) {
-        PortClass& here = result.classes.emplace_back(PortClass{*in, "", {}});
-        for (const std::size_t index : sorter.about(*in)) {
-            const ebtables::Rule& rule = items[index].rule;
-            const bool elsewhere = namesOne(rule.out) && ports.pairs.contains({*in, rule.out->name});
-            if (holds(rule.in, *in) && !elsewhere)
-                pays = pays && give(here, index, true);
-        }
-    }
-    if (!pays)
-        return {{}, std::move(items)};
-    for (const std::size_t index : sorter.general())
-        result.rest.push_back(std::move(items[index]));
-    return result;
+    return Dispatcher(rules).run();
 }
 
 } // namespace compiled

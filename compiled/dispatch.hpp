@@ -3,22 +3,26 @@
 
 #include "compiled/item.hpp"
 
+#include <cstddef>
+#include <span>
 #include <string>
 #include <vector>
 
 namespace compiled
 {
 
-// The rules for frames by these ports, in their order. What the ports have decided is no match any more.
+// The rules for frames by these ports, in their order.
 struct PortClass {
     std::string in;
-    std::string out; // empty: any that no other class with the same `in` has
-    std::vector<Item> items;
+    std::string out;                // empty: any that no other class with the same `in` has
+    std::vector<std::size_t> rules; // places in the list
+
+    Decided decided() const { return {true, !out.empty()}; }
 };
 
 struct Dispatched {
     std::vector<PortClass> classes; // those with both ports first; in ascending order of names
-    std::vector<Item> rest;         // for all other frames
+    std::vector<std::size_t> rest;  // for all other frames
 };
 
 // A frame belongs to the class with both its ports, or else to that with the one it came in by, or else to the rest.
@@ -30,7 +34,7 @@ struct Dispatched {
 //                                   rest:  -o b -s Y -j DROP
 //
 // A rule for several ports is in all of their classes. Where that would multiply the rules, and where there are only
-// few, all of them are the rest as they are.
-Dispatched dispatch(std::vector<Item> items);
+// few, all of them are the rest as they are. Time: rules, and those that are given to classes.
+Dispatched dispatch(std::span<const ebtables::Rule* const> rules);
 
 } // namespace compiled

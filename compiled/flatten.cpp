@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace compiled
 {
@@ -29,7 +30,7 @@ public:
     void add(const Chain& chain)
     {
         m_inside.push_back(chain.name);
-        m_items.reserve(m_items.size() + chain.rules.size() + 1);
+        m_result.rules.reserve(m_result.rules.size() + chain.rules.size() + 1);
         for (const ebtables::TableRule& rule : chain.rules) {
             const std::string& target = rule.rule->target;
             const Chain* next = ebtables::isStandardTarget(target) ? nullptr : m_table.find(target);
@@ -43,19 +44,29 @@ public:
             return;
         Rule policy;
         policy.target = chain.policy;
-        m_items.push_back({policy, chain.policyOrigin});
+        addMade(std::move(policy), chain.policyOrigin);
     }
 
-    std::vector<Item> take() { return std::move(m_items); }
+    FlatRules take() { return std::move(m_result); }
 
 private:
     // Beside the id of a network the kernel forgets the priority: kept as it is, the rule would come back as another
     // one.
     void addRule(const Rule& rule, ebtables::Origin origin)
     {
-        Item& item = m_items.emplace_back(Item{rule, origin});
-        if (rule.vlan.id && rule.vlan.id->first != 0)
-            item.rule.vlan.priority.reset();
+        if (!rule.vlan.priority || !rule.vlan.id || rule.vlan.id->first == 0) {
+            m_result.rules.push_back({&rule, origin});
+            return;
+        }
+        Rule without = rule;
+        without.vlan.priority.reset();
+        addMade(std::move(without), origin);
+    }
+
+    void addMade(Rule rule, ebtables::Origin origin)
+    {
+        m_result.made.push_back(std::move(rule));
+        m_result.rules.push_back({&m_result.made.back(), origin});
     }
 
     // A RETURN would leave the chain that it comes to stand in.
@@ -68,12 +79,12 @@ private:
 
     const Table& m_table;
     std::vector<std::string_view> m_inside; // the chains that are being added
-    std::vector<Item> m_items;
+    FlatRules m_result;
 };
 
 } // namespace
 
-std::vector<Item> flatten(const Table& table, const Chain& chain)
+FlatRules flatten(const Table& table, const Chain& chain)
 {
     Flattener flattener(table);
     flattener.add(chain);

@@ -24,6 +24,20 @@ bool isWhole(const RuleKey& key)
 
 } // namespace
 
+std::shared_ptr<const Form> Forms::of(const RuleKey& key)
+{
+    if (const auto found = m_known.find(&key); found != m_known.end())
+        return found->second;
+    auto form = std::make_shared<const Form>(Form{key, nameOfForm(key)});
+    m_known.emplace(&form->like, form);
+    return form;
+}
+
+void Forms::dropUnused()
+{
+    std::erase_if(m_known, [](const auto& known) { return known.second.use_count() == 1; });
+}
+
 std::string nameOfParts(const RuleKey& key)
 {
     std::string name = key.family == Family::Ip4    ? "ip4"

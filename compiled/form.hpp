@@ -4,6 +4,8 @@
 #include "compiled/key.hpp"
 
 #include <algorithm>
+#include <map>
+#include <memory>
 #include <span>
 #include <string>
 #include <tuple>
@@ -29,6 +31,22 @@ bool allParts(const RuleKey& key, const auto& visit)
         return visit(part, mask);
     });
 }
+
+// The form that keys are of, once for all of them.
+struct Form {
+    RuleKey like; // the first key of this form
+    std::string name;
+};
+
+class Forms
+{
+public:
+    std::shared_ptr<const Form> of(const RuleKey& key);
+    void dropUnused();
+
+private:
+    std::map<const RuleKey*, std::shared_ptr<const Form>, ByForm> m_known;
+};
 
 std::string nameOfParts(const RuleKey& key); // "ip4.ip-src.dport"
 std::string nameOfForm(const RuleKey& key);  // with the mask, if there is one: "src-ffffff000000"

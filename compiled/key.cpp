@@ -1,7 +1,5 @@
 #include "compiled/key.hpp"
 
-#include "compiled/item.hpp"
-
 #include <algorithm>
 #include <array>
 #include <span>
@@ -169,7 +167,7 @@ bool RuleKey::has(Part part) const
     return std::ranges::find(parts, part) != parts.end();
 }
 
-std::optional<RuleKey> keyOf(const Rule& rule)
+std::optional<RuleKey> keyOf(const Rule& rule, Decided decided)
 {
     const std::optional<Family> family = familyOf(rule);
     // Beside an id the kernel does not look at the priority.
@@ -178,8 +176,10 @@ std::optional<RuleKey> keyOf(const Rule& rule)
         return std::nullopt;
 
     KeyMaker maker(*family);
-    maker.port(Part::InPort, rule.in);
-    maker.port(Part::OutPort, rule.out);
+    if (!decided.in)
+        maker.port(Part::InPort, rule.in);
+    if (!decided.out)
+        maker.port(Part::OutPort, rule.out);
     maker.address(Part::Destination, rule.destination);
     maker.address(Part::Source, rule.source);
     if (*family == Family::Any)

@@ -1,6 +1,7 @@
 // Third step: a rule as a key, the bytes that a frame must have to match it.
 #pragma once
 
+#include "compiled/item.hpp"
 #include "compiled/program.hpp"
 
 #include <cstdint>
@@ -54,11 +55,11 @@ struct RuleKey {
 };
 
 // Exactly what the rule's matches say, or nothing when it is not a matter of bytes that are equal, decides nothing, or
-// the kernel might not take the rule.
+// the kernel might not take the rule. What is decided is not in it.
 //
 //   -p 0x800 --ip-source 10.0.0.0/8 --ip-protocol 6 --ip-destination-port 80 -j DROP
 //   ->  Ip4: Ip4Source, Ip4Protocol, Ip4DestinationPort; value 0a000000 06 0050, mask ff000000 ff ffff
-std::optional<RuleKey> keyOf(const ebtables::Rule& rule);
+std::optional<RuleKey> keyOf(const ebtables::Rule& rule, Decided decided = {});
 
 // Whether a frame's ports, or protocol, may be elsewhere than fieldOf says: behind options of an IPv4 header, behind
 // extension headers of an IPv6 one.

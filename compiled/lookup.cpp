@@ -105,14 +105,4 @@ std::vector<MaskedField> fieldsOf(const RuleKey& key, std::uint8_t words)
     return fields;
 }
 
-Verdict verdictOf(const ebtables::Rule& rule, const std::function<std::string(const ebtables::Rule&)>& loggingChain)
-{
-    if (rule.log)
-        return {Verdict::Kind::Goto, loggingChain(rule)};
-    return {rule.target == "ACCEPT" ? Verdict::Kind::Accept
-            : rule.target == "DROP" ? Verdict::Kind::Drop
-                                    : Verdict::Kind::Return,
-            {}};
-}
-
 } // namespace compiled

@@ -5,8 +5,6 @@
 #include "compiled/program.hpp"
 
 #include <cstdint>
-#include <functional>
-#include <string>
 #include <vector>
 
 namespace compiled
@@ -30,8 +28,5 @@ std::vector<Condition> conditionsOf(const RuleKey& key, std::uint8_t words = usu
 
 // Where the parts are in such a frame, with the key's mask.
 std::vector<MaskedField> fieldsOf(const RuleKey& key, std::uint8_t words = usualLength);
-
-// What an element for the rule does. A rule that logs leads to a chain that logs and decides.
-Verdict verdictOf(const ebtables::Rule& rule, const std::function<std::string(const ebtables::Rule&)>& loggingChain);
 
 } // namespace compiled

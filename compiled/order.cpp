@@ -1,15 +1,19 @@
 #include "compiled/order.hpp"
 
+#include "compiled/conflicts.hpp"
 #include "compiled/form.hpp"
 #include "ebtables/fixed_bits.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <memory>
 #include <span>
 #include <unordered_map>
+#include <utility>
 
 namespace compiled
 {
@@ -50,30 +54,41 @@ std::string shapeOf(const RuleKey& key)
 class Orderer
 {
 public:
-    Orderer(std::span<const Item> items, std::span<const std::optional<RuleKey>> keys) : m_keys(keys)
+    Orderer(KnownRules rules, Decided decided) : m_rules(rules)
     {
         rankShapes();
-        for (const Item& item : items)
-            m_bits.emplace_back(ebtables::Conjunction{&item.rule});
-        for (std::size_t i = 0; i < items.size(); ++i)
-            m_formOf.push_back(formOf(i));
-        for (Form& form : m_forms)
-            prepare(form);
+        m_bits.reserve(rules.size());
+        for (const Known* rule : rules) {
+            const ebtables::Rule bare = ruleWithout(decided, rule->item.rule);
+            m_bits.emplace_back(ebtables::Conjunction{&bare});
+        }
+        sortByForm();
     }
 
     std::vector<Group> run()
     {
+        const Meetings where = meetings(m_forms, m_bits);
+        // Of the rules seen so far, by place and which of the two forms they have; counted from 1.
+        std::vector<std::array<std::size_t, 2>> highest(where.places.size());
         std::map<std::pair<std::size_t, std::size_t>, std::vector<std::size_t>> groups; // by level and shape
-        for (std::size_t i = 0; i < m_keys.size(); ++i) {
-            Form& form = m_forms[m_formOf[i]];
-            if (form.shape != m_plain && isKnown(form, i))
+        for (std::size_t i = 0; i < m_rules.size(); ++i) {
+            const std::size_t form = m_formOf[i];
+            if (form == none)
                 continue;
-            const std::size_t level = levelOf(form, m_bits[i]);
-            for (Projection& projection : form.projections) {
-                std::size_t& highest = projection.highest[hashWhere(projection.mask, m_bits[i].value)];
-                highest = std::max(highest, level + 1);
+            const auto sideOf = [&](std::uint32_t place) { return where.places[place].form == form ? 0U : 1U; };
+            std::size_t level = 0;
+            for (const std::uint32_t place : where.of[i]) {
+                const Meeting& meeting = where.places[place];
+                const std::size_t other = meeting.form == form ? meeting.other : meeting.form;
+                const std::size_t theirs = highest[place][other == form ? 0 : 1 - sideOf(place)];
+                if (theirs != 0)
+                    level = std::max(level, theirs - (fitsBehind(form, other) ? 1 : 0));
             }
-            groups[{level, form.shape}].push_back(i);
+            for (const std::uint32_t place : where.of[i]) {
+                std::size_t& own = highest[place][sideOf(place)];
+                own = std::max(own, level + 1);
+            }
+            groups[{level, m_shapes[form]}].push_back(i);
         }
         std::vector<Group> result;
         for (auto& [place, items] : groups) {
@@ -87,109 +102,90 @@ public:
     }
 
 private:
-    // The rules seen so far, by what they have where `mask` has ones; and the highest of their levels, counted from 1.
-    struct Projection {
-        Bits mask;
-        std::unordered_map<std::uint64_t, std::size_t> highest;
-    };
+    static constexpr std::size_t none = std::numeric_limits<std::size_t>::max();
 
-    // Rules of one shape that fix the same bits.
-    struct Form {
-        Bits mask;
-        std::size_t shape;
-        std::vector<Projection> projections;                     // onto the bits common with each form
-        std::vector<std::pair<std::size_t, std::size_t>> seenBy; // for each form: form and projection of that one
-        std::unordered_map<std::uint64_t, std::vector<std::size_t>> known; // the rules, by their values
-    };
+    bool fitsBehind(std::size_t form, std::size_t other) const
+    {
+        return m_shapes[other] < m_shapes[form] || (m_shapes[other] == m_shapes[form] && m_shapes[form] == m_plain);
+    }
 
     // Shapes with more bits first; the order must not depend on the rules' own order, or one rule would move many.
     void rankShapes()
     {
+        std::unordered_map<const Form*, std::pair<std::size_t, std::string>> shapes;
         std::map<std::pair<std::size_t, std::string>, std::size_t> ranks;
-        const auto place = [](const RuleKey& key) { return std::pair(~key.value.size(), shapeOf(key)); };
-        for (const auto& key : m_keys) {
-            if (key)
-                ranks.emplace(place(*key), 0);
+        for (const Known* rule : m_rules) {
+            if (!rule->key)
+                continue;
+            const auto [place, isNew] = shapes.try_emplace(rule->form.get());
+            if (isNew) {
+                place->second = {~rule->key->value.size(), shapeOf(*rule->key)};
+                ranks.emplace(place->second, 0);
+            }
         }
         for (auto& [name, rank] : ranks) {
             rank = m_names.size();
             m_names.push_back(name.second);
         }
         m_plain = m_names.size();
-        for (const auto& key : m_keys)
-            m_shapeOf.push_back(key ? ranks.at(place(*key)) : m_plain);
+        for (const auto& [form, name] : shapes)
+            m_rankOf.emplace(form, ranks.at(name));
+        m_rankOf.emplace(nullptr, m_plain);
     }
 
-    std::size_t formOf(std::size_t item)
+    // Those that are never reached are of no form.
+    void sortByForm()
     {
-        const auto find = [&] { return m_places.find({m_bits[item].mask, m_shapeOf[item]}); };
-        auto place = find();
-        if (place == m_places.end() && m_forms.size() >= mostForms) { // keeps its place among all others
-            m_bits[item].mask = {};
-            m_shapeOf[item] = m_plain;
-            place = find();
-        }
-        if (place == m_places.end()) {
-            place = m_places.emplace(std::pair(m_bits[item].mask, m_shapeOf[item]), m_forms.size()).first;
-            m_forms.push_back({m_bits[item].mask, m_shapeOf[item], {}, {}, {}});
-        }
-        return place->second;
-    }
-
-    void prepare(Form& form)
-    {
-        std::map<Bits, std::size_t> places;
-        for (Form& other : m_forms) {
-            Bits common{};
-            for (std::size_t i = 0; i < common.size(); ++i)
-                common[i] = form.mask[i] & other.mask[i];
-            const auto [place, isNew] = places.emplace(common, form.projections.size());
-            if (isNew)
-                form.projections.push_back({common, {}});
-            other.seenBy.emplace_back(static_cast<std::size_t>(&form - m_forms.data()), place->second);
+        std::map<std::pair<Bits, std::size_t>, std::size_t> places; // in m_forms
+        std::vector<std::unordered_map<std::uint64_t, std::vector<std::size_t>>>
+            known; // by form: rules by their values
+        for (std::size_t i = 0; i < m_rules.size(); ++i) {
+            std::size_t shape = m_rankOf.at(m_rules[i]->key ? m_rules[i]->form.get() : nullptr);
+            auto place = places.find({m_bits[i].mask, shape});
+            if (place == places.end()) {
+                if (m_forms.size() >= mostForms) { // keeps its place among all others
+                    m_bits[i].mask = {};
+                    shape = m_plain;
+                }
+                place = places.try_emplace({m_bits[i].mask, shape}, m_forms.size()).first;
+                if (place->second == m_forms.size()) {
+                    m_forms.push_back({m_bits[i].mask, {}});
+                    m_shapes.push_back(shape);
+                    known.emplace_back();
+                }
+            }
+            const std::size_t form = place->second;
+            m_formOf.push_back(shape != m_plain && isKnown(known[form], i) ? none : form);
+            if (m_formOf[i] != none)
+                m_forms[form].rules.push_back(i);
         }
     }
 
     // Whether a rule before this one takes all its frames, because it has the same key.
-    bool isKnown(Form& form, std::size_t item)
+    bool isKnown(std::unordered_map<std::uint64_t, std::vector<std::size_t>>& known, std::size_t rule) const
     {
-        std::vector<std::size_t>& same = form.known[hashWhere(form.mask, m_bits[item].value)];
-        if (std::ranges::any_of(same, [&](std::size_t other) { return *m_keys[other] == *m_keys[item]; }))
+        std::vector<std::size_t>& same = known[hashWhere(m_bits[rule].mask, m_bits[rule].value)];
+        if (std::ranges::any_of(same, [&](std::size_t other) { return m_rules[other]->key == m_rules[rule]->key; }))
             return true;
-        same.push_back(item);
+        same.push_back(rule);
         return false;
     }
 
-    std::size_t levelOf(const Form& form, const FixedBits& bits) const
-    {
-        std::size_t level = 0;
-        for (const auto& [number, place] : form.seenBy) {
-            const Form& other = m_forms[number];
-            const Projection& projection = other.projections[place];
-            const auto found = projection.highest.find(hashWhere(projection.mask, bits.value));
-            if (found == projection.highest.end())
-                continue;
-            const bool fitsBehind = other.shape < form.shape || (other.shape == form.shape && form.shape == m_plain);
-            level = std::max(level, found->second - (fitsBehind ? 1 : 0));
-        }
-        return level;
-    }
-
-    std::span<const std::optional<RuleKey>> m_keys;
+    KnownRules m_rules;
     std::vector<std::string> m_names; // of the shapes
     std::size_t m_plain = 0;          // the last shape: of the rules without keys
-    std::vector<std::size_t> m_shapeOf;
+    std::unordered_map<const Form*, std::size_t> m_rankOf;
     std::vector<FixedBits> m_bits;
-    std::vector<Form> m_forms;
-    std::map<std::pair<Bits, std::size_t>, std::size_t> m_places; // in m_forms
-    std::vector<std::size_t> m_formOf;
+    std::vector<FixedForm> m_forms;
+    std::vector<std::size_t> m_shapes; // of the forms
+    std::vector<std::size_t> m_formOf; // of the rules
 };
 
 } // namespace
 
-std::vector<Group> order(std::span<const Item> items, std::span<const std::optional<RuleKey>> keys)
+std::vector<Group> order(KnownRules rules, Decided decided)
 {
-    return Orderer(items, keys).run();
+    return Orderer(rules, decided).run();
 }
 
 } // namespace compiled

@@ -1,12 +1,9 @@
 // Fourth step: rules of like shape together, in an order that no frame tells from the one that they had.
 #pragma once
 
-#include "compiled/item.hpp"
-#include "compiled/key.hpp"
+#include "compiled/known.hpp"
 
 #include <cstddef>
-#include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -29,7 +26,9 @@ struct Group {
 //   4  ...
 //
 // Shapes with more bits come first. A rule that comes after one of a later shape, and may match the same frame, is of
-// the next level: behind all shapes of the level before. Time: rules times shapes.
-std::vector<Group> order(std::span<const Item> items, std::span<const std::optional<RuleKey>> keys);
+// the next level: behind all shapes of the level before. Time: rules times forms.
+//
+// rules: with their keys for what is decided.
+std::vector<Group> order(KnownRules rules, Decided decided);
 
 } // namespace compiled

@@ -4,6 +4,7 @@
 // that writing it as messages decides nothing.
 #pragma once
 
+#include "compiled/list.hpp"
 #include "compiled/places.hpp"
 #include "ebtables/command.hpp"
 #include "ebtables/table.hpp"
@@ -75,7 +76,7 @@ struct Map {
     bool intervals = false;
     bool counts = false; // each element for itself
     bool places = false; // it is asked where in the list the rule with this key is
-    std::vector<Element> elements;
+    List<Element> elements;
     bool operator==(const Map&) const = default;
 };
 
@@ -134,10 +135,11 @@ struct Chain {
     std::string name;
     Hook hook = Hook::None;
     bool dropsByPolicy = false; // of one with a hook; the end of another leads back to where it was jumped to from
-    std::vector<Step> steps;
+    List<Step> steps;
     bool operator==(const Chain&) const = default;
 };
 
+// A copy costs little: the lists of steps and elements are shared.
 struct Program {
     std::vector<Chain> chains; // those with hooks first
     std::vector<Map> maps;

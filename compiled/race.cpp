@@ -5,7 +5,8 @@
 #include "compiled/places.hpp"
 
 #include <algorithm>
-#include <map>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <tuple>
@@ -36,8 +37,8 @@ std::string_view asText(const Bytes& bytes)
 class RaceMaker
 {
 public:
-    RaceMaker(const std::string& name, const std::vector<KeyedItem>& items, const Surroundings& surroundings)
-        : m_name(name), m_items(items), m_with(surroundings)
+    RaceMaker(const std::string& name, KnownRules rules, Making& making)
+        : m_name(name), m_rules(rules), m_making(making)
     {
         sortByForm();
         addMaps();
@@ -45,119 +46,198 @@ public:
 
     std::vector<Step> make(const std::function<std::string(Family)>& asWritten)
     {
+        const bool hasPorts =
+            std::ranges::any_of(m_runners, [](const Runner& runner) { return dependsOnHeaderLength(runner.key()); });
+        const bool hasOtherLengths = hasPorts && otherLengthsAreShort();
         std::vector<Step> steps;
-        if (std::ranges::any_of(m_runners, [](const Runner& runner) { return dependsOnHeaderLength(*runner.key); })) {
-            if (otherLengthsAreShort())
-                steps.push_back({hasOtherLength(), Jump{otherLengths()}});
-            else
-                steps.push_back({hasOtherLength(), Jump{asWritten(Family::Ip4), false}});
-        }
-        if (std::ranges::any_of(m_runners, [](const Runner& runner) { return dependsOnExtensions(*runner.key); }))
+        if (hasOtherLengths)
+            steps.push_back({hasOtherLength(), Jump{m_name + "/lengths"}});
+        else if (hasPorts)
+            steps.push_back({hasOtherLength(), Jump{asWritten(Family::Ip4), false}});
+        if (std::ranges::any_of(m_runners, [](const Runner& runner) { return dependsOnExtensions(runner.key()); }))
             steps.push_back({hasExtensions(), Jump{asWritten(Family::Ip6), false}});
-        addRace(m_name, Family::Any, usualLength, steps);
+        const SectionMemory::Race& race = keptRace(hasOtherLengths);
+        steps.insert(steps.end(), race.steps.begin(), race.steps.end());
+        for (const Chain& chain : race.chains)
+            m_making.addChain(chain);
         return steps;
     }
 
 private:
     // The rules of one form.
     struct Runner {
-        std::string name;
-        const RuleKey* key;                          // the first one's
-        std::vector<std::size_t> items;              // in m_items
-        std::unordered_set<std::string_view> values; // theirs
-        std::size_t places = 0;                      // the map's number
-        std::size_t verdicts = 0;                    // likewise
+        const Form* form = nullptr;
+        std::vector<std::size_t> rules = {}; // in m_rules
+        SectionMemory::Runner* kept = nullptr;
+        std::size_t places = 0;                // the map's number
+        std::size_t verdicts = 0;              // likewise
+        std::vector<std::size_t> reached = {}; // of these
+        bool isAsBefore = false;               // the memory is of the same rules
+
+        const RuleKey& key() const { return form->like; }
     };
 
     void sortByForm()
     {
-        std::map<const RuleKey*, std::size_t, ByForm> known;
-        for (std::size_t i = 0; i < m_items.size(); ++i) {
-            const RuleKey& key = *m_items[i].key;
-            const auto [place, isNew] = known.emplace(&key, m_runners.size());
+        std::unordered_map<const Form*, std::size_t> known;
+        for (std::size_t i = 0; i < m_rules.size(); ++i) {
+            const Form* form = m_rules[i]->form.get();
+            const auto [place, isNew] = known.emplace(form, m_runners.size());
             if (isNew)
-                m_runners.push_back({nameOfForm(key), &key, {}, {}});
-            // One with the same value stands before: it is never reached.
-            if (m_runners[place->second].values.insert(asText(key.value)).second)
-                m_runners[place->second].items.push_back(i);
+                m_runners.push_back({form});
+            m_runners[place->second].rules.push_back(i);
         }
         // An order that other rules do not change. Those for all frames come first: only those of one family follow
         // then.
         std::ranges::sort(m_runners, {},
-                          [](const Runner& runner) { return std::tie(runner.key->family, runner.name); });
+                          [](const Runner& runner) { return std::tie(runner.key().family, runner.form->name); });
     }
 
     void addMaps()
     {
-        std::vector<std::optional<Place>> before(m_items.size());
-        for (const Runner& runner : m_runners)
+        std::vector<std::optional<Place>> before(m_rules.size());
+        for (Runner& runner : m_runners) {
+            runner.kept = &m_making.memory().runners[m_name + "/" + runner.form->name];
+            findReached(runner);
             findPlaces(runner, before);
+        }
         // Those that are never reached have room, too: they may be reached tomorrow.
         const std::vector<Place> places = placesFor(before);
         for (Runner& runner : m_runners) {
-            Map verdicts;
-            verdicts.name = m_name + "/" + runner.name;
-            verdicts.counts = true;
-            for (const Part part : runner.key->parts)
-                verdicts.sizes.push_back(fieldOf(part).size);
-            Map placeMap = verdicts;
-            placeMap.name += "/places";
-            placeMap.counts = false;
-            placeMap.places = true;
-            for (const std::size_t index : runner.items) {
-                const KeyedItem& item = m_items[index];
-                placeMap.elements.push_back({item.key->value, item.key->value, {}, places[index]});
-                verdicts.elements.push_back({item.key->value, item.key->value,
-                                             verdictOf(item.item->rule, m_with.loggingChain), 0, item.item->origin});
-            }
-            runner.places = m_with.program.maps.size();
-            m_with.program.maps.push_back(std::move(placeMap));
-            runner.verdicts = m_with.program.maps.size();
-            m_with.program.maps.push_back(std::move(verdicts));
+            updateMaps(runner, places);
+            runner.places = m_making.addMap(runner.kept->placeMap);
+            runner.verdicts = m_making.addMap(runner.kept->verdicts);
+            m_making.addLogs(runner.kept->logs);
         }
+    }
+
+    // One that another with the same value stands before is never reached.
+    void findReached(Runner& runner) const
+    {
+        SectionMemory::Runner& kept = *runner.kept;
+        runner.isAsBefore = std::ranges::equal(runner.rules, kept.rules, {},
+                                               [this](std::size_t rule) { return m_rules[rule]->serial; });
+        if (!runner.isAsBefore) {
+            kept.rules.clear();
+            kept.reached.clear();
+            std::unordered_set<std::string_view> values;
+            for (const std::size_t rule : runner.rules) {
+                if (values.insert(asText(m_rules[rule]->key->value)).second)
+                    kept.reached.push_back(kept.rules.size());
+                kept.rules.push_back(m_rules[rule]->serial);
+            }
+        }
+        for (const std::size_t place : kept.reached)
+            runner.reached.push_back(runner.rules[place]);
     }
 
     void findPlaces(const Runner& runner, std::vector<std::optional<Place>>& places) const
     {
-        const Map* map = m_with.mapBefore(m_name + "/" + runner.name + "/places");
+        const Map* map = m_making.mapBefore(m_name + "/" + runner.form->name + "/places");
         if (map == nullptr)
             return;
+        const SectionMemory::Runner& kept = *runner.kept;
+        if (runner.isAsBefore && map->elements.isSharedWith(kept.placeMap.elements)) {
+            for (std::size_t i = 0; i < runner.reached.size(); ++i)
+                places[runner.reached[i]] = kept.placeMap.elements[i].place;
+            return;
+        }
         std::unordered_map<std::string_view, Place> known;
         for (const Element& element : map->elements)
             known.emplace(asText(element.first), element.place);
-        for (const std::size_t index : runner.items) {
-            if (const auto found = known.find(asText(m_items[index].key->value)); found != known.end())
-                places[index] = found->second;
+        for (const std::size_t rule : runner.reached) {
+            if (const auto found = known.find(asText(m_rules[rule]->key->value)); found != known.end())
+                places[rule] = found->second;
         }
+    }
+
+    void updateMaps(Runner& runner, const std::vector<Place>& places)
+    {
+        SectionMemory::Runner& kept = *runner.kept;
+        const auto placeOf = [&](std::size_t rule) { return places[rule]; };
+        if (!runner.isAsBefore) {
+            Map map;
+            map.name = m_name + "/" + runner.form->name;
+            map.counts = true;
+            for (const Part part : runner.key().parts)
+                map.sizes.push_back(fieldOf(part).size);
+            kept.placeMap = map;
+            kept.placeMap.name += "/places";
+            kept.placeMap.counts = false;
+            kept.placeMap.places = true;
+            std::vector<Element> elements;
+            elements.reserve(runner.reached.size());
+            for (const std::size_t index : runner.reached) {
+                const Known& rule = *m_rules[index];
+                elements.push_back(
+                    {rule.key->value, rule.key->value, m_making.verdictOf(rule.item.rule), 0, rule.item.origin});
+            }
+            map.elements = std::move(elements);
+            kept.verdicts = std::move(map);
+            kept.logs = chainsOf(kept.verdicts);
+        }
+        if (runner.isAsBefore &&
+            std::ranges::equal(runner.reached, kept.placeMap.elements, {}, placeOf, &Element::place))
+            return;
+        std::vector<Element> elements;
+        elements.reserve(runner.reached.size());
+        for (const std::size_t index : runner.reached) {
+            const Bytes& key = m_rules[index]->key->value;
+            elements.push_back({key, key, {}, places[index], ebtables::noOrigin});
+        }
+        kept.placeMap.elements = std::move(elements);
+    }
+
+    const SectionMemory::Race& keptRace(bool hasOtherLengths)
+    {
+        SectionMemory::Race& kept = m_making.memory().races[m_name];
+        std::vector<const Form*> forms;
+        for (const Runner& runner : m_runners)
+            forms.push_back(runner.form);
+        const auto shared = [](const std::shared_ptr<const Form>& form) { return form.get(); };
+        if (kept.firstMap == m_runners.front().places && kept.hasOtherLengths == hasOtherLengths &&
+            std::ranges::equal(forms, kept.forms, {}, {}, shared))
+            return kept;
+        kept = {};
+        kept.firstMap = m_runners.front().places;
+        kept.hasOtherLengths = hasOtherLengths;
+        for (const Runner& runner : m_runners)
+            kept.forms.push_back(m_rules[runner.rules.front()]->form);
+        if (hasOtherLengths)
+            addOtherLengths(kept.chains);
+        kept.steps = addRace(m_name, Family::Any, usualLength, kept.chains);
+        return kept;
     }
 
     static LookUp lookUp(std::size_t map, const Runner& runner, std::uint8_t words)
     {
-        return {map, fieldsOf(*runner.key, words)};
+        return {map, fieldsOf(runner.key(), words)};
     }
 
     // The race for frames of this family (or any) whose IPv4 header has this length: the steps of those that nobody is
     // ahead for, and a chain for each form that may be ahead.
-    void addRace(const std::string& name, Family family, std::uint8_t words, std::vector<Step>& steps)
+    std::vector<Step> addRace(const std::string& name, Family family, std::uint8_t words,
+                              std::vector<Chain>& chains) const
     {
+        std::vector<Step> steps;
         for (std::size_t i = 0; i < m_runners.size(); ++i) {
             const Runner& ahead = m_runners[i];
-            if (!canMeet(family, ahead.key->family))
+            if (!canMeet(family, ahead.key().family))
                 continue;
-            Chain chain;
-            chain.name = name + "/" + ahead.name;
-            steps.push_back(
-                {conditionsOf(*ahead.key, words), Lead{lookUp(ahead.places, ahead, words), {}, chain.name}});
+            const std::string chain = name + "/" + ahead.form->name;
+            steps.push_back({conditionsOf(ahead.key(), words), Lead{lookUp(ahead.places, ahead, words), {}, chain}});
+            std::vector<Step> inside;
             for (std::size_t j = i + 1; j < m_runners.size(); ++j) {
                 const Runner& behind = m_runners[j];
-                if (canMeet(family, behind.key->family) && canMeet(ahead.key->family, behind.key->family))
-                    chain.steps.push_back({conditionsOf(*behind.key, words),
-                                           Lead{lookUp(behind.places, behind, words),
-                                                lookUp(ahead.places, ahead, words), name + "/" + behind.name}});
+                if (canMeet(family, behind.key().family) && canMeet(ahead.key().family, behind.key().family))
+                    inside.push_back({conditionsOf(behind.key(), words),
+                                      Lead{lookUp(behind.places, behind, words), lookUp(ahead.places, ahead, words),
+                                           name + "/" + behind.form->name}});
             }
-            chain.steps.push_back({{}, lookUp(ahead.verdicts, ahead, words)});
-            m_with.program.chains.push_back(std::move(chain));
+            inside.push_back({{}, lookUp(ahead.verdicts, ahead, words)});
+            chains.push_back({chain, Hook::None, false, std::move(inside)});
         }
+        return steps;
     }
 
     // What a jump leads to cannot leave the chain that it came from.
@@ -166,47 +246,43 @@ private:
         std::size_t forms = 0;
         std::size_t items = 0;
         for (const Runner& runner : m_runners) {
-            if (!canMeet(Family::Ip4, runner.key->family))
+            if (!canMeet(Family::Ip4, runner.key().family))
                 continue;
             ++forms;
-            items += runner.items.size();
-            if (std::ranges::any_of(runner.items,
-                                    [this](std::size_t item) { return m_items[item].item->rule.target == "RETURN"; }))
+            items += runner.reached.size();
+            if (std::ranges::any_of(runner.reached,
+                                    [this](std::size_t rule) { return m_rules[rule]->item.rule.target == "RETURN"; }))
                 return false;
         }
         return lengths * forms * (forms + 3) / 2 < items;
     }
 
-    std::string otherLengths()
+    void addOtherLengths(std::vector<Chain>& chains) const
     {
-        Chain all;
-        all.name = m_name + "/lengths";
+        std::vector<Step> all;
         for (std::uint8_t words = 0; words < lengths; ++words) {
             if (words == usualLength)
                 continue;
-            Chain chain;
-            chain.name = m_name + "/length-" + std::to_string(words);
-            all.steps.push_back({{hasLength(words)}, Jump{chain.name, false}});
-            addRace(chain.name, Family::Ip4, words, chain.steps);
-            m_with.program.chains.push_back(std::move(chain));
+            const std::string name = m_name + "/length-" + std::to_string(words);
+            all.push_back({{hasLength(words)}, Jump{name, false}});
+            std::vector<Step> steps = addRace(name, Family::Ip4, words, chains);
+            chains.push_back({name, Hook::None, false, std::move(steps)});
         }
-        std::string name = all.name;
-        m_with.program.chains.push_back(std::move(all));
-        return name;
+        chains.push_back({m_name + "/lengths", Hook::None, false, std::move(all)});
     }
 
     const std::string& m_name;
-    const std::vector<KeyedItem>& m_items;
-    const Surroundings& m_with;
+    KnownRules m_rules;
+    Making& m_making;
     std::vector<Runner> m_runners;
 };
 
 } // namespace
 
-std::vector<Step> raceOf(const std::string& name, const std::vector<KeyedItem>& items, const Surroundings& surroundings,
+std::vector<Step> raceOf(const std::string& name, KnownRules rules, Making& making,
                          const std::function<std::string(Family)>& asWritten)
 {
-    return RaceMaker(name, items, surroundings).make(asWritten);
+    return RaceMaker(name, rules, making).make(asWritten);
 }
 
 } // namespace compiled

@@ -1,7 +1,7 @@
 // Fifth step: rules of several shapes, in an order that matters, as a race.
 #pragma once
 
-#include "compiled/run.hpp"
+#include "compiled/making.hpp"
 
 #include <functional>
 #include <string>
@@ -26,9 +26,9 @@ namespace compiled
 // Frames whose ports and protocols are not at their usual places go other ways: IPv4 headers of each other length a
 // race of their own where that is shorter, all others a chain with the rules as they are written.
 //
-// items: at most mostInRace. asWritten: gives the name of a chain that has these rules, and all behind them, as they
-// are; those that no frame of the family meets may be missing.
-std::vector<Step> raceOf(const std::string& name, const std::vector<KeyedItem>& items, const Surroundings& surroundings,
+// rules: with their keys; at most mostInRace. asWritten: gives the name of a chain that has these rules, and all behind
+// them, as they are; those that no frame of the family meets may be missing.
+std::vector<Step> raceOf(const std::string& name, KnownRules rules, Making& making,
                          const std::function<std::string(Family)>& asWritten);
 
 } // namespace compiled

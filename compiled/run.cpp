@@ -20,18 +20,17 @@ MaskedField whole(const Field& field)
 class RunMaker
 {
 public:
-    RunMaker(const std::string& name, const std::vector<KeyedItem>& run, const Surroundings& surroundings)
-        : m_name(name), m_run(run), m_with(surroundings), m_key(*run.front().key)
+    RunMaker(const std::string& name, KnownRules run, Making& making)
+        : m_name(name), m_run(run), m_making(making), m_key(*run.front()->key)
     {
-        m_intervals = std::ranges::any_of(run, [&](const KeyedItem& item) { return item.key->mask != m_key.mask; });
+        m_intervals = std::ranges::any_of(run, [&](const Known* rule) { return rule->form != run.front()->form; });
         // The kernel has no map of concatenated intervals of one part only.
         m_withType = m_intervals && m_key.parts.size() == 1;
     }
 
     std::vector<Step> make()
     {
-        const std::size_t map = m_with.program.maps.size();
-        m_with.program.maps.push_back(elements());
+        const std::size_t map = m_making.addMap(keptMap());
         m_steps.push_back(lookUp(map, usualLength));
         if (dependsOnHeaderLength(m_key))
             addOtherLengths(map);
@@ -56,7 +55,19 @@ private:
         return step;
     }
 
-    Map elements() const
+    Map keptMap()
+    {
+        SectionMemory::Elements& kept = m_making.memory().elements[m_name];
+        if (!hasSerials(m_run, kept.rules)) {
+            kept.rules = serialsOf(m_run);
+            kept.map = makeMap();
+            kept.logs = chainsOf(kept.map);
+        }
+        m_making.addLogs(kept.logs);
+        return kept.map;
+    }
+
+    Map makeMap()
     {
         Map map;
         map.name = m_name;
@@ -66,26 +77,28 @@ private:
             map.sizes.push_back(fieldOf(Part::Type).size);
         for (const Part part : m_key.parts)
             map.sizes.push_back(fieldOf(part).size);
-        map.elements.reserve(m_run.size());
-        for (const KeyedItem& item : m_run)
-            map.elements.push_back(elementOf(item));
+        std::vector<Element> elements;
+        elements.reserve(m_run.size());
+        for (const Known* rule : m_run)
+            elements.push_back(elementOf(*rule));
+        map.elements = std::move(elements);
         return map;
     }
 
-    Element elementOf(const KeyedItem& item) const
+    Element elementOf(const Known& rule)
     {
         Element element;
         if (m_withType)
             element.first = hasType(m_key.family).value;
-        element.first.insert(element.first.end(), item.key->value.begin(), item.key->value.end());
+        element.first.insert(element.first.end(), rule.key->value.begin(), rule.key->value.end());
         element.last = element.first;
         if (m_intervals) {
-            const std::size_t skipped = element.last.size() - item.key->mask.size();
-            for (std::size_t i = 0; i < item.key->mask.size(); ++i)
-                element.last[skipped + i] |= static_cast<std::uint8_t>(~item.key->mask[i]);
+            const std::size_t skipped = element.last.size() - rule.key->mask.size();
+            for (std::size_t i = 0; i < rule.key->mask.size(); ++i)
+                element.last[skipped + i] |= static_cast<std::uint8_t>(~rule.key->mask[i]);
         }
-        element.origin = item.item->origin;
-        element.verdict = verdictOf(item.item->rule, m_with.loggingChain);
+        element.origin = rule.item.origin;
+        element.verdict = m_making.verdictOf(rule.item.rule);
         return element;
     }
 
@@ -99,22 +112,23 @@ private:
                 chain.steps.push_back(lookUp(map, words));
         }
         m_steps.push_back({hasOtherLength(), Jump{chain.name}});
-        m_with.program.chains.push_back(std::move(chain));
+        m_making.addChain(std::move(chain));
     }
 
     void addExtensions()
     {
         Chain chain;
         chain.name = m_name + "/extensions";
-        for (const KeyedItem& item : m_run)
-            chain.steps.push_back({{}, PlainRule{item.item->rule, item.item->origin}});
+        std::vector<Step> steps;
+        m_making.addWritten(chain.name, m_run, steps);
+        chain.steps = std::move(steps);
         m_steps.push_back({hasExtensions(), Jump{chain.name}});
-        m_with.program.chains.push_back(std::move(chain));
+        m_making.addChain(std::move(chain));
     }
 
     const std::string& m_name;
-    const std::vector<KeyedItem>& m_run;
-    const Surroundings& m_with;
+    KnownRules m_run;
+    Making& m_making;
     const RuleKey& m_key; // the first one's; the others have the same parts
     bool m_intervals = false;
     bool m_withType = false;
@@ -123,9 +137,9 @@ private:
 
 } // namespace
 
-std::vector<Step> runOf(const std::string& name, const std::vector<KeyedItem>& run, const Surroundings& surroundings)
+std::vector<Step> runOf(const std::string& name, KnownRules run, Making& making)
 {
-    return RunMaker(name, run, surroundings).make();
+    return RunMaker(name, run, making).make();
 }
 
 } // namespace compiled

@@ -545,7 +545,7 @@ public:
 
     void addChain(std::size_t chain)
     {
-        const std::vector<Step>& steps = m_held.program.chains[chain].steps;
+        const compiled::List<Step>& steps = m_held.program.chains[chain].steps;
         for (std::size_t i = 0; i < steps.size(); ++i) {
             if (const auto* plain = std::get_if<compiled::PlainRule>(&steps[i].action))
                 add(plain->origin, m_held.chains[chain][i]);

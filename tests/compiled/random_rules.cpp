@@ -253,6 +253,59 @@ ebtables::Table RandomRules::table(std::size_t rules, bool strange)
     return table;
 }
 
+void RandomRules::changeChain(ebtables::Chain& chain, bool strange)
+{
+    auto& rules = chain.rules;
+    const auto place = [&](std::size_t of) { return rules.begin() + static_cast<std::ptrdiff_t>(m_next(of)); };
+    const std::size_t kind = m_next(rules.empty() ? 2 : 8);
+    ebtables::TableRule made;
+    made.rule = rule(chain.name.starts_with("UserF"), strange);
+    made.origin = ++m_origin;
+    switch (kind) {
+    case 0:
+    case 1:
+        rules.insert(place(rules.size() + 1), made);
+        break;
+    case 2:
+    case 3:
+        rules.erase(place(rules.size()));
+        break;
+    case 4:
+        *place(rules.size()) = made;
+        break;
+    case 5: { // from one place to another
+        made = *place(rules.size());
+        std::erase_if(rules, [&](const ebtables::TableRule& old) { return old.origin == made.origin; });
+        rules.insert(place(rules.size() + 1), made);
+        break;
+    }
+    case 6: // one that is there already
+        made.rule = place(rules.size())->rule;
+        made.rule->target = one(2) ? "ACCEPT" : made.rule->target;
+        rules.insert(place(rules.size() + 1), made);
+        break;
+    default:
+        std::erase_if(rules, [this](const ebtables::TableRule&) { return one(4); });
+    }
+}
+
+void RandomRules::change(ebtables::Table& table, bool strange)
+{
+    if (one(15)) {
+        ebtables::Chain& base = *table.find(one(2) ? "INPUT" : "FORWARD");
+        base.policy = base.policy == "DROP" ? "ACCEPT" : "DROP";
+    }
+    if (one(15))
+        addFilter(table, table.chains.size());
+    std::vector<ebtables::Chain*> chains; // each as often as it has rules
+    for (ebtables::Chain& chain : table.chains) {
+        if (!ebtables::isBuiltIn(chain.name))
+            chains.insert(chains.end(), chain.rules.size() + 1, &chain);
+    }
+    for (std::size_t times = one(4) ? m_next(20) : 1; times > 0; --times)
+        changeChain(*oneOf(chains), strange);
+}
+
 template <std::size_t N>
 void RandomRules::fillIp(const ebtables::IpMatches<N>& ip, RawFrame& frame)
 {

@@ -22,6 +22,10 @@ public:
     // Every rule has a mark of its own, but for the jumps that all frames take.
     ebtables::Table table(std::size_t rules, bool strange);
 
+    // Takes rules out, puts others in, moves and repeats some, or does something to a chain: here and there, or to
+    // many. Which rules are the same ones says their mark.
+    void change(ebtables::Table& table, bool strange);
+
     // One that a rule of the table may match, and then perhaps not quite.
     RawFrame frame(const ebtables::Table& table);
 
@@ -43,6 +47,7 @@ private:
     void makeStrange(ebtables::Rule& rule);
     ebtables::Rule rule(bool forwarded, bool strange);
     void addFilter(ebtables::Table& table, std::size_t number);
+    void changeChain(ebtables::Chain& chain, bool strange);
     template <std::size_t N>
     void fillIp(const ebtables::IpMatches<N>& ip, RawFrame& frame);
     void spoil(RawFrame& frame);

@@ -150,10 +150,10 @@ TEST(ProgramDifference, OfOneElementIsThatElement)
     EXPECT_EQ(more, expected);
 
     other = one;
-    other.maps[0].elements[1] = element(2, Verdict::Kind::Accept);
+    other.maps[0].elements.edit()[1] = element(2, Verdict::Kind::Accept);
     expected.elements = {{0, 0, {1}, {1}}};
     EXPECT_EQ(compiled::difference(one, other), expected);
-    other.maps[0].elements[1] = element(2, Verdict::Kind::Drop, 7); // another rule's counter
+    other.maps[0].elements.edit()[1] = element(2, Verdict::Kind::Drop, 7); // another rule's counter
     EXPECT_EQ(compiled::difference(one, other), expected);
 }
 

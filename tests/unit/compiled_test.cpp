@@ -51,6 +51,14 @@ ebtables::Table tableOf(const std::vector<std::string>& lines)
     return model.table();
 }
 
+std::vector<std::string> textOf(const compiled::FlatRules& flat)
+{
+    std::vector<std::string> texts;
+    for (const compiled::FlatRule& rule : flat.rules)
+        texts.push_back(ebtables::toText(*rule.rule));
+    return texts;
+}
+
 std::vector<Item> itemsOf(const std::vector<std::string>& rules)
 {
     std::vector<Item> items;
@@ -59,12 +67,21 @@ std::vector<Item> itemsOf(const std::vector<std::string>& rules)
     return items;
 }
 
-std::vector<std::string> textOf(const std::vector<Item>& items)
+// The rules of a class as they are in it.
+std::vector<std::string> textOf(const std::vector<Item>& items, const compiled::PortClass& of)
 {
     std::vector<std::string> texts;
-    for (const Item& item : items)
-        texts.push_back(ebtables::toText(item.rule));
+    for (const std::size_t place : of.rules)
+        texts.push_back(ebtables::toText(ruleWithout(of.decided(), items[place].rule)));
     return texts;
+}
+
+compiled::Dispatched dispatch(const std::vector<Item>& items)
+{
+    std::vector<const ebtables::Rule*> rules;
+    for (const Item& item : items)
+        rules.push_back(&item.rule);
+    return compiled::dispatch(rules);
 }
 
 using Texts = std::vector<std::string>;
@@ -89,7 +106,7 @@ TEST(Flatten, MakesAPolicyTheLastRuleOfAChainThatIsJumpedTo)
 {
     const ebtables::Table table = tableOf({"-N f", "-P f DROP", "-A f -s 02:00:00:00:00:01 -j RETURN"});
     EXPECT_EQ(textOf(compiled::flatten(table, *table.find("f"))), (Texts{"-s 02:00:00:00:00:01 -j RETURN", "-j DROP"}));
-    EXPECT_TRUE(compiled::flatten(table, *table.find("OUTPUT")).empty());
+    EXPECT_TRUE(compiled::flatten(table, *table.find("OUTPUT")).rules.empty());
 }
 
 TEST(Flatten, ForgetsAPriorityAsTheKernelDoes)
@@ -109,19 +126,20 @@ TEST(Flatten, EndsWithChainsThatLeadToThemselves)
 
 TEST(Dispatch, SortsByPorts)
 {
-    const compiled::Dispatched sorted =
-        compiled::dispatch(itemsOf({"-i a -o b -s 02:00:00:00:00:01 -j DROP", "-o b -s 02:00:00:00:00:02 -j DROP",
-                                    "-i a -d 02:00:00:00:00:03 -j ACCEPT", "-i c -o b -j DROP"}));
+    const std::vector<Item> items =
+        itemsOf({"-i a -o b -s 02:00:00:00:00:01 -j DROP", "-o b -s 02:00:00:00:00:02 -j DROP",
+                 "-i a -d 02:00:00:00:00:03 -j ACCEPT", "-i c -o b -j DROP"});
+    const compiled::Dispatched sorted = dispatch(items);
     ASSERT_EQ(sorted.classes.size(), 3U);
     EXPECT_EQ(sorted.classes[0].out, "b");
-    EXPECT_EQ(textOf(sorted.classes[0].items), (Texts{"-s 02:00:00:00:00:01 -j DROP", "-s 02:00:00:00:00:02 -j DROP",
-                                                      "-d 02:00:00:00:00:03 -j ACCEPT"}));
+    EXPECT_EQ(textOf(items, sorted.classes[0]), (Texts{"-s 02:00:00:00:00:01 -j DROP", "-s 02:00:00:00:00:02 -j DROP",
+                                                       "-d 02:00:00:00:00:03 -j ACCEPT"}));
     EXPECT_EQ(sorted.classes[1].in, "c");
-    EXPECT_EQ(textOf(sorted.classes[1].items), (Texts{"-s 02:00:00:00:00:02 -j DROP", "-j DROP"}));
+    EXPECT_EQ(textOf(items, sorted.classes[1]), (Texts{"-s 02:00:00:00:00:02 -j DROP", "-j DROP"}));
     EXPECT_EQ(sorted.classes[2].in, "a");
     EXPECT_EQ(sorted.classes[2].out, "");
-    EXPECT_EQ(textOf(sorted.classes[2].items), Texts{"-d 02:00:00:00:00:03 -j ACCEPT"});
-    EXPECT_EQ(textOf(sorted.rest), Texts{"-o b -s 02:00:00:00:00:02 -j DROP"});
+    EXPECT_EQ(textOf(items, sorted.classes[2]), Texts{"-d 02:00:00:00:00:03 -j ACCEPT"});
+    EXPECT_EQ(sorted.rest, std::vector<std::size_t>{1});
 }
 
 // A hundred rules for every port, and as many ports: a class for each would have ten thousand.
@@ -132,7 +150,7 @@ TEST(Dispatch, DoesNotMultiplyRules)
         rules.push_back("-i + -s 02:00:00:00:00:" + std::to_string(10 + i % 80) + " -j DROP");
         rules.push_back("-i p" + std::to_string(i) + " -j DROP");
     }
-    const compiled::Dispatched sorted = compiled::dispatch(itemsOf(rules));
+    const compiled::Dispatched sorted = dispatch(itemsOf(rules));
     EXPECT_TRUE(sorted.classes.empty());
     EXPECT_EQ(sorted.rest.size(), rules.size());
 }
@@ -188,12 +206,17 @@ TEST(Key, IsNoneForMatchesThatContradictEachOther)
 // The names of the groups with their rules' numbers.
 std::string orderOf(const Texts& rules)
 {
-    const std::vector<Item> items = itemsOf(rules);
-    std::vector<std::optional<compiled::RuleKey>> keys;
-    for (const Item& item : items)
-        keys.push_back(compiled::keyOf(item.rule));
+    compiled::Forms forms;
+    std::vector<std::unique_ptr<compiled::Known>> known;
+    std::vector<compiled::Known*> list;
+    for (Item& item : itemsOf(rules)) {
+        known.push_back(std::make_unique<compiled::Known>());
+        known.back()->item = std::move(item);
+        known.back()->findKey({}, forms);
+        list.push_back(known.back().get());
+    }
     std::string text;
-    for (const compiled::Group& group : compiled::order(items, keys)) {
+    for (const compiled::Group& group : compiled::order(list, {})) {
         text += (text.empty() ? "" : "; ") + group.name + ":";
         for (const std::size_t item : group.items)
             text += " " + std::to_string(item + 1);

@@ -1,0 +1,80 @@
+#include "compiled/known.hpp"
+
+#include <algorithm>
+#include <iterator>
+#include <unordered_map>
+#include <utility>
+
+namespace compiled
+{
+
+namespace
+{
+
+bool isSame(const std::unique_ptr<Known>& known, const FlatRule& rule)
+{
+    return known->item.origin == rule.origin && known->item.rule == *rule.rule;
+}
+
+} // namespace
+
+void Known::findKey(Decided decided, Forms& forms)
+{
+    if (keyFor == decided)
+        return;
+    key = keyOf(item.rule, decided);
+    form = key ? forms.of(*key) : nullptr;
+    keyFor = decided;
+}
+
+Serials serialsOf(KnownRules rules)
+{
+    Serials serials;
+    serials.reserve(rules.size());
+    for (const Known* rule : rules)
+        serials.push_back(rule->serial);
+    return serials;
+}
+
+bool hasSerials(KnownRules rules, const Serials& serials)
+{
+    return std::ranges::equal(rules, serials, {}, &Known::serial);
+}
+
+void KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
+{
+    const std::vector<FlatRule>& rules = now.rules;
+    const std::size_t shorter = std::min(m_rules.size(), rules.size());
+    std::size_t begin = 0;
+    while (begin < shorter && isSame(m_rules[begin], rules[begin]))
+        ++begin;
+    std::size_t end = 0;
+    while (end < shorter - begin && isSame(m_rules[m_rules.size() - 1 - end], rules[rules.size() - 1 - end]))
+        ++end;
+
+    // Between the first and the last change there may be many that only have other neighbours.
+    const auto first = m_rules.begin() + static_cast<std::ptrdiff_t>(begin);
+    const auto last = m_rules.end() - static_cast<std::ptrdiff_t>(end);
+    std::unordered_multimap<ebtables::Origin, std::unique_ptr<Known>*> others;
+    for (auto other = first; other != last; ++other)
+        others.emplace((*other)->item.origin, &*other);
+    std::vector<std::unique_ptr<Known>> between;
+    between.reserve(rules.size() - begin - end);
+    for (std::size_t i = begin; i < rules.size() - end; ++i) {
+        const auto [from, to] = others.equal_range(rules[i].origin);
+        const auto same = std::find_if(from, to, [&](const auto& other) { return isSame(*other.second, rules[i]); });
+        if (same != to) {
+            between.push_back(std::move(*same->second));
+            others.erase(same);
+            continue;
+        }
+        auto made = std::make_unique<Known>();
+        made->item = {*rules[i].rule, rules[i].origin};
+        made->serial = ++lastSerial;
+        between.push_back(std::move(made));
+    }
+    const auto place = m_rules.erase(first, last);
+    m_rules.insert(place, std::make_move_iterator(between.begin()), std::make_move_iterator(between.end()));
+}
+
+} // namespace compiled

@@ -1,0 +1,195 @@
+#include "compiled/section_maker.hpp"
+
+#include "compiled/order.hpp"
+#include "compiled/race.hpp"
+#include "compiled/run.hpp"
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <map>
+#include <unordered_set>
+#include <utility>
+
+namespace compiled
+{
+
+namespace
+{
+
+// A map costs about as much as one or two rules.
+constexpr std::size_t smallestRun = 4;
+
+// ---- when rules are worth a race
+
+constexpr std::size_t rulesPerForm = 4;  // a race asks each form
+constexpr std::size_t mostKeyWords = 14; // the kernel has registers for two more, the place found before
+
+bool canRace(const Known& rule)
+{
+    if (!rule.key)
+        return false;
+    std::size_t words = 0;
+    for (const Part part : rule.key->parts)
+        words += (fieldOf(part).size + 3U) / 4U;
+    return words > 0 && words <= mostKeyWords;
+}
+
+bool isWorthARace(KnownRules among, std::size_t longest)
+{
+    std::unordered_set<const Form*> forms;
+    std::map<Family, std::size_t> ofFamily;
+    std::size_t rules = 0;
+    for (const Known* rule : among) {
+        if (!canRace(*rule))
+            continue;
+        ++rules;
+        if (forms.insert(rule->form.get()).second && ++ofFamily[rule->key->family] > longest)
+            return false;
+    }
+    std::size_t others = 0;
+    for (const auto& [family, count] : ofFamily)
+        others = std::max(others, family == Family::Any ? 0 : count);
+    return ofFamily[Family::Any] + others <= longest && forms.size() > 1 && rules >= rulesPerForm * forms.size() &&
+           rules <= mostInRace;
+}
+
+class SectionMaker
+{
+public:
+    SectionMaker(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of,
+                 std::size_t longestRace)
+        : m_making(surroundings, memory, of.decided),
+          m_steps(memory.section.steps.edit()),
+          m_of(of),
+          m_longestRace(longestRace)
+    {
+    }
+
+    void make()
+    {
+        const KnownRules rules = m_of.rules;
+        if (!isWorthARace(rules, m_longestRace)) {
+            addRuns(m_of.chain, rules);
+            return;
+        }
+        // Those without a key stay between those before and those behind them.
+        std::size_t first = 0;
+        std::size_t stretch = 0;
+        for (std::size_t i = 0; i <= rules.size(); ++i) {
+            if (i < rules.size() && canRace(*rules[i]))
+                continue;
+            const std::string number = ++stretch == 1 ? "" : "-" + std::to_string(stretch);
+            const KnownRules theirs = rules.subspan(first, i - first);
+            if (isWorthARace(theirs, m_longestRace))
+                addRace(m_of.chain + "/race" + number, first, theirs);
+            else
+                addRuns(m_of.chain + number, theirs);
+            if (i < rules.size())
+                m_making.addWritten(m_of.chain, rules.subspan(i, 1), m_steps);
+            first = i + 1;
+        }
+    }
+
+private:
+    void addRuns(const std::string& prefix, KnownRules rules)
+    {
+        std::vector<Known*> written; // that stand one behind the other
+        std::size_t lists = 0;
+        const auto write = [&] {
+            if (written.empty())
+                return;
+            const std::string number = ++lists == 1 ? "" : "-" + std::to_string(lists);
+            m_making.addWritten(prefix + "/written" + number, written, m_steps);
+            written.clear();
+        };
+        for (const Group& group : order(rules, m_of.decided)) {
+            std::vector<Known*> run;
+            run.reserve(group.items.size());
+            for (const std::size_t index : group.items)
+                run.push_back(rules[index]);
+            if (group.name.empty() || run.size() < smallestRun) {
+                written.insert(written.end(), run.begin(), run.end());
+                continue;
+            }
+            write();
+            std::ranges::move(runOf(prefix + "/" + group.name, run, m_making), std::back_inserter(m_steps));
+        }
+        write();
+    }
+
+    void addRace(const std::string& name, std::size_t first, KnownRules rules)
+    {
+        const auto asWritten = [&](Family family) { return addAsWritten(first, family); };
+        std::ranges::move(raceOf(name, rules, m_making, asWritten), std::back_inserter(m_steps));
+    }
+
+    // Who has left for the first such chain does not come to the place of a second one.
+    std::string addAsWritten(std::size_t first, Family family)
+    {
+        Chain chain;
+        chain.name = m_of.chain + (family == Family::Ip4 ? "/ip4" : "/ip6") + "-as-written";
+        if (!m_asWritten.insert(family).second)
+            return chain.name;
+        std::vector<Known*> theirs;
+        for (Known* rule : m_of.rules.subspan(first)) {
+            if (!rule->key || rule->key->family == Family::Any || rule->key->family == family)
+                theirs.push_back(rule);
+        }
+        std::vector<Step> steps;
+        m_making.addWritten(chain.name, theirs, steps);
+        chain.steps = std::move(steps);
+        std::string name = chain.name;
+        m_making.addChain(std::move(chain));
+        return name;
+    }
+
+    Making m_making;
+    std::vector<Step>& m_steps;
+    const ClassOfRules& m_of;
+    std::size_t m_longestRace;
+    std::set<Family> m_asWritten; // those for which there is a chain with the rules as they are
+};
+
+// The numbers of all maps have changed, and nothing else.
+void renumber(Section& section, std::size_t firstMap)
+{
+    const auto move = [&](Step& step) {
+        forEachLookUp(step, [&](LookUp& lookUp) { lookUp.map = lookUp.map - section.firstMap + firstMap; });
+    };
+    const auto moveAll = [&](List<Step>& steps) {
+        const auto looksUp = [](const Step& step) {
+            return std::holds_alternative<LookUp>(step.action) || std::holds_alternative<Lead>(step.action);
+        };
+        if (std::ranges::any_of(steps, looksUp))
+            std::ranges::for_each(steps.edit(), move);
+    };
+    moveAll(section.steps);
+    for (Chain& chain : section.chains)
+        moveAll(chain.steps);
+    section.firstMap = firstMap;
+}
+
+} // namespace
+
+void makeSection(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of, std::size_t firstMap,
+                 std::size_t longestRace, Forms& forms)
+{
+    if (!of.rules.empty() && hasSerials(of.rules, memory.rules)) {
+        if (memory.section.firstMap != firstMap)
+            renumber(memory.section, firstMap);
+        return;
+    }
+    memory.section = {};
+    memory.section.firstMap = firstMap;
+    memory.rules = serialsOf(of.rules);
+    for (Known* rule : of.rules)
+        rule->findKey(of.decided, forms);
+    SectionMaker(surroundings, memory, of, longestRace).make();
+    memory.elements.dropUnused();
+    memory.runners.dropUnused();
+    memory.races.dropUnused();
+    memory.pages.dropUnused();
+}
+
+} // namespace compiled
