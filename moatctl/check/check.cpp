@@ -79,14 +79,31 @@ bool isEnabled(const Configuration& configuration, const Problem& problem)
     return filter == nullptr || filter->integer("Enabled") != 0;
 }
 
-} // namespace
-
-std::vector<Problem> checkInForce(const Configuration& configuration, const CheckOptions& options)
+std::vector<Problem> findAll(const Configuration& configuration, const Expected& expected, const Applied& applied,
+                             const CheckOptions& options, const std::function<void()>& step)
 {
     Findings findings(configuration);
     checkRows(configuration, findings);
-    const Expected expected = expectedOf(configuration);
-    const Applied applied = apply(expected);
+    step();
+    findUnusable(expected, findings);
+    findRefused(expected, applied, findings);
+    step();
+    findMissingInterfaces(expected, options, findings);
+    step();
+    findUnreached(applied, findings);
+    step();
+    findCutOff(expected, applied, findings);
+    step();
+    return findings.take();
+}
+
+} // namespace
+
+std::vector<Problem> checkInForce(const Configuration& configuration, const Expected& expected, const Applied& applied,
+                                  const CheckOptions& options)
+{
+    Findings findings(configuration);
+    checkRows(configuration, findings);
     findUnusable(expected, findings);
     findRefused(expected, applied, findings);
     Findings ports(configuration);
@@ -107,23 +124,17 @@ std::vector<Problem> checkConfiguration(const Configuration& configuration, cons
         if (options.onProgress)
             options.onProgress(++done, steps);
     };
-    Findings findings(configuration);
-    checkRows(configuration, findings);
-    step();
     const Expected expected = expectedOf(configuration);
     step();
     const Applied applied = apply(expected);
     step();
-    findUnusable(expected, findings);
-    findRefused(expected, applied, findings);
-    step();
-    findMissingInterfaces(expected, options, findings);
-    step();
-    findUnreached(applied, findings);
-    step();
-    findCutOff(expected, applied, findings);
-    step();
-    return findings.take();
+    return findAll(configuration, expected, applied, options, step);
+}
+
+std::vector<Problem> checkConfiguration(const Configuration& configuration, const Expected& expected,
+                                        const Applied& applied, const CheckOptions& options)
+{
+    return findAll(configuration, expected, applied, options, [] {});
 }
 
 } // namespace moatctl

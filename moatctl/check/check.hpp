@@ -1,6 +1,7 @@
 // Finds what is wrong with a configuration before the daemon and the kernel's tool find it.
 #pragma once
 
+#include "moatctl/bridge/expected.hpp"
 #include "moatctl/bridge/interface.hpp"
 #include "moatctl/tables/configuration.hpp"
 #include "moatctl/tables/problem.hpp"
@@ -26,8 +27,13 @@ struct CheckOptions {
 // In the order of tables, Ids and columns. Time: grows little more than in proportion to the rows.
 std::vector<Problem> checkConfiguration(const Configuration& configuration, const CheckOptions& options = {});
 
+// The same without progress, for who has worked out already what the daemon makes of the configuration.
+std::vector<Problem> checkConfiguration(const Configuration& configuration, const Expected& expected,
+                                        const Applied& applied, const CheckOptions& options);
+
 // Of the rows that are enabled: errors, as above, and ports that this machine does not have, as warnings. Quicker than
 // all of it.
-std::vector<Problem> checkInForce(const Configuration& configuration, const CheckOptions& options = {});
+std::vector<Problem> checkInForce(const Configuration& configuration, const Expected& expected, const Applied& applied,
+                                  const CheckOptions& options = {});
 
 } // namespace moatctl

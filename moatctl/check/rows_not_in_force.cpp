@@ -106,7 +106,12 @@ private:
 
 std::vector<RowNotInForce> rowsNotInForce(const Configuration& configuration, const std::vector<DeviceLine>& lines)
 {
-    const Expected expected = expectedOf(configuration);
+    return rowsNotInForce(configuration, expectedOf(configuration), lines);
+}
+
+std::vector<RowNotInForce> rowsNotInForce(const Configuration& configuration, const Expected& expected,
+                                          const std::vector<DeviceLine>& lines)
+{
     std::vector<RowNotInForce> found;
     for (Problem& problem : unusableRows(configuration, expected))
         found.push_back({std::move(problem), ""});

@@ -1,6 +1,7 @@
 // Which rows a device has not put in force, by what it says itself.
 #pragma once
 
+#include "moatctl/bridge/expected.hpp"
 #include "moatctl/tables/configuration.hpp"
 #include "moatctl/tables/devices.hpp"
 #include "moatctl/tables/edit.hpp"
@@ -21,6 +22,8 @@ struct RowNotInForce {
 // Enabled rows that the daemon cannot use, and rows of which the device names a line. An entry of a filter that is
 // disabled is as it is meant to be. In the order of the tables and Ids. Time: in proportion to the rows.
 std::vector<RowNotInForce> rowsNotInForce(const Configuration& configuration, const std::vector<DeviceLine>& lines);
+std::vector<RowNotInForce> rowsNotInForce(const Configuration& configuration, const Expected& expected,
+                                          const std::vector<DeviceLine>& lines);
 
 // Of these, on this device, the rows of the change and those that were in force before it, as far as that is known.
 std::vector<RowNotInForce> ofChange(std::vector<RowNotInForce> rows, const Stored& stored,

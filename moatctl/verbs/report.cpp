@@ -84,8 +84,8 @@ std::vector<Problem> findingsOf(const View& view)
 {
     if (!view.configuration)
         return {};
-    std::vector<Problem> problems =
-        checkConfiguration(*view.configuration, {.interfaceState = interfaceHere, .onProgress = {}});
+    std::vector<Problem> problems = checkConfiguration(*view.configuration, view.expected, view.applied,
+                                                       {.interfaceState = interfaceHere, .onProgress = {}});
     for (Problem& problem : problems) {
         if (isAcknowledged(*view.configuration, problem))
             problem.severity = Severity::Acknowledged;

@@ -153,8 +153,8 @@ bool summarise(const View& view, const std::optional<std::string>& pid, const st
     add("rows", !rows.empty() ? std::to_string(different.size()) + " not in force"
                 : view.kernel ? "all in force"
                               : "none is wrong in itself");
-    const std::string strange =
-        strangePorts(view, checkInForce(*view.configuration, {.interfaceState = interfaceHere, .onProgress = {}}));
+    const std::string strange = strangePorts(view, checkInForce(*view.configuration, view.expected, view.applied,
+                                                                {.interfaceState = interfaceHere, .onProgress = {}}));
     add("ports", strange.empty() ? "all here" : "not here: " + strange);
     return inOrder && rows.empty() && strange.empty();
 }

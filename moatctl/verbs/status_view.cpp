@@ -56,7 +56,8 @@ void look(Program& program, View& view, std::optional<Clock::time_point> waitUnt
         view.devices = devicesOf(state);
         view.number = changeNumberOf(state);
         view.server = "up, schema " + client.schemaVersion();
-        view.applied = apply(expectedOf(*view.configuration));
+        view.expected = expectedOf(*view.configuration);
+        view.applied = apply(view.expected);
     } catch (const ovsdb::Error& error) {
         view.server = std::string("down: ") + error.what();
     }
@@ -106,13 +107,13 @@ std::vector<NotInForceHere> notInForce(const View& view)
         found.push_back({device, std::move(row)});
     };
     std::map<std::pair<std::string, std::int32_t>, Problem> expected; // what no kernel would take
-    for (Problem& problem : checkInForce(*view.configuration)) {
+    for (Problem& problem : checkInForce(*view.configuration, view.expected, view.applied)) {
         if (problem.severity == Severity::Error)
             expected.emplace(std::pair(problem.table, problem.id), problem);
     }
     const std::vector<const Device*> devices = view.countingDevices();
     for (const Device* device : devices) {
-        for (RowNotInForce& row : rowsNotInForce(*view.configuration, device->lines())) {
+        for (RowNotInForce& row : rowsNotInForce(*view.configuration, view.expected, device->lines())) {
             const auto known = expected.find({row.problem.table, row.problem.id});
             if (known != expected.end())
                 row.problem.column = known->second.column;

@@ -24,7 +24,8 @@ struct View {
     std::optional<std::int32_t> number; // of the last change
     std::optional<ebtables::Table> kernel;
     std::string noKernel; // why there is none
-    Applied applied;
+    Expected expected;    // what the daemon makes of the configuration
+    Applied applied;      // and the kernel of that
     std::vector<Entry> entries;
     std::string found; // "as configured", or what is not
 
