@@ -14,7 +14,7 @@ packagesFor() { # group
     tests) echo git libgmock-dev libgtest-dev mandoc mount nftables python3-prometheus-client strace systemd ;;
     browser) echo chromium chromium-driver python3-selenium tidy ;; # for the test of moatctl's page; large
     packages) echo debhelper dpkg-dev file lintian ;;
-    checks) echo ccache clang clang-format clang-tidy gcovr git gnuplot-nox libclang-rt-14-dev llvm mandoc shellcheck ;;
+    checks) echo ccache clang clang-format clang-tidy gcovr git gnuplot-nox libclang-rt-14-dev lld llvm mandoc shellcheck ;;
     fresh-root) echo debootstrap git util-linux ;;
     arm64) crossPackagesFor arm64 g++-aarch64-linux-gnu ;;
     armhf) crossPackagesFor armhf g++-arm-linux-gnueabihf ;;

@@ -2,6 +2,7 @@
 #include "compiled/difference.hpp"
 #include "compiled/mark.hpp"
 #include "tests/compiled/random_rules.hpp"
+#include "tests/unit/rounds.hpp"
 
 #include <gtest/gtest.h>
 
@@ -193,7 +194,7 @@ TEST(ProgramDifference, TellsStepsAndPoliciesApart)
 
 TEST(ProgramDifference, MakesTheOneTheOther)
 {
-    for (unsigned seed = 0; seed < 15; ++seed) {
+    for (unsigned seed = 0; seed < test::rounds(15); ++seed) {
         std::mt19937 engine(seed);
         test::RandomRules random([&](std::size_t below) { return engine() % below; });
         ebtables::Table table = random.table(1 + engine() % 200, seed % 2 == 0);

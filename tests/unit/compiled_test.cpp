@@ -9,6 +9,7 @@
 #include "ebtables/model.hpp"
 #include "tests/compiled/outcome.hpp"
 #include "tests/compiled/random_rules.hpp"
+#include "tests/unit/rounds.hpp"
 
 #include <gtest/gtest.h>
 
@@ -275,7 +276,7 @@ TEST(Places, AlwaysAscendAndFewMove)
     std::mt19937 engine(1);
     std::vector<std::optional<compiled::Place>> known;
     std::size_t moved = 0;
-    constexpr std::size_t changes = 1500;
+    constexpr std::size_t changes = test::rounds(1500);
     for (std::size_t i = 0; i < changes; ++i) {
         const auto at = known.begin() + static_cast<std::ptrdiff_t>(engine() % (known.size() + 1));
         if (i % 3 == 2 && at != known.end())
@@ -467,7 +468,7 @@ TEST(Compiled, AFrameThatEndsBetweenThePortsHasNone)
 TEST(Compiled, EveryFrameHasTheSameFate)
 {
     const char* wanted = std::getenv("MOATKEEPER_FRAMES");
-    const unsigned long frames = wanted != nullptr ? std::strtoul(wanted, nullptr, 10) : 20'000;
+    const unsigned long frames = wanted != nullptr ? std::strtoul(wanted, nullptr, 10) : test::rounds(20'000);
     constexpr unsigned long framesEach = 200;
     std::size_t counted = 0;
     std::size_t logged = 0;

@@ -1,6 +1,7 @@
 #include "ebtables/line_parser.hpp"
 #include "platform_linux/queue/difference.hpp"
 #include "platform_linux/queue/play.hpp"
+#include "tests/unit/rounds.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -118,7 +119,7 @@ TEST_F(DifferenceTest, RulesOfOthersStayWhereTheyAre)
 TEST_F(DifferenceTest, RandomListsBecomeAsWantedAndRulesInOrderStay)
 {
     std::mt19937 random(7);
-    for (int round = 0; round < 2000; ++round) {
+    for (int round = 0; round < test::rounds(2000); ++round) {
         TableImage actual = TableImage::untouched();
         play(actual, {"-N A"});
         TableImage wanted = actual;

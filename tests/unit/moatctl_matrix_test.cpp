@@ -4,6 +4,7 @@
 #include "ebtables/model.hpp"
 #include "moatctl/bridge/walk.hpp"
 #include "tests/moatctl/random_configuration.hpp"
+#include "tests/unit/rounds.hpp"
 
 #include <gtest/gtest.h>
 
@@ -192,12 +193,13 @@ Configuration denseConfiguration(unsigned seed)
 
 TEST(Matrix, SaysExactlyWhatTryingEveryFrameSays)
 {
+    constexpr int configurations = test::rounds(3);
     std::vector<Probe> probes = allProbes();
     std::size_t partly = 0;
     std::size_t uniform = 0;
     std::size_t otherwise = 0;
-    for (unsigned seed = 1; seed <= 3; ++seed) {
-        const Configuration configuration = denseConfiguration(seed);
+    for (int seed = 1; seed <= configurations; ++seed) {
+        const Configuration configuration = denseConfiguration(static_cast<unsigned>(seed));
         const Applied applied = apply(expectedOf(configuration));
         const Matrix matrix = matrixOf(applied, {}, test::ports(), {});
         ASSERT_EQ(matrix.cells.size(), 9U);
@@ -240,9 +242,11 @@ TEST(Matrix, SaysExactlyWhatTryingEveryFrameSays)
             EXPECT_EQ(walked.steps.back().chain, answer.ordinary.chain);
         }
     }
-    EXPECT_GT(partly, 10U);
-    EXPECT_GT(uniform, 3U);
-    EXPECT_GT(otherwise, 30U);
+    EXPECT_GT(partly, 3U * configurations);
+    if (configurations > 1) { // one may be alike everywhere
+        EXPECT_GT(uniform, 3U);
+    }
+    EXPECT_GT(otherwise, 10U * configurations);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "moatctl/bridge/shadow.hpp"
 #include "moatctl/bridge/walk.hpp"
 #include "tests/moatctl/random_configuration.hpp"
+#include "tests/unit/rounds.hpp"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +21,7 @@ using namespace moatctl;
 // No frame may reach a rule that was called unreachable.
 TEST(Shadow, NeverNamesARuleThatAFrameReaches)
 {
-    constexpr int frames = 10'000;
+    constexpr int frames = test::rounds(10'000);
     std::size_t named = 0;
     for (unsigned seed = 1; seed <= 25; ++seed) {
         test::Random random(seed);

@@ -11,6 +11,7 @@
 #include "moatctl/tables/rename_port.hpp"
 #include "moatctl/tables/values.hpp"
 #include "ovsdb/json.hpp"
+#include "tests/unit/rounds.hpp"
 #include "tests/unit/rule_row.hpp"
 #include "tests/unit/scratch_folder.hpp"
 
@@ -162,7 +163,7 @@ TEST(PlaceRule, RandomPlaces)
 {
     std::mt19937 random(1);
     int placed = 0;
-    for (int round = 0; round < 2000; ++round) {
+    for (int round = 0; round < test::rounds(2000); ++round) {
         Configuration configuration;
         const int count = std::uniform_int_distribution(1, 8)(random);
         for (int id = 1; id <= count; ++id)
@@ -190,7 +191,7 @@ TEST(PlaceRule, RandomPlaces)
         }
         ++placed;
     }
-    EXPECT_GT(placed, 1000);
+    EXPECT_GT(placed, test::rounds(1000));
 }
 
 TEST(PlaceRule, EndsOfTheNumbers)
