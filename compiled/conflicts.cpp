@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <bit>
 #include <limits>
+#include <tuple>
+#include <utility>
 
 namespace compiled
 {
@@ -19,68 +21,113 @@ constexpr std::uint32_t nowhere = std::numeric_limits<std::uint32_t>::max();
 class Finder
 {
 public:
-    Finder(std::span<const FixedForm> forms, std::span<const FixedBits> bits) : m_forms(forms), m_bits(bits)
+    Finder(std::span<const FixedForm> forms, std::span<const FixedBits* const> bits) : m_forms(forms), m_bits(bits)
     {
         m_result.of.resize(bits.size());
     }
 
     Meetings run()
     {
-        for (std::size_t i = 0; i < m_forms.size(); ++i) {
-            for (std::size_t j = i; j < m_forms.size(); ++j)
-                compare(i, j);
+        Bits common{};
+        common.fill(std::numeric_limits<Bits::value_type>::max());
+        for (const FixedForm& form : m_forms)
+            common = form.mask == Bits{} ? common : both(common, form.mask);
+        // Only those that have the same values there can meet.
+        std::vector<std::tuple<std::uint64_t, std::size_t, std::size_t>> alike; // hash, form, rule
+        alike.reserve(m_bits.size());
+        for (std::size_t form = 0; form < m_forms.size(); ++form) {
+            if (m_forms[form].mask == Bits{}) { // these meet everybody
+                for (std::size_t other = 0; other < m_forms.size(); ++other) {
+                    if (other >= form || m_forms[other].mask != Bits{})
+                        compare({form, m_forms[form].rules}, {other, m_forms[other].rules});
+                }
+                continue;
+            }
+            for (const std::size_t rule : m_forms[form].rules)
+                alike.emplace_back(hashWhere(common, m_bits[rule]->value), form, rule);
+        }
+        std::ranges::sort(alike);
+        std::vector<Some> some;
+        for (std::size_t i = 0; i < alike.size(); ++i) {
+            const auto& [hash, form, rule] = alike[i];
+            if (some.empty() || some.back().form != form)
+                some.push_back({form, {}});
+            some.back().rules.push_back(rule);
+            if (i + 1 < alike.size() && std::get<0>(alike[i + 1]) == hash)
+                continue;
+            for (std::size_t one = 0; one < some.size(); ++one) {
+                for (std::size_t other = one; other < some.size(); ++other)
+                    compare(some[one], some[other]);
+            }
+            some.clear();
         }
         return std::move(m_result);
     }
 
 private:
-    // The rules of one of the two forms with the same values.
+    // Rules of a form.
+    struct Some {
+        std::size_t form;
+        std::vector<std::size_t> rules;
+    };
+
+    // The rules of the one form with the same values.
     struct Slot {
         std::uint64_t hash = 0;
         std::uint32_t round = 0; // what is of another one is nothing
-        std::uint32_t place = nowhere;
-        std::uint32_t first = nowhere; // of the rules; the others follow in m_next
+        std::uint32_t meeting = nowhere;
+        std::uint32_t first = nowhere; // of the rules that meet nobody yet; the others follow in m_next
     };
 
-    void compare(std::size_t one, std::size_t other)
+    static Bits both(const Bits& one, const Bits& other)
     {
         Bits common{};
         for (std::size_t i = 0; i < common.size(); ++i)
-            common[i] = m_forms[one].mask[i] & m_forms[other].mask[i];
-        const auto& rules = m_forms[one].rules;
-        begin(rules.size());
-        for (std::size_t i = 0; i < rules.size(); ++i) {
-            Slot& slot = *slotOf(hashWhere(common, m_bits[rules[i]].value), true);
-            if (one == other && (slot.first != nowhere || slot.place != nowhere)) {
-                meet(slot, rules, {one, other});
-                m_result.of[rules[i]].push_back(slot.place);
+            common[i] = one[i] & other[i];
+        return common;
+    }
+
+    void compare(const Some& one, const Some& other)
+    {
+        const bool isOne = one.form == other.form;
+        if (isOne && one.rules.size() == 1)
+            return;
+        const Bits common = both(m_forms[one.form].mask, m_forms[other.form].mask);
+        const Meeting meeting{one.form, other.form};
+        begin(one.rules.size());
+        for (std::size_t i = 0; i < one.rules.size(); ++i) {
+            Slot& slot = *slotOf(hashWhere(common, m_bits[one.rules[i]]->value), true);
+            if (isOne && (slot.first != nowhere || slot.meeting != nowhere)) {
+                meet(slot, one.rules, meeting);
+                m_result.of[one.rules[i]].push_back(slot.meeting);
                 continue;
             }
             m_next[i] = slot.first;
             slot.first = static_cast<std::uint32_t>(i);
         }
-        if (one == other)
+        if (isOne)
             return;
-        for (const std::size_t rule : m_forms[other].rules) {
-            Slot* slot = slotOf(hashWhere(common, m_bits[rule].value), false);
+        for (const std::size_t rule : other.rules) {
+            Slot* slot = slotOf(hashWhere(common, m_bits[rule]->value), false);
             if (slot == nullptr)
                 continue;
-            meet(*slot, rules, {one, other});
-            m_result.of[rule].push_back(slot->place);
+            meet(*slot, one.rules, meeting);
+            m_result.of[rule].push_back(slot->meeting);
         }
     }
 
-    // All rules that wait in the slot have this place in common.
+    // All rules that wait in the slot take part.
     void meet(Slot& slot, const std::vector<std::size_t>& rules, Meeting meeting)
     {
-        if (slot.place == nowhere) {
-            slot.place = static_cast<std::uint32_t>(m_result.places.size());
-            m_result.places.push_back(meeting);
+        if (slot.meeting == nowhere) {
+            slot.meeting = static_cast<std::uint32_t>(m_result.all.size());
+            m_result.all.push_back(meeting);
         }
         for (; slot.first != nowhere; slot.first = m_next[slot.first])
-            m_result.of[rules[slot.first]].push_back(slot.place);
+            m_result.of[rules[slot.first]].push_back(slot.meeting);
     }
 
+    // An empty table for so many rules.
     void begin(std::size_t rules)
     {
         const std::size_t size = std::bit_ceil(2 * rules + 1);
@@ -106,7 +153,7 @@ private:
     }
 
     std::span<const FixedForm> m_forms;
-    std::span<const FixedBits> m_bits;
+    std::span<const FixedBits* const> m_bits;
     std::vector<Slot> m_slots;
     std::size_t m_last = 0; // of the slots in use
     std::uint32_t m_round = 0;
@@ -116,7 +163,7 @@ private:
 
 } // namespace
 
-Meetings meetings(std::span<const FixedForm> forms, std::span<const FixedBits> bits)
+Meetings meetings(std::span<const FixedForm> forms, std::span<const FixedBits* const> bits)
 {
     return Finder(forms, bits).run();
 }

@@ -17,21 +17,21 @@ struct FixedForm {
     std::vector<std::size_t> rules; // ascending
 };
 
-// Rules of two forms, or of one, that have the same values where both forms fix bits.
+// Rules of two forms, or of one, that have the same values where both forms fix bits. The numbers of the two.
 //
-//   -s A -d X, -s B -d Y    and    -s A, -s C    ->    one place: (-s A -d X) and (-s A)
+//   -s A -d X, -s B -d Y    and    -s A, -s C    ->    one meeting: (-s A -d X) and (-s A)
 struct Meeting {
-    std::size_t form = 0; // the one; that of the other is not before it
+    std::size_t form = 0;
     std::size_t other = 0;
 };
 
-// Where rules meet each other.
 struct Meetings {
-    std::vector<Meeting> places;
-    std::vector<std::vector<std::uint32_t>> of; // for each rule: its places
+    std::vector<Meeting> all;
+    std::vector<std::vector<std::uint32_t>> of; // for each rule: those that it takes part in
 };
 
-// Two rules that fix different values of a bit never meet. Time: rules times forms.
-Meetings meetings(std::span<const FixedForm> forms, std::span<const ebtables::FixedBits> bits);
+// Two rules that fix different values of a bit never meet. bits: of all rules. Time: rules times forms; less where what
+// all forms fix tells most of the rules apart.
+Meetings meetings(std::span<const FixedForm> forms, std::span<const ebtables::FixedBits* const> bits);
 
 } // namespace compiled

@@ -148,7 +148,7 @@ std::string textOf(const Element& element)
 {
     const char* const verdicts[] = {"ACCEPT", "DROP", "RETURN", "go to "};
     std::string text = hex(element.first);
-    if (element.last != element.first)
+    if (!element.last.empty() && element.last != element.first)
         text += " to " + hex(element.last);
     return text + ": " + verdicts[static_cast<std::size_t>(element.verdict.kind)] + element.verdict.chain;
 }

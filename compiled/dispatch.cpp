@@ -96,8 +96,21 @@ private:
             m_general.push_back(place);
             return;
         }
-        OfIn& own = m_byIn[rule.in->name];
-        (namesOne(rule.out) ? own.byOut[rule.out->name] : own.others).push_back(place);
+        // Most are about the same ports as the one before.
+        if (m_last == nullptr || m_lastIn != rule.in->name) {
+            m_last = &m_byIn[rule.in->name];
+            m_lastIn = rule.in->name;
+            m_lastBoth = nullptr;
+        }
+        if (!namesOne(rule.out)) {
+            m_last->others.push_back(place);
+            return;
+        }
+        if (m_lastBoth == nullptr || m_lastOut != rule.out->name) {
+            m_lastBoth = &m_last->byOut[rule.out->name];
+            m_lastOut = rule.out->name;
+        }
+        m_lastBoth->push_back(place);
     }
 
     Places without(const Places& places, const std::string& in, const auto& isElsewhere) const
@@ -129,6 +142,10 @@ private:
     std::size_t m_room;
     std::unordered_map<std::string_view, OfIn> m_byIn;
     Places m_general;
+    OfIn* m_last = nullptr;
+    std::string_view m_lastIn;
+    Places* m_lastBoth = nullptr; // of the last one's
+    std::string_view m_lastOut;
     Dispatched m_result;
 };
 

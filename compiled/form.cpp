@@ -28,14 +28,24 @@ std::shared_ptr<const Form> Forms::of(const RuleKey& key)
 {
     if (const auto found = m_known.find(&key); found != m_known.end())
         return found->second;
-    auto form = std::make_shared<const Form>(Form{key, nameOfForm(key)});
+    const std::size_t number = m_free.empty() ? m_numbers : m_free.back();
+    auto form = std::make_shared<const Form>(Form{key, nameOfForm(key), number});
     m_known.emplace(&form->like, form);
+    if (m_free.empty())
+        ++m_numbers;
+    else
+        m_free.pop_back();
     return form;
 }
 
 void Forms::dropUnused()
 {
-    std::erase_if(m_known, [](const auto& known) { return known.second.use_count() == 1; });
+    std::erase_if(m_known, [this](const auto& known) {
+        const bool isUnused = known.second.use_count() == 1;
+        if (isUnused)
+            m_free.push_back(known.second->number);
+        return isUnused;
+    });
 }
 
 std::string nameOfParts(const RuleKey& key)

@@ -4,11 +4,13 @@
 #include "compiled/key.hpp"
 
 #include <algorithm>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <span>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace compiled
 {
@@ -36,6 +38,7 @@ bool allParts(const RuleKey& key, const auto& visit)
 struct Form {
     RuleKey like; // the first key of this form
     std::string name;
+    std::size_t number = 0; // no other form that is in use has it; they are small
 };
 
 class Forms
@@ -43,9 +46,12 @@ class Forms
 public:
     std::shared_ptr<const Form> of(const RuleKey& key);
     void dropUnused();
+    std::size_t numbers() const { return m_numbers; } // all are below this
 
 private:
     std::map<const RuleKey*, std::shared_ptr<const Form>, ByForm> m_known;
+    std::size_t m_numbers = 0;
+    std::vector<std::size_t> m_free; // numbers
 };
 
 std::string nameOfParts(const RuleKey& key); // "ip4.ip-src.dport"

@@ -178,7 +178,6 @@ private:
             appendName(element.first, here.in);
             if (both)
                 appendName(element.first, here.out);
-            element.last = element.first;
             element.verdict = {Verdict::Kind::Goto, chain};
             elements.push_back(std::move(element));
             List<Step> inside = addSection({chain, here.decided, here.rules});

@@ -25,6 +25,16 @@ void Known::findKey(Decided decided, Forms& forms)
     key = keyOf(item.rule, decided);
     form = key ? forms.of(*key) : nullptr;
     keyFor = decided;
+    bits.reset();
+}
+
+const ebtables::FixedBits& Known::fixedBits()
+{
+    if (!bits) {
+        const ebtables::Rule bare = ruleWithout(keyFor.value_or(Decided()), item.rule);
+        bits = std::make_unique<ebtables::FixedBits>(ebtables::Conjunction{&bare});
+    }
+    return *bits;
 }
 
 Serials serialsOf(KnownRules rules)

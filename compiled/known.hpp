@@ -5,6 +5,7 @@
 #include "compiled/form.hpp"
 #include "compiled/item.hpp"
 #include "compiled/key.hpp"
+#include "ebtables/fixed_bits.hpp"
 
 #include <cstdint>
 #include <memory>
@@ -16,14 +17,17 @@ namespace compiled
 {
 
 struct Known {
-    Item item;
     std::uint64_t serial = 0; // of this rule at this time: who has the same serials as before has the same rules
-    std::optional<RuleKey> key;
     std::shared_ptr<const Form> form; // of the key
     std::optional<Decided> keyFor;    // what was decided when the key was made
+    std::optional<RuleKey> key;
+    std::unique_ptr<const ebtables::FixedBits> bits; // likewise; only where they were asked for
+    Item item;
 
     // Makes sure of key and form. In classes of other kinds it may have another key.
     void findKey(Decided decided, Forms& forms);
+    // What the rule fixes, without what was decided.
+    const ebtables::FixedBits& fixedBits();
 };
 
 using KnownRules = std::span<Known* const>;

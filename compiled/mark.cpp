@@ -2,6 +2,8 @@
 
 #include "compiled/hash.hpp"
 
+#include <algorithm>
+
 namespace compiled
 {
 
@@ -20,9 +22,31 @@ Marker::Marker(std::string_view chain) : m_chain(hashOf(chain)) {}
 ebtables::Origin Marker::rule(std::string_view rule)
 {
     std::uint64_t found = hashOf(rule, hashOf(" ", m_chain));
-    while (!m_given.insert(valid(found)).second)
+    while (!give(valid(found)))
         found = hashOf("again", found);
     return valid(found);
+}
+
+// False when it was given before.
+bool Marker::give(ebtables::Origin mark)
+{
+    if (m_given.size() <= 2 * m_count) {
+        std::vector<ebtables::Origin> old(std::max(std::size_t{64}, 4 * m_count), ebtables::noOrigin);
+        old.swap(m_given);
+        m_count = 0;
+        for (const ebtables::Origin each : old) {
+            if (each != ebtables::noOrigin)
+                give(each);
+        }
+    }
+    std::size_t place = mark % m_given.size();
+    while (m_given[place] != ebtables::noOrigin && m_given[place] != mark)
+        place = (place + 1) % m_given.size();
+    if (m_given[place] == mark)
+        return false;
+    m_given[place] = mark;
+    ++m_count;
+    return true;
 }
 
 ebtables::Origin Marker::policy(std::string_view policy) const
@@ -34,8 +58,13 @@ void mark(ebtables::Table& table)
 {
     for (ebtables::Chain& chain : table.chains) {
         Marker marker(chain.name);
-        for (ebtables::TableRule& rule : chain.rules)
-            rule.origin = marker.rule(rule.rule ? ebtables::toText(*rule.rule) : rule.text);
+        std::string text;
+        for (ebtables::TableRule& rule : chain.rules) {
+            text.clear();
+            if (rule.rule)
+                ebtables::appendText(text, *rule.rule);
+            rule.origin = marker.rule(rule.rule ? text : rule.text);
+        }
         chain.policyOrigin = marker.policy(chain.policy);
     }
 }

@@ -3,8 +3,10 @@
 
 #include "ebtables/table.hpp"
 
+#include <cstddef>
+#include <cstdint>
 #include <string_view>
-#include <unordered_set>
+#include <vector>
 
 namespace compiled
 {
@@ -21,8 +23,11 @@ public:
     ebtables::Origin policy(std::string_view policy) const;
 
 private:
-    std::uint64_t m_chain; // hash of its name
-    std::unordered_set<ebtables::Origin> m_given;
+    bool give(ebtables::Origin mark);
+
+    std::uint64_t m_chain;                 // hash of its name
+    std::vector<ebtables::Origin> m_given; // each at the place that it says, or the next one that was free
+    std::size_t m_count = 0;
 };
 
 // Gives each rule and each policy of the table its mark.

@@ -8,11 +8,14 @@
 #include <array>
 #include <bit>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
 #include <span>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 namespace compiled
@@ -22,7 +25,6 @@ namespace
 {
 
 using ebtables::FixedBits;
-using ebtables::hashWhere;
 using Bits = FixedBits::Bits;
 
 constexpr std::size_t mostForms = 512;
@@ -50,42 +52,56 @@ std::string shapeOf(const RuleKey& key)
     return hasAddress(key) && hasPrefixesOnly(key) ? nameOfParts(key) : nameOfForm(key);
 }
 
+std::string_view textOf(const Bytes& bytes)
+{
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+struct HashOfKey {
+    std::size_t operator()(const std::pair<const Form*, std::string_view>& key) const
+    {
+        return std::hash<std::string_view>()(key.second) + key.first->number;
+    }
+};
+
 // The groups' places are found rule by rule.
 class Orderer
 {
 public:
-    Orderer(KnownRules rules, Decided decided) : m_rules(rules)
+    explicit Orderer(KnownRules rules) : m_rules(rules)
     {
         rankShapes();
         m_bits.reserve(rules.size());
-        for (const Known* rule : rules) {
-            const ebtables::Rule bare = ruleWithout(decided, rule->item.rule);
-            m_bits.emplace_back(ebtables::Conjunction{&bare});
-        }
+        for (Known* rule : rules)
+            m_bits.push_back(&rule->fixedBits());
         sortByForm();
     }
 
     std::vector<Group> run()
     {
-        const Meetings where = meetings(m_forms, m_bits);
-        // Of the rules seen so far, by place and which of the two forms they have; counted from 1.
-        std::vector<std::array<std::size_t, 2>> highest(where.places.size());
+        Meetings where;
+        if (m_forms.size() > 1)
+            where = meetings(m_forms, m_bits);
+        else // no two are the same, or each stays behind those before it
+            where.of.resize(m_rules.size());
+        // In each meeting, of the rules of either form that were seen so far; counted from 1.
+        std::vector<std::array<std::size_t, 2>> highest(where.all.size());
         std::map<std::pair<std::size_t, std::size_t>, std::vector<std::size_t>> groups; // by level and shape
         for (std::size_t i = 0; i < m_rules.size(); ++i) {
             const std::size_t form = m_formOf[i];
             if (form == none)
                 continue;
-            const auto sideOf = [&](std::uint32_t place) { return where.places[place].form == form ? 0U : 1U; };
             std::size_t level = 0;
-            for (const std::uint32_t place : where.of[i]) {
-                const Meeting& meeting = where.places[place];
-                const std::size_t other = meeting.form == form ? meeting.other : meeting.form;
-                const std::size_t theirs = highest[place][other == form ? 0 : 1 - sideOf(place)];
+            for (const std::uint32_t number : where.of[i]) {
+                const Meeting& meeting = where.all[number];
+                const bool isFirst = meeting.form == form;
+                const std::size_t other = isFirst ? meeting.other : meeting.form;
+                const std::size_t theirs = highest[number][isFirst && other != form ? 1 : 0];
                 if (theirs != 0)
                     level = std::max(level, theirs - (fitsBehind(form, other) ? 1 : 0));
             }
-            for (const std::uint32_t place : where.of[i]) {
-                std::size_t& own = highest[place][sideOf(place)];
+            for (const std::uint32_t number : where.of[i]) {
+                std::size_t& own = highest[number][where.all[number].form == form ? 0 : 1];
                 own = std::max(own, level + 1);
             }
             groups[{level, m_shapes[form]}].push_back(i);
@@ -137,45 +153,50 @@ private:
     void sortByForm()
     {
         std::map<std::pair<Bits, std::size_t>, std::size_t> places; // in m_forms
-        std::vector<std::unordered_map<std::uint64_t, std::vector<std::size_t>>>
-            known; // by form: rules by their values
+        std::unordered_map<const Form*, std::size_t> known;         // likewise
+        std::unordered_set<std::pair<const Form*, std::string_view>, HashOfKey> keys;
+        keys.reserve(m_rules.size());
+        m_formOf.reserve(m_rules.size());
         for (std::size_t i = 0; i < m_rules.size(); ++i) {
-            std::size_t shape = m_rankOf.at(m_rules[i]->key ? m_rules[i]->form.get() : nullptr);
-            auto place = places.find({m_bits[i].mask, shape});
-            if (place == places.end()) {
-                if (m_forms.size() >= mostForms) { // keeps its place among all others
-                    m_bits[i].mask = {};
-                    shape = m_plain;
-                }
-                place = places.try_emplace({m_bits[i].mask, shape}, m_forms.size()).first;
-                if (place->second == m_forms.size()) {
-                    m_forms.push_back({m_bits[i].mask, {}});
-                    m_shapes.push_back(shape);
-                    known.emplace_back();
-                }
-            }
-            const std::size_t form = place->second;
-            m_formOf.push_back(shape != m_plain && isKnown(known[form], i) ? none : form);
-            if (m_formOf[i] != none)
-                m_forms[form].rules.push_back(i);
+            const Form* form = m_rules[i]->form.get();
+            if (const auto found = known.find(form); form == nullptr || found == known.end())
+                m_formOf.push_back(addForm(places, m_bits[i]->mask, m_rankOf.at(form)));
+            else
+                m_formOf.push_back(found->second);
+            if (form != nullptr)
+                known.emplace(form, m_formOf.back());
+            // A rule before this one takes all its frames, because it has the same key.
+            const bool isReached =
+                m_shapes[m_formOf.back()] == m_plain || keys.emplace(form, textOf(m_rules[i]->key->value)).second;
+            if (isReached)
+                m_forms[m_formOf.back()].rules.push_back(i);
+            else
+                m_formOf.back() = none;
         }
     }
 
-    // Whether a rule before this one takes all its frames, because it has the same key.
-    bool isKnown(std::unordered_map<std::uint64_t, std::vector<std::size_t>>& known, std::size_t rule) const
+    std::size_t addForm(std::map<std::pair<Bits, std::size_t>, std::size_t>& places, const Bits& mask,
+                        std::size_t shape)
     {
-        std::vector<std::size_t>& same = known[hashWhere(m_bits[rule].mask, m_bits[rule].value)];
-        if (std::ranges::any_of(same, [&](std::size_t other) { return m_rules[other]->key == m_rules[rule]->key; }))
-            return true;
-        same.push_back(rule);
-        return false;
+        auto found = places.find({mask, shape});
+        if (found == places.end()) {
+            // Of the last ones each keeps its place among all others.
+            const bool isOne = m_forms.size() < mostForms;
+            found =
+                places.try_emplace(isOne ? std::pair(mask, shape) : std::pair(Bits{}, m_plain), m_forms.size()).first;
+            if (found->second == m_forms.size()) {
+                m_forms.push_back({found->first.first, {}});
+                m_shapes.push_back(found->first.second);
+            }
+        }
+        return found->second;
     }
 
     KnownRules m_rules;
     std::vector<std::string> m_names; // of the shapes
     std::size_t m_plain = 0;          // the last shape: of the rules without keys
     std::unordered_map<const Form*, std::size_t> m_rankOf;
-    std::vector<FixedBits> m_bits;
+    std::vector<const FixedBits*> m_bits;
     std::vector<FixedForm> m_forms;
     std::vector<std::size_t> m_shapes; // of the forms
     std::vector<std::size_t> m_formOf; // of the rules
@@ -183,9 +204,9 @@ private:
 
 } // namespace
 
-std::vector<Group> order(KnownRules rules, Decided decided)
+std::vector<Group> order(KnownRules rules)
 {
-    return Orderer(rules, decided).run();
+    return Orderer(rules).run();
 }
 
 } // namespace compiled

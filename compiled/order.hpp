@@ -28,7 +28,7 @@ struct Group {
 // Shapes with more bits come first. A rule that comes after one of a later shape, and may match the same frame, is of
 // the next level: behind all shapes of the level before. Time: rules times forms.
 //
-// rules: with their keys for what is decided.
-std::vector<Group> order(KnownRules rules, Decided decided);
+// rules: with their keys.
+std::vector<Group> order(KnownRules rules);
 
 } // namespace compiled

@@ -62,7 +62,7 @@ struct Verdict {
 // All rules of a row share its mark. An element counts the frames that it decides, as a rule does.
 struct Element {
     Bytes first; // the parts of the key one beside the other, without gaps
-    Bytes last;  // of each part; the same as first but in a map of intervals
+    Bytes last;  // of each part, in a map of intervals; otherwise empty
     Verdict verdict;
     Place place = 0; // instead of a verdict, in a map of places
     ebtables::Origin origin = ebtables::noOrigin;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -79,13 +80,18 @@ private:
 
     void sortByForm()
     {
-        std::unordered_map<const Form*, std::size_t> known;
+        constexpr std::size_t none = std::numeric_limits<std::size_t>::max();
+        std::vector<std::size_t> runnerOf; // by form
         for (std::size_t i = 0; i < m_rules.size(); ++i) {
             const Form* form = m_rules[i]->form.get();
-            const auto [place, isNew] = known.emplace(form, m_runners.size());
-            if (isNew)
+            if (runnerOf.size() <= form->number)
+                runnerOf.resize(form->number + 1, none);
+            std::size_t& runner = runnerOf[form->number];
+            if (runner == none) {
+                runner = m_runners.size();
                 m_runners.push_back({form});
-            m_runners[place->second].rules.push_back(i);
+            }
+            m_runners[runner].rules.push_back(i);
         }
         // An order that other rules do not change. Those for all frames come first: only those of one family follow
         // then.
@@ -182,8 +188,7 @@ private:
         std::vector<Element> elements;
         elements.reserve(runner.reached.size());
         for (const std::size_t index : runner.reached) {
-            const Bytes& key = m_rules[index]->key->value;
-            elements.push_back({key, key, {}, places[index], ebtables::noOrigin});
+            elements.push_back({m_rules[index]->key->value, {}, {}, places[index], ebtables::noOrigin});
         }
         kept.placeMap.elements = std::move(elements);
     }

@@ -91,8 +91,8 @@ private:
         if (m_withType)
             element.first = hasType(m_key.family).value;
         element.first.insert(element.first.end(), rule.key->value.begin(), rule.key->value.end());
-        element.last = element.first;
         if (m_intervals) {
+            element.last = element.first;
             const std::size_t skipped = element.last.size() - rule.key->mask.size();
             for (std::size_t i = 0; i < rule.key->mask.size(); ++i)
                 element.last[skipped + i] |= static_cast<std::uint8_t>(~rule.key->mask[i]);

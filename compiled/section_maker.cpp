@@ -8,8 +8,9 @@
 #include <cstdint>
 #include <iterator>
 #include <map>
-#include <unordered_set>
+#include <set>
 #include <utility>
+#include <vector>
 
 namespace compiled
 {
@@ -25,51 +26,38 @@ constexpr std::size_t smallestRun = 4;
 constexpr std::size_t rulesPerForm = 4;  // a race asks each form
 constexpr std::size_t mostKeyWords = 14; // the kernel has registers for two more, the place found before
 
-bool canRace(const Known& rule)
+bool canRace(const Form& form)
 {
-    if (!rule.key)
-        return false;
     std::size_t words = 0;
-    for (const Part part : rule.key->parts)
+    for (const Part part : form.like.parts)
         words += (fieldOf(part).size + 3U) / 4U;
     return words > 0 && words <= mostKeyWords;
-}
-
-bool isWorthARace(KnownRules among, std::size_t longest)
-{
-    std::unordered_set<const Form*> forms;
-    std::map<Family, std::size_t> ofFamily;
-    std::size_t rules = 0;
-    for (const Known* rule : among) {
-        if (!canRace(*rule))
-            continue;
-        ++rules;
-        if (forms.insert(rule->form.get()).second && ++ofFamily[rule->key->family] > longest)
-            return false;
-    }
-    std::size_t others = 0;
-    for (const auto& [family, count] : ofFamily)
-        others = std::max(others, family == Family::Any ? 0 : count);
-    return ofFamily[Family::Any] + others <= longest && forms.size() > 1 && rules >= rulesPerForm * forms.size() &&
-           rules <= mostInRace;
 }
 
 class SectionMaker
 {
 public:
     SectionMaker(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of,
-                 std::size_t longestRace)
+                 std::size_t longestRace, std::size_t formNumbers)
         : m_making(surroundings, memory, of.decided),
           m_steps(memory.section.steps.edit()),
           m_of(of),
-          m_longestRace(longestRace)
+          m_longestRace(longestRace),
+          m_formSeen(formNumbers),
+          m_canRace(formNumbers)
     {
+        for (const Known* rule : of.rules) {
+            if (rule->form && !m_formSeen[rule->form->number]) {
+                m_formSeen[rule->form->number] = true;
+                m_canRace[rule->form->number] = compiled::canRace(*rule->form);
+            }
+        }
     }
 
     void make()
     {
         const KnownRules rules = m_of.rules;
-        if (!isWorthARace(rules, m_longestRace)) {
+        if (!isWorthARace(rules)) {
             addRuns(m_of.chain, rules);
             return;
         }
@@ -81,7 +69,7 @@ public:
                 continue;
             const std::string number = ++stretch == 1 ? "" : "-" + std::to_string(stretch);
             const KnownRules theirs = rules.subspan(first, i - first);
-            if (isWorthARace(theirs, m_longestRace))
+            if (theirs.size() == rules.size() || isWorthARace(theirs))
                 addRace(m_of.chain + "/race" + number, first, theirs);
             else
                 addRuns(m_of.chain + number, theirs);
@@ -92,6 +80,32 @@ public:
     }
 
 private:
+    bool canRace(const Known& rule) const { return rule.form && m_canRace[rule.form->number]; }
+
+    bool isWorthARace(KnownRules among)
+    {
+        m_formSeen.assign(m_formSeen.size(), false);
+        std::map<Family, std::size_t> ofFamily;
+        std::size_t forms = 0;
+        std::size_t rules = 0;
+        for (const Known* rule : among) {
+            if (!canRace(*rule))
+                continue;
+            ++rules;
+            if (m_formSeen[rule->form->number])
+                continue;
+            m_formSeen[rule->form->number] = true;
+            ++forms;
+            if (++ofFamily[rule->form->like.family] > m_longestRace)
+                return false;
+        }
+        std::size_t others = 0;
+        for (const auto& [family, count] : ofFamily)
+            others = std::max(others, family == Family::Any ? 0 : count);
+        return ofFamily[Family::Any] + others <= m_longestRace && forms > 1 && rules >= rulesPerForm * forms &&
+               rules <= mostInRace;
+    }
+
     void addRuns(const std::string& prefix, KnownRules rules)
     {
         std::vector<Known*> written; // that stand one behind the other
@@ -103,7 +117,7 @@ private:
             m_making.addWritten(prefix + "/written" + number, written, m_steps);
             written.clear();
         };
-        for (const Group& group : order(rules, m_of.decided)) {
+        for (const Group& group : order(rules)) {
             std::vector<Known*> run;
             run.reserve(group.items.size());
             for (const std::size_t index : group.items)
@@ -148,6 +162,8 @@ private:
     std::vector<Step>& m_steps;
     const ClassOfRules& m_of;
     std::size_t m_longestRace;
+    std::vector<bool> m_formSeen; // by number
+    std::vector<bool> m_canRace;  // likewise
     std::set<Family> m_asWritten; // those for which there is a chain with the rules as they are
 };
 
@@ -185,7 +201,7 @@ void makeSection(const Surroundings& surroundings, SectionMemory& memory, const 
     memory.rules = serialsOf(of.rules);
     for (Known* rule : of.rules)
         rule->findKey(of.decided, forms);
-    SectionMaker(surroundings, memory, of, longestRace).make();
+    SectionMaker(surroundings, memory, of, longestRace, forms.numbers()).make();
     memory.elements.dropUnused();
     memory.runners.dropUnused();
     memory.races.dropUnused();

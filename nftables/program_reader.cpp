@@ -444,7 +444,8 @@ private:
         if (map.places)
             element.place = static_cast<compiled::Place>(place[0] << 8U | place[4]);
         element.first = unpadded(bytesOf(in.find(NFTA_SET_ELEM_KEY)), map.sizes);
-        element.last = map.intervals ? unpadded(bytesOf(in.find(NFTA_SET_ELEM_KEY_END)), map.sizes) : element.first;
+        if (map.intervals)
+            element.last = unpadded(bytesOf(in.find(NFTA_SET_ELEM_KEY_END)), map.sizes);
         element.verdict = *verdict;
         if (const nlattr* user = in.find(NFTA_SET_ELEM_USERDATA))
             element.origin = readMark(user);

@@ -210,12 +210,13 @@ private:
 
     static bool isWithin(const compiled::Map& map, const Bytes& found, const compiled::Element& element)
     {
+        const Bytes& last = map.intervals ? element.last : element.first;
         std::size_t at = 0;
         return std::ranges::all_of(map.sizes, [&](std::uint8_t size) {
             const auto part = [&](const Bytes& bytes) { return std::span(bytes).subspan(at, size); };
             const auto value = part(found);
             const bool within = !std::ranges::lexicographical_compare(value, part(element.first)) &&
-                                !std::ranges::lexicographical_compare(part(element.last), value);
+                                !std::ranges::lexicographical_compare(part(last), value);
             at += size;
             return within;
         });

@@ -217,7 +217,7 @@ std::string orderOf(const Texts& rules)
         list.push_back(known.back().get());
     }
     std::string text;
-    for (const compiled::Group& group : compiled::order(list, {})) {
+    for (const compiled::Group& group : compiled::order(list)) {
         text += (text.empty() ? "" : "; ") + group.name + ":";
         for (const std::size_t item : group.items)
             text += " " + std::to_string(item + 1);
