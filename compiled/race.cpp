@@ -175,8 +175,7 @@ private:
             elements.reserve(runner.reached.size());
             for (const std::size_t index : runner.reached) {
                 const Known& rule = *m_rules[index];
-                elements.push_back(
-                    {rule.key->value, rule.key->value, m_making.verdictOf(rule.item.rule), 0, rule.item.origin});
+                elements.push_back({rule.key->value, {}, m_making.verdictOf(rule.item.rule), 0, rule.item.origin});
             }
             map.elements = std::move(elements);
             kept.verdicts = std::move(map);

@@ -481,8 +481,12 @@ TEST(Compiled, EveryFrameHasTheSameFate)
         const ebtables::Table table = random.table(1 + engine() % (seed % 4 == 3 ? 1000 : 120), seed % 2 == 0);
         const std::optional<Program> program = compiled::compile(table);
         ASSERT_TRUE(program);
-        for (const compiled::Map& map : program->maps)
+        for (const compiled::Map& map : program->maps) {
             (map.places ? places : elements) += map.counts || map.places ? map.elements.size() : 0;
+            // As the kernel gives it back.
+            for (const compiled::Element& element : map.elements)
+                ASSERT_EQ(element.last.size(), map.intervals ? element.first.size() : 0) << map.name;
+        }
         for (unsigned long i = 0; i < framesEach; ++i) {
             const test::RawFrame frame = random.frame(table);
             const test::Outcome plain = test::walk(table, frame);
