@@ -53,7 +53,8 @@ std::vector<std::pair<std::string, std::string>> factsOf(const View& view, const
 std::string rowsOf(const HistoryEntry& entry)
 {
     constexpr std::size_t most = 5;
-    if (entry.changes.empty())
+    constexpr std::size_t longest = 200'000; // bytes; of an import of thousands of rows five say nothing
+    if (entry.changes.empty() || entry.changes.size() > longest)
         return entry.rows == 0 ? "unknown" : std::to_string(entry.rows) + " rows";
     const std::vector<schema::RecordedChange> changes = changesOf(entry);
     std::string text;

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
+#include <future>
 #include <map>
 #include <set>
 #include <thread>
@@ -47,11 +49,14 @@ bool anyIsBehind(const ovsdb::TableCache& state)
 // Fills it in place: what it holds points into the configuration.
 void look(Program& program, View& view, std::optional<Clock::time_point> waitUntil)
 {
+    std::future<std::optional<ebtables::Table>> kernel;
+    const auto askKernel = [&] { kernel = std::async(std::launch::async, readKernel, std::ref(view.noKernel)); };
     try {
         ovsdb::Client client = program.connect();
         const ovsdb::TableCache& state = client.follow(client.tableNames());
         while (waitUntil && anyIsBehind(state) && client.awaitChange(*waitUntil)) {
         }
+        askKernel(); // with many rules the tool takes as long as what follows
         view.configuration = toConfiguration(state);
         view.devices = devicesOf(state);
         view.number = changeNumberOf(state);
@@ -61,7 +66,9 @@ void look(Program& program, View& view, std::optional<Clock::time_point> waitUnt
     } catch (const ovsdb::Error& error) {
         view.server = std::string("down: ") + error.what();
     }
-    view.kernel = readKernel(view.noKernel);
+    if (!kernel.valid())
+        askKernel();
+    view.kernel = kernel.get();
     // Without the server there is nothing to compare with: everything is shown as it is.
     if (view.kernel)
         view.entries = compare(view.applied.table, *view.kernel);

@@ -254,6 +254,10 @@ class Report(machine.Machine):
         self.assertLess(size, 3_000_000)
         if RULES >= 10_000:
             self.assertLess(ready, 2)
+        # Of a change of so many rows the number is told, of one of few the rows are.
+        history = self.script("return document.getElementById('history').parentElement.textContent")
+        self.assertRegex(history, r"\b\d{4,} rows")
+        self.assertIn("MoatKeeperRuleset Id ", history)
         self.script("location.hash = document.querySelector('#picture td.partly a:nth-of-type(2)').hash")
         self.assertIn("ACCEPT for ordinary frames", self.shown())
 
