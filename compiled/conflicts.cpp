@@ -94,6 +94,14 @@ private:
             return;
         const Bits common = both(m_forms[one.form].mask, m_forms[other.form].mask);
         const Meeting meeting{one.form, other.form};
+        if (common == Bits{}) { // all meet
+            for (const std::size_t rule : one.rules)
+                m_result.of[rule].push_back(static_cast<std::uint32_t>(m_result.all.size()));
+            for (const std::size_t rule : isOne ? std::span<const std::size_t>() : other.rules)
+                m_result.of[rule].push_back(static_cast<std::uint32_t>(m_result.all.size()));
+            m_result.all.push_back(meeting);
+            return;
+        }
         begin(one.rules.size());
         for (std::size_t i = 0; i < one.rules.size(); ++i) {
             Slot& slot = *slotOf(hashWhere(common, m_bits[one.rules[i]]->value), true);

@@ -1,6 +1,7 @@
 #include "compiled/depth.hpp"
 
 #include <algorithm>
+#include <limits>
 #include <string_view>
 #include <unordered_map>
 
@@ -15,29 +16,31 @@ class Depths
 public:
     explicit Depths(const Program& program) : m_program(program)
     {
+        m_chains.reserve(program.chains.size());
         for (const Chain& chain : program.chains)
-            m_chains.emplace(chain.name, &chain);
+            m_chains.emplace(chain.name, Known{&chain, unknown});
     }
 
     std::size_t of(std::string_view name)
     {
-        const auto chain = m_chains.find(name);
-        if (chain == m_chains.end()) // ACCEPT and others
+        const auto found = m_chains.find(name);
+        if (found == m_chains.end())
             return 0;
-        const auto [place, isNew] = m_known.emplace(name, 1);
-        if (!isNew)
-            return place->second;
+        Known& known = found->second;
+        if (known.depth != unknown)
+            return known.depth;
+        known.depth = 1;
         std::size_t below = 0;
-        for (const Step& step : chain->second->steps)
+        for (const Step& step : known.chain->steps)
             below = std::max(below, behind(step));
-        return m_known[name] = below + 1;
+        return known.depth = below + 1;
     }
 
 private:
     std::size_t behind(const Step& step)
     {
         if (const auto* plain = std::get_if<PlainRule>(&step.action))
-            return of(plain->rule.target);
+            return ebtables::isStandardTarget(plain->rule.target) ? 0 : of(plain->rule.target);
         if (const auto* jump = std::get_if<Jump>(&step.action))
             return of(jump->chain);
         if (const auto* lead = std::get_if<Lead>(&step.action))
@@ -61,9 +64,14 @@ private:
         return m_knownMaps[map] = most;
     }
 
+    static constexpr std::size_t unknown = std::numeric_limits<std::size_t>::max();
+    struct Known {
+        const Chain* chain;
+        std::size_t depth;
+    };
+
     const Program& m_program;
-    std::unordered_map<std::string_view, const Chain*> m_chains;
-    std::unordered_map<std::string_view, std::size_t> m_known;
+    std::unordered_map<std::string_view, Known> m_chains;
     std::unordered_map<std::size_t, std::size_t> m_knownMaps; // by number
 };
 

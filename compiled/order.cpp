@@ -27,7 +27,7 @@ namespace
 using ebtables::FixedBits;
 using Bits = FixedBits::Bits;
 
-constexpr std::size_t mostForms = 512;
+constexpr std::size_t mostForms = 1024;
 
 // Ones, and then zeros, in each part: what differs only in how many can be one map, of intervals.
 bool hasPrefixesOnly(const RuleKey& key)

@@ -13,6 +13,13 @@ constexpr std::size_t beyond = 65'536;
 // Of the known numbers the longest ascending sequence stays.
 void keepAscending(std::vector<std::optional<Place>>& places)
 {
+    std::optional<Place> last; // most of the time they do
+    if (std::ranges::all_of(places, [&](std::optional<Place> place) {
+            const bool ascends = !place || !last || *last < *place;
+            last = place ? place : last;
+            return ascends;
+        }))
+        return;
     std::vector<std::size_t> lastOfLength; // where the least last number of a sequence this long is
     std::vector<std::size_t> previous(places.size(), places.size());
     for (std::size_t i = 0; i < places.size(); ++i) {

@@ -85,6 +85,7 @@ public:
 
     std::vector<ebtables::Origin> write(const compiled::Difference& difference)
     {
+        m_stepsChange = !(difference.newChains.empty() && difference.goneChains.empty() && difference.refilled.empty());
         takeOut(difference);
         for (const std::size_t added : difference.newChains) {
             const compiled::Chain& chain = m_to.chains[added];
@@ -92,9 +93,11 @@ public:
                 m_batch.addBuiltInChain(chain.name, "ACCEPT");
             m_batch.addChain(chainOfSteps(chain));
         }
-        addOneOfs();
-        if (hasComparison(m_to) && !hasComparison(m_from))
-            addComparison();
+        if (m_stepsChange) {
+            addOneOfs();
+            if (hasComparison(m_to) && !hasComparison(m_from))
+                addComparison();
+        }
         for (const std::size_t added : difference.newMaps)
             addMap(m_to.maps[added]);
         for (const std::size_t added : difference.newMaps)
@@ -157,6 +160,8 @@ private:
             });
             deleteSet(name);
         }
+        if (!m_stepsChange) // and need the same sets
+            return;
         const std::map<std::string, Condition> wanted = oneOfs(m_to);
         for (const auto& [name, condition] : oneOfs(m_from)) {
             if (!wanted.contains(name))
@@ -524,6 +529,7 @@ private:
     const std::size_t m_first = m_batch.messages();
     std::vector<ebtables::Origin> m_marks; // of the messages
     std::uint32_t m_setId = 0;
+    bool m_stepsChange = false; // those of any chain
 };
 
 // Calls visit(mark) for what counts: elements, and rules as they stand.
