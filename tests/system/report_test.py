@@ -242,7 +242,10 @@ class Report(machine.Machine):
         # The next change of moatctl's waits until this one is in force.
         subprocess.run([MOATCTL, "--timeout", "60", "rule", "add", "--in", "p1", "--out", "p2", "--drop"],
                        check=True, stdout=subprocess.DEVNULL)
-        page = f"{machine.FOLDER}/many.html"
+        page = pathlib.Path(machine.FOLDER) / "many.html"
+        # Of a change of so many rows the history has the number only. The daemon writes down what other clients have changed.
+        waiting.until(lambda: report(page).returncode == 0 and re.search(r">[0-9]{4,} rows<", page.read_text()),
+                      "the number of rows in the history", 30)
         start = time.monotonic()
         self.assertEqual(report(page).returncode, 0)
         made = time.monotonic() - start
@@ -254,9 +257,7 @@ class Report(machine.Machine):
         self.assertLess(size, 3_000_000)
         if RULES >= 10_000:
             self.assertLess(ready, 2)
-        # Of a change of so many rows the number is told, of one of few the rows are.
         history = self.script("return document.getElementById('history').parentElement.textContent")
-        self.assertRegex(history, r"\b\d{4,} rows")
         self.assertIn("MoatKeeperRuleset Id ", history)
         self.script("location.hash = document.querySelector('#picture td.partly a:nth-of-type(2)').hash")
         self.assertIn("ACCEPT for ordinary frames", self.shown())
