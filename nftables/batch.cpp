@@ -179,6 +179,13 @@ std::size_t Batch::deleteRules(const std::string& chain)
     return end(message);
 }
 
+std::size_t Batch::deleteTable()
+{
+    nlmsghdr* message = begin(NFT_MSG_DELTABLE, 0);
+    putText(message, NFTA_TABLE_NAME, m_table.c_str());
+    return end(message);
+}
+
 Bytes Batch::finish(std::uint32_t first)
 {
     auto* const last = reinterpret_cast<nlmsghdr*>(m_bytes.data() + m_last);

@@ -42,6 +42,7 @@ public:
     std::size_t addChainPolicy(const std::string& chain, const std::string& policy); // at the end of a user chain
     std::size_t deleteRule(const std::string& chain, std::uint64_t handle);
     std::size_t deleteRules(const std::string& chain);
+    std::size_t deleteTable(); // with all that is in it
 
     // Another message: `put` is called with it to add its attributes, at most `size` bytes of them. type: as in
     // NFT_MSG_NEWSET.

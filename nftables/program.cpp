@@ -601,16 +601,9 @@ std::vector<ebtables::Origin> movedMarks(const compiled::Program& from, const co
     return moved;
 }
 
-void removeProgram(Batch& batch)
-{
-    const std::string& table = batch.table();
-    batch.add(NFT_MSG_DELTABLE, 0, longestElement,
-              [&](nlmsghdr* message) { putText(message, NFTA_TABLE_NAME, table.c_str()); });
-}
-
 void renewTable(Batch& batch)
 {
-    removeProgram(batch);
+    batch.deleteTable();
     const std::string& table = batch.table();
     batch.add(NFT_MSG_NEWTABLE, NLM_F_CREATE, longestElement,
               [&](nlmsghdr* message) { putText(message, NFTA_TABLE_NAME, table.c_str()); });

@@ -20,8 +20,6 @@
 namespace nftables
 {
 
-inline constexpr const char* compiledTable = "moatkeeper";
-
 // What rules have counted, by their marks.
 using CountersByMark = std::unordered_map<ebtables::Origin, Counters>;
 
@@ -41,9 +39,7 @@ std::vector<ebtables::Origin> addChanges(Batch& batch, const compiled::Program& 
 std::vector<ebtables::Origin> movedMarks(const compiled::Program& from, const compiled::Program& to,
                                          const compiled::Difference& difference);
 
-// Takes the table out, if there is one, with all that is in it.
-void removeProgram(Batch& batch);
-// And makes an empty one in its place.
+// Takes the table out, with all that is in it, and makes an empty one in its place.
 void renewTable(Batch& batch);
 
 // A map's user data: this, how many parts its keys have, and their sizes.

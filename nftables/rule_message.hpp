@@ -16,6 +16,7 @@ namespace nftables
 {
 
 inline constexpr const char* filterTable = "filter";
+inline constexpr const char* compiledTable = "moatkeeper"; // that of the compiled form
 
 // A rule's message. Views are of the message.
 struct RuleView {

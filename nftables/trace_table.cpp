@@ -129,8 +129,7 @@ Result addTraceTable(Connection& connection, const std::string& table, const Tra
 Result removeTable(Connection& connection, const std::string& table)
 {
     Batch batch(std::nullopt, table);
-    batch.add(NFT_MSG_DELTABLE, 0, roomForChain,
-              [&](nlmsghdr* message) { putText(message, NFTA_TABLE_NAME, table.c_str()); });
+    batch.deleteTable();
     return connection.apply(batch);
 }
 

@@ -88,6 +88,7 @@ void DeviceRow::update(std::int32_t change, const QueueStatus& status)
     add(device::repaired, status.lastRepair ? text::utcTime(status.lastRepair->when) : std::string());
     add(device::repairedWhat,
         status.lastRepair ? text::oneLine(status.lastRepair->what, longestReason) : std::string());
+    add(device::engine, text::oneLine(status.form, longestReason));
     add(device::version, std::string(MOATKEEPER_VERSION));
     add(device::started, m_started);
     writeSoon();

@@ -136,8 +136,11 @@ public:
     void process()
     {
         if (!m_all && m_changedTables.empty()) {
-            if (std::exchange(m_numberChanged, false))
-                tellDevice();
+            if (std::exchange(m_numberChanged, false)) {
+                chooseForm();
+                m_queue.endDelivery();
+                queueHasRun();
+            }
             return;
         }
         m_numberChanged = false;
@@ -145,6 +148,7 @@ public:
             m_all ? std::vector<std::string>{""} : deliveryNames(m_tableNames, m_changedTables);
         m_all = false;
         m_changedTables.clear();
+        chooseForm();
         deliver(names);
         malloc_trim(0); // what a message, a read and a commit took for a while; the next may be days away
         queueHasRun();
@@ -247,6 +251,13 @@ private:
         for (const std::string& name : names)
             m_handler->loadFromConfig(*m_source, name);
         m_handler->commitToSystem(*m_source, &m_queue);
+    }
+
+    // As the row says that is also the change's.
+    void chooseForm()
+    {
+        const auto rows = m_link->tables().rows(schema::changeTable);
+        m_queue.setCompiled(!rows.empty() && rows.front().values.text(1) == schema::compiledEngine);
     }
 
     // After whatever may have changed what is in force.

@@ -11,6 +11,10 @@ namespace schema
 // One row. Who changes the configuration raises the number in the same transaction.
 inline constexpr std::string_view changeTable = "MoatKeeperChange";
 inline constexpr std::string_view changeNumber = "Number";
+// The form that the rules are to have in the devices' kernels; empty is plain.
+inline constexpr std::string_view changeEngine = "Engine";
+inline constexpr std::string_view compiledEngine = "compiled";
+inline constexpr std::string_view plainEngine = "plain";
 // The number after the last one is 0. The schema lets this one in for the moment between adding 1 and taking the rest.
 inline constexpr std::int32_t changeNumbers = 2'000'000'000;
 
@@ -36,8 +40,9 @@ inline constexpr std::string_view notInForce = "NotInForce";           // "line 
 inline constexpr std::string_view notInForceCount = "NotInForceCount"; // of all, also those beyond maximumNotInForce
 inline constexpr std::string_view repaired = "Repaired";               // when another program's change was put right
 inline constexpr std::string_view repairedWhat = "RepairedWhat";       // who had changed what
-inline constexpr std::string_view version = "Version";                 // the daemon's
-inline constexpr std::string_view started = "Started";                 // when the daemon did; empty: it was stopped
+inline constexpr std::string_view engine = "Engine";   // the form of the rules there, and why not another
+inline constexpr std::string_view version = "Version"; // the daemon's
+inline constexpr std::string_view started = "Started"; // when the daemon did; empty: it was stopped
 } // namespace device
 
 inline constexpr std::size_t maximumNotInForce = 1'000;

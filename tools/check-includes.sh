@@ -24,7 +24,8 @@ schema               platform
 schema/server        schema ovsdb platform text
 
 platform_linux       platform_linux/queue platform ebtables ovsdb nftables schema schema/server text system
-platform_linux/queue platform_linux platform compiled ebtables nftables schema subprocess text system
+platform_linux/queue platform_linux platform ebtables nftables schema subprocess text system
+platform_linux/compiled platform_linux/queue compiled ebtables nftables
 platform_fake        platform
 
 moatctl              moatctl/command_line moatctl/verbs schema unistd.h sys/ioctl.h

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Makes the Debian packages moatkeeper, moatkeeper-tools and moatkeeper-dev.
+# Makes the Debian packages moatkeeper, moatkeeper-compiled, moatkeeper-tools and moatkeeper-dev.
 # usage: tools/packages.sh [--from BUILD] [FOLDER]
 #   --from BUILD   of a build folder as it is, instead of build/release, which is built first
 #   FOLDER         where to put them, instead of build/packages; others there of these names are overwritten

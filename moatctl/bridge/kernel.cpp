@@ -1,5 +1,6 @@
 #include "moatctl/bridge/kernel.hpp"
 
+#include "moatctl/bridge/compiled_kernel.hpp"
 #include "nftables/connection.hpp"
 #include "subprocess/run.hpp"
 #include "text/one_line.hpp"
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
+#include <utility>
 
 namespace moatctl
 {
@@ -20,16 +22,25 @@ constexpr const char* daemonsLock = "/run/moatkeeper/lock";
 
 } // namespace
 
-std::optional<ebtables::Table> readKernel(std::string& reason)
+std::optional<KernelState> readKernel(std::string& reason)
 {
     const subprocess::RunResult result = subprocess::run(saveProgram, {"-c"}, "");
     const bool exited = result.end == subprocess::RunResult::End::Exited;
-    if (exited && result.exitCode == 0)
-        return ebtables::parseSaved(result.output);
+    if (exited && result.exitCode == 0) {
+        std::optional<nftables::HeldProgram> compiled = readCompiled(reason);
+        if (!compiled)
+            return std::nullopt;
+        return KernelState{ebtables::parseSaved(result.output), *std::move(compiled)};
+    }
     reason = exited ? std::string(saveProgram) + ": " + text::oneLine(result.errors) : result.reason;
     if (result.error == ENOENT)
         reason += "; install the package ebtables";
     return std::nullopt;
+}
+
+ebtables::Table rulesOf(KernelState state, const ebtables::Table& wanted)
+{
+    return state.isCompiled() ? asRules(state.plain, state.compiled, wanted) : std::move(state.plain);
 }
 
 std::optional<CommitTime> lastCommit(std::string& reason)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ebtables/table.hpp"
+#include "nftables/program_reader.hpp"
 
 #include <chrono>
 #include <cstdint>
@@ -11,8 +12,18 @@
 namespace moatctl
 {
 
+struct KernelState {
+    ebtables::Table plain; // ebtables' own table
+    nftables::HeldProgram compiled;
+
+    bool isCompiled() const { return compiled.table != 0; }
+};
+
 // With counters. Nothing, and a reason in one line, when it cannot be read.
-std::optional<ebtables::Table> readKernel(std::string& reason);
+std::optional<KernelState> readKernel(std::string& reason);
+
+// In either form: what is compiled comes back as the rules of `wanted`, which it was made of.
+ebtables::Table rulesOf(KernelState state, const ebtables::Table& wanted);
 
 using CommitTime = std::chrono::sys_time<std::chrono::nanoseconds>;
 

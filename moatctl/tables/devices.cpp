@@ -62,6 +62,7 @@ std::vector<Device> devicesOf(const ovsdb::TableCache& cache)
                            .notInForceCount = static_cast<std::size_t>(number(device::notInForceCount)),
                            .repaired = text(device::repaired),
                            .repairedWhat = text(device::repairedWhat),
+                           .engine = text(device::engine),
                            .version = text(device::version),
                            .started = text(device::started)});
     }

@@ -34,6 +34,7 @@ struct Device {
     std::size_t notInForceCount = 0;
     std::string repaired;
     std::string repairedWhat;
+    std::string engine; // "compiled", "plain", or "plain: " and why
     std::string version;
     std::string started;
 

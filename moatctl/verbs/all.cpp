@@ -14,7 +14,7 @@ std::span<const Verb> allVerbs()
         Verb{addUndo, false},       Verb{addConfirm, false},   Verb{addCancel, false},  Verb{addCheck, false},
         Verb{addAcknowledge, true}, Verb{addExplain, false},   Verb{addMatrix, false},  Verb{addTrace, false},
         Verb{addStatus, false},     Verb{addTop, false},       Verb{addMetrics, false}, Verb{addReport, false},
-        Verb{addMonitor, false},
+        Verb{addMonitor, false},    Verb{addEngine, false},
     };
     return verbs;
 }

@@ -44,9 +44,9 @@ Applied withRows(ebtables::Table kernel, const Applied& configured, const std::v
 void lookAt(Scene& scene, Program& program, const ScenePlace& place)
 {
     std::string unread;
-    std::optional<ebtables::Table> kernel;
+    std::optional<KernelState> held;
     if (place.path.empty() && !place.configured)
-        kernel = readKernel(unread);
+        held = readKernel(unread);
     try {
         if (place.path.empty()) {
             ovsdb::Client client = program.connect();
@@ -56,22 +56,23 @@ void lookAt(Scene& scene, Program& program, const ScenePlace& place)
         }
         scene.configured = apply(expectedOf(*scene.configuration));
     } catch (const ovsdb::Error& error) {
-        if (!kernel)
+        if (!held || held->isCompiled()) // which rules were compiled only the configuration says
             throw;
         program.err << "note: " << error.what() << "; rows cannot be named\n";
     }
-    if (!kernel) {
+    if (!held) {
         scene.name = place.path.empty() ? "the configuration" : "the configuration in " + nameOf(place.path);
         if (!unread.empty())
             scene.name += "; the kernel's tables cannot be read: " + unread;
         return;
     }
     scene.name = "the kernel's tables";
-    const std::vector<Entry> entries = compare(scene.configured.table, *kernel);
+    ebtables::Table kernel = rulesOf(*std::move(held), scene.configured.table);
+    const std::vector<Entry> entries = compare(scene.configured.table, kernel);
     scene.differs = scene.configuration &&
                     std::ranges::any_of(entries, [](const Entry& entry) { return entry.state != EntryState::Same; });
-    scene.kernel = scene.configuration ? withRows(*std::move(kernel), scene.configured, entries)
-                                       : Applied{.table = *std::move(kernel), .refused = {}, .rows = {}};
+    scene.kernel = scene.configuration ? withRows(std::move(kernel), scene.configured, entries)
+                                       : Applied{.table = std::move(kernel), .refused = {}, .rows = {}};
 }
 
 std::string Scene::nameOf(ebtables::Origin origin) const

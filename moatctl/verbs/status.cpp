@@ -93,15 +93,15 @@ Sheet devicesSheet(const View& view)
     Sheet sheet{"devices",
                 "Devices",
                 {"NAME", "STATE", "NUMBER", "SINCE", "IN_STEP", "IN_STEP_SINCE", "REASON", "RULES", "NOT_IN_FORCE",
-                 "REPAIRED", "REPAIRED_WHAT", "VERSION", "STARTED"},
+                 "REPAIRED", "REPAIRED_WHAT", "ENGINE", "VERSION", "STARTED"},
                 {}};
     using tessera::Value;
     for (const Device& device : view.devices)
         sheet.rows.push_back({Value(device.name), Value(inWords(device, view)), Value(device.number),
                               Value(device.since), Value(device.inStep ? 1 : 0), Value(device.inStepSince),
                               Value(device.reason), Value(device.rules), std::uint64_t{device.notInForceCount},
-                              Value(device.repaired), Value(device.repairedWhat), Value(device.version),
-                              Value(device.started)});
+                              Value(device.repaired), Value(device.repairedWhat), Value(device.engine),
+                              Value(device.version), Value(device.started)});
     return sheet;
 }
 

@@ -3,6 +3,7 @@
 #include "moatctl/bridge/kernel.hpp"
 #include "moatctl/check/check.hpp"
 #include "moatctl/tables/server.hpp"
+#include "schema/device.hpp"
 
 #include <algorithm>
 #include <chrono>
@@ -49,7 +50,7 @@ bool anyIsBehind(const ovsdb::TableCache& state)
 // Fills it in place: what it holds points into the configuration.
 void look(Program& program, View& view, std::optional<Clock::time_point> waitUntil)
 {
-    std::future<std::optional<ebtables::Table>> kernel;
+    std::future<std::optional<KernelState>> kernel;
     const auto askKernel = [&] { kernel = std::async(std::launch::async, readKernel, std::ref(view.noKernel)); };
     try {
         ovsdb::Client client = program.connect();
@@ -68,7 +69,8 @@ void look(Program& program, View& view, std::optional<Clock::time_point> waitUnt
     }
     if (!kernel.valid())
         askKernel();
-    view.kernel = kernel.get();
+    if (std::optional<KernelState> held = kernel.get())
+        view.kernel = rulesOf(*std::move(held), view.applied.table);
     // Without the server there is nothing to compare with: everything is shown as it is.
     if (view.kernel)
         view.entries = compare(view.applied.table, *view.kernel);
@@ -159,7 +161,9 @@ std::string inWords(const Device& device, const View& view)
     if (isBehind(device, view.number))
         return "behind: it has not said that the last change is in force; its daemon is busy, or has ended";
     return "in step since " + device.inStepSince + ", the last change in force since " + device.since + ", " +
-           std::to_string(device.rules) + " rules, moatkeeper " + device.version;
+           std::to_string(device.rules) + " rules" +
+           (device.engine.empty() || device.engine == schema::plainEngine ? "" : " (" + device.engine + ')') +
+           ", moatkeeper " + device.version;
 }
 
 } // namespace moatctl

@@ -1,6 +1,7 @@
 #include "platform_linux/queue/kernel_tables.hpp"
 
 #include "ebtables/line_parser.hpp"
+#include "platform_linux/queue/compiled_form.hpp"
 #include "platform_linux/queue/difference.hpp"
 
 #include <algorithm>
@@ -20,10 +21,6 @@ namespace
 using Kind = Change::Kind;
 using nftables::Answer;
 
-constexpr unsigned maxReads = 12;  // while others change the tables all the time
-constexpr unsigned namedTries = 3; // then the generation is not named any more
-constexpr unsigned maxTries = 40;
-constexpr unsigned maxUnclear = 3;
 constexpr std::size_t fewKept = 50;       // rules are asked for one by one
 constexpr std::size_t manyMessages = 500; // of a batch: then nobody listens to what the kernel tells of each
 
@@ -246,6 +243,7 @@ bool KernelTables::know(std::string& reason)
     m_leftover = {};
     m_everRead = true;
     m_isKnown = true;
+    ++m_looks;
     return true;
 }
 
@@ -330,7 +328,7 @@ nftables::Batch KernelTables::build(const std::vector<Change>& changes, bool nam
     const CountersByHandle counters = readCounters(changes);
     nftables::Batch batch(named ? std::optional(m_generation) : std::nullopt);
     for (const Change& change : changes) {
-        const ImageChain* chain = m_wanted.find(change.chain);
+        const ImageChain* chain = m_target->find(change.chain);
         switch (change.kind) {
         case Kind::AddBuiltIn:
             batch.addBuiltInChain(change.chain, chain->policy);
@@ -366,20 +364,26 @@ nftables::Batch KernelTables::build(const std::vector<Change>& changes, bool nam
     return batch;
 }
 
-// unheard: what others have done meanwhile is not told.
-nftables::Result KernelTables::send(nftables::Batch& batch, bool& unheard)
+nftables::Result KernelTables::send(nftables::Batch& batch, bool named)
 {
     if (batch.messages() > manyMessages)
         m_watch.listen(false);
     nftables::Result result = m_connection.apply(batch);
     m_isForbidden = result.answer == Answer::Forbidden;
-    unheard = m_watch.descriptor() >= 0 && !m_watch.isListening();
+    const bool unheard = m_watch.descriptor() >= 0 && !m_watch.isListening();
     if (unheard)
         m_watch.listen(true);
+    if (result.answer == Answer::Done) {
+        m_ownGeneration = result.generation.value_or(m_ownGeneration);
+        m_sureOfGeneration = named && result.generation.has_value();
+        m_generation = result.generation.value_or(m_generation);
+        if (unheard && m_connection.generation().generation != m_ownGeneration)
+            m_isKnown = false; // somebody was there while we did not listen
+    }
     return result;
 }
 
-KernelTables::Outcome KernelTables::bring()
+KernelTables::Outcome KernelTables::bring(CompiledForm* form)
 {
     Outcome outcome;
     unsigned unclear = 0;
@@ -387,9 +391,10 @@ KernelTables::Outcome KernelTables::bring()
     for (unsigned tries = 0; tries < maxTries; ++tries) {
         if (!know(outcome.reason))
             return outcome;
-        const std::vector<Change> changes = difference(m_actual, m_wanted);
+        m_target = form != nullptr ? &form->rest() : &m_wanted;
+        const std::vector<Change> changes = difference(m_actual, *m_target);
         if (changes.empty()) {
-            m_actual = m_wanted;
+            m_actual = *m_target;
             outcome.done = true;
             outcome.reason.clear();
             return outcome;
@@ -398,26 +403,24 @@ KernelTables::Outcome KernelTables::bring()
         const bool named = m_sureOfGeneration && changedMeanwhile < namedTries;
         m_beforeChange();
         nftables::Batch batch = build(changes, named);
-        bool unheard = false;
-        const nftables::Result result = send(batch, unheard);
+        const nftables::Result result = send(batch, named);
         outcome.reason = result.reason;
         switch (result.answer) {
         case Answer::Done:
             outcome.done = true;
             outcome.changed = true;
             outcome.reason.clear();
-            m_ownGeneration = result.generation.value_or(m_ownGeneration);
-            m_sureOfGeneration = named && result.generation.has_value();
-            m_generation = result.generation.value_or(m_generation);
             takeHandles(changes, result);
-            if (unheard && m_connection.generation().generation != m_ownGeneration)
-                m_isKnown = false; // somebody was there while we did not listen
             return outcome;
         case Answer::Changed:
             ++changedMeanwhile;
             m_isKnown = false;
             continue;
         case Answer::Refused:
+            if (m_target != &m_wanted) { // from here on they are the same
+                form->refuse(result.reason);
+                continue;
+            }
             if (named) {
                 tries = 0; // each time less is wanted
                 drop(changes, result.refusals, outcome);
@@ -430,7 +433,7 @@ KernelTables::Outcome KernelTables::bring()
                 if (!know(outcome.reason))
                     return outcome;
                 if (sameRules(before, m_actual)) {
-                    difference(m_actual, m_wanted);
+                    difference(m_actual, *m_target);
                     drop(changes, result.refusals, outcome);
                 }
             }
@@ -451,19 +454,40 @@ KernelTables::Outcome KernelTables::bring()
     return outcome;
 }
 
+bool KernelTables::hasCompiledTable()
+{
+    std::vector<nftables::ChainView> chains;
+    std::uint64_t table = 0;
+    m_connection.readChains(chains, table, nftables::compiledTable);
+    return table != 0;
+}
+
+// A frame on its way has the rules as they were when it came, but looks into the maps as they are: so nothing leads to
+// these any more before they go.
+void KernelTables::removeCompiledTable()
+{
+    nftables::Batch emptied(std::nullopt, nftables::compiledTable);
+    for (const char* const chain : {"INPUT", "FORWARD"})
+        emptied.deleteRules(chain);
+    m_connection.apply(emptied);
+    nftables::Batch gone(std::nullopt, nftables::compiledTable);
+    gone.deleteTable();
+    m_connection.apply(gone);
+}
+
 void KernelTables::takeHandles(const std::vector<Change>& changes, const nftables::Result& result)
 {
     const bool told = numberRules(changes, result.newRules) && m_actual.table != 0;
-    m_wanted.table = m_actual.table;
+    m_target->table = m_actual.table;
     if (!told) {
-        m_actual = m_wanted;
+        m_actual = *m_target;
         if (!readHandles()) {
             m_isKnown = false;
             m_leftover.unite(m_wanted.footprint());
             return;
         }
     }
-    m_actual = m_wanted;
+    m_actual = *m_target;
 }
 
 // The kernel counts handles upwards. When between the first new rule's and the last one's there are as many as rules
@@ -473,9 +497,9 @@ bool KernelTables::numberRules(const std::vector<Change>& changes, const std::ve
     std::vector<std::uint64_t*> handles;
     for (const Change& change : changes) {
         if (change.kind == Kind::AddRule)
-            handles.push_back(&m_wanted.find(change.chain)->rules[change.index].handle);
+            handles.push_back(&m_target->find(change.chain)->rules[change.index].handle);
         else if (change.kind == Kind::AddChainPolicy)
-            handles.push_back(&m_wanted.find(change.chain)->policyHandle);
+            handles.push_back(&m_target->find(change.chain)->policyHandle);
     }
     if (handles.empty())
         return true;
@@ -490,14 +514,14 @@ bool KernelTables::numberRules(const std::vector<Change>& changes, const std::ve
 bool KernelTables::readHandles()
 {
     std::vector<nftables::ChainView> chains;
-    if (m_connection.readChains(chains, m_wanted.table).answer != Answer::Done || m_wanted.table == 0)
+    if (m_connection.readChains(chains, m_target->table).answer != Answer::Done || m_target->table == 0)
         return false;
     std::map<std::string, std::size_t, std::less<>> counts;
     bool good = true;
     bool settled = true;
     const nftables::Result result = m_connection.readRules(
         [&](const nftables::RuleView& rule) {
-            ImageChain* chain = m_wanted.find(rule.chain);
+            ImageChain* chain = m_target->find(rule.chain);
             std::size_t& count = counts.try_emplace(std::string(rule.chain), 0).first->second;
             if (chain == nullptr || count > chain->rules.size()) {
                 good = false;
@@ -541,10 +565,10 @@ void KernelTables::drop(const std::vector<Change>& changes, const std::vector<nf
             if (std::exchange(judgedAsWhole, true))
                 continue;
         }
-        ImageChain* chain = m_wanted.find(change.chain);
+        ImageChain* chain = m_target->find(change.chain);
         Dropped& dropped = outcome.dropped.emplace_back();
         dropped.chain = change.chain;
-        dropped.what = describe(change, m_wanted);
+        dropped.what = describe(change, *m_target);
         dropped.reason = refusal.text;
         switch (change.kind) {
         case Kind::AddRule:
@@ -565,7 +589,7 @@ void KernelTables::drop(const std::vector<Change>& changes, const std::vector<nf
             break;
         case Kind::DeleteChain: // others have a way to it: it stays, empty, and is theirs
             if (const ImageChain* actual = m_actual.find(change.chain)) {
-                ImageChain& kept = m_wanted.chains[change.chain];
+                ImageChain& kept = m_target->chains[change.chain];
                 kept = *actual;
                 kept.rules.clear();
             }
@@ -577,17 +601,17 @@ void KernelTables::drop(const std::vector<Change>& changes, const std::vector<nf
         }
     }
     for (const auto& [name, indices] : rules) {
-        std::vector<ImageRule>& list = m_wanted.find(name)->rules;
+        std::vector<ImageRule>& list = m_target->find(name)->rules;
         for (auto index = indices.rbegin(); index != indices.rend(); ++index)
             list.erase(list.begin() + static_cast<std::ptrdiff_t>(*index));
     }
     for (const std::string& name : chains) {
-        ImageChain* chain = m_wanted.find(name);
+        ImageChain* chain = m_target->find(name);
         if (chain->builtIn) {
             chain->present = false;
             chain->rules.clear();
         } else {
-            m_wanted.chains.erase(name);
+            m_target->chains.erase(name);
         }
     }
 }

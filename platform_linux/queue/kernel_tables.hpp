@@ -19,6 +19,8 @@
 namespace zol::cfg
 {
 
+class CompiledForm;
+
 // Something wanted that the kernel takes never; it is wanted no more.
 struct Dropped {
     std::string chain;
@@ -34,6 +36,8 @@ public:
     // beforeChange: called before anything is sent that changes the tables.
     KernelTables(RulePool& pool, std::function<void()> beforeChange,
                  nftables::SocketOpener opener = nftables::openSocket);
+    KernelTables(const KernelTables&) = delete;
+    KernelTables& operator=(const KernelTables&) = delete;
 
     // What is to be there; commands are played on it.
     TableImage& wanted() { return m_wanted; }
@@ -55,8 +59,9 @@ public:
     // Reads the tables if they are not known. True when they are.
     bool know(std::string& reason);
 
-    // Makes the tables as wanted, in one transaction.
-    Outcome bring();
+    // Makes ebtables' table as wanted, in one transaction. form: who says what is to be there instead of all that is
+    // wanted, or null.
+    Outcome bring(CompiledForm* form = nullptr);
 
     // Whether the last of these failed for lack of a right.
     bool isForbidden() const { return m_isForbidden; }
@@ -95,6 +100,44 @@ public:
     // Whether the text is in use.
     void collectTexts(const std::function<void(RulePool::Text)>& use) const;
 
+    // ---- the table of the compiled form
+
+    // Whether the kernel has one, of whatever process.
+    bool hasCompiledTable();
+
+    // Takes it out, as far as it may. What it decides must be decided elsewhere by then.
+    void removeCompiledTable();
+
+    // ---- for who brings it there (compiled_form.hpp), through the same connection
+
+    static constexpr unsigned maxReads = 12;  // while others change the tables all the time
+    static constexpr unsigned namedTries = 3; // then the generation is not named any more
+    static constexpr unsigned maxTries = 40;
+    static constexpr unsigned maxUnclear = 3;
+
+    nftables::Connection& connection() { return m_connection; }
+
+    // What was there when it was last known.
+    const TableImage& actual() const { return m_actual; }
+
+    // So many times the tables were read: what was known of other tables before may be so no more.
+    std::size_t looks() const { return m_looks; }
+
+    // That what is known is exactly, if that is sure.
+    std::optional<std::uint32_t> generation() const
+    {
+        return m_sureOfGeneration ? std::optional(m_generation) : std::nullopt;
+    }
+
+    // To be called before a batch is built.
+    void beforeChange() { m_beforeChange(); }
+
+    // named: the batch names the generation. What others do meanwhile is noticed.
+    nftables::Result send(nftables::Batch& batch, bool named);
+
+    // Tells of something as of what others did.
+    void addDrift(std::string what) { m_drift.push_back(std::move(what)); }
+
 private:
     bool read(TableImage& image, std::uint32_t& generation, bool& settled, std::string& reason);
     using CountersByHandle = std::unordered_map<std::uint64_t, nftables::Counters>;
@@ -103,7 +146,6 @@ private:
     nftables::Batch build(const std::vector<Change>& changes, bool named);
     void drop(const std::vector<Change>& changes, const std::vector<nftables::Refusal>& refusals, Outcome& outcome);
     void takeHandles(const std::vector<Change>& changes, const nftables::Result& result);
-    nftables::Result send(nftables::Batch& batch, bool& unheard);
     bool numberRules(const std::vector<Change>& changes, const std::vector<nftables::NewRule>& told);
     bool readHandles();
     void forgetHandles();
@@ -115,10 +157,12 @@ private:
     nftables::Connection m_connection;
     nftables::GenerationWatch m_watch;
     TableImage m_wanted = TableImage::untouched();
-    TableImage m_actual;     // as last known
-    bool m_everRead = false; // m_actual says something
+    TableImage m_actual;              // as last known
+    TableImage* m_target = &m_wanted; // what is being brought there
+    bool m_everRead = false;          // m_actual says something
     bool m_isForbidden = false;
-    bool m_isKnown = false;         // and it is what is there, as far as we have heard
+    bool m_isKnown = false; // and it is what is there, as far as we have heard
+    std::size_t m_looks = 0;
     std::uint32_t m_generation = 0; // that m_actual is exactly
     std::uint32_t m_ownGeneration = 0;
     bool m_sureOfGeneration = false;

@@ -33,6 +33,7 @@ struct QueueStatus {
     std::vector<NotInForce> notInForce{}; // the first of them
     std::size_t notInForceCount = 0;      // all
     std::optional<Repair> lastRepair{};
+    std::string form{}; // "plain" or "compiled"; "plain: " and why not compiled
 };
 
 } // namespace zol::cfg

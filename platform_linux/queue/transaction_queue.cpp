@@ -4,6 +4,7 @@
 #include "nftables/generation_watch.hpp"
 #include "platform/sysloglevel.h"
 #include "platform_linux/queue/footprint.hpp"
+#include "platform_linux/queue/forms.hpp"
 #include "platform_linux/queue/kernel_tables.hpp"
 #include "platform_linux/queue/legacy_tables.hpp"
 #include "platform_linux/queue/line_cache.hpp"
@@ -103,9 +104,12 @@ public:
         return std::exchange(m_groupRefused, false) ? -1 : 0;
     }
 
+    void setCompiled(bool compiled) { m_formChanged = m_forms.choose(compiled) || m_formChanged; }
+
     void deliver()
     {
-        if (m_closedLines == 0)
+        const bool formChanged = std::exchange(m_formChanged, false) && m_everDone;
+        if (m_closedLines == 0 && !formChanged)
             return;
         if (!m_nextTry || isTime())
             return carryOut();
@@ -226,7 +230,8 @@ public:
                            .reason = m_waiting ? m_lastReason : "",
                            .rules = m_tables.countOurRules(),
                            .notInForce = {},
-                           .lastRepair = m_lastRepair};
+                           .lastRepair = m_lastRepair,
+                           .form = m_form};
         m_refusals.forEachAddition([&](const std::string& line, const std::string& reason) {
             if (status.notInForceCount++ < mostLines)
                 status.notInForce.push_back({line, reason});
@@ -249,6 +254,7 @@ private:
         }
         warning(104, version.text + " knows no transactions: commits are not atomic, lines are run one at a time");
         m_legacy.emplace(m_options.tools, m_options.limits);
+        m_forms.stayPlain("the legacy tool knows no maps");
     }
 
     void watch()
@@ -403,11 +409,11 @@ private:
         if (m_legacy)
             return carryOutLegacy();
         std::string reason;
-        const bool known = m_tables.know(reason);
+        const bool known = m_forms.know(reason);
         playClosed();
         if (!known)
             return cannotRun(reason, m_tables.isForbidden());
-        const KernelTables::Outcome outcome = m_tables.bring();
+        const KernelTables::Outcome outcome = m_forms.bring();
         for (const Dropped& dropped : outcome.dropped)
             tellDropped(dropped);
         tellDrift();
@@ -417,6 +423,7 @@ private:
             return cannotRun(outcome.reason, m_tables.isForbidden());
         m_hasLeftover = false;
         done();
+        tellForm();
         const Footprint footprint = m_tables.footprint();
         if (m_queued.empty())
             m_gate.settle(ebtables::OwnChains(footprint.chains()));
@@ -444,6 +451,7 @@ private:
             return cannotRun(outcome.reason);
         m_hasLeftover = false;
         done();
+        tellForm();
         const Footprint footprint = m_legacy->footprint();
         m_gate.settle(ebtables::OwnChains(footprint.chains()));
         writeRecord(footprint);
@@ -496,6 +504,19 @@ private:
         if (verdict.tellStorm)
             warning(117, "other programs keep changing it; it is put back each time, with growing pauses, and told "
                          "now and then only");
+    }
+
+    void tellForm()
+    {
+        const std::string form = m_forms.inWords();
+        if (form == m_form)
+            return;
+        m_form = form;
+        const std::string text = "the form of the rules in the kernel is " + m_form;
+        if (m_form.find(':') != std::string::npos)
+            warning(119, text);
+        else
+            info(120, text);
     }
 
     void scheduleCheck()
@@ -600,6 +621,7 @@ private:
     LineCache m_cache;
     std::vector<PlayedCommand> m_parsed; // of the line parsed last
     KernelTables m_tables;
+    Forms m_forms{m_tables};
     std::optional<LegacyTables> m_legacy;
     Refusals m_refusals;
 
@@ -609,6 +631,9 @@ private:
     std::size_t m_closed = 0; // so many of those queued are in groups that process has closed
     std::size_t m_closedLines = 0;
     bool m_groupRefused = false;
+
+    bool m_formChanged = false;   // and nothing was carried out since
+    std::string m_form = "plain"; // that is in the kernel, and why not the other one
 
     bool m_waiting = false; // the tables are not as wanted
     bool m_everDone = false;
@@ -648,6 +673,11 @@ void TransactionQueue::keep()
 void TransactionQueue::look()
 {
     m_state->look();
+}
+
+void TransactionQueue::setCompiled(bool compiled)
+{
+    m_state->setCompiled(compiled);
 }
 
 void TransactionQueue::addCommand(const std::string& commandLine)

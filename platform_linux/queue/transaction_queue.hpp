@@ -62,6 +62,11 @@ public:
     // Looks at the tables and puts right what is not as it should be, and tries again what waits, at once.
     void look();
 
+    // The form that the rules are to have in the kernel (docs/decisions/compiled-form.md), from the next commit on;
+    // after the first one at once. Where the compiled form cannot be, the log and the status say why, and they stay
+    // plain.
+    void setCompiled(bool compiled);
+
     void addCommand(const std::string& commandLine) override;
     int process() override;
 

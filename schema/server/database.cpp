@@ -48,17 +48,26 @@ ovsdb::Column column(std::string_view name, ovsdb::ColumnKind kind)
             .ifUnset = kind == Text ? tessera::Value(std::string()) : tessera::Value(0)};
 }
 
+ovsdb::Column optionalText(std::string_view name)
+{
+    ovsdb::Column result = column(name, Text);
+    result.optional = true;
+    return result;
+}
+
 ovsdb::Database withDevices(ovsdb::Database database)
 {
-    database.tables.push_back(
-        {.name = std::string(changeTable), .columns = {column(changeNumber, Integer)}, .mayBeMissing = true});
+    database.tables.push_back({.name = std::string(changeTable),
+                               .columns = {column(changeNumber, Integer), optionalText(changeEngine)},
+                               .mayBeMissing = true});
     database.tables.push_back(
         {.name = std::string(deviceTable),
          .columns = {column(device::name, Text), column(device::number, Integer), column(device::since, Text),
                      column(device::inStep, Integer), column(device::inStepSince, Text), column(device::reason, Text),
                      column(device::rules, Integer), column(device::notInForce, Text),
                      column(device::notInForceCount, Integer), column(device::repaired, Text),
-                     column(device::repairedWhat, Text), column(device::version, Text), column(device::started, Text)},
+                     column(device::repairedWhat, Text), column(device::engine, Text), column(device::version, Text),
+                     column(device::started, Text)},
          .mayBeMissing = true});
     database.tables.push_back({.name = std::string(historyTable),
                                .columns = {column(history::number, Integer), column(history::sum, Text)},

@@ -12,7 +12,7 @@ import sys
 import tempfile
 import unittest
 
-from lab import kernel, machine, packages, service_manager
+from lab import kernel, machine, packages, service_manager, waiting
 
 UNITS = ("moatkeeper.service", "moatkeeper-db.service")
 DATABASE = "/var/lib/moatkeeper/moatkeeper.db"
@@ -87,6 +87,17 @@ class Lifecycle(unittest.TestCase):
         self.assertEqual(kernel.readTables(), CLOSED)
         self.assertIn("in force", self.machine.run("moatctl", "status"))
         self.machine.run("moatctl", "global", "set", "--input", "DROP")
+
+        # Without the module, and with it.
+        self.machine.run("moatctl", "engine", "compiled")
+        self.assertIn("(plain: moatkeeper-compiled.so: cannot open", self.machine.run("moatctl", "status"))
+        self.install(self.packages["moatkeeper-compiled"])
+        self.machine.run("systemctl", "reload", UNITS[0])
+        waiting.until(lambda: "(compiled)" in self.machine.run("moatctl", "status"), "the module to be found")
+        self.machine.run("dpkg", "--purge", "moatkeeper-compiled")
+        self.machine.run("systemctl", "restart", UNITS[0])
+        kernel.waitFor(kernel.expected(INPUT=("DROP",), FORWARD=("DROP",)))
+        self.assertNotIn("moatkeeper", self.machine.run("nft", "list", "tables"))
 
         self.machine.run("dpkg", "--remove", "moatkeeper")
         self.assertRuns(False)

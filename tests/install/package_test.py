@@ -20,12 +20,14 @@ SOURCES = pathlib.Path(__file__).resolve().parents[2]
 DAEMON = ("sbin/moatkeeper", "sbin/moatkeeper-db-prepare", "share/moatkeeper/moatkeeper.ovsschema",
           "lib/systemd/system/moatkeeper.service", "lib/systemd/system/moatkeeper-db.service",
           "lib/systemd/system/moatkeeper-db-create.service", "lib/tmpfiles.d/moatkeeper.conf")
+MODULE = "lib/moatkeeper/moatkeeper-compiled.so"
 TOOLS = ("bin/moatctl", "share/bash-completion/completions/moatctl",
          "lib/systemd/system/moatkeeper-metrics.service", "lib/systemd/system/moatkeeper-metrics.timer")
 LIBRARY = ("include/moatkeeper/platform/notification_handler.hpp", "include/moatkeeper/daemon/run.hpp",
            "lib/cmake/moatkeeper/moatkeeperConfig.cmake", "lib/libmoatkeeper_daemon.a")
 PAGES = {"moatkeeper": ("share/man/man8/moatkeeper.8", "share/man/man8/moatkeeper-db.8",
                         "share/man/man5/moatkeeper-tables.5"),
+         "moatkeeper-compiled": (),
          "moatkeeper-tools": ("share/man/man8/moatctl.8",),
          "moatkeeper-dev": ()}
 
@@ -74,13 +76,13 @@ class Installed(unittest.TestCase):
         done = run("env", f"DESTDIR={self.root}", CMAKE, "--install", BUILD)
         self.assertEqual(done.returncode, 0, done.stderr)
         pages = [page for pages in PAGES.values() for page in pages]
-        self.assertWorks(PREFIX, (*DAEMON, *TOOLS, *LIBRARY, *pages, "share/moatkeeper/moatkeeper.default"))
+        self.assertWorks(PREFIX, (*DAEMON, MODULE, *TOOLS, *LIBRARY, *pages, "share/moatkeeper/moatkeeper.default"))
 
     def testPackages(self):
         self.root.mkdir()
         (self.root / "usr/lib").mkdir(parents=True)
         os.symlink("usr/lib", self.root / "lib")  # as Debian has it
-        files = {"moatkeeper": DAEMON, "moatkeeper-tools": TOOLS, "moatkeeper-dev": LIBRARY}
+        files = {"moatkeeper": DAEMON, "moatkeeper-compiled": (MODULE,), "moatkeeper-tools": TOOLS, "moatkeeper-dev": LIBRARY}
         for name, package in packages.of(BUILD).items():
             there = {line.split()[-1].removeprefix("./").removeprefix("usr/") for line in
                      run("dpkg-deb", "--contents", package).stdout.splitlines()}
@@ -120,7 +122,7 @@ class Installed(unittest.TestCase):
         return run("dpkg-deb", "--field", packages.of(BUILD)[package], name).stdout
 
     def testDependencies(self):
-        for name in ("moatkeeper", "moatkeeper-tools"):
+        for name in ("moatkeeper", "moatkeeper-compiled", "moatkeeper-tools"):
             depends = self.field(name, "Depends")
             for package in ("libc6", "libmnl0", "libstdc++6"):
                 self.assertIn(package, depends, name)

@@ -4,7 +4,7 @@ import pathlib
 import re
 import subprocess
 
-NAMES = ("moatkeeper", "moatkeeper-tools", "moatkeeper-dev")
+NAMES = ("moatkeeper", "moatkeeper-compiled", "moatkeeper-tools", "moatkeeper-dev")
 
 
 def of(build):

@@ -11,11 +11,11 @@ class Queue:
     driver = ""  # the program's path
     running = []
 
-    def __init__(self, folder, *options, anyForm=True):
+    def __init__(self, folder, *options, anyForm=True, environment=None):
         words = [self.driver, *(["--any-form"] if anyForm else []), *options, "--record", os.path.join(folder, "record")]
         self.errors = tempfile.TemporaryFile("w+", dir=folder)
         self.process = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.errors,
-                                        text=True)
+                                        text=True, env={**os.environ, **(environment or {})})
         Queue.running.append(self)
 
     def send(self, *lines):

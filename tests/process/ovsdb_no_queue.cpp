@@ -16,6 +16,7 @@ TransactionQueue::Held TransactionQueue::hold(const std::vector<std::string>&)
 }
 void TransactionQueue::keep() {}
 void TransactionQueue::look() {}
+void TransactionQueue::setCompiled(bool) {}
 void TransactionQueue::addCommand(const std::string&) {}
 int TransactionQueue::process()
 {

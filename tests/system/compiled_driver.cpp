@@ -1,6 +1,9 @@
 // Random rules and frames for a test that compares the two forms of the rules in the kernel of its network namespace.
 //
-// usage: compiled_driver rules SEED          the rules, as lines for ebtables-restore
+// usage: compiled_driver held             whether the kernel has what is made of the rules on standard input, which are
+// as
+//                                         ebtables-save prints them; then "mark packets bytes" of each chain's rules
+//        compiled_driver rules SEED          the rules, as lines for ebtables-restore
 //        compiled_driver frames SEED COUNT   frames for them: "port bytes", a line each
 //        compiled_driver apply SEED          puts the compiled form into the kernel, as table moatkeeper
 //        compiled_driver marks SEED          "chain mark" for each rule, in the order of the lines
@@ -19,6 +22,7 @@
 #include <cstdlib>
 #include <iomanip>
 #include <iostream>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -142,21 +146,45 @@ void change(Random& random, unsigned long count)
     nftables::Connection().apply(batch);
     expectHeld({}, "after all was taken out");
     nftables::Batch last(std::nullopt, nftables::compiledTable);
-    nftables::removeProgram(last);
+    last.deleteTable();
     nftables::Connection().apply(last);
     if (readBack().table != 0)
         throw std::runtime_error("the table is still there");
     std::cout << messages << " messages, " << elements << " elements of maps that stayed\n";
 }
 
+// Places depend on what was there before: what is held must be what it would be changed to.
+void checkHeld()
+{
+    const std::string text{std::istreambuf_iterator<char>(std::cin), {}};
+    ebtables::Table table = ebtables::parseSaved(text);
+    compiled::mark(table);
+    const nftables::HeldProgram held = readBack();
+    if (held.table == 0)
+        throw std::runtime_error("the kernel has no compiled form");
+    expectHeld(compiled::compile(table, &held.program).value(), "");
+    const nftables::CountersByMark counted = nftables::countedBy(held);
+    for (const ebtables::Chain& chain : table.chains) {
+        for (const ebtables::TableRule& rule : chain.rules) {
+            const auto found = counted.find(rule.origin);
+            const nftables::Counters counters = found == counted.end() ? nftables::Counters() : found->second;
+            std::cout << chain.name << ' ' << counters.packets << ' ' << counters.bytes << '\n';
+        }
+    }
+}
+
 } // namespace
 
 int main(int count, char** arguments)
 {
-    const std::string what = count > 2 ? arguments[1] : "";
+    const std::string what = count > 1 ? arguments[1] : "";
     try {
+        if (what == "held") {
+            checkHeld();
+            return 0;
+        }
         Random random(count > 2 ? static_cast<unsigned>(std::strtoul(arguments[2], nullptr, 10)) : 0);
-        if (what == "rules")
+        if (what == "rules" && count > 2)
             printRules(random.table);
         else if (what == "marks")
             printMarks(random.table);

@@ -6,6 +6,8 @@
 //   kill          SIGKILL to itself   state         prints "ready" (to wait for what came before)
 //   rights off    gives up CAP_NET_ADMIN, and takes it back with `on`; then prints after how many microseconds
 //                 everything was in force
+//   form NAME     the form that the rules are to have: plain or compiled; from the next delivery on
+//   status        prints the form that they have, with '_' for blanks
 //   memory        prints how many bytes are allocated
 // `end` prints how many microseconds it took. Between them, what others do to the tables is dealt with.
 #include "platform/sysloglevel.h"
@@ -17,6 +19,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -98,6 +101,12 @@ bool handle(zol::cfg::TransactionQueue& queue, const std::string& verb, const st
         setRights(rest == "on");
         if (rest == "on")
             rightsSince = start;
+    } else if (verb == "form") {
+        queue.setCompiled(rest == "compiled");
+    } else if (verb == "status") {
+        std::string form = queue.status(0).form;
+        std::ranges::replace(form, ' ', '_');
+        std::cout << verb << ' ' << form << std::endl;
     } else if (verb == "memory") {
         std::cout << verb << ' ' << mallinfo2().uordblks << std::endl;
     } else if (verb == "state") {

@@ -1,0 +1,123 @@
+#include "compiled/compile.hpp"
+#include "compiled/mark.hpp"
+#include "compiled/summary.hpp"
+#include "moatctl/bridge/compiled_kernel.hpp"
+#include "moatctl/bridge/expected.hpp"
+#include "moatctl/command_line/await_in_force.hpp"
+#include "moatctl/command_line/output.hpp"
+#include "moatctl/tables/devices.hpp"
+#include "moatctl/tables/edit.hpp"
+#include "moatctl/tables/server.hpp"
+#include "moatctl/verbs/all.hpp"
+#include "ovsdb/client.hpp"
+#include "ovsdb/operations.hpp"
+#include "schema/device.hpp"
+
+#include <algorithm>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <utility>
+
+namespace moatctl
+{
+
+namespace
+{
+
+struct Shown {
+    compiled::Program program;
+    std::string what; // in words
+};
+
+// What the kernel holds, or else what would be made of the configuration.
+Shown programToShow(Program& program)
+{
+    std::string reason;
+    if (std::optional<nftables::HeldProgram> held = readCompiled(reason); held && held->table != 0)
+        return {std::move(held->program), "the compiled form in the kernel"};
+    ovsdb::Client client = program.connect();
+    const Configuration configuration = loadFromServer(client);
+    ebtables::Table table = apply(expectedOf(configuration)).table;
+    compiled::mark(table);
+    std::optional<compiled::Program> made = compiled::compile(table);
+    if (!made)
+        throw Failure(ExitStatus::BadInput, "the configuration has rules that cannot be compiled");
+    return {*std::move(made), "what would be made of the configuration: the kernel has the plain form"};
+}
+
+ExitStatus show(Program& program, const OutputStyle& style)
+{
+    const Shown shown = programToShow(program);
+    Sheet sheet{"engine", "Engine", {"CHAIN", "IN", "OUT", "MAPS", "ELEMENTS", "RULES", "STEPS"}, {}};
+    using tessera::Value;
+    const auto port = [](const std::string& name) { return Value(name.empty() ? std::string("other") : name); };
+    for (const compiled::ClassSummary& each : compiled::summaryOf(shown.program))
+        sheet.rows.push_back({Value(each.chain), port(each.in), port(each.out), std::uint64_t{each.maps},
+                              std::uint64_t{each.elements}, std::uint64_t{each.rules}, std::uint64_t{each.steps}});
+    if (style.format == Format::Table)
+        program.out << shown.what << '\n';
+    else
+        for (std::string& heading : sheet.headings)
+            std::ranges::transform(heading, heading.begin(),
+                                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    writeSheets(program.out, {sheet}, style, program.terminal);
+    return ExitStatus::Ok;
+}
+
+// A change like any other: it is counted, and waited for.
+ExitStatus choose(Program& program, std::string_view engine)
+{
+    ovsdb::Client client = program.connect();
+    const ovsdb::TableCache& state = client.follow(client.tableNames());
+    if (!tellsWhatIsInForce(client))
+        throw Failure(ExitStatus::Server, "the server's database, schema " + client.schemaVersion() +
+                                              ", has no place for the engine: expected schema 1.1 or later");
+    Stored stored;
+    stored.before = toConfiguration(state);
+    stored.after = toConfiguration(state);
+    stored.devicesBefore = devicesOf(state);
+    stored.numberBefore = changeNumberOf(state);
+    const ovsdb::ColumnValues values{{std::string(schema::changeEngine), tessera::Value(std::string(engine))}};
+    std::vector<ovsdb::Json> operations;
+    if (stored.numberBefore) {
+        operations.push_back(ovsdb::updateRows(schema::changeTable, ovsdb::everyRow(), values));
+        for (ovsdb::Json& operation : ovsdb::countUp(schema::changeTable, schema::changeNumber, schema::changeNumbers))
+            operations.push_back(std::move(operation));
+    } else {
+        ovsdb::ColumnValues row = values;
+        row.emplace_back(std::string(schema::changeNumber), tessera::Value(1));
+        operations.push_back(ovsdb::insertRow(schema::changeTable, row));
+    }
+    const ovsdb::TransactionResult result = client.transact(operations);
+    if (!result.committed())
+        throw Failure(ExitStatus::Server, "the server refused it: " + result.errorText());
+    stored.changed = true;
+    stored.number = stored.numberBefore ? result.outcomes.back().number : std::optional<std::int32_t>(1);
+    program.out << "engine: " << engine << '\n';
+    program.out.flush();
+    if (!program.noWait)
+        awaitInForce(program, client, stored);
+    return ExitStatus::Ok;
+}
+
+} // namespace
+
+void addEngine(const Command& root, Program& program)
+{
+    const Command engine = root.add(
+        "engine", "The form that the rules have in the kernel: a list, or compiled to few looks", "engine show");
+    for (const auto& [name, help] :
+         {std::pair(schema::plainEngine, "Let the kernel have the rules as a list, as ebtables shows it"),
+          std::pair(schema::compiledEngine, "Let the kernel have few looks instead of many rules, where it can")}) {
+        const std::string word(name);
+        const Command command = engine.add(word, help, "engine " + word);
+        command.onGiven([&program, word] { program.action = [&program, word] { return choose(program, word); }; });
+    }
+    auto style = std::make_shared<OutputStyle>();
+    const Command shown = engine.add("show", "Show what is made of the rules, for each pair of ports", "engine show");
+    addOutputOptions(shown, *style);
+    shown.onGiven([&program, style] { program.action = [&program, style] { return show(program, *style); }; });
+}
+
+} // namespace moatctl

@@ -1,0 +1,143 @@
+#include "platform_linux/compiled/compiler_input.hpp"
+
+#include "compiled/mark.hpp"
+#include "ebtables/line_parser.hpp"
+
+#include <algorithm>
+#include <iterator>
+#include <vector>
+
+namespace zol::cfg
+{
+
+namespace
+{
+
+bool isHooked(const std::string& chain)
+{
+    return chain == "INPUT" || chain == "FORWARD";
+}
+
+std::string obstacleIn(const TableImage& image, const std::string& name, const ImageChain& chain)
+{
+    for (const ImageRule& rule : chain.rules) {
+        const ImageChain* const next = rule.jump != nullptr ? image.find(*rule.jump) : nullptr;
+        const bool isOurs = chain.ours || rule.ours;
+        if (isHooked(name) && !isOurs)
+            return "rules of others are in " + name;
+        if (!isHooked(name) && !chain.ours && isOurs)
+            return "the chain " + name + " is not moatkeeper's";
+        if (next != nullptr && next->ours != isOurs)
+            return "the chain " + *rule.jump + (isOurs ? " is not moatkeeper's" : " is used by others");
+    }
+    return "";
+}
+
+} // namespace
+
+std::string obstacleToCompiling(const TableImage& wanted)
+{
+    for (const auto& [name, chain] : wanted.chains) {
+        if (isHooked(name) && !chain.builtIn)
+            return "the chain " + name + " of another program is none of the bridge's";
+        if (chain.builtIn && chain.present && !chain.policyIsOurs && chain.policy != "ACCEPT" && isHooked(name))
+            return "another program has set the policy of " + name;
+        if (std::string obstacle = obstacleIn(wanted, name, chain); !obstacle.empty())
+            return obstacle;
+    }
+    return "";
+}
+
+bool hasOurs(const TableImage& image)
+{
+    return std::ranges::any_of(image.chains, [](const auto& entry) {
+        const ImageChain& chain = entry.second;
+        return chain.ours || std::ranges::any_of(chain.rules, &ImageRule::ours) ||
+               (chain.policyIsOurs && chain.policy != "ACCEPT");
+    });
+}
+
+TableImage withoutOurs(const TableImage& image)
+{
+    TableImage result;
+    result.table = image.table;
+    for (const auto& [name, chain] : image.chains) {
+        if (chain.ours)
+            continue;
+        ImageChain& left = result.chains[name];
+        left.builtIn = chain.builtIn;
+        left.present = chain.present;
+        left.policy = chain.policyIsOurs ? "ACCEPT" : chain.policy;
+        left.policyHandle = chain.policyHandle;
+        std::ranges::copy_if(chain.rules, std::back_inserter(left.rules),
+                             [](const ImageRule& rule) { return !rule.ours; });
+    }
+    return result;
+}
+
+bool CompilerInput::update(const TableImage& wanted)
+{
+    const std::size_t before = m_table.chains.size();
+    std::erase_if(m_table.chains, [&](const ebtables::Chain& chain) { return wanted.find(chain.name) == nullptr; });
+    bool changed = m_table.chains.size() != before;
+    for (const auto& [name, chain] : wanted.chains) {
+        if (name == "OUTPUT")
+            continue;
+        ebtables::Chain* known = m_table.find(name);
+        if (known == nullptr) {
+            known = &m_table.chains.emplace_back(ebtables::Chain{name, "", {}, ebtables::noOrigin});
+            changed = true;
+        }
+        changed = updateChain(chain, *known) || changed;
+    }
+    return changed;
+}
+
+// Most of the time all but a few rules are as they were: equal ones at the beginning and at the end stay.
+bool CompilerInput::updateChain(const ImageChain& wanted, ebtables::Chain& chain)
+{
+    const auto same = [](const ebtables::TableRule& known, const ImageRule& rule) {
+        return rule.text != nullptr ? known.text == *rule.text : known.text.empty();
+    };
+    auto& rules = chain.rules;
+    const auto& now = wanted.rules;
+    std::size_t begin = 0;
+    while (begin < rules.size() && begin < now.size() && same(rules[begin], now[begin]))
+        ++begin;
+    if (begin == rules.size() && begin == now.size() && chain.policy == wanted.policy)
+        return false;
+    std::size_t end = 0;
+    while (end < rules.size() - begin && end < now.size() - begin &&
+           same(rules[rules.size() - 1 - end], now[now.size() - 1 - end]))
+        ++end;
+    std::vector<ebtables::TableRule> added;
+    for (std::size_t i = begin; i < now.size() - end; ++i) {
+        ebtables::TableRule& made = added.emplace_back();
+        if (now[i].text == nullptr)
+            continue;
+        made.text = *now[i].text;
+        made.rule = ebtables::parseRule(made.text, chain.name);
+    }
+    const auto at = [&](std::size_t place) { return rules.begin() + static_cast<std::ptrdiff_t>(place); };
+    const auto place = rules.erase(at(begin), at(rules.size() - end));
+    rules.insert(place, std::make_move_iterator(added.begin()), std::make_move_iterator(added.end()));
+    chain.policy = wanted.policy;
+
+    compiled::Marker marker(chain.name);
+    for (ebtables::TableRule& rule : rules)
+        rule.origin = marker.rule(rule.text);
+    chain.policyOrigin = marker.policy(chain.policy);
+    return true;
+}
+
+std::optional<std::pair<std::string, std::size_t>> CompilerInput::find(ebtables::Origin mark) const
+{
+    for (const ebtables::Chain& chain : m_table.chains) {
+        const auto found = std::ranges::find(chain.rules, mark, &ebtables::TableRule::origin);
+        if (found != chain.rules.end())
+            return std::pair(chain.name, static_cast<std::size_t>(found - chain.rules.begin()));
+    }
+    return std::nullopt;
+}
+
+} // namespace zol::cfg
