@@ -49,6 +49,12 @@ MaskedField whole(const Field& field)
     return {field, Bytes(field.size, 0xff)};
 }
 
+// The kernel looks a map up by its name, one name after the other: thousands of maps, as races of many classes would
+// have, take seconds. So where there are many classes, a race needs more rules.
+constexpr std::size_t fewClasses = 32;
+constexpr std::size_t rulesPerForm = 4;
+constexpr std::size_t rulesPerFormOfMany = 16;
+
 // The name as a key has it.
 void appendName(Bytes& key, std::string_view name)
 {
@@ -153,6 +159,7 @@ private:
     List<Step> stepsOf(const ebtables::Chain& chain)
     {
         const Divided& rules = divided(chain);
+        m_rulesPerForm = rules.classes.size() <= fewClasses ? rulesPerForm : rulesPerFormOfMany;
         std::vector<Step> steps;
         addDispatch(chain.name, rules, true, steps);
         addDispatch(chain.name, rules, false, steps);
@@ -199,13 +206,15 @@ private:
     // Adds all of it but its steps, which it gives.
     List<Step> addSection(const ClassOfRules& of)
     {
-        SectionMemory& memory = m_memory.sections[std::to_string(m_limits - std::begin(allLimits)) + " " + of.chain];
+        const std::string limits =
+            std::to_string(m_limits - std::begin(allLimits)) + " " + std::to_string(m_rulesPerForm) + " ";
+        SectionMemory& memory = m_memory.sections[limits + of.chain];
         const auto mapBefore = [this](const std::string& name) {
             const auto found = m_mapsBefore.find(name);
             return found == m_mapsBefore.end() ? nullptr : found->second;
         };
         makeSection({m_table, mapBefore, m_memory.logs, m_limits->inPages}, memory, of, m_program.maps.size(),
-                    m_limits->longestRace, m_memory.forms);
+                    {m_limits->longestRace, m_rulesPerForm}, m_memory.forms);
         const Section& section = memory.section;
         m_program.maps.insert(m_program.maps.end(), section.maps.begin(), section.maps.end());
         m_program.chains.insert(m_program.chains.end(), section.chains.begin(), section.chains.end());
@@ -226,6 +235,7 @@ private:
     std::unordered_map<std::string_view, const Map*> m_mapsBefore;
     std::unordered_map<std::string, Divided> m_divided; // by chain
     const Limits* m_limits = nullptr;
+    std::size_t m_rulesPerForm = 0;
     Program m_program;
     std::vector<const ebtables::Chain*> m_waiting; // reached, not yet compiled
     std::set<std::string> m_reached;

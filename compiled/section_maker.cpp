@@ -23,7 +23,6 @@ constexpr std::size_t smallestRun = 4;
 
 // ---- when rules are worth a race
 
-constexpr std::size_t rulesPerForm = 4;  // a race asks each form
 constexpr std::size_t mostKeyWords = 14; // the kernel has registers for two more, the place found before
 
 bool canRace(const Form& form)
@@ -37,12 +36,12 @@ bool canRace(const Form& form)
 class SectionMaker
 {
 public:
-    SectionMaker(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of,
-                 std::size_t longestRace, std::size_t formNumbers)
+    SectionMaker(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of, RaceLimits limits,
+                 std::size_t formNumbers)
         : m_making(surroundings, memory, of.decided),
           m_steps(memory.section.steps.edit()),
           m_of(of),
-          m_longestRace(longestRace),
+          m_limits(limits),
           m_formSeen(formNumbers),
           m_canRace(formNumbers)
     {
@@ -96,14 +95,14 @@ private:
                 continue;
             m_formSeen[rule->form->number] = true;
             ++forms;
-            if (++ofFamily[rule->form->like.family] > m_longestRace)
+            if (++ofFamily[rule->form->like.family] > m_limits.longest)
                 return false;
         }
         std::size_t others = 0;
         for (const auto& [family, count] : ofFamily)
             others = std::max(others, family == Family::Any ? 0 : count);
-        return ofFamily[Family::Any] + others <= m_longestRace && forms > 1 && rules >= rulesPerForm * forms &&
-               rules <= mostInRace;
+        return ofFamily[Family::Any] + others <= m_limits.longest && forms > 1 &&
+               rules >= m_limits.rulesPerForm * forms && rules <= mostInRace;
     }
 
     void addRuns(const std::string& prefix, KnownRules rules)
@@ -161,7 +160,7 @@ private:
     Making m_making;
     std::vector<Step>& m_steps;
     const ClassOfRules& m_of;
-    std::size_t m_longestRace;
+    RaceLimits m_limits;
     std::vector<bool> m_formSeen; // by number
     std::vector<bool> m_canRace;  // likewise
     std::set<Family> m_asWritten; // those for which there is a chain with the rules as they are
@@ -189,7 +188,7 @@ void renumber(Section& section, std::size_t firstMap)
 } // namespace
 
 void makeSection(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of, std::size_t firstMap,
-                 std::size_t longestRace, Forms& forms)
+                 RaceLimits limits, Forms& forms)
 {
     if (!of.rules.empty() && hasSerials(of.rules, memory.rules)) {
         if (memory.section.firstMap != firstMap)
@@ -201,7 +200,7 @@ void makeSection(const Surroundings& surroundings, SectionMemory& memory, const 
     memory.rules = serialsOf(of.rules);
     for (Known* rule : of.rules)
         rule->findKey(of.decided, forms);
-    SectionMaker(surroundings, memory, of, longestRace, forms.numbers()).make();
+    SectionMaker(surroundings, memory, of, limits, forms.numbers()).make();
     memory.elements.dropUnused();
     memory.runners.dropUnused();
     memory.races.dropUnused();

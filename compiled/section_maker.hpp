@@ -15,9 +15,15 @@ struct ClassOfRules {
     KnownRules rules;
 };
 
-// Makes the memory's section that of these rules. firstMap: the number of its first map. longestRace: of how many forms
-// that a frame can meet all of.
+// When rules of several forms are worth a race.
+struct RaceLimits {
+    std::size_t longest = 0;      // so many forms that a frame can meet all of, at most
+    std::size_t rulesPerForm = 0; // at least: a race asks each form
+};
+
+// Makes the memory's section that of these rules, within the same limits as before. firstMap: the number of its first
+// map.
 void makeSection(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of, std::size_t firstMap,
-                 std::size_t longestRace, Forms& forms);
+                 RaceLimits limits, Forms& forms);
 
 } // namespace compiled
