@@ -2,7 +2,7 @@
 restarted and stopped, and other programs change the tables. Again and again all of that rests for a moment, and then the
 kernel has exactly what is configured, `moatctl status` says so, and nothing has grown.
 
-MOATKEEPER_SOAK_MINUTES in the environment says for how long (0.5), MOATKEEPER_SEED what happens in which order. In the last
+MOATKEEPER_SOAK_MINUTES in the environment says for how long (1), MOATKEEPER_SEED what happens in which order. In the last
 two thirds the daemon is left alone, in the last one the server, too: so what they hold in the end is of a long life."""
 
 import collections
@@ -27,7 +27,7 @@ from rules_test import MATCHES
 
 DAEMON = os.path.realpath(sys.argv[sys.argv.index("--daemon") + 1])
 MOATCTL = os.path.realpath(DAEMON + "/../../moatctl/moatctl")
-MINUTES = float(os.environ.get("MOATKEEPER_SOAK_MINUTES", "0.5"))
+MINUTES = float(os.environ.get("MOATKEEPER_SOAK_MINUTES", "1"))
 SEED = os.environ.get("MOATKEEPER_SEED", "1")
 SANITIZED = b"__asan_init" in pathlib.Path(DAEMON).read_bytes()  # whose memory is mostly the sanitizer's
 PER_SECOND = 20
