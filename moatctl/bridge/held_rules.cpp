@@ -1,6 +1,7 @@
 #include "moatctl/bridge/held_rules.hpp"
 
 #include "moatctl/bridge/compare.hpp"
+#include "moatctl/bridge/walk.hpp"
 #include "nftables/connection.hpp"
 #include "nftables/expressions.hpp"
 
@@ -96,7 +97,32 @@ bool HeldRules::load(const Applied& configured, std::string& reason)
             m_rules[handle->second] = policy;
         m_policies[entry.chain] = std::move(policy);
     }
-    return true;
+    m_places.clear();
+    if (!hasCompiled())
+        return true;
+    std::optional<KernelState> state = readKernel(reason);
+    if (state)
+        loadCompiled(configured, *std::move(state));
+    return state.has_value();
+}
+
+void HeldRules::loadCompiled(const Applied& configured, KernelState state)
+{
+    m_table = rulesOf(std::move(state), configured.table);
+    for (const Entry& entry : compare(configured.table, m_table)) {
+        if (entry.state != EntryState::Missing)
+            m_places[{entry.chain, entry.position}] = described(entry, configured);
+    }
+}
+
+const HeldRule* HeldRules::decider(const Frame& frame, bool accepted) const
+{
+    const Walk walked = walk(m_table, frame);
+    if (m_places.empty() || walked.fate != (accepted ? Fate::Accept : Fate::Drop))
+        return nullptr;
+    const Step& last = walked.steps.back();
+    const auto found = m_places.find({last.chain->name, last.rule != nullptr ? last.position + 1 : 0});
+    return found != m_places.end() ? &found->second : nullptr;
 }
 
 const HeldRule* HeldRules::rule(std::uint64_t handle) const

@@ -2,10 +2,13 @@
 #pragma once
 
 #include "moatctl/bridge/expected.hpp"
+#include "moatctl/bridge/frame.hpp"
+#include "moatctl/bridge/kernel.hpp"
 
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 
 namespace moatctl
 {
@@ -32,9 +35,17 @@ public:
     // Of a chain of the kernel's own; nullptr likewise.
     const HeldRule* policy(const std::string& chain) const;
 
+    // In the compiled form no message names a rule: which one decides the frame, by what the kernel holds. nullptr when
+    // what is known of the frame does not tell, or when that had another fate by then.
+    const HeldRule* decider(const Frame& frame, bool accepted) const;
+
 private:
+    void loadCompiled(const Applied& configured, KernelState state);
+
     std::map<std::uint64_t, HeldRule> m_rules;
     std::map<std::string, HeldRule> m_policies;
+    ebtables::Table m_table; // of the compiled form, as rules; and these by chain and position:
+    std::map<std::pair<std::string, std::size_t>, HeldRule> m_places;
 };
 
 } // namespace moatctl

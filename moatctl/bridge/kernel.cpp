@@ -54,6 +54,14 @@ std::optional<CommitTime> lastCommit(std::string& reason)
     return CommitTime(std::chrono::seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec));
 }
 
+bool hasCompiled()
+{
+    std::vector<nftables::ChainView> chains;
+    std::uint64_t table = 0;
+    nftables::Connection().readChains(chains, table, nftables::compiledTable);
+    return table != 0;
+}
+
 std::optional<std::uint32_t> transactions()
 {
     return nftables::Connection().generation().generation;

@@ -31,6 +31,9 @@ using CommitTime = std::chrono::sys_time<std::chrono::nanoseconds>;
 // that cannot be told.
 std::optional<CommitTime> lastCommit(std::string& reason);
 
+// Whether it has rules in the compiled form; costs next to nothing.
+bool hasCompiled();
+
 // How many transactions the nf_tables of this network namespace have seen, whoever made them. Nothing when it cannot be
 // asked.
 std::optional<std::uint32_t> transactions();

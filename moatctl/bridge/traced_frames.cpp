@@ -112,7 +112,7 @@ void TracedFrames::take(const nftables::TraceEvent& event, Time now, std::vector
         return;
     Underway& underway = known->second;
     underway.last = now;
-    const bool isFilter = event.table == nftables::filterTable;
+    const bool isFilter = event.table == m_filter;
     // The filter begins with the frame's headers. Otherwise messages were lost, and this is of another frame.
     if (isFilter && !underway.isFiltered && (event.link != underway.link || event.out != underway.out)) {
         m_underway.erase(known);

@@ -2,12 +2,15 @@
 #pragma once
 
 #include "moatctl/bridge/frame.hpp"
+#include "nftables/rule_message.hpp"
 #include "nftables/trace_watch.hpp"
 
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace moatctl
@@ -33,6 +36,9 @@ public:
     // is accepted: what comes behind it is not looked at.
     explicit TracedFrames(std::string table) : m_table(std::move(table)) {}
 
+    // The table that is the bridge's filter from now on: ebtables' own, or the one of the compiled form.
+    void setFilter(std::string_view table) { m_filter = table; }
+
     // The next message, and when it came. Frames whose fate is known with it are appended.
     void take(const nftables::TraceEvent& event, Time now, std::vector<TracedFrame>& frames);
 
@@ -51,6 +57,7 @@ private:
     };
 
     std::string m_table;
+    std::string m_filter = nftables::filterTable;
     std::map<std::uint32_t, Underway> m_underway;
 };
 

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace moatctl
@@ -42,6 +43,9 @@ public:
     std::vector<TracedFrame> next(std::chrono::milliseconds atMost);
     // Those that are left, at the end: no more are traced.
     std::vector<TracedFrame> last();
+
+    // As TracedFrames.
+    void setFilter(std::string_view table) { m_frames.setFilter(table); }
 
     Counts counts();
     bool messagesWereLost() const { return m_watch.losses() != 0; }

@@ -61,9 +61,21 @@ public:
         return lookUp(frame);
     }
 
+    // The table whose rules decide.
+    const char* filter()
+    {
+        if (const auto now = transactions(); now != m_seen) {
+            m_seen = now;
+            m_hasCompiled = hasCompiled();
+        }
+        return m_hasCompiled ? nftables::compiledTable : nftables::filterTable;
+    }
+
 private:
     const HeldRule* lookUp(const TracedFrame& frame) const
     {
+        if (frame.table == nftables::compiledTable)
+            return m_rules.decider(frame.frame, frame.accepted);
         return frame.rule != 0 ? m_rules.rule(frame.rule) : m_rules.policy(frame.chain);
     }
 
@@ -89,6 +101,8 @@ private:
     Applied m_applied;
     HeldRules m_rules;
     std::optional<std::uint32_t> m_transactions;
+    std::optional<std::uint32_t> m_seen;
+    bool m_hasCompiled = false;
     Clock::time_point m_loaded;
     bool m_isNoted = false;
 };
@@ -100,7 +114,13 @@ const char* fateOf(const TracedFrame& frame)
 
 bool isOurs(const TracedFrame& frame)
 {
-    return frame.table == "filter";
+    return frame.table == nftables::filterTable || frame.table == nftables::compiledTable;
+}
+
+// As the configuration makes it; in the compiled form the kernel's is another one.
+const std::string& chainOf(const TracedFrame& frame, const HeldRule* rule)
+{
+    return rule != nullptr ? rule->chain : frame.chain;
 }
 
 // Who decides, in the words of explain.
@@ -108,9 +128,11 @@ std::string decisionOf(const TracedFrame& frame, const HeldRule* rule)
 {
     if (frame.table.empty())
         return "no rule of the bridge's filter";
-    const std::string chain = text::oneLine(frame.chain);
+    const std::string chain = text::oneLine(chainOf(frame, rule));
     if (!isOurs(frame))
         return "another program's table " + text::oneLine(frame.table) + " (chain " + chain + ')';
+    if (rule == nullptr && frame.table == nftables::compiledTable)
+        return "no row (what is traced of the frame does not say which)";
     if (rule == nullptr)
         return "no row (a rule of " + chain + " that is gone)";
     const std::string row = !rule->row.empty() ? rule->row : rule->isDaemons ? "the daemon's own" : "no row";
@@ -169,7 +191,7 @@ void writeJson(std::ostream& out, const TracedFrame& traced, const HeldRule* rul
         "decided_by",
         Json::Object{
             {"words", decisionOf(traced, rule)},
-            {"chain", traced.chain.empty() ? Json() : Json(text::oneLine(traced.chain))},
+            {"chain", traced.chain.empty() ? Json() : Json(text::oneLine(chainOf(traced, rule)))},
             {"rule", isKnown && rule->position != 0 ? Json(static_cast<std::int64_t>(rule->position)) : Json()},
             {"table", isKnown && !rule->table.empty() ? Json(rule->table) : Json()},
             {"id", isKnown && rule->id != 0 ? Json(std::int64_t{rule->id}) : Json()},
@@ -212,6 +234,7 @@ ExitStatus trace(Program& program, const TraceArguments& options)
         std::signal(signal, stopTrace);
     Rows rows(program);
     Tracer tracer(choice);
+    tracer.setFilter(rows.filter());
     if (!tracer.endsByItself())
         program.err << "note: this kernel does not end a trace that is killed; the next one, or moatctl status, does\n";
     program.err << "tracing\n" << std::flush;
@@ -240,6 +263,7 @@ ExitStatus trace(Program& program, const TraceArguments& options)
                 break;
             wait = std::min(wait, left);
         }
+        tracer.setFilter(rows.filter());
         show(tracer.next(wait));
     }
     show(tracer.last());

@@ -4,6 +4,7 @@ usage: engine_status_test.py --daemon DAEMON"""
 
 import json
 import os
+import signal
 import subprocess
 import sys
 
@@ -51,6 +52,12 @@ def counters():
     return rows
 
 
+def metrics():
+    """{sample of a row: its number}"""
+    return {line.rsplit(" ", 1)[0].replace("{", " {"): int(line.rsplit(" ", 1)[1])
+            for line in moatctl("metrics").splitlines() if line.startswith("moatkeeper_row_")}
+
+
 class Engine(machine.Machine):
     def setUp(self):
         self.config.replace(TABLES)
@@ -77,6 +84,71 @@ class Engine(machine.Machine):
             self.assertEqual("UserForwardRules" in saved, form == "plain")
         self.assertEqual(said["plain"], said["compiled"])
         self.assertEqual(sum(said["plain"][0].values()), 5)
+
+    def bothForms(self, ask):
+        """What is said in each form of the same frames; the plain form's."""
+        said = []
+        for form in ("plain", "compiled"):
+            moatctl("engine", form)
+            said.append(ask())
+        self.assertEqual(*said)
+        return said[0]
+
+    def start(self, *words):
+        process = subprocess.Popen([MOATCTL, *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        return process
+
+    def test_trace_names_the_same_rows(self):
+        def trace():
+            process = self.start("trace", "--format=json", "--limit", "10000")
+            while process.stderr.readline() != "tracing\n":
+                pass
+            self.send()
+            self.bridge.send(("p1", Frame(src=MANY[1], dst=self.bridge.mac)), ("p2", Frame(src=MANY[2])),
+                             ("p3", Frame(src=MANY[3], vlan=5)))
+            process.send_signal(signal.SIGINT)
+            out, words = process.communicate(timeout=30)
+            self.assertEqual(process.returncode, 0, words)
+            *lines, summary = [json.loads(line) for line in out.splitlines()]
+            self.assertEqual((summary["shown"], summary["not_shown"]), (len(lines), 0), summary)
+            return sorted((line["in"], str(line["out"]), line["fate"], str(line["decided_by"]["table"]),
+                           str(line["decided_by"]["id"]), str(line["decided_by"]["rule"]), line["decided_by"]["words"])
+                          for line in lines)
+        told = self.bothForms(trace)
+        self.assertEqual(len(told), 15)
+        for row in ((config.RULES, "17"), (config.FILTER_RULES, "3"), (config.FORWARD_POLICY, "8"), (config.MAIN, "None")):
+            self.assertIn(row, [line[3:5] for line in told])
+
+    def test_a_trace_goes_on_when_the_form_changes(self):
+        process = self.start("trace", "--out", "p2", "--limit", "10000")
+        while process.stderr.readline() != "tracing\n":
+            pass
+        for form in ("compiled", "plain"):
+            moatctl("engine", form)
+            waiting.until(lambda: self.bridge.send(("p1", Frame(src=MANY[7]))) or
+                          "ACCEPT: MoatKeeperRuleset Id 17 " in process.stdout.readline(), "the row to be named")
+
+    def test_top_and_metrics_count_the_same(self):
+        def count():
+            top = self.start("top", "--interval", "0.2", "--format=json")
+            self.assertEqual(json.loads(top.stdout.readline())["rows"], [])
+            before = metrics()
+            self.send()
+            counted = {}
+            while sum(counted.values()) < 10:
+                block = json.loads(top.stdout.readline())
+                for row in block["rows"]:
+                    key = (row["table"], row["id"], row["share"] is None)
+                    counted[key] = counted.get(key, 0) + round(row["frames_per_second"] * block["seconds"])
+            after = metrics()
+            return counted, {name: after[name] - before.get(name, 0) for name in after if after[name] != before.get(name, 0)}
+        rates, counters_ = self.bothForms(count)
+        self.assertEqual(rates, {(config.FILTERS, 9, True): 5, (config.FILTER_RULES, 3, False): 1, (config.RULES, 11, False): 1,
+                                 (config.RULES, 12, False): 2, (config.RULES, 17, False): 1})
+        self.assertEqual({name.split(" ")[0] for name in counters_},
+                         {"moatkeeper_row_frames_total", "moatkeeper_row_bytes_total"})
 
     def test_show_tells_what_was_made(self):
         planned = moatctl("engine", "show")

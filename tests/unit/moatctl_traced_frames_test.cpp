@@ -82,6 +82,18 @@ TEST_F(TracedFramesTest, AnotherTableStopsAFrameButLetsNoneThrough)
     EXPECT_EQ(m_frames[0].table, "theirs");
 }
 
+TEST_F(TracedFramesTest, InTheCompiledFormItsTableDecides)
+{
+    m_traced.setFilter("moatkeeper");
+    choose(7);
+    take(withHeaders(heardOf(7, "filter", "FORWARD", 0, TraceEvent::Verdict::Accept)));
+    EXPECT_THAT(m_frames, IsEmpty()) << "it is empty then";
+    take(withHeaders(heardOf(7, "moatkeeper", "FORWARD/p1/p2", 5, TraceEvent::Verdict::Drop)));
+    ASSERT_THAT(m_frames, SizeIs(1));
+    EXPECT_FALSE(m_frames[0].accepted);
+    EXPECT_EQ(m_frames[0].table, "moatkeeper");
+}
+
 TEST_F(TracedFramesTest, ANumberIsUsedAgain)
 {
     choose(7, 1);
