@@ -66,6 +66,7 @@ void KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
     const auto first = m_rules.begin() + static_cast<std::ptrdiff_t>(begin);
     const auto last = m_rules.end() - static_cast<std::ptrdiff_t>(end);
     std::unordered_multimap<ebtables::Origin, std::unique_ptr<Known>*> others;
+    others.reserve(static_cast<std::size_t>(last - first));
     for (auto other = first; other != last; ++other)
         others.emplace((*other)->item.origin, &*other);
     std::vector<std::unique_ptr<Known>> between;

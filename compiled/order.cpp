@@ -71,19 +71,12 @@ public:
     explicit Orderer(KnownRules rules) : m_rules(rules)
     {
         rankShapes();
-        m_bits.reserve(rules.size());
-        for (Known* rule : rules)
-            m_bits.push_back(&rule->fixedBits());
         sortByForm();
     }
 
     std::vector<Group> run()
     {
-        Meetings where;
-        if (m_forms.size() > 1)
-            where = meetings(m_forms, m_bits);
-        else // no two are the same, or each stays behind those before it
-            where.of.resize(m_rules.size());
+        const Meetings where = findMeetings();
         // In each meeting, of the rules of either form that were seen so far; counted from 1.
         std::vector<std::array<std::size_t, 2>> highest(where.all.size());
         std::map<std::pair<std::size_t, std::size_t>, std::vector<std::size_t>> groups; // by level and shape
@@ -160,7 +153,7 @@ private:
         for (std::size_t i = 0; i < m_rules.size(); ++i) {
             const Form* form = m_rules[i]->form.get();
             if (const auto found = known.find(form); form == nullptr || found == known.end())
-                m_formOf.push_back(addForm(places, m_bits[i]->mask, m_rankOf.at(form)));
+                m_formOf.push_back(addForm(places, m_rules[i]->fixedBits().mask, m_rankOf.at(form)));
             else
                 m_formOf.push_back(found->second);
             if (form != nullptr)
@@ -173,6 +166,20 @@ private:
             else
                 m_formOf.back() = none;
         }
+    }
+
+    Meetings findMeetings() const
+    {
+        if (m_forms.size() > 1) {
+            std::vector<const FixedBits*> bits;
+            bits.reserve(m_rules.size());
+            for (Known* rule : m_rules)
+                bits.push_back(&rule->fixedBits());
+            return meetings(m_forms, bits);
+        }
+        Meetings nowhere; // no two are the same, or each stays behind those before it
+        nowhere.of.resize(m_rules.size());
+        return nowhere;
     }
 
     std::size_t addForm(std::map<std::pair<Bits, std::size_t>, std::size_t>& places, const Bits& mask,
@@ -196,7 +203,6 @@ private:
     std::vector<std::string> m_names; // of the shapes
     std::size_t m_plain = 0;          // the last shape: of the rules without keys
     std::unordered_map<const Form*, std::size_t> m_rankOf;
-    std::vector<const FixedBits*> m_bits;
     std::vector<FixedForm> m_forms;
     std::vector<std::size_t> m_shapes; // of the forms
     std::vector<std::size_t> m_formOf; // of the rules
