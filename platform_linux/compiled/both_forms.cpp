@@ -44,6 +44,12 @@ void erase(TableImage& image, const std::map<std::string, std::set<std::size_t>>
 
 } // namespace
 
+void BothForms::refuse(const std::string& reason)
+{
+    m_refused = reason;
+    m_isUpdated = false;
+}
+
 void BothForms::choose(bool compiled)
 {
     if (std::exchange(m_isChosen, compiled) != compiled)
@@ -85,6 +91,7 @@ bool BothForms::know(std::string& reason)
         return false;
     }
     m_looks = m_tables.looks();
+    m_isUpdated = false;
     if (!sameProgram(m_held, found)) {
         if (m_everRead && !m_isUnclear)
             m_tables.addDrift(found.table == 0 ? "the table of the compiled form was gone"
@@ -105,10 +112,11 @@ KernelTables::Outcome BothForms::bring()
     KernelTables::Outcome outcome;
     m_changedMeanwhile = 0;
     m_unclear = 0;
+    m_isUpdated = false;
     for (unsigned tries = 0; tries < KernelTables::maxTries; ++tries) {
         if (!know(outcome.reason))
             return outcome;
-        m_isCompiled = update();
+        update();
         Part part;
         if (m_isCompiled)
             part = nextPart();
@@ -144,9 +152,10 @@ KernelTables::Outcome BothForms::bring()
 
 TableImage& BothForms::rest()
 {
-    if (m_looks != m_tables.looks() || !m_refused.empty())
-        m_isCompiled = update() && m_heldIsWanted;
-    if (!m_isCompiled)
+    if (m_looks != m_tables.looks())
+        m_isUpdated = false;
+    update();
+    if (!m_isCompiled || !m_heldIsWanted)
         return m_tables.wanted();
     m_rest = withoutOurs(m_tables.wanted());
     const TableImage& actual = m_tables.actual();
@@ -165,9 +174,11 @@ TableImage& BothForms::rest()
     return m_rest;
 }
 
-// Whether the rules are to be compiled, and can be.
-bool BothForms::update()
+// Whether the rules are to be compiled, and can be; for what is wanted now.
+void BothForms::update()
 {
+    if (std::exchange(m_isUpdated, true))
+        return;
     const TableImage& wanted = m_tables.wanted();
     m_plainBecause.clear();
     const bool isAsked = m_isChosen && hasOurs(wanted);
@@ -178,13 +189,14 @@ bool BothForms::update()
         m_keeper.forget();
         m_program.reset();
         m_heldIsWanted = false;
-        return false;
+        m_isCompiled = false;
+        return;
     }
     if (m_input.update(wanted)) {
         m_heldIsWanted = false;
         m_program.reset();
     }
-    return true;
+    m_isCompiled = true;
 }
 
 // ---- what is sent
@@ -328,7 +340,7 @@ BothForms::Sent BothForms::send(Part& part, KernelTables::Outcome& outcome)
         m_isUnclear = true;
         return ++m_unclear < KernelTables::maxUnclear ? Sent::Again : Sent::Failed;
     case Answer::Unsupported:
-        m_refused = result.reason;
+        refuse(result.reason);
         return Sent::Again;
     case Answer::Forbidden:
     case Answer::Shortage:
@@ -404,6 +416,7 @@ BothForms::Sent BothForms::refuse(const Part& part, const std::vector<nftables::
             outcome.dropped.push_back({chain, text, "-A " + chain + ' ' + *text, refusal.text});
     }
     erase(m_tables.wanted(), rules);
+    m_isUpdated = false;
     return Sent::Less;
 }
 

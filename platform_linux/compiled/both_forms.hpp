@@ -28,7 +28,7 @@ public:
     KernelTables::Outcome bring() override;
     std::string inWords() const override;
     TableImage& rest() override;
-    void refuse(const std::string& reason) override { m_refused = reason; }
+    void refuse(const std::string& reason) override;
 
 private:
     // What is sent as one transaction.
@@ -41,7 +41,7 @@ private:
     };
     enum class Sent { Taken, Again, Less, Failed }; // Less: again, with less wanted
 
-    bool update();
+    void update();
     Part nextPart();
     Part preparing() const;
     Part withoutProgram() const;
@@ -56,6 +56,7 @@ private:
     TableImage m_rest; // what ebtables' table is to have beside the compiled form
 
     bool m_isChosen = false;
+    bool m_isUpdated = false;   // nothing has been wanted or refused since:
     bool m_isCompiled = false;  // as of the last look at what is wanted
     std::string m_plainBecause; // or why not
     std::string m_refused;      // why the kernel does not take it
