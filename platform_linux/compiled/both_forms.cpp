@@ -157,8 +157,8 @@ TableImage& BothForms::rest()
     update();
     if (!m_isCompiled || !m_heldIsWanted)
         return m_tables.wanted();
-    m_rest = withoutOurs(m_tables.wanted());
     const TableImage& actual = m_tables.actual();
+    m_rest = withoutOurs(m_tables.wanted(), actual);
     if (!hasOurs(actual))
         return m_rest;
     // A policy changes a moment after the rules: before these go.

@@ -57,16 +57,17 @@ bool hasOurs(const TableImage& image)
     });
 }
 
-TableImage withoutOurs(const TableImage& image)
+TableImage withoutOurs(const TableImage& image, const TableImage& actual)
 {
     TableImage result;
-    result.table = image.table;
+    result.table = actual.table;
     for (const auto& [name, chain] : image.chains) {
         if (chain.ours)
             continue;
         ImageChain& left = result.chains[name];
         left.builtIn = chain.builtIn;
-        left.present = chain.present;
+        const ImageChain* const there = actual.find(name);
+        left.present = there != nullptr && there->present; // ours needs none
         left.policy = chain.policyIsOurs ? "ACCEPT" : chain.policy;
         left.policyHandle = chain.policyHandle;
         std::ranges::copy_if(chain.rules, std::back_inserter(left.rules),

@@ -16,8 +16,8 @@ namespace zol::cfg
 // ACCEPT of ours ends a frame's way through their rules, and theirs ends it through ours: two tables could not do that.
 std::string obstacleToCompiling(const TableImage& wanted);
 
-// The image without what is ours: what is left in ebtables' own table.
-TableImage withoutOurs(const TableImage& image);
+// The image without what is ours: what is left in ebtables' own table. actual: as that is.
+TableImage withoutOurs(const TableImage& image, const TableImage& actual);
 bool hasOurs(const TableImage& image);
 
 // The wanted rules as the compiler takes them, kept from commit to commit: only what is new is parsed. Threading: no

@@ -11,6 +11,8 @@ import os
 import pathlib
 import random
 import shutil
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -56,6 +58,13 @@ def randomRule(pick):
         return f"{FILL}-p IPv4 --ip-source {network(number)}/{pick.choice((24, 24, 20))} -j {target}"
     log = pick.choice(("", "--log-level 4 --log-prefix \"x\" "))
     return f"{FILL}-p IPv4 --ip-protocol 6 --ip-destination-port {number} {log}-j {target}"
+
+
+def transactions():
+    """That the kernel has seen: NFT_MSG_GETGEN."""
+    with socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 12) as kernel:
+        kernel.send(struct.pack("=IHHIIBBH", 20, 10 << 8 | 16, 1, 1, 0, 0, 0, 0))
+        return int.from_bytes(kernel.recv(4096)[24:28], "big")
 
 
 def tables():
@@ -138,7 +147,9 @@ class Engine(unittest.TestCase):
             waiting.until(lambda: self.held(rules)[7] > 10, "frames to be counted")
         before = self.held(rules)
         rules[250] = f"{FILL}-s {mac(900)} -j ACCEPT"
+        generation = transactions()
         self.commit(queue, rules)
+        self.assertEqual(transactions() - generation, 1)
         after = self.held(rules)
         self.assertEqual(after[:250] + after[251:], before[:250] + before[251:])
         self.stop(queue)
