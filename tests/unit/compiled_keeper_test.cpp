@@ -205,14 +205,14 @@ TEST(Keeper, ARuleThatIsNotKnownInFullIsNotCompiled)
 TEST(Keeper, AfterAnyChangesItIsAsIfMadeAnew)
 {
     const char* wantedChanges = std::getenv("MOATKEEPER_CHANGES");
-    const unsigned long changes = wantedChanges != nullptr ? std::strtoul(wantedChanges, nullptr, 10) : 300;
-    constexpr unsigned long changesEach = 20;
+    const unsigned long changes = wantedChanges != nullptr ? std::strtoul(wantedChanges, nullptr, 10) : 120;
+    constexpr unsigned long changesEach = 12;
     std::size_t stayed = 0;
     for (unsigned seed = 0; seed < changes / changesEach; ++seed) {
         std::mt19937 engine(seed);
         const auto next = [&](std::size_t below) { return engine() % below; };
         test::RandomRules random(next);
-        ebtables::Table table = random.table(1 + engine() % (seed % 4 == 3 ? 800 : 100), seed % 2 == 0);
+        ebtables::Table table = random.table(1 + engine() % (seed % 4 == 3 ? 400 : 100), seed % 2 == 0);
         compiled::Keeper keeper;
         Program held;
         for (unsigned long i = 0; i < changesEach; ++i) {

@@ -1,4 +1,5 @@
 #include "compiled/compile.hpp"
+#include "compiled/conflicts.hpp"
 #include "compiled/describe.hpp"
 #include "compiled/dispatch.hpp"
 #include "compiled/flatten.hpp"
@@ -248,6 +249,50 @@ TEST(Order, KeepsNetworksWithinEachOtherApart)
 TEST(Order, LeavesOutWhatAnEqualRuleStandsBefore)
 {
     EXPECT_EQ(orderOf({"-s 02:00:00:00:00:01 -j DROP", "-s 02:00:00:00:00:01 -j ACCEPT"}), "src: 1");
+}
+
+// Who meets whom, against each rule compared with each.
+TEST(Conflicts, AreBetweenRulesThatFixNothingDifferently)
+{
+    std::mt19937 engine(3);
+    std::size_t found = 0;
+    for (int round = 0; round < 60; ++round) {
+        std::vector<ebtables::FixedBits> bits;
+        std::vector<compiled::FixedForm> forms(1 + engine() % 6);
+        std::vector<std::size_t> formOf;
+        for (compiled::FixedForm& form : forms) {
+            for (const std::size_t word : {0U, 1U, 2U})
+                form.mask[word] = word == 0 && round % 2 == 0 ? 0xff : engine() % 4 == 0 ? 0 : 0xf0U >> engine() % 5;
+        }
+        for (std::size_t i = 0; i < 40; ++i) {
+            formOf.push_back(engine() % forms.size());
+            forms[formOf.back()].rules.push_back(i);
+            ebtables::FixedBits& made = bits.emplace_back(ebtables::Conjunction{});
+            made.mask = forms[formOf.back()].mask;
+            for (const std::size_t word : {0U, 1U, 2U})
+                made.value[word] = engine() % (word == 0 ? 4 : 256) & made.mask[word];
+        }
+        std::vector<const ebtables::FixedBits*> all;
+        for (const ebtables::FixedBits& each : bits)
+            all.push_back(&each);
+        const compiled::Meetings meetings = compiled::meetings(forms, all);
+        for (std::size_t i = 0; i < bits.size(); ++i) {
+            for (std::size_t j = 0; j < i; ++j) {
+                bool agree = true;
+                for (std::size_t word = 0; word < bits[i].mask.size(); ++word)
+                    agree = agree && ((bits[i].value[word] ^ bits[j].value[word]) & bits[i].mask[word] &
+                                      bits[j].mask[word]) == 0;
+                const bool meet = std::ranges::any_of(meetings.of[i], [&](std::uint32_t number) {
+                    const compiled::Meeting& meeting = meetings.all[number];
+                    return (meeting.form == formOf[i] ? meeting.other : meeting.form) == formOf[j] &&
+                           std::ranges::count(meetings.of[j], number) == 1;
+                });
+                ASSERT_EQ(meet, agree) << round << ": " << i << ", " << j;
+                found += meet ? 1 : 0;
+            }
+        }
+    }
+    EXPECT_GT(found, 1000U);
 }
 
 // ---- places and races
