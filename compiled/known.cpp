@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <unordered_map>
 #include <utility>
 
 namespace compiled
@@ -51,6 +50,19 @@ bool hasSerials(KnownRules rules, const Serials& serials)
     return std::ranges::equal(rules, serials, {}, &Known::serial);
 }
 
+// Looks at a few only: a caller may give the same mark to all.
+std::unique_ptr<Known> KnownList::takeSame(const Others& others, const FlatRule& rule)
+{
+    constexpr int most = 8;
+    auto other = std::ranges::lower_bound(others, std::pair(rule.origin, std::size_t{0}));
+    for (int tried = 0; other != others.end() && other->first == rule.origin && tried < most; ++other, ++tried) {
+        std::unique_ptr<Known>& known = m_rules[other->second];
+        if (known && isSame(known, rule))
+            return std::move(known);
+    }
+    return nullptr;
+}
+
 void KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
 {
     const std::vector<FlatRule>& rules = now.rules;
@@ -63,20 +75,16 @@ void KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
         ++end;
 
     // Between the first and the last change there may be many that only have other neighbours.
-    const auto first = m_rules.begin() + static_cast<std::ptrdiff_t>(begin);
-    const auto last = m_rules.end() - static_cast<std::ptrdiff_t>(end);
-    std::unordered_multimap<ebtables::Origin, std::unique_ptr<Known>*> others;
-    others.reserve(static_cast<std::size_t>(last - first));
-    for (auto other = first; other != last; ++other)
-        others.emplace((*other)->item.origin, &*other);
+    Others others;
+    others.reserve(m_rules.size() - begin - end);
+    for (std::size_t i = begin; i < m_rules.size() - end; ++i)
+        others.emplace_back(m_rules[i]->item.origin, i);
+    std::ranges::sort(others);
     std::vector<std::unique_ptr<Known>> between;
     between.reserve(rules.size() - begin - end);
     for (std::size_t i = begin; i < rules.size() - end; ++i) {
-        const auto [from, to] = others.equal_range(rules[i].origin);
-        const auto same = std::find_if(from, to, [&](const auto& other) { return isSame(*other.second, rules[i]); });
-        if (same != to) {
-            between.push_back(std::move(*same->second));
-            others.erase(same);
+        if (std::unique_ptr<Known> same = takeSame(others, rules[i])) {
+            between.push_back(std::move(same));
             continue;
         }
         auto made = std::make_unique<Known>();
@@ -84,7 +92,8 @@ void KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
         made->serial = ++lastSerial;
         between.push_back(std::move(made));
     }
-    const auto place = m_rules.erase(first, last);
+    const auto place = m_rules.erase(m_rules.begin() + static_cast<std::ptrdiff_t>(begin),
+                                     m_rules.end() - static_cast<std::ptrdiff_t>(end));
     m_rules.insert(place, std::make_move_iterator(between.begin()), std::make_move_iterator(between.end()));
 }
 

@@ -7,10 +7,12 @@
 #include "compiled/key.hpp"
 #include "ebtables/fixed_bits.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace compiled
@@ -50,6 +52,9 @@ public:
     const std::vector<std::unique_ptr<Known>>& rules() const { return m_rules; }
 
 private:
+    using Others = std::vector<std::pair<ebtables::Origin, std::size_t>>; // marks and places, ascending
+    std::unique_ptr<Known> takeSame(const Others& others, const FlatRule& rule);
+
     std::vector<std::unique_ptr<Known>> m_rules;
 };
 

@@ -13,6 +13,7 @@
 #include "compiled/compile.hpp"
 #include "compiled/describe.hpp"
 #include "compiled/difference.hpp"
+#include "compiled/keeper.hpp"
 #include "compiled/mark.hpp"
 #include "nftables/connection.hpp"
 #include "nftables/program.hpp"
@@ -115,6 +116,7 @@ void expectHeld(const compiled::Program& program, const std::string& when)
 
 void change(Random& random, unsigned long count)
 {
+    compiled::Keeper keeper;
     compiled::Program before;
     ebtables::Table table = random.table;
     std::size_t elements = 0;
@@ -128,7 +130,7 @@ void change(Random& random, unsigned long count)
                 return random.engine() % 10 == 0 || (rule.rule->vlan.id && rule.rule->vlan.priority);
             });
         compiled::mark(table);
-        const compiled::Program after = compiled::compile(table, &before).value();
+        const compiled::Program after = keeper.compile(table, &before).value();
         const compiled::Difference difference = compiled::difference(before, after);
         nftables::Batch batch(std::nullopt, nftables::compiledTable);
         nftables::addChanges(batch, before, after, difference);
