@@ -7,9 +7,14 @@ rules, receiving. The two forms are taken in turn.
   plain, compiled   microseconds for a frame
   looks             the most steps that a frame is compared with, compiled
   load, compile, write  milliseconds: ebtables-restore of the plain form; the compiler; the compiled form's transaction
+  kB                what the kernel has allocated for either form, as a memory cgroup of its own counts it; "-" where
+                    none can be made
 """
 
+import contextlib
+import csv
 import os
+import pathlib
 import random
 import struct
 import subprocess
@@ -21,6 +26,8 @@ from lab import sandbox
 from lab.bridge import Bridge
 
 PORTS = ("p0", "p1", "p2")
+COLUMNS = ("rules", "plain us", "compiled us", "plain kB", "compiled kB")
+KINDS = ("of ten shapes", "of ten, mixed")
 WAY = "-A UserForwardRules -i p0 -o p1"
 
 
@@ -106,9 +113,46 @@ def run(*command, **more):
     return subprocess.run(command, check=True, capture_output=True, text=True, **more).stdout
 
 
+class KernelMemory:
+    """What the kernel allocates for programs that are run by it, and keeps when they have ended."""
+
+    def __init__(self):
+        self._folder = None
+
+    def __enter__(self):
+        own = dict(line.rstrip("\n").split(":", 2)[1:] for line in open("/proc/self/cgroup", encoding="ascii"))
+        for above, file in ((f"/sys/fs/cgroup/memory{own.get('memory')}", "memory.kmem.usage_in_bytes"),
+                            (f"/sys/fs/cgroup{own.get('')}", "memory.stat")):
+            folder = pathlib.Path(above, f"frames.{os.getpid()}")
+            with contextlib.suppress(OSError):
+                folder.mkdir()
+                if (folder / file).exists():
+                    self._folder, self._file = folder, folder / file
+                    return self
+                folder.rmdir()
+        return self
+
+    def __exit__(self, *_):
+        if self._folder:
+            self._folder.rmdir()
+
+    def run(self, *command, **more):
+        def enter():
+            (self._folder / "cgroup.procs").write_text(str(os.getpid()), encoding="ascii")
+        return run(*command, preexec_fn=enter if self._folder else None, **more)
+
+    def used(self):
+        """kB, or nothing."""
+        if not self._folder:
+            return None
+        text = self._file.read_text(encoding="ascii")
+        numbers = dict(line.split() for line in text.splitlines()) if " " in text else {"kernel": text}
+        return int(numbers["kernel"]) / 1024
+
+
 class Measurement:
-    def __init__(self, driver, bursts, rounds):
-        self._driver, self._bursts, self._rounds = driver, bursts, rounds
+    def __init__(self, driver, bursts, rounds, memory):
+        self._driver, self._bursts, self._rounds, self._memory = driver, bursts, rounds, memory
 
     def send(self, one):
         return int(run(self._driver, "send", "p0_far", str(self._bursts), input=one.hex() + "\n")) / 1000
@@ -116,16 +160,30 @@ class Measurement:
     def both(self, rules, one):
         text = saved(rules)
         plain, compiled = [], []
+        memory = [None, None]
         for _ in range(self._rounds):
+            before = self._memory.used()
             begin = time.monotonic()
-            run("ebtables-restore", input=text)
+            self._memory.run("ebtables-restore", input=text)
             load = (time.monotonic() - begin) * 1000
+            if before is not None:
+                memory[0] = self._memory.used() - before
             plain.append(self.send(one))
             run("nft", "delete", "table", "bridge", "filter")
-            compiling, writing, looks = run(self._driver, "compile", input=text).split()
+            self.settle(before)
+            compiling, writing, looks = self._memory.run(self._driver, "compile", input=text).split()
+            if before is not None:
+                memory[1] = self._memory.used() - before
             compiled.append(self.send(one))
             run("nft", "delete", "table", "bridge", "moatkeeper")
-        return min(plain), min(compiled), int(looks), load, float(compiling), float(writing)
+            self.settle(before)
+        return min(plain), min(compiled), int(looks), load, float(compiling), float(writing), *memory
+
+    def settle(self, before):
+        """The kernel gives memory back a moment later, and keeps some pages for later."""
+        end = time.monotonic() + 3
+        while before is not None and self._memory.used() > before + 64 and time.monotonic() < end:
+            time.sleep(0.02)
 
 
 def main():
@@ -134,26 +192,58 @@ def main():
     parser.add_argument("--sizes", default="10,100,1000,10000", help="numbers of rules of ten shapes (%(default)s)")
     parser.add_argument("--bursts", type=int, default=300, help="of 64 frames (%(default)s)")
     parser.add_argument("--rounds", type=int, default=3, help="of which the best counts (%(default)s)")
+    parser.add_argument("--csv", metavar="FILE", help="writes the table there, too")
+    parser.add_argument("--svg", metavar="FILE", help="draws it there")
     options = parser.parse_args()
     if os.geteuid() != 0:
         sys.exit("needs root, ebtables and nft")
     sandbox.enterNetwork()
     bridge = Bridge(PORTS)
     bridge.close() # the sockets; the bridge stays
-    measurement = Measurement(f"{options.build}/bench/frame_driver", options.bursts, options.rounds)
+    with KernelMemory() as memory:
+        table = measure(Measurement(f"{options.build}/bench/frame_driver", options.bursts, options.rounds, memory),
+                        [int(size) for size in options.sizes.split(",")])
+    if options.csv:
+        with open(options.csv, "w", encoding="utf-8", newline="") as output:
+            writer = csv.DictWriter(output, COLUMNS, lineterminator="\n")
+            writer.writeheader()
+            writer.writerows(table)
+    if options.svg:
+        pathlib.Path(options.svg).write_text(plot(table), encoding="utf-8")
+
+
+def plot(table):
+    """Frames a second by rules."""
+    curves, data = [], ""
+    for kind in KINDS:
+        rows = [row for row in table if row["rules"].endswith(kind)]
+        block = "".join(f"{row['rules'].split()[0]} {1e6 / row['plain us']} {1e6 / row['compiled us']}\n" for row in rows)
+        data += f"${kind.split()[-1]} << EOD\n{block}EOD\n"
+        curves += [f"${kind.split()[-1]} using 1:{column} with linespoints title '{kind}, {form}'"
+                   for column, form in ((2, "plain"), (3, "compiled"))]
+    script = f"""set terminal svg size 800,500 font 'sans,13' background 'white'
+set logscale xy; set xlabel 'rules'; set ylabel 'frames a second'; set grid; set key left bottom
+{data}plot {', '.join(curves)}"""
+    return run("gnuplot", "-", input=script)
+
+
+def measure(measurement, sizes):
     print(f"without rules: {measurement.send(frame()):.2f} us a frame")
     print(f"{'rules':<24}{'plain us':>10}{'compiled us':>13}{'ratio':>8}{'looks':>7}{'load ms':>9}{'compile ms':>12}"
-          f"{'write ms':>10}")
-    sizes = [int(size) for size in options.sizes.split(",")]
+          f"{'write ms':>10}{'plain kB':>10}{'compiled kB':>13}")
+    table = []
     sets = [("200 of a site", site(), frame())]
-    sets += [(f"{size} of ten shapes", tenShapes(size, mixed=False), frame()) for size in sizes]
-    sets += [(f"{size} of ten, mixed", tenShapes(size, mixed=True), frame()) for size in sizes]
+    sets += [(f"{size} {KINDS[0]}", tenShapes(size, mixed=False), frame()) for size in sizes]
+    sets += [(f"{size} {KINDS[1]}", tenShapes(size, mixed=True), frame()) for size in sizes]
     sets += [(f"{size}, three match", tenShapes(size, mixed=True), frameOfThree(size)) for size in sizes if size % 10 == 0]
     sets += [("10200 of 600 shapes", lengths(), frame())]
     for name, rules, one in sets:
-        plain, compiled, looks, load, compiling, writing = measurement.both(rules, one)
+        plain, compiled, looks, load, compiling, writing, *memory = measurement.both(rules, one)
+        table.append(dict(zip(COLUMNS, (name, plain, compiled, *memory))))
         print(f"{name:<24}{plain:>10.2f}{compiled:>13.2f}{plain / compiled:>8.1f}{looks:>7}{load:>9.0f}{compiling:>12.1f}"
-              f"{writing:>10.1f}", flush=True)
+              f"{writing:>10.1f}" + "".join(f"{'-' if used is None else round(used):>{width}}"
+                                            for used, width in zip(memory, (10, 13))), flush=True)
+    return table
 
 
 if __name__ == "__main__":

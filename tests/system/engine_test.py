@@ -263,6 +263,23 @@ class Engine(unittest.TestCase):
         self.held(rules)
         self.stop(queue)
 
+    def test_what_the_kernel_refuses_is_the_same_in_both_forms(self):
+        there, back = CHAINS
+        told = []
+        for form in ("plain", "compiled"):
+            queue = self.start(form)
+            queue.commit(SETUP[:2] + SETUP[3:5] + SETUP[2:3] +
+                         [f"ebtables -A {there} {FILL}-s {mac(i)} -j DROP" for i in range(20)])
+            queue.commit([f"ebtables -A {there} -i a -j {back}", f"ebtables -A {back} -i b -j {there}",
+                          f"ebtables -A {back} -i c -j DROP"])
+            told.append([line for line in queue.log().splitlines() if "queue:110" in line])
+            queue.send("status")
+            self.assertEqual(queue.answer("status"), form)
+            queue.send(f"add {CLEANUP[0]}", *["add " + line for line in CLEANUP[2:]], "process")
+            self.assertEqual(queue.finish(), 0, queue.log())
+        self.assertEqual(*told)
+        self.assertRegex("\n".join(told[0]), rf"^.*refused \"ebtables -A {back} -i b -j {there}\": Too many levels .*$")
+
     def test_no_frame_gets_between_the_forms(self):
         for policy in ("ACCEPT", "DROP"):
             self.policy = policy

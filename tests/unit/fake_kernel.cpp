@@ -262,6 +262,8 @@ int FakeKernel::apply(const void* bytes, State& state, std::vector<std::uint8_t>
     }
     if (state.table == 0)
         return ENOENT;
+    if (type == NFT_MSG_NEWSET || type == NFT_MSG_NEWSETELEM)
+        return EOPNOTSUPP;
     if (type == NFT_MSG_NEWCHAIN || type == NFT_MSG_DELCHAIN) {
         const std::string name = text(message, NFTA_CHAIN_NAME);
         Chain* chain = state.find(name);

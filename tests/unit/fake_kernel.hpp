@@ -1,5 +1,5 @@
 // The kernel's side of nf_tables, as much of it as the bridge's filter table needs: keeps chains and rules, takes
-// batches as a whole or not at all, and fails as a test says.
+// batches as a whole or not at all, and fails as a test says. It is an old one, which knows no maps.
 #pragma once
 
 #include "nftables/socket.hpp"

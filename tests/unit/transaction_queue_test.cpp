@@ -20,6 +20,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::Pair;
+using testing::SizeIs;
 using zol::cfg::TransactionQueue;
 using zol::cfg::TransactionQueueOptions;
 using Fault = FakeKernel::Fault;
@@ -131,6 +132,32 @@ TEST_F(TransactionQueueTest, OnlyWhatChangesIsSent)
     EXPECT_EQ(m_kernel.lastMessages(), 4U) << "two change places";
     EXPECT_EQ(m_kernel.tables().at("U")[10], "-i p89 -j DROP");
     EXPECT_EQ(m_kernel.tables().at("U")[90], "-i p9 -j DROP");
+}
+
+TEST_F(TransactionQueueTest, AKernelWithoutMapsHasThePlainForm)
+{
+    start();
+    m_queue->setCompiled(true);
+    Lines lines = setUp;
+    for (int i = 0; i < 20; ++i)
+        lines.push_back("ebtables -A U -i p1 -s 02:00:00:00:00:" + std::to_string(10 + i) + " -j DROP");
+    deliver(lines);
+    EXPECT_THAT(m_kernel.tables().at("U"), SizeIs(22)) << "its policy, and all rules";
+    const std::string form = "plain: the kernel does not take it: Operation not supported";
+    EXPECT_EQ(m_queue->status(0).form, form);
+    EXPECT_TRUE(m_queue->status(0).inStep);
+    EXPECT_EQ(count("queue:119: the form of the rules in the kernel is " + form + "\n"), 1U);
+
+    const unsigned before = m_kernel.batches();
+    deliver({"ebtables -A U -j ACCEPT"});
+    EXPECT_EQ(m_kernel.batches(), before + 1) << "it is not asked again with each commit";
+    m_queue->setCompiled(false);
+    m_queue->endDelivery();
+    EXPECT_EQ(m_queue->status(0).form, "plain");
+    m_queue->setCompiled(true);
+    m_queue->endDelivery();
+    EXPECT_EQ(m_queue->status(0).form, form);
+    EXPECT_EQ(m_kernel.batches(), before + 2) << "but when it is chosen again";
 }
 
 TEST_F(TransactionQueueTest, TheCleanUpIsOneTransactionAndLeavesNothing)
