@@ -100,13 +100,18 @@ class Compiled(unittest.TestCase):
         return received
 
 
-if __name__ == "__main__":
-    sandbox.enterNetwork()
-    for family in ("iptables", "ip6tables"):  # would look at, and drop, broken packets before they come to the rules
+def leaveBrokenPackets():
+    """To the rules: others would look at them before, and drop them."""
+    for family in ("iptables", "ip6tables"):
         path = f"/proc/sys/net/bridge/bridge-nf-call-{family}"
         if os.path.exists(path):
             with open(path, "w", encoding="ascii") as switch:
                 switch.write("0")
+
+
+if __name__ == "__main__":
+    sandbox.enterNetwork()
+    leaveBrokenPackets()
     try:
         unittest.main(argv=sys.argv[:1])
     except sandbox.Unavailable as error:
