@@ -149,7 +149,7 @@ private:
     // Null when there is none and none is to be made.
     Slot* slotOf(std::uint64_t hash, bool make)
     {
-        std::size_t at = hash & m_last;
+        auto at = static_cast<std::size_t>(hash) & m_last;
         while (m_slots[at].round == m_round && m_slots[at].hash != hash)
             at = (at + 1) & m_last;
         if (m_slots[at].round != m_round) {

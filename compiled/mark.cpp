@@ -39,7 +39,7 @@ bool Marker::give(ebtables::Origin mark)
                 give(each);
         }
     }
-    std::size_t place = mark % m_given.size();
+    auto place = static_cast<std::size_t>(mark % m_given.size());
     while (m_given[place] != ebtables::noOrigin && m_given[place] != mark)
         place = (place + 1) % m_given.size();
     if (m_given[place] == mark)
