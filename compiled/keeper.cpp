@@ -21,9 +21,13 @@ namespace compiled
 {
 
 struct Keeper::Memory {
+    struct ChainOfTable {
+        KnownList rules;
+        Dispatched dispatched;
+    };
     std::uint64_t lastSerial = 0;
     Forms forms;
-    Remembered<KnownList> rules;        // by chain of the table
+    Remembered<ChainOfTable> chains;    // by name
     Remembered<SectionMemory> sections; // by chain, of each of the limits
     Remembered<List<Element>> ports;    // by map
     Remembered<Chain> logs;
@@ -86,12 +90,17 @@ struct Divided {
     std::vector<Known*> rest;
 };
 
-Divided divide(const KnownList& list)
+Dispatched dispatched(const KnownList& list)
 {
     std::vector<const ebtables::Rule*> rules;
     rules.reserve(list.rules().size());
     for (const auto& rule : list.rules())
         rules.push_back(&rule->item.rule);
+    return dispatch(rules);
+}
+
+Divided divide(const KnownList& list, const Dispatched& dispatched)
+{
     const auto at = [&](const std::vector<std::size_t>& places) {
         std::vector<Known*> found;
         found.reserve(places.size());
@@ -99,7 +108,6 @@ Divided divide(const KnownList& list)
             found.push_back(list.rules()[place].get());
         return found;
     };
-    const Dispatched dispatched = dispatch(rules);
     Divided divided;
     for (const PortClass& each : dispatched.classes)
         divided.classes.push_back({each.in, each.out, each.decided(), at(each.rules)});
@@ -149,9 +157,10 @@ private:
     {
         const auto [place, isNew] = m_divided.try_emplace(chain.name);
         if (isNew) {
-            KnownList& rules = m_memory.rules[chain.name];
-            rules.update(flatten(m_table, chain), m_memory.lastSerial);
-            place->second = divide(rules);
+            Keeper::Memory::ChainOfTable& known = m_memory.chains[chain.name];
+            if (known.rules.update(flatten(m_table, chain), m_memory.lastSerial))
+                known.dispatched = dispatched(known.rules);
+            place->second = divide(known.rules, known.dispatched);
         }
         return place->second;
     }
@@ -265,7 +274,7 @@ try {
         if (depthOf(*program) <= deepest)
             break;
     }
-    m_memory->rules.dropUnused();
+    m_memory->chains.dropUnused();
     m_memory->sections.dropUnused();
     m_memory->ports.dropUnused();
     m_memory->logs.dropUnused();

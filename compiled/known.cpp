@@ -10,7 +10,8 @@ namespace compiled
 namespace
 {
 
-bool isSame(const std::unique_ptr<Known>& known, const FlatRule& rule)
+// For each rule of each commit: so all that it compares is inlined.
+[[gnu::flatten]] bool isSame(const std::unique_ptr<Known>& known, const FlatRule& rule)
 {
     return known->item.origin == rule.origin && known->item.rule == *rule.rule;
 }
@@ -63,7 +64,7 @@ std::unique_ptr<Known> KnownList::takeSame(const Others& others, const FlatRule&
     return nullptr;
 }
 
-void KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
+bool KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
 {
     const std::vector<FlatRule>& rules = now.rules;
     const std::size_t shorter = std::min(m_rules.size(), rules.size());
@@ -73,6 +74,12 @@ void KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
     std::size_t end = 0;
     while (end < shorter - begin && isSame(m_rules[m_rules.size() - 1 - end], rules[rules.size() - 1 - end]))
         ++end;
+
+    bool samePorts = m_rules.size() == rules.size();
+    for (std::size_t i = begin; samePorts && i < rules.size() - end; ++i) {
+        const ebtables::Rule& before = m_rules[i]->item.rule;
+        samePorts = before.in == rules[i].rule->in && before.out == rules[i].rule->out;
+    }
 
     // Between the first and the last change there may be many that only have other neighbours.
     Others others;
@@ -95,6 +102,7 @@ void KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
     const auto place = m_rules.erase(m_rules.begin() + static_cast<std::ptrdiff_t>(begin),
                                      m_rules.end() - static_cast<std::ptrdiff_t>(end));
     m_rules.insert(place, std::make_move_iterator(between.begin()), std::make_move_iterator(between.end()));
+    return !samePorts;
 }
 
 } // namespace compiled

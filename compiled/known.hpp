@@ -46,8 +46,8 @@ public:
     //
     //   before: A(1) B(2) C(3)    now: A D C    ->    A(1) D(4) C(3)
     //
-    // lastSerial: that was given.
-    void update(const FlatRules& now, std::uint64_t& lastSerial);
+    // lastSerial: that was given. False when each place names the ports that it named before.
+    bool update(const FlatRules& now, std::uint64_t& lastSerial);
 
     const std::vector<std::unique_ptr<Known>>& rules() const { return m_rules; }
 

@@ -3,6 +3,7 @@
 #include "compiled/hash.hpp"
 
 #include <algorithm>
+#include <set>
 
 namespace compiled
 {
@@ -21,10 +22,20 @@ Marker::Marker(std::string_view chain) : m_chain(hashOf(chain)) {}
 
 ebtables::Origin Marker::rule(std::string_view rule)
 {
-    std::uint64_t found = hashOf(rule, hashOf(" ", m_chain));
-    while (!give(valid(found)))
-        found = hashOf("again", found);
-    return valid(found);
+    ebtables::Origin mark = first(rule);
+    while (!give(mark))
+        mark = next(mark);
+    return mark;
+}
+
+ebtables::Origin Marker::first(std::string_view rule) const
+{
+    return valid(hashOf(rule, hashOf(" ", m_chain)));
+}
+
+ebtables::Origin Marker::next(ebtables::Origin mark)
+{
+    return valid(hashOf("again", mark));
 }
 
 // False when it was given before.
@@ -52,6 +63,32 @@ bool Marker::give(ebtables::Origin mark)
 ebtables::Origin Marker::policy(std::string_view policy) const
 {
     return valid(hashOf(policy, hashOf(" policy ", m_chain)));
+}
+
+bool markAlone(const Marker& marker, TableRules before, TableRules removed, TableRules after,
+               std::span<ebtables::TableRule> added)
+{
+    constexpr std::size_t few = 8;
+    if (removed.size() + added.size() > few)
+        return false;
+    std::vector<ebtables::Origin> marks; // of these, and of others that say the same
+    for (const TableRules rules : {removed, TableRules(added)}) {
+        std::set<ebtables::Origin> seen;
+        for (const ebtables::TableRule& rule : rules) {
+            const ebtables::Origin mark = marker.first(rule.text);
+            if (!seen.insert(mark).second)
+                return false;
+            marks.insert(marks.end(), {mark, Marker::next(mark)});
+        }
+    }
+    const auto mayBeTheSame = [&](const ebtables::TableRule& rule) {
+        return std::ranges::find(marks, rule.origin) != marks.end();
+    };
+    if (std::ranges::any_of(before, mayBeTheSame) || std::ranges::any_of(after, mayBeTheSame))
+        return false;
+    for (ebtables::TableRule& rule : added)
+        rule.origin = marker.first(rule.text);
+    return true;
 }
 
 void mark(ebtables::Table& table)

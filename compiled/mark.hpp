@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -22,6 +23,10 @@ public:
     ebtables::Origin rule(std::string_view rule);
     ebtables::Origin policy(std::string_view policy) const;
 
+    // Of the first rule that says this; and of the next one that says the same as the rule with that mark.
+    ebtables::Origin first(std::string_view rule) const;
+    static ebtables::Origin next(ebtables::Origin mark);
+
 private:
     bool give(ebtables::Origin mark);
 
@@ -29,6 +34,14 @@ private:
     std::vector<ebtables::Origin> m_given; // each at the place that it says, or the next one that was free
     std::size_t m_count = 0;
 };
+
+using TableRules = std::span<const ebtables::TableRule>;
+
+// Gives the few rules that come in place of others their marks, while the rules before and after them keep theirs; all
+// by their texts. False, and nothing is done, where one that comes or goes may say the same as another rule: then the
+// marks of all depend on their order.
+bool markAlone(const Marker& marker, TableRules before, TableRules removed, TableRules after,
+               std::span<ebtables::TableRule> added);
 
 // Gives each rule and each policy of the table its mark.
 void mark(ebtables::Table& table);

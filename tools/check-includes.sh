@@ -44,7 +44,7 @@ examples/platform    platform daemon system
 demo                 handler platform platform_fake schema
 bench                handler platform platform_fake platform_linux/queue compiled ebtables nftables system
 
-tests/unit           daemon handler records platform platform_fake platform_linux platform_linux/queue
+tests/unit           daemon handler records platform platform_fake platform_linux platform_linux/compiled platform_linux/queue
                      ebtables compiled ovsdb nftables schema schema/server subprocess text moatctl moatctl/tables
                      moatctl/bridge moatctl/check moatctl/command_line tests/moatctl tests/compiled system gtest gmock
 tests/golden         handler platform_fake tests/random gtest

@@ -192,7 +192,7 @@ void BothForms::update()
         m_isCompiled = false;
         return;
     }
-    if (m_input.update(wanted)) {
+    if (m_input.update(wanted, m_tables.pool().sweeps())) {
         m_heldIsWanted = false;
         m_program.reset();
     }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <span>
 #include <vector>
 
 namespace zol::cfg
@@ -76,10 +77,13 @@ TableImage withoutOurs(const TableImage& image, const TableImage& actual)
     return result;
 }
 
-bool CompilerInput::update(const TableImage& wanted)
+bool CompilerInput::update(const TableImage& wanted, std::size_t sweeps)
 {
+    if (std::exchange(m_sweeps, sweeps) != sweeps)
+        m_texts.clear();
     const std::size_t before = m_table.chains.size();
     std::erase_if(m_table.chains, [&](const ebtables::Chain& chain) { return wanted.find(chain.name) == nullptr; });
+    std::erase_if(m_texts, [&](const auto& entry) { return wanted.find(entry.first) == nullptr; });
     bool changed = m_table.chains.size() != before;
     for (const auto& [name, chain] : wanted.chains) {
         if (name == "OUTPUT")
@@ -89,27 +93,30 @@ bool CompilerInput::update(const TableImage& wanted)
             known = &m_table.chains.emplace_back(ebtables::Chain{name, "", {}, ebtables::noOrigin});
             changed = true;
         }
-        changed = updateChain(chain, *known) || changed;
+        changed = updateChain(chain, *known, m_texts[name]) || changed;
     }
     return changed;
 }
 
 // Most of the time all but a few rules are as they were: equal ones at the beginning and at the end stay.
-bool CompilerInput::updateChain(const ImageChain& wanted, ebtables::Chain& chain)
+bool CompilerInput::updateChain(const ImageChain& wanted, ebtables::Chain& chain, Texts& texts)
 {
-    const auto same = [](const ebtables::TableRule& known, const ImageRule& rule) {
-        return rule.text != nullptr ? known.text == *rule.text : known.text.empty();
-    };
     auto& rules = chain.rules;
     const auto& now = wanted.rules;
+    const Texts known = std::exchange(texts, {});
+    std::ranges::transform(now, std::back_inserter(texts), &ImageRule::text);
+    const auto same = [&](std::size_t place, std::size_t other) {
+        if (!known.empty())
+            return known[place] == texts[other];
+        return texts[other] != nullptr ? rules[place].text == *texts[other] : rules[place].text.empty();
+    };
     std::size_t begin = 0;
-    while (begin < rules.size() && begin < now.size() && same(rules[begin], now[begin]))
+    while (begin < rules.size() && begin < now.size() && same(begin, begin))
         ++begin;
     if (begin == rules.size() && begin == now.size() && chain.policy == wanted.policy)
         return false;
     std::size_t end = 0;
-    while (end < rules.size() - begin && end < now.size() - begin &&
-           same(rules[rules.size() - 1 - end], now[now.size() - 1 - end]))
+    while (end < rules.size() - begin && end < now.size() - begin && same(rules.size() - 1 - end, now.size() - 1 - end))
         ++end;
     std::vector<ebtables::TableRule> added;
     for (std::size_t i = begin; i < now.size() - end; ++i) {
@@ -119,14 +126,22 @@ bool CompilerInput::updateChain(const ImageChain& wanted, ebtables::Chain& chain
         made.text = *now[i].text;
         made.rule = ebtables::parseRule(made.text, chain.name);
     }
-    const auto at = [&](std::size_t place) { return rules.begin() + static_cast<std::ptrdiff_t>(place); };
-    const auto place = rules.erase(at(begin), at(rules.size() - end));
-    rules.insert(place, std::make_move_iterator(added.begin()), std::make_move_iterator(added.end()));
-    chain.policy = wanted.policy;
-
     compiled::Marker marker(chain.name);
-    for (ebtables::TableRule& rule : rules)
-        rule.origin = marker.rule(rule.text);
+    const std::size_t removed = rules.size() - begin - end;
+    const compiled::TableRules all(rules);
+    const bool othersKeepTheirs =
+        compiled::markAlone(marker, all.first(begin), all.subspan(begin, removed), all.last(end), added);
+    // One that takes another's place moves no others.
+    const auto replaced = static_cast<std::ptrdiff_t>(std::min(removed, added.size()));
+    const auto at = [&](std::size_t place) { return rules.begin() + static_cast<std::ptrdiff_t>(place); };
+    const auto place = std::move(added.begin(), added.begin() + replaced, at(begin));
+    rules.insert(rules.erase(place, at(begin + removed)), std::make_move_iterator(added.begin() + replaced),
+                 std::make_move_iterator(added.end()));
+    if (!othersKeepTheirs) {
+        for (ebtables::TableRule& rule : rules)
+            rule.origin = marker.rule(rule.text);
+    }
+    chain.policy = wanted.policy;
     chain.policyOrigin = marker.policy(chain.policy);
     return true;
 }

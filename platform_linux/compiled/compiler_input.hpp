@@ -5,9 +5,11 @@
 #include "platform_linux/queue/table_image.hpp"
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace zol::cfg
 {
@@ -25,8 +27,8 @@ bool hasOurs(const TableImage& image);
 class CompilerInput
 {
 public:
-    // Takes over what is in the image now. False when that is what it was before.
-    bool update(const TableImage& wanted);
+    // Takes over what is in the image now. False when that is what it was before. sweeps: of the pool of its texts.
+    bool update(const TableImage& wanted, std::size_t sweeps);
 
     const ebtables::Table& table() const { return m_table; }
 
@@ -36,9 +38,12 @@ public:
     void clear() { *this = {}; }
 
 private:
-    static bool updateChain(const ImageChain& wanted, ebtables::Chain& chain);
+    using Texts = std::vector<RulePool::Text>;
+    static bool updateChain(const ImageChain& wanted, ebtables::Chain& chain, Texts& texts);
 
-    ebtables::Table m_table; // each rule with its text
+    ebtables::Table m_table;              // each rule with its text
+    std::map<std::string, Texts> m_texts; // of the chains' rules, in the pool; none when it has been swept since
+    std::size_t m_sweeps = 0;
 };
 
 } // namespace zol::cfg

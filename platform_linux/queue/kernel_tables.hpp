@@ -129,6 +129,9 @@ public:
         return m_sureOfGeneration ? std::optional(m_generation) : std::nullopt;
     }
 
+    // Whose texts the images have.
+    const RulePool& pool() const { return m_pool; }
+
     // To be called before a batch is built.
     void beforeChange() { m_beforeChange(); }
 

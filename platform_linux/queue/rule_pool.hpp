@@ -36,11 +36,16 @@ public:
     // Forgets all texts but those of which isUsed(Text) is true.
     void sweep(const auto& isUsed)
     {
+        ++m_sweeps;
         std::erase_if(m_texts, [&](const std::string& text) { return !isUsed(&text); });
     }
 
+    // As long as this stays, two texts are the same if, and only if, they are in the same place.
+    std::size_t sweeps() const { return m_sweeps; }
+
 private:
     std::unordered_set<std::string> m_texts;
+    std::size_t m_sweeps = 0;
     std::string m_scratch;
 };
 

@@ -266,4 +266,43 @@ TEST(Marks, TellEqualRulesApart)
     EXPECT_FALSE(std::ranges::count(marks, ebtables::noOrigin));
 }
 
+// Few different texts, so that many say the same.
+TEST(Mark, OfFewRulesIsWhatItIsAmongAll)
+{
+    std::mt19937 engine(3);
+    const auto rules = [&](std::size_t count) {
+        std::vector<ebtables::TableRule> made(count);
+        for (ebtables::TableRule& rule : made)
+            rule.text = "-s 02:00:00:00:00:0" + std::to_string(engine() % 10) + " -j DROP";
+        return made;
+    };
+    const auto markAll = [](std::vector<ebtables::TableRule>& list) {
+        compiled::Marker marker("UserForwardRules");
+        for (ebtables::TableRule& rule : list)
+            rule.origin = marker.rule(rule.text);
+    };
+    int alone = 0;
+    constexpr int tries = 2000;
+    for (int i = 0; i < tries; ++i) {
+        std::vector<ebtables::TableRule> list = rules(1 + engine() % 6);
+        markAll(list);
+        const std::size_t begin = engine() % list.size();
+        const std::size_t removed = engine() % (list.size() - begin + 1);
+        std::vector<ebtables::TableRule> added = rules(engine() % 4);
+        const compiled::TableRules all(list);
+        if (!compiled::markAlone(compiled::Marker("UserForwardRules"), all.first(begin), all.subspan(begin, removed),
+                                 all.subspan(begin + removed), added))
+            continue;
+        ++alone;
+        const auto at = list.begin() + static_cast<std::ptrdiff_t>(begin);
+        list.insert(list.erase(at, at + static_cast<std::ptrdiff_t>(removed)), added.begin(), added.end());
+        const std::vector<ebtables::TableRule> found = list;
+        markAll(list);
+        for (std::size_t j = 0; j < list.size(); ++j)
+            ASSERT_EQ(found[j].origin, list[j].origin) << "try " << i << ", rule " << j;
+    }
+    EXPECT_GT(alone, tries / 10);
+    EXPECT_LT(alone, tries);
+}
+
 } // namespace
