@@ -1,8 +1,9 @@
 #!/usr/bin/python3
 """Measures what a commit takes with the rules in the plain and in the compiled form, side by side.
 
-Runs in a network namespace of its own; needs root. The command queue by itself: a table of rules of four shapes between
-eight pairs of ports is filled again, with one rule changed, and with all of them. In turn, a new queue for each round:
+Runs in a network namespace of its own; needs root. The command queue by itself: a table of rules is filled again, with one
+rule changed, and with all of them. Their shapes take turns: four between eight pairs of ports, or with --one-pair ten between
+two ports, IPv6 among them. In turn, a new queue for each round:
   one, all    milliseconds from the end of the lines until they are in force, the median
   processor   milliseconds of the queue's processor time for each commit; most of it is reading the lines
 """
@@ -12,6 +13,7 @@ import statistics
 import tempfile
 
 import arguments
+import frames
 from lab import sandbox
 from lab.queue import Queue
 
@@ -28,6 +30,10 @@ def rule(place, number):
             f"{ports} -p IPv4 --ip-protocol 6 --ip-destination-port {number + 1} -j DROP")[place % 4]
 
 
+def ruleOfOnePair(place, number):
+    return f"-i p0 -o p1 {frames.SHAPES[place % 10](number)} -j {('ACCEPT', 'DROP')[place % 2]}"
+
+
 def processorMilliseconds(queue):
     with open(f"/proc/{queue.process.pid}/schedstat") as file:
         return int(file.read().split()[0]) / 1e6
@@ -37,7 +43,7 @@ def fill(queue, rules):
     return queue.commit([f"ebtables -F {CHAIN}"] + [f"ebtables -A {CHAIN} {each}" for each in rules]) * 1e3
 
 
-def measure(form, count, commits, results):
+def measure(form, rule, count, commits, results):
     with tempfile.TemporaryDirectory() as folder:
         queue = Queue(folder)
         queue.send("form " + form)
@@ -64,6 +70,7 @@ def main():
     parser.add_argument("build", type=arguments.existing, help="folder of the build")
     parser.add_argument("--rules", type=int, default=10000, help="how many, at most 10000 (%(default)s)")
     parser.add_argument("--rounds", type=int, default=5, help="how many (%(default)s)")
+    parser.add_argument("--one-pair", action="store_true", help="of ports")
     options = parser.parse_args()
     if not 8 <= options.rules <= 10000:
         parser.error(f"--rules {options.rules}: expected 8 to 10000")
@@ -73,7 +80,7 @@ def main():
     results = {form: {name: [] for name in names} for form in FORMS}
     for _ in range(options.rounds):
         for form in FORMS:
-            measure(form, options.rules, {"one": 20, "all": 3}, results)
+            measure(form, ruleOfOnePair if options.one_pair else rule, options.rules, {"one": 20, "all": 3}, results)
     print(f"{options.rules} rules, {options.rounds} rounds, milliseconds")
     print(f"{'':15}{'plain':>10}{'compiled':>10}{'ratio':>8}")
     for name in names:

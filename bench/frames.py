@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Measures what a frame pays for the rules on its way, in the plain form and in the compiled one, side by side.
+"""Measures what a frame pays for the rules on its way: in the plain form, as a list of nft's own, and in the compiled form.
 
 Runs in a network namespace of its own; needs root. A bridge has three ports; frames come in by one, pass all rules between
 two of them and leave by the other. A figure is the shortest of many bursts' time for a frame, all of it: sending, bridge,
-rules, receiving. The two forms are taken in turn.
-  plain, compiled   microseconds for a frame
+rules, receiving. The three are taken in turn.
+  plain, list, compiled  microseconds for a frame; list: nft's own rules of the same meaning, one after the other
   looks             the most steps that a frame is compared with, compiled
   load, compile, write  milliseconds: ebtables-restore of the plain form; the compiler; the compiled form's transaction
   kB                what the kernel has allocated for either form, as a memory cgroup of its own counts it; "-" where
@@ -26,7 +26,7 @@ from lab import sandbox
 from lab.bridge import Bridge
 
 PORTS = ("p0", "p1", "p2")
-COLUMNS = ("rules", "plain us", "compiled us", "plain kB", "compiled kB")
+COLUMNS = ("rules", "plain us", "list us", "compiled us", "plain kB", "compiled kB")
 KINDS = ("of ten shapes", "of ten, mixed")
 WAY = "-A UserForwardRules -i p0 -o p1"
 
@@ -109,6 +109,28 @@ def saved(rules):
         "-A FORWARD -j UserForwardRules\n" + "".join(f"{rule}\n" for rule in rules)
 
 
+NATIVE = {"-s": "ether saddr", "-d": "ether daddr", "--ip-source": "ip saddr", "--ip-destination": "ip daddr",
+          "--ip6-source": "ip6 saddr", "--ip6-destination": "ip6 daddr", "--vlan-id": "vlan id"}
+TYPES = {"0x800": "ether type ip ", "0x806": "ether type arp ", "0x86dd": "ether type ip6 ", "0x8100": ""}
+PROTOCOLS = {"6": "tcp dport", "17": "udp dport"}
+
+
+def native(rules):
+    """A table that nft takes, with the same rules."""
+    lines = []
+    for rule in rules:
+        words = rule.split()[2:]
+        options = dict(zip(words[::2], words[1::2]))
+        text = f'iifname "{options["-i"]}" oifname "{options["-o"]}" ' + TYPES[options.get("-p", "0x8100")]
+        text += "".join(f"{name} {options[option]} " for option, name in NATIVE.items() if option in options)
+        for family in ("ip", "ip6"):
+            if f"--{family}-dport" in options:
+                text += f"{PROTOCOLS[options[f'--{family}-proto']]} {options[f'--{family}-dport']} "
+        lines.append(text + f"counter {options['-j'].lower()}\n")
+    return "table bridge native {\nchain forward {\ntype filter hook forward priority -200; policy accept;\n" + \
+        "".join(lines) + "}\n}\n"
+
+
 def run(*command, **more):
     return subprocess.run(command, check=True, capture_output=True, text=True, **more).stdout
 
@@ -157,9 +179,9 @@ class Measurement:
     def send(self, one):
         return int(run(self._driver, "send", "p0_far", str(self._bursts), input=one.hex() + "\n")) / 1000
 
-    def both(self, rules, one):
-        text = saved(rules)
-        plain, compiled = [], []
+    def all(self, rules, one):
+        text, script = saved(rules), native(rules)
+        plain, listed, compiled = [], [], []
         memory = [None, None]
         for _ in range(self._rounds):
             before = self._memory.used()
@@ -170,6 +192,9 @@ class Measurement:
                 memory[0] = self._memory.used() - before
             plain.append(self.send(one))
             run("nft", "delete", "table", "bridge", "filter")
+            run("nft", "-f", "-", input=script)
+            listed.append(self.send(one))
+            run("nft", "delete", "table", "bridge", "native")
             self.settle(before)
             compiling, writing, looks = self._memory.run(self._driver, "compile", input=text).split()
             if before is not None:
@@ -177,7 +202,7 @@ class Measurement:
             compiled.append(self.send(one))
             run("nft", "delete", "table", "bridge", "moatkeeper")
             self.settle(before)
-        return min(plain), min(compiled), int(looks), load, float(compiling), float(writing), *memory
+        return min(plain), min(listed), min(compiled), int(looks), load, float(compiling), float(writing), *memory
 
     def settle(self, before):
         """The kernel gives memory back a moment later, and keeps some pages for later."""
@@ -217,10 +242,11 @@ def plot(table):
     curves, data = [], ""
     for kind in KINDS:
         rows = [row for row in table if row["rules"].endswith(kind)]
-        block = "".join(f"{row['rules'].split()[0]} {1e6 / row['plain us']} {1e6 / row['compiled us']}\n" for row in rows)
+        block = "".join(f"{row['rules'].split()[0]} {1e6 / row['plain us']} {1e6 / row['list us']} "
+                        f"{1e6 / row['compiled us']}\n" for row in rows)
         data += f"${kind.split()[-1]} << EOD\n{block}EOD\n"
-        curves += [f"${kind.split()[-1]} using 1:{column} with linespoints title '{kind}, {form}'"
-                   for column, form in ((2, "plain"), (3, "compiled"))]
+        curves += [f"${kind.split()[-1]} using 1:{column} with linespoints title \"{kind}, {form}\""
+                   for column, form in ((2, "plain"), (3, "a list of nft's own"), (4, "compiled"))]
     script = f"""set terminal svg size 800,500 font 'sans,13' background 'white'
 set logscale xy; set xlabel 'rules'; set ylabel 'frames a second'; set grid; set key left bottom
 {data}plot {', '.join(curves)}"""
@@ -229,7 +255,7 @@ set logscale xy; set xlabel 'rules'; set ylabel 'frames a second'; set grid; set
 
 def measure(measurement, sizes):
     print(f"without rules: {measurement.send(frame()):.2f} us a frame")
-    print(f"{'rules':<24}{'plain us':>10}{'compiled us':>13}{'ratio':>8}{'looks':>7}{'load ms':>9}{'compile ms':>12}"
+    print(f"{'rules':<24}{'plain us':>10}{'list us':>10}{'compiled us':>13}{'ratio':>8}{'looks':>7}{'load ms':>9}{'compile ms':>12}"
           f"{'write ms':>10}{'plain kB':>10}{'compiled kB':>13}")
     table = []
     sets = [("200 of a site", site(), frame())]
@@ -238,9 +264,9 @@ def measure(measurement, sizes):
     sets += [(f"{size}, three match", tenShapes(size, mixed=True), frameOfThree(size)) for size in sizes if size % 10 == 0]
     sets += [("10200 of 600 shapes", lengths(), frame())]
     for name, rules, one in sets:
-        plain, compiled, looks, load, compiling, writing, *memory = measurement.both(rules, one)
-        table.append(dict(zip(COLUMNS, (name, plain, compiled, *memory))))
-        print(f"{name:<24}{plain:>10.2f}{compiled:>13.2f}{plain / compiled:>8.1f}{looks:>7}{load:>9.0f}{compiling:>12.1f}"
+        plain, listed, compiled, looks, load, compiling, writing, *memory = measurement.all(rules, one)
+        table.append(dict(zip(COLUMNS, (name, plain, listed, compiled, *memory))))
+        print(f"{name:<24}{plain:>10.2f}{listed:>10.2f}{compiled:>13.2f}{plain / compiled:>8.1f}{looks:>7}{load:>9.0f}{compiling:>12.1f}"
               f"{writing:>10.1f}" + "".join(f"{'-' if used is None else round(used):>{width}}"
                                             for used, width in zip(memory, (10, 13))), flush=True)
     return table

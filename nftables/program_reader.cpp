@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <map>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 
 namespace nftables
@@ -302,7 +303,8 @@ public:
     {
     }
 
-    Result read(bool& settled)
+    // part: null for all of it.
+    Result read(const PartOfProgram* part, bool& settled)
     {
         m_held = {};
         Result result = readChains();
@@ -311,12 +313,16 @@ public:
         result = m_connection.list(
             NFT_MSG_GETSET, [this](nlmsghdr* request) { putText(request, NFTA_SET_TABLE, m_table.c_str()); },
             [this](const nlmsghdr* message) { return takeSet(Attributes<NFTA_SET_MAX + 1>(message)); }, settled);
-        if (result.answer == Answer::Done)
-            result = m_connection.list(
-                NFT_MSG_GETRULE, [this](nlmsghdr* request) { putText(request, NFTA_RULE_TABLE, m_table.c_str()); },
-                [this](const nlmsghdr* message) { return takeRule(nftables::readRule(message)); }, settled);
+        if (result.answer == Answer::Done && part == nullptr)
+            result = readRules(nullptr, settled);
+        if (part != nullptr) {
+            for (const std::string& chain : part->chains) {
+                if (result.answer == Answer::Done)
+                    result = readRules(chain.c_str(), settled);
+            }
+        }
         for (const auto& [name, map] : m_sets) {
-            if (result.answer == Answer::Done)
+            if (result.answer == Answer::Done && (part == nullptr || part->maps.contains(name)))
                 result = readElements(name, map, settled);
         }
         for (const auto& [name, values] : m_oneOfs)
@@ -389,6 +395,19 @@ private:
         const std::size_t length = mnl_attr_get_payload_len(userData);
         if (length >= 2 && data[0] == sizesType && data[1] == length - 2)
             map.sizes.assign(data + 2, data + length);
+    }
+
+    // chain: null for all.
+    Result readRules(const char* chain, bool& settled)
+    {
+        return m_connection.list(
+            NFT_MSG_GETRULE,
+            [&](nlmsghdr* request) {
+                putText(request, NFTA_RULE_TABLE, m_table.c_str());
+                if (chain != nullptr)
+                    putText(request, NFTA_RULE_CHAIN, chain);
+            },
+            [this](const nlmsghdr* message) { return takeRule(nftables::readRule(message)); }, settled);
     }
 
     bool takeRule(const RuleView& rule)
@@ -610,7 +629,33 @@ CountersByMark countedByGone(const HeldProgram& held, const compiled::Difference
 
 Result readProgram(Connection& connection, const std::string& table, HeldProgram& held, bool& settled)
 {
-    return Reader(connection, table, held).read(settled);
+    return Reader(connection, table, held).read(nullptr, settled);
+}
+
+Result readPart(Connection& connection, const std::string& table, const PartOfProgram& part, HeldProgram& held,
+                bool& settled)
+{
+    return Reader(connection, table, held).read(&part, settled);
+}
+
+std::optional<PartOfProgram> goneWhole(const compiled::Program& from, const compiled::Difference& difference,
+                                       std::span<const ebtables::Origin> moved)
+{
+    const std::unordered_set<ebtables::Origin> marks(moved.begin(), moved.end());
+    for (const compiled::Difference::Elements& changes : difference.elements) {
+        for (const std::size_t gone : changes.gone) {
+            if (marks.contains(from.maps[changes.from].elements[gone].origin))
+                return std::nullopt;
+        }
+    }
+    PartOfProgram part;
+    for (const std::size_t chain : difference.goneChains)
+        part.chains.insert(chainOfSteps(from.chains[chain]));
+    for (const auto& [before, after] : difference.refilled)
+        part.chains.insert(chainOfSteps(from.chains[before]));
+    for (const std::size_t map : difference.goneMaps)
+        part.maps.insert(nameOf(from.maps[map]));
+    return part;
 }
 
 std::optional<Step> readStep(const RuleView& rule, const std::vector<Map>& maps)

@@ -7,6 +7,8 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,20 @@ CountersByMark countedByGone(const HeldProgram& held, const compiled::Difference
 // table: of the bridge family. settled: false when the tables changed meanwhile. Whatever the kernel sends is taken.
 // Throws std::bad_alloc only.
 Result readProgram(Connection& connection, const std::string& table, HeldProgram& held, bool& settled);
+
+// The same with the rules of some chains and the elements of some maps only, by their names in the kernel; others are
+// empty. Where there are thousands, that is sooner done.
+struct PartOfProgram {
+    std::set<std::string> chains;
+    std::set<std::string> maps;
+};
+Result readPart(Connection& connection, const std::string& table, const PartOfProgram& part, HeldProgram& held,
+                bool& settled);
+
+// The chains and maps that the difference takes out or fills anew, where all of the moved marks that go are in these;
+// nothing where one goes from a map that stays.
+std::optional<PartOfProgram> goneWhole(const compiled::Program& from, const compiled::Difference& difference,
+                                       std::span<const ebtables::Origin> moved);
 
 // The step that a rule of the table is, or nothing when no program has such a one. maps: of the program.
 std::optional<compiled::Step> readStep(const RuleView& rule, const std::vector<compiled::Map>& maps);

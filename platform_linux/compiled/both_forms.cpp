@@ -370,14 +370,20 @@ nftables::CountersByMark BothForms::keptCounters()
 {
     if (!m_program)
         return {};
-    const std::vector<ebtables::Origin> moved =
-        nftables::movedMarks(m_held.program, *m_program, compiled::difference(m_held.program, *m_program));
+    const compiled::Difference all = compiled::difference(m_held.program, *m_program);
+    const std::vector<ebtables::Origin> moved = nftables::movedMarks(m_held.program, *m_program, all);
     if (moved.empty())
         return {};
     nftables::HeldProgram now;
     bool settled = true;
-    nftables::readProgram(m_tables.connection(), nftables::compiledTable, now, settled);
-    nftables::CountersByMark counters = nftables::countedByGone(now, compiled::difference(now.program, *m_program));
+    nftables::CountersByMark counters;
+    if (const auto gone = nftables::goneWhole(m_held.program, all, moved)) {
+        nftables::readPart(m_tables.connection(), nftables::compiledTable, *gone, now, settled);
+        counters = nftables::countedBy(now);
+    } else {
+        nftables::readProgram(m_tables.connection(), nftables::compiledTable, now, settled);
+        counters = nftables::countedByGone(now, compiled::difference(now.program, *m_program));
+    }
     std::erase_if(counters, [this](const auto& counted) { return !m_keptCounters.insert(counted.first).second; });
     return counters;
 }
