@@ -7,6 +7,7 @@
 #include "moatctl/tables/configuration.hpp"
 #include "records/unusable.hpp"
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -53,7 +54,7 @@ struct Applied {
     // The row that a rule or policy is made of; null for the daemon's own, and for what nobody changed.
     const Row* rowOf(ebtables::Origin origin) const
     {
-        return origin == ebtables::noOrigin ? nullptr : rows[origin - 1];
+        return origin == ebtables::noOrigin ? nullptr : rows[static_cast<std::size_t>(origin - 1)];
     }
 };
 Applied apply(const Expected& expected);
