@@ -11,7 +11,7 @@ packagesFor() { # group
     case $1 in
     build) echo cmake g++ libcli11-dev libmnl-dev ninja-build rapidjson-dev ;;
     running) echo ebtables iproute2 iptables openvswitch-common python3 util-linux ;; # and the tour
-    tests) echo git libgmock-dev libgtest-dev mandoc mount nftables python3-prometheus-client strace systemd ;;
+    tests) echo git libgmock-dev libgtest-dev mandoc mount nftables openssl python3-prometheus-client strace systemd ;;
     browser) echo chromium chromium-driver python3-selenium tidy ;; # for the test of moatctl's page; large
     packages) echo debhelper dpkg-dev file lintian ;;
     checks) echo ccache clang clang-format clang-tidy gcovr git gnuplot-nox libclang-rt-14-dev lld llvm mandoc shellcheck ;;

@@ -70,14 +70,15 @@ class Program:
         return int(re.search(r"VmHWM:\s+(\d+)", status)[1])
 
 
-def startServer(schema, folder, database="configuration.db", socketPath=SOCKET):
-    """A configuration server on socketPath with its database in folder, made from the schema if it is not there."""
+def startServer(schema, folder, database="configuration.db", socketPath=SOCKET, options=()):
+    """A configuration server on socketPath with its database in folder, made from the schema if it is not there.
+    options: of ovsdb-server besides, such as --remote=ptcp:6640:127.0.0.1 or another database's file."""
     path = os.path.join(folder, database)
     if not os.path.exists(path):
         subprocess.run(["ovsdb-tool", "create", path, schema], check=True)
     name = os.path.join(folder, pathlib.Path(database).stem)
     server = Program(["ovsdb-server", "-vconsole:warn", "-vsyslog:off", "--no-chdir", f"--remote=punix:{socketPath}",
-                      f"--unixctl={name}.ctl", path], f"{name}.log")
+                      f"--unixctl={name}.ctl", *options, path], f"{name}.log")
     waiting.until(lambda: _isConnected(socketPath) or not server.isRunning(), f"a server on {socketPath}")
     if not server.isRunning():
         raise RuntimeError(f"the configuration server ended: {server.readLog()}")
