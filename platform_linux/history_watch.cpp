@@ -65,6 +65,12 @@ bool isOrdinary(const std::string& error)
     return error.starts_with("timed out") || error.find("identical values") != std::string::npos;
 }
 
+// The server's role-based access lets a device of a fleet write its own row only.
+bool isForbidden(const std::string& error)
+{
+    return error.starts_with("permission error");
+}
+
 } // namespace
 
 HistoryWatch::HistoryWatch(const std::string& hostName, const ovsdb::TableCache& tables,
@@ -106,7 +112,7 @@ void HistoryWatch::rowChanges(const ovsdb::Table& table, const ovsdb::Row* befor
 void HistoryWatch::update(bool connected, bool served)
 {
     if (connected)
-        m_underWay = false;
+        m_underWay = m_forbidden = false;
     m_served = served;
     Step step{.sum = m_sum - m_before, .rows = std::exchange(m_rows, {})};
     m_before = m_sum;
@@ -121,7 +127,7 @@ void HistoryWatch::update(bool connected, bool served)
             m_steps.push_back(std::move(step));
         bound();
     }
-    if (m_sum == m_told)
+    if (m_sum == m_told || m_forbidden)
         m_steps.clear();
     schedule();
 }
@@ -287,6 +293,10 @@ void HistoryWatch::answered(const std::optional<std::string>& error)
     if (error && !isOrdinary(*error) && std::exchange(m_problem, *error) != *error)
         ZOL_Sysloglevel_warning(m_logModule, historyLabel, 10,
                                 "a change by another client is not in the history: " + text::oneLine(*error));
+    if (error && isForbidden(*error)) {
+        m_forbidden = true; // others tell the history, if anybody does
+        m_steps.clear();
+    }
     malloc_trim(0); // an entry of many rows takes some megabytes for a while
     schedule();
 }

@@ -25,7 +25,8 @@ namespace zol::cfg
 // to change become an entry. Of several devices that send it the server takes the first: the entry's number is unique,
 // and the others see by the sum of that entry which changes it tells of.
 //
-// Nothing is sent while a change waits to be confirmed, nor twice within a second: what comes faster is one entry.
+// Nothing is sent while a change waits to be confirmed, nor twice within a second: what comes faster is one entry. Nor
+// is anything on a connection on which the server has said that this is not for us.
 // Threading: the dispatcher's thread.
 class HistoryWatch
 {
@@ -99,7 +100,8 @@ private:
     std::uint64_t m_before = 0; // the sum before the message
     std::deque<Step> m_steps;
 
-    bool m_underWay = false; // a transaction
+    bool m_underWay = false;  // a transaction
+    bool m_forbidden = false; // on this connection, to write
     std::string m_problem;   // the log has it
     Clock::time_point m_begunAt{};
     Clock::time_point m_othersTell{}; // when there was last an entry that others have written, of other changes

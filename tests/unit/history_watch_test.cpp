@@ -201,6 +201,24 @@ TEST_F(HistoryWatchTest, WhatTheServerRefusesIsToldOnceAndTriedAgain)
     EXPECT_EQ(log.find("not allowed"), log.rfind("not allowed"));
 }
 
+TEST_F(HistoryWatchTest, WhatIsForbiddenIsLeftToOthersUntilTheNextConnection)
+{
+    message({newRule(1)}, true);
+    message({newRule(2)});
+    run(50ms);
+    ASSERT_THAT(m_sent, SizeIs(1));
+    m_sent[0].answered({}, "permission error: RBAC rules for client \"here\" role \"device\" prohibit row insertion");
+    message({newRule(3)});
+    run(1200ms);
+    EXPECT_THAT(m_sent, SizeIs(1));
+    EXPECT_THAT(m_log.text(), HasSubstr("prohibit row insertion"));
+
+    message({newRule(4)}, true);
+    message({newRule(5)});
+    run(1200ms);
+    EXPECT_THAT(m_sent, SizeIs(2)) << "the role may be another one now";
+}
+
 TEST(RowSumTest, IsOfTheRowsWhateverTheirOrder)
 {
     const ovsdb::Table& table = schema::serverDatabase().at(rules);
