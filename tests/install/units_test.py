@@ -15,6 +15,8 @@ import unittest
 
 CMAKE, BUILD = sys.argv[1:3]
 DAEMON, SERVER, CREATE = "moatkeeper.service", "moatkeeper-db.service", "moatkeeper-db-create.service"
+RELAY = "moatkeeper-relay.service"
+CENTRE = [f"moatkeeper-{name}@.service" for name in ("centre", "devices", "administrators")]
 METRICS, TIMER = "moatkeeper-metrics.service", "moatkeeper-metrics.timer"
 
 
@@ -41,8 +43,8 @@ def read(name):
 
 class Units(unittest.TestCase):
     def testTheOrderOfAStart(self):
-        daemon, server, create = (read(name) for name in (DAEMON, SERVER, CREATE))
-        for unit in (daemon, server, create):
+        daemon, server, create, relay = (read(name) for name in (DAEMON, SERVER, CREATE, RELAY))
+        for unit in (daemon, server, create, relay):
             # Otherwise basic.target is waited for, which may wait for the network itself.
             self.assertEqual(unit["DefaultDependencies"], ["no"])
             self.assertIn("shutdown.target", unit["Conflicts"])
@@ -57,6 +59,16 @@ class Units(unittest.TestCase):
             name = SERVER if first is server else CREATE
             self.assertIn(name, then["Wants"])
             self.assertIn(name, then["After"])
+
+    def testOneOfTheTwoServersRuns(self):
+        server, relay = read(SERVER), read(RELAY)
+        self.assertEqual(server["ConditionPathExists"], ["/run/moatkeeper-db/control/own"])
+        self.assertEqual(relay["ConditionPathExists"], ["/run/moatkeeper-db/control/relay"])
+        self.assertIn(RELAY, server["Wants"])
+        self.assertEqual(relay["PartOf"], [SERVER])
+        for name in (CREATE, SERVER):
+            self.assertIn(name, relay["After"])
+        self.assertIn(RELAY, read(DAEMON)["After"])
 
     def testNoStepOfTheStartLastsForEver(self):
         self.assertEqual(read(CREATE)["TimeoutStartSec"], ["1min"])  # without it, there is no limit
@@ -79,7 +91,7 @@ class Units(unittest.TestCase):
     def analyze(self, *arguments):
         """What systemd-analyze says of the units; it looks for the programs, which are not installed here."""
         with tempfile.TemporaryDirectory() as folder:
-            for name in (DAEMON, SERVER, CREATE, METRICS, TIMER):
+            for name in (DAEMON, SERVER, CREATE, RELAY, METRICS, TIMER, *CENTRE):
                 text = re.sub(r"(?m)^(ExecStart|ExecReload)=\S+", r"\1=/bin/true",
                               (UNITS / name).read_text(encoding="utf-8"))
                 pathlib.Path(folder, name).write_text(text, encoding="utf-8")
@@ -90,13 +102,14 @@ class Units(unittest.TestCase):
 
     @unittest.skipUnless(shutil.which("systemd-analyze"), "no systemd-analyze")
     def testSystemdFindsNothingWrong(self):
-        for unit in (DAEMON, TIMER):
+        for unit in (DAEMON, TIMER, CENTRE[0].replace("@", "@office")):
             self.assertNotRegex(self.analyze("verify", "--man=no", f"./{unit}"), "moatkeeper")
 
     @unittest.skipUnless(shutil.which("systemd-analyze"), "no systemd-analyze")
     def testExposure(self):
         """As systemd counts it: 10 is the worst."""
-        for unit, most in ((DAEMON, 2.0), (SERVER, 1.5), (CREATE, 2.0), (METRICS, 2.0)):
+        for unit, most in ((DAEMON, 2.0), (SERVER, 1.5), (CREATE, 2.0), (METRICS, 2.0), (RELAY, 2.0),
+                           *((unit, 2.0) for unit in CENTRE)):
             last = self.analyze("security", "--offline=yes", "--no-pager", f"./{unit}").strip().splitlines()[-1]
             found = float(re.search(r"Overall exposure level for \S+ ([0-9.]+)", last)[1])
             self.assertLessEqual(found, most, last)
