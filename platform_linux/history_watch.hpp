@@ -102,7 +102,7 @@ private:
 
     bool m_underWay = false;  // a transaction
     bool m_forbidden = false; // on this connection, to write
-    std::string m_problem;   // the log has it
+    std::string m_problem;    // the log has it
     Clock::time_point m_begunAt{};
     Clock::time_point m_othersTell{}; // when there was last an entry that others have written, of other changes
     Clock::time_point m_next{};       // no entry before
