@@ -9,7 +9,7 @@ namespace moatctl
 
 enum class ExitStatus {
     Ok = 0,         // done; check found nothing
-    Warnings = 1,   // check found warnings; status found something wrong
+    Warnings = 1,   // check found warnings; status or devices found something wrong
     BadInput = 2,   // the command line, a file or a configuration has errors, nothing was changed; explain cannot tell
     Server = 3,     // the server cannot be reached, does not answer in time, has another schema or refused the request
     Conflict = 4,   // a row is missing, exists already or is in use, or others kept changing it; nothing was changed

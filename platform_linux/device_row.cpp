@@ -36,11 +36,12 @@ std::int32_t number(std::size_t count)
 } // namespace
 
 DeviceRow::DeviceRow(const std::string& deviceName, tessera::net::EventDispatcher::State& dispatcher,
-                     ZOL_Sysloglevel_Module logModule, SendOperation send)
+                     ZOL_Sysloglevel_Module logModule, SendOperation send, std::chrono::milliseconds afterRefusal)
     : m_name(schema::isDeviceName(deviceName) ? deviceName : ""),
       m_dispatcher(dispatcher),
       m_logModule(logModule),
       m_send(std::move(send)),
+      m_afterRefusal(afterRefusal),
       m_started(text::utcTime(std::chrono::system_clock::now()))
 {
     if (m_name.empty())
@@ -53,6 +54,7 @@ DeviceRow::DeviceRow(const std::string& deviceName, tessera::net::EventDispatche
 DeviceRow::~DeviceRow()
 {
     m_dispatcher.stopTimer(m_timer);
+    m_dispatcher.stopTimer(m_beat);
 }
 
 void DeviceRow::setServed(bool served)
@@ -63,8 +65,10 @@ void DeviceRow::setServed(bool served)
     writeSoon();
 }
 
-void DeviceRow::update(std::int32_t change, const QueueStatus& status)
+void DeviceRow::update(std::int32_t change, const QueueStatus& status, std::int32_t heartbeat)
 {
+    if (std::exchange(m_heartbeat, heartbeat) != heartbeat)
+        m_sent.clear();
     if (status.inStep && m_inForce != change) {
         m_inForce = change;
         m_since = text::utcTime(std::chrono::system_clock::now());
@@ -128,7 +132,7 @@ void DeviceRow::write()
     m_lastWrite = Clock::now();
     m_asked = true;
     m_sent = m_wanted;
-    m_send(ovsdb::updateRows(schema::deviceTable, ovsdb::rowsWith(device::name, m_name), m_sent),
+    m_send(ovsdb::updateRows(schema::deviceTable, ovsdb::rowsWith(device::name, m_name), sentNow()),
            [this](const ovsdb::Json& result, const std::optional<std::string>& error) {
                if (error)
                    return refused(*error);
@@ -142,7 +146,7 @@ void DeviceRow::write()
 // The first time that the server hears of this device.
 void DeviceRow::insert()
 {
-    ovsdb::ColumnValues row = m_sent;
+    ovsdb::ColumnValues row = sentNow();
     row.emplace_back(std::string(device::name), tessera::Value(m_name));
     m_send(ovsdb::insertRow(schema::deviceTable, row),
            [this](const ovsdb::Json&, const std::optional<std::string>& error) {
@@ -152,10 +156,34 @@ void DeviceRow::insert()
            });
 }
 
+ovsdb::ColumnValues DeviceRow::sentNow() const
+{
+    ovsdb::ColumnValues row = m_sent;
+    row.emplace_back(std::string(device::seen), tessera::Value(text::utcTime(std::chrono::system_clock::now())));
+    return row;
+}
+
+// The whole row, which somebody may have deleted meanwhile.
+void DeviceRow::writeAgainLater()
+{
+    m_dispatcher.stopTimer(m_beat);
+    std::chrono::milliseconds longest = std::chrono::seconds(m_heartbeat);
+    if (m_heartbeat == 0 && m_toldRefused)
+        longest = m_afterRefusal;
+    if (longest.count() == 0)
+        return;
+    const auto some = std::chrono::milliseconds(Clock::now().time_since_epoch().count() / 1000 % longest.count());
+    m_beat = m_dispatcher.startTimer((longest + some) / 2, [this] {
+        m_sent.clear();
+        writeSoon();
+    });
+}
+
 void DeviceRow::taken()
 {
     m_asked = false;
     m_toldRefused = false;
+    writeAgainLater();
     writeSoon();
 }
 
@@ -165,7 +193,8 @@ void DeviceRow::refused(const std::string& reason)
     if (!std::exchange(m_toldRefused, true))
         ZOL_Sysloglevel_warning(m_logModule, deviceLabel, 20,
                                 "the server does not take what is in force here: " + reason);
-    // What was sent counts as told: the next change is another attempt.
+    // What was sent counts as told until then.
+    writeAgainLater();
     writeSoon();
 }
 

@@ -266,7 +266,9 @@ private:
         if (!m_device)
             return;
         const auto rows = m_link->tables().rows(schema::changeTable);
-        m_device->update(rows.empty() ? 0 : rows.front().values.integer(0), m_queue.status(schema::maximumNotInForce));
+        const bool none = rows.empty();
+        m_device->update(none ? 0 : rows.front().values.integer(0), m_queue.status(schema::maximumNotInForce),
+                         none ? 0 : rows.front().values.integer(2));
     }
 
     // While the tables cannot be changed, what is wanted waits in the queue.

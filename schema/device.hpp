@@ -15,6 +15,9 @@ inline constexpr std::string_view changeNumber = "Number";
 inline constexpr std::string_view changeEngine = "Engine";
 inline constexpr std::string_view compiledEngine = "compiled";
 inline constexpr std::string_view plainEngine = "plain";
+// In which a device writes its row again although nothing is new, in seconds; 0: it does not.
+inline constexpr std::string_view changeHeartbeat = "Heartbeat";
+inline constexpr std::int32_t longestHeartbeat = 86'400;
 // The number after the last one is 0. The schema lets this one in for the moment between adding 1 and taking the rest.
 inline constexpr std::int32_t changeNumbers = 2'000'000'000;
 
@@ -22,6 +25,12 @@ inline constexpr std::int32_t changeNumbers = 2'000'000'000;
 constexpr bool includes(std::int32_t inForce, std::int32_t number)
 {
     return inForce >= 0 && (std::int64_t{inForce} - number + changeNumbers) % changeNumbers < changeNumbers / 2;
+}
+
+// How many changes after `inForce` the change `number` is; both are numbers of changes.
+constexpr std::int32_t changesBetween(std::int32_t inForce, std::int32_t number)
+{
+    return static_cast<std::int32_t>((std::int64_t{number} - inForce + changeNumbers) % changeNumbers);
 }
 
 // A row for each device, which the device writes itself. All but the name is gone when the server starts anew, until
@@ -43,6 +52,7 @@ inline constexpr std::string_view repairedWhat = "RepairedWhat";       // who ha
 inline constexpr std::string_view engine = "Engine";   // the form of the rules there, and why not another
 inline constexpr std::string_view version = "Version"; // the daemon's
 inline constexpr std::string_view started = "Started"; // when the daemon did; empty: it was stopped
+inline constexpr std::string_view seen = "Seen";       // when the row was written last
 } // namespace device
 
 inline constexpr std::size_t maximumNotInForce = 1'000;

@@ -5,12 +5,17 @@
 #include "moatctl/command_line/guard_rail.hpp"
 #include "moatctl/command_line/occasion.hpp"
 #include "moatctl/tables/problem.hpp"
+#include "moatctl/tables/server.hpp"
 #include "moatctl/tables/values.hpp"
+#include "ovsdb/client.hpp"
+#include "ovsdb/operations.hpp"
+#include "schema/device.hpp"
 #include "schema/trial.hpp"
 
 #include <algorithm>
 #include <ostream>
 #include <utility>
+#include <vector>
 
 namespace moatctl
 {
@@ -93,6 +98,42 @@ ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit)
     if (stored.changed && program.occasion->trial != 0)
         program.err << "goes back in " << program.occasion->trial
                     << " s unless it is confirmed (moatctl confirm, or moatctl cancel)\n";
+    if (!program.noWait)
+        awaitInForce(program, client, stored);
+    return ExitStatus::Ok;
+}
+
+ExitStatus carryOutSetting(Program& program, const std::string& column, const tessera::Value& value,
+                           const std::string& told)
+{
+    ovsdb::Client client = program.connect();
+    const ovsdb::TableCache& state = client.follow(client.tableNames());
+    if (!tellsWhatIsInForce(client))
+        throw Failure(ExitStatus::Server, "the server's database, schema " + client.schemaVersion() +
+                                              ", has no place for it: expected schema 1.1 or later");
+    Stored stored;
+    stored.before = toConfiguration(state);
+    stored.after = toConfiguration(state);
+    stored.devicesBefore = devicesOf(state);
+    stored.numberBefore = changeNumberOf(state);
+    const ovsdb::ColumnValues values{{column, value}};
+    std::vector<ovsdb::Json> operations;
+    if (stored.numberBefore) {
+        operations.push_back(ovsdb::updateRows(schema::changeTable, ovsdb::everyRow(), values));
+        for (ovsdb::Json& operation : ovsdb::countUp(schema::changeTable, schema::changeNumber, schema::changeNumbers))
+            operations.push_back(std::move(operation));
+    } else {
+        ovsdb::ColumnValues row = values;
+        row.emplace_back(std::string(schema::changeNumber), tessera::Value(1));
+        operations.push_back(ovsdb::insertRow(schema::changeTable, row));
+    }
+    const ovsdb::TransactionResult result = client.transact(operations);
+    if (!result.committed())
+        throw Failure(ExitStatus::Server, "the server refused it: " + result.errorText());
+    stored.changed = true;
+    stored.number = stored.numberBefore ? result.outcomes.back().number : std::optional<std::int32_t>(1);
+    program.out << told << '\n';
+    program.out.flush();
     if (!program.noWait)
         awaitInForce(program, client, stored);
     return ExitStatus::Ok;

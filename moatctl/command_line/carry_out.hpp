@@ -3,6 +3,9 @@
 
 #include "moatctl/command_line/verb.hpp"
 #include "moatctl/tables/edit.hpp"
+#include "platform/value_list.hpp"
+
+#include <string>
 
 namespace moatctl
 {
@@ -17,5 +20,11 @@ std::function<void(Editor&)> checked(Program& program, std::function<void(Editor
 // Carries the edit out, writes what it reports and waits until it is in force, if that is wanted. Throws what applyEdit
 // and awaitInForce throw.
 ExitStatus carryOut(Program& program, const std::function<void(Editor&)>& edit);
+
+// Gives a column of the row that counts the changes another value: a change like any other, counted and waited for.
+// told: the line that says so. Throws Failure(Server) where the server has no place for it, and what awaitInForce
+// throws.
+ExitStatus carryOutSetting(Program& program, const std::string& column, const tessera::Value& value,
+                           const std::string& told);
 
 } // namespace moatctl

@@ -78,6 +78,11 @@ Command Command::add(const std::string& name, const std::string& description, co
     return Command(*command);
 }
 
+void Command::standsAlone() const
+{
+    m_app->require_subcommand(0, 1);
+}
+
 Option Command::option(const std::string& name, const std::string& type, const std::string& help) const
 {
     return filled(*m_app->add_option(name, help)->type_name(type)->expected(1), type);

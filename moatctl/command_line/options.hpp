@@ -47,6 +47,9 @@ public:
     // needs one of them.
     Command add(const std::string& name, const std::string& description, const std::string& example) const;
 
+    // The sub-commands that there are by now need not be given.
+    void standsAlone() const;
+
     // "--in", or for a word without an option "FILE". type stands for the value in the help. An empty value is refused.
     // The values are handed to `take`, or left to be asked for.
     Option option(const std::string& name, const std::string& type, const std::string& help) const;

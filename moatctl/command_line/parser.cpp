@@ -17,7 +17,7 @@ constexpr int longestTimeout = 3600;
 
 constexpr const char* closingText = R"(Exit status:
   0  done; check found nothing
-  1  check found warnings; status found something wrong
+  1  check found warnings; status or devices found something wrong
   2  the command line, a file or a configuration has errors, nothing was changed; explain or matrix cannot tell
   3  the server cannot be reached, does not answer in time or has another schema
   4  a row is missing, exists already or is in use, or others kept changing it

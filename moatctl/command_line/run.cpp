@@ -25,6 +25,11 @@ ovsdb::Client Program::connectToHistory() const
     return ovsdb::Client(schema::historyDatabase(), server);
 }
 
+ovsdb::Client Program::connectToDevices() const
+{
+    return ovsdb::Client(schema::devicesDatabase(), server);
+}
+
 namespace
 {
 

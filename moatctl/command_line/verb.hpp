@@ -49,6 +49,7 @@ struct Program {
     ovsdb::Client connect() const { return connect(server); }
     ovsdb::Client connect(const ovsdb::ClientOptions& options) const;
     ovsdb::Client connectToHistory() const;
+    ovsdb::Client connectToDevices() const; // schema::devicesDatabase
 };
 
 } // namespace moatctl

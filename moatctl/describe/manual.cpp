@@ -87,7 +87,7 @@ std::vector<const CLI::Option*> newOptions(const CLI::App& app, const CLI::App* 
 void writeVerb(std::ostream& out, const CLI::App& app, const std::string& name, const CLI::App* sibling)
 {
     const std::vector<const CLI::App*> parts = subcommandsOf(app);
-    if (parts.empty()) {
+    if (parts.empty() || !optionsOf(app).empty()) {
         bool leftOut = false;
         const std::vector<const CLI::Option*> options = newOptions(app, sibling, leftOut);
         out << ".It Cm " << name << '\n' << sentence(app.get_description()) << '\n';
@@ -97,7 +97,6 @@ void writeVerb(std::ostream& out, const CLI::App& app, const std::string& name, 
         const std::string footer = app.get_footer();
         if (footer.starts_with(exampleMark))
             out << ".Pp\nExample:\n.Dl " << plain(footer.substr(exampleMark.size())) << '\n';
-        return;
     }
     const auto add =
         std::ranges::find(parts, std::string("add"), [](const CLI::App* part) { return part->get_name(); });
@@ -109,7 +108,7 @@ void writeVerbs(std::ostream& out, const CLI::App& root)
 {
     for (const CLI::App* verb : subcommandsOf(root)) {
         out << ".Ss " << verb->get_name() << '\n';
-        if (!subcommandsOf(*verb).empty())
+        if (!subcommandsOf(*verb).empty() && optionsOf(*verb).empty())
             out << sentence(verb->get_description()) << '\n';
         out << ".Bl -tag -width Ds\n";
         writeVerb(out, *verb, verb->get_name(), nullptr);

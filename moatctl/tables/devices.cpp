@@ -45,8 +45,10 @@ std::vector<Device> devicesOf(const ovsdb::TableCache& cache)
     if (table == nullptr)
         return devices;
     for (const ovsdb::Row& row : cache.rows(schema::deviceTable)) {
+        // Not every copy has all columns.
         const auto text = [&](std::string_view column) {
-            return ovsdb::TableCache::value(*table, row, column)->getText();
+            const auto value = ovsdb::TableCache::value(*table, row, column);
+            return value ? value->getText() : std::string();
         };
         const auto number = [&](std::string_view column) {
             return ovsdb::TableCache::value(*table, row, column)->getInteger();
@@ -64,7 +66,8 @@ std::vector<Device> devicesOf(const ovsdb::TableCache& cache)
                            .repairedWhat = text(device::repairedWhat),
                            .engine = text(device::engine),
                            .version = text(device::version),
-                           .started = text(device::started)});
+                           .started = text(device::started),
+                           .seen = text(device::seen)});
     }
     std::ranges::sort(devices, {}, &Device::name);
     return devices;

@@ -37,6 +37,7 @@ struct Device {
     std::string engine; // "compiled", "plain", or "plain: " and why
     std::string version;
     std::string started;
+    std::string seen; // when the row was written last
 
     // Whether its daemon has said anything since the server was started, and has not been stopped since.
     bool reports() const { return !started.empty(); }

@@ -32,6 +32,7 @@ void addImport(const Command& root, Program& program);
 void addMonitor(const Command& root, Program& program);
 void addHistory(const Command& root, Program& program);
 void addUndo(const Command& root, Program& program);
+void addDevices(const Command& root, Program& program);
 void addEngine(const Command& root, Program& program);
 void addConfirm(const Command& root, Program& program);
 void addCancel(const Command& root, Program& program);

@@ -3,14 +3,11 @@
 #include "compiled/summary.hpp"
 #include "moatctl/bridge/compiled_kernel.hpp"
 #include "moatctl/bridge/expected.hpp"
-#include "moatctl/command_line/await_in_force.hpp"
+#include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/command_line/output.hpp"
-#include "moatctl/tables/devices.hpp"
-#include "moatctl/tables/edit.hpp"
 #include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "ovsdb/client.hpp"
-#include "ovsdb/operations.hpp"
 #include "schema/device.hpp"
 
 #include <algorithm>
@@ -65,42 +62,6 @@ ExitStatus show(Program& program, const OutputStyle& style)
     return ExitStatus::Ok;
 }
 
-// A change like any other: it is counted, and waited for.
-ExitStatus choose(Program& program, std::string_view engine)
-{
-    ovsdb::Client client = program.connect();
-    const ovsdb::TableCache& state = client.follow(client.tableNames());
-    if (!tellsWhatIsInForce(client))
-        throw Failure(ExitStatus::Server, "the server's database, schema " + client.schemaVersion() +
-                                              ", has no place for the engine: expected schema 1.1 or later");
-    Stored stored;
-    stored.before = toConfiguration(state);
-    stored.after = toConfiguration(state);
-    stored.devicesBefore = devicesOf(state);
-    stored.numberBefore = changeNumberOf(state);
-    const ovsdb::ColumnValues values{{std::string(schema::changeEngine), tessera::Value(std::string(engine))}};
-    std::vector<ovsdb::Json> operations;
-    if (stored.numberBefore) {
-        operations.push_back(ovsdb::updateRows(schema::changeTable, ovsdb::everyRow(), values));
-        for (ovsdb::Json& operation : ovsdb::countUp(schema::changeTable, schema::changeNumber, schema::changeNumbers))
-            operations.push_back(std::move(operation));
-    } else {
-        ovsdb::ColumnValues row = values;
-        row.emplace_back(std::string(schema::changeNumber), tessera::Value(1));
-        operations.push_back(ovsdb::insertRow(schema::changeTable, row));
-    }
-    const ovsdb::TransactionResult result = client.transact(operations);
-    if (!result.committed())
-        throw Failure(ExitStatus::Server, "the server refused it: " + result.errorText());
-    stored.changed = true;
-    stored.number = stored.numberBefore ? result.outcomes.back().number : std::optional<std::int32_t>(1);
-    program.out << "engine: " << engine << '\n';
-    program.out.flush();
-    if (!program.noWait)
-        awaitInForce(program, client, stored);
-    return ExitStatus::Ok;
-}
-
 } // namespace
 
 void addEngine(const Command& root, Program& program)
@@ -112,7 +73,12 @@ void addEngine(const Command& root, Program& program)
           std::pair(schema::compiledEngine, "Let the kernel have few looks instead of many rules, where it can")}) {
         const std::string word(name);
         const Command command = engine.add(word, help, "engine " + word);
-        command.onGiven([&program, word] { program.action = [&program, word] { return choose(program, word); }; });
+        command.onGiven([&program, word] {
+            program.action = [&program, word] {
+                return carryOutSetting(program, std::string(schema::changeEngine), tessera::Value(word),
+                                       "engine: " + word);
+            };
+        });
     }
     auto style = std::make_shared<OutputStyle>();
     const Command shown = engine.add("show", "Show what is made of the rules, for each pair of ports", "engine show");

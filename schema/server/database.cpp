@@ -57,9 +57,10 @@ ovsdb::Column optionalText(std::string_view name)
 
 ovsdb::Database withDevices(ovsdb::Database database)
 {
-    database.tables.push_back({.name = std::string(changeTable),
-                               .columns = {column(changeNumber, Integer), optionalText(changeEngine)},
-                               .mayBeMissing = true});
+    database.tables.push_back(
+        {.name = std::string(changeTable),
+         .columns = {column(changeNumber, Integer), optionalText(changeEngine), column(changeHeartbeat, Integer)},
+         .mayBeMissing = true});
     database.tables.push_back(
         {.name = std::string(deviceTable),
          .columns = {column(device::name, Text), column(device::number, Integer), column(device::since, Text),
@@ -67,7 +68,7 @@ ovsdb::Database withDevices(ovsdb::Database database)
                      column(device::rules, Integer), column(device::notInForce, Text),
                      column(device::notInForceCount, Integer), column(device::repaired, Text),
                      column(device::repairedWhat, Text), column(device::engine, Text), column(device::version, Text),
-                     column(device::started, Text)},
+                     column(device::started, Text), column(device::seen, Text)},
          .mayBeMissing = true});
     database.tables.push_back({.name = std::string(historyTable),
                                .columns = {column(history::number, Integer), column(history::sum, Text)},
@@ -79,6 +80,27 @@ ovsdb::Database withDevices(ovsdb::Database database)
                      column(trial::verb, Text), column(trial::changes, Text)},
          .mayBeMissing = true});
     return database;
+}
+
+ovsdb::Database makeDevicesDatabase()
+{
+    return {.name = std::string(databaseName),
+            .schemaMajorVersion = majorVersion,
+            .tables = {
+                {.name = std::string(changeTable),
+                 .columns = {column(changeNumber, Integer), column(changeHeartbeat, Integer)},
+                 .mayBeMissing = true},
+                {.name = std::string(deviceTable),
+                 .columns = {column(device::name, Text), column(device::number, Integer), column(device::since, Text),
+                             column(device::inStep, Integer), column(device::inStepSince, Text),
+                             column(device::reason, Text), column(device::rules, Integer),
+                             column(device::notInForceCount, Integer), column(device::repaired, Text),
+                             column(device::repairedWhat, Text), column(device::engine, Text),
+                             column(device::version, Text), column(device::started, Text), column(device::seen, Text)},
+                 .mayBeMissing = true},
+                {.name = std::string(historyTable),
+                 .columns = {column(history::number, Integer), column(history::time, Text)},
+                 .mayBeMissing = true}}};
 }
 
 ovsdb::Database makeHistoryDatabase()
@@ -105,6 +127,12 @@ const ovsdb::Database& serverDatabase()
 const ovsdb::Database& serverDatabaseWithDevices()
 {
     static const ovsdb::Database database = withDevices(serverDatabase());
+    return database;
+}
+
+const ovsdb::Database& devicesDatabase()
+{
+    static const ovsdb::Database database = makeDevicesDatabase();
     return database;
 }
 

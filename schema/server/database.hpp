@@ -20,6 +20,10 @@ inline constexpr std::string_view usedIdsTable = "MoatKeeperUsedIds";
 // A server of schema 1.0 lacks them. Lives for ever.
 const ovsdb::Database& serverDatabaseWithDevices();
 
+// What the devices say of themselves, without the lines that are not in force, and what that is held against: the
+// number of the last change, the heartbeat, and of each entry of the history its time. Lives for ever.
+const ovsdb::Database& devicesDatabase();
+
 // The history with all that its entries hold (schema/history.hpp). Lives for ever.
 const ovsdb::Database& historyDatabase();
 

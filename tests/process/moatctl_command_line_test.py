@@ -90,6 +90,7 @@ filter-rule add --id 4 --filter 7 --match 02:00:00:00:00:01
             f"filter add --id {i} --between eth{i} eth9 --match mac --mode whitelist\n"
             f"filter-rule add --id {i} --filter 1 --match 00:11:22:33:44:0{i}\n" for i in range(1, 7)))
         rows = self.ok("export")
+        self.transact(insert(config.DEVICE, Name="bridge7"))
         for verb in self.verbs():
             if len(verb) == 2:
                 self.assertEqual(self.run_tool("import", "-", "--replace", stdin=rows).returncode, OK)

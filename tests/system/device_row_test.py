@@ -43,6 +43,15 @@ class DeviceRow(machine.Machine):
         self.change(1000)
         self.change(1001)
 
+    def testTheRowIsWrittenAgainAfterAHeartbeatOnly(self):
+        self.config.transact(config.delete(config.CHANGE), config.insert(config.CHANGE, Number=1100, Heartbeat=1))
+        first = self.waitFor("the change", lambda row: row["Number"] == 1100)
+        second = self.waitFor("a heartbeat", lambda row: row["Seen"] > first["Seen"])
+        self.assertEqual([column for column in first if first[column] != second[column]], ["_version", "Seen"])
+        self.config.transact({"op": "delete", "table": config.DEVICE, "where": []})
+        self.waitFor("the row again", lambda row: row["Number"] == 1100)
+        self.assertEqual(self.change(1101)["Number"], 1101)  # without a heartbeat
+
     def testTheNumbersBeginAgain(self):
         self.change(1_999_999_999)
         self.change(0)

@@ -42,6 +42,10 @@ protected:
     {
         return *m_sent.at(index).operation.find("row")->find(schema::device::number)->asInteger();
     }
+    std::string seen(std::size_t index)
+    {
+        return *m_sent.at(index).operation.find("row")->find(schema::device::seen)->asText();
+    }
     void inForce(DeviceRow& row, std::int32_t change) { row.update(change, {.inStep = true}); }
     // Lets the timers run until something more is sent.
     void waitForMore(std::size_t sent)
@@ -110,7 +114,44 @@ TEST_F(DeviceRowTest, WaitsForTheAnswerAndIsWrittenAnewAfterALostConnection)
     EXPECT_EQ(m_sent.size(), 2U);
 }
 
-TEST_F(DeviceRowTest, ARefusalIsToldOnceAndNotRepeatedForTheSameState)
+TEST_F(DeviceRowTest, IsWrittenAgainAfterEachHeartbeatOnlyWhereThereIsOne)
+{
+    DeviceRow row("here", m_dispatcher, m_logModule, sender());
+    row.setServed(true);
+    row.update(1, {.inStep = true}, 1);
+    answer(0, 1);
+    const auto begin = Clock::now();
+    waitForMore(1);
+    EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(499));
+    EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(5000)) << "machines in tests are slow";
+    EXPECT_EQ(number(1), 1);
+    EXPECT_NE(seen(1), seen(0));
+    answer(1, 0); // somebody has deleted it
+    ASSERT_EQ(kind(2), "insert");
+    EXPECT_FALSE(seen(2).empty());
+    answer(2, 1);
+    row.update(1, {.inStep = true}, 0);
+    waitForMore(3); // the last of them
+    EXPECT_EQ(m_sent.size(), 4U);
+}
+
+TEST_F(DeviceRowTest, WhatWasRefusedIsWrittenAgainAfterAWhile)
+{
+    DeviceRow row("here", m_dispatcher, m_logModule, sender(), std::chrono::milliseconds(20));
+    row.setServed(true);
+    inForce(row, 1);
+    refuse(0);
+    waitForMore(1);
+    EXPECT_EQ(number(1), 1);
+    answer(1, 1);
+    bool over = false;
+    m_dispatcher.startTimer(std::chrono::milliseconds(100), [&over] { over = true; });
+    while (!over)
+        m_dispatcher.handleEvents();
+    EXPECT_EQ(m_sent.size(), 2U) << "it was taken";
+}
+
+TEST_F(DeviceRowTest, ARefusalIsToldOnceAndNotRepeatedAtOnce)
 {
     DeviceRow row("here", m_dispatcher, m_logModule, sender());
     row.setServed(true);

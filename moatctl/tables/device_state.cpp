@@ -1,0 +1,150 @@
+#include "moatctl/tables/device_state.hpp"
+
+#include "ovsdb/table_cache.hpp"
+#include "schema/device.hpp"
+#include "schema/history.hpp"
+#include "text/utc_time.hpp"
+
+#include <algorithm>
+#include <array>
+#include <functional>
+#include <utility>
+
+namespace moatctl
+{
+
+namespace
+{
+
+using std::chrono::seconds;
+
+constexpr int missedHeartbeats = 2;
+constexpr seconds onTheWay{5}; // what a slow device and a slow way may take besides
+
+// A clock that is ahead has just said it.
+std::optional<seconds> since(const std::string& time, const Reference& reference)
+{
+    const auto begin = text::parseUtcTime(time);
+    if (!begin)
+        return std::nullopt;
+    return std::max(std::chrono::floor<seconds>(reference.now - *begin), seconds(0));
+}
+
+void findBehind(const Device& device, const Reference& reference, DeviceState& state)
+{
+    state.standing = Standing::Behind;
+    if (device.number < 0)
+        return;
+    state.behind = schema::changesBetween(device.number, *reference.number);
+    if (reference.changes.empty())
+        return;
+    // The oldest change that is missing there.
+    const auto place = static_cast<std::size_t>(*state.behind - 1);
+    state.atLeast = place >= reference.changes.size();
+    const auto made = state.atLeast ? reference.changes.back() : reference.changes[place];
+    state.time = std::max(std::chrono::floor<seconds>(reference.now - made), seconds(0));
+}
+
+Reference referenceOf(const ovsdb::TableCache& cache, std::chrono::system_clock::time_point now)
+{
+    Reference reference{.now = now, .number = changeNumberOf(cache)};
+    const auto valueOf = [&cache](std::string_view name, const ovsdb::Row& row, std::string_view column) {
+        return ovsdb::TableCache::value(*cache.find(name), row, column);
+    };
+    for (const ovsdb::Row& row : cache.rows(schema::changeTable))
+        reference.heartbeat = seconds(valueOf(schema::changeTable, row, schema::changeHeartbeat)->getInteger());
+    std::vector<std::pair<std::int32_t, std::chrono::system_clock::time_point>> changes;
+    for (const ovsdb::Row& row : cache.rows(schema::historyTable)) {
+        const auto time = valueOf(schema::historyTable, row, schema::history::time);
+        if (const auto made = time ? text::parseUtcTime(time->getText()) : std::nullopt)
+            changes.emplace_back(valueOf(schema::historyTable, row, schema::history::number)->getInteger(), *made);
+    }
+    std::ranges::sort(changes, std::greater());
+    for (const auto& [number, made] : changes)
+        reference.changes.push_back(made);
+    return reference;
+}
+
+} // namespace
+
+DeviceState stateOf(const Device& device, const Reference& reference)
+{
+    DeviceState state;
+    if (!device.reports()) {
+        state.standing = device.reason.empty() ? Standing::Unheard : Standing::Stopped;
+        state.time = since(device.inStepSince, reference);
+        return state;
+    }
+    const bool counted = reference.number && !device.hasReached(*reference.number);
+    if (counted)
+        findBehind(device, reference, state);
+    else if (reference.number)
+        state.behind = 0;
+
+    const std::optional<seconds> silent = since(device.seen, reference);
+    const bool isSilent =
+        reference.heartbeat != seconds(0) && silent && *silent > missedHeartbeats * reference.heartbeat + onTheWay;
+    if (isSilent || !device.inStep) {
+        state.standing = isSilent ? Standing::Silent : Standing::NotInStep;
+        state.time = isSilent ? silent : since(device.inStepSince, reference);
+        state.atLeast = false;
+    } else if (!counted) {
+        state.standing = device.notInForceCount == 0 ? Standing::InForce : Standing::InPart;
+        state.time = since(device.since, reference);
+    }
+    return state;
+}
+
+std::vector<StandingDevice> standingDevices(const ovsdb::TableCache& cache, std::chrono::system_clock::time_point now)
+{
+    const Reference reference = referenceOf(cache, now);
+    std::vector<StandingDevice> standing;
+    bool anyReports = false;
+    for (Device& device : devicesOf(cache)) {
+        anyReports = anyReports || device.reports();
+        DeviceState state = stateOf(device, reference);
+        standing.push_back({std::move(device), state});
+    }
+    for (StandingDevice& each : standing)
+        each.counts = each.device.reports() || !anyReports;
+    return standing;
+}
+
+const char* nameOf(Standing standing)
+{
+    switch (standing) {
+    case Standing::InForce:
+        return "in force";
+    case Standing::InPart:
+        return "in part";
+    case Standing::Behind:
+        return "behind";
+    case Standing::NotInStep:
+        return "not in step";
+    case Standing::Silent:
+        return "silent";
+    case Standing::Stopped:
+        return "stopped";
+    case Standing::Unheard:
+        return "unheard of";
+    }
+    return "";
+}
+
+std::string inWords(std::chrono::seconds time)
+{
+    constexpr std::array units{std::pair(86'400, "d"), std::pair(3'600, "h"), std::pair(60, "min"), std::pair(1, "s")};
+    auto rest = std::max<std::chrono::seconds::rep>(time.count(), 0);
+    for (std::size_t i = 0; i + 1 < units.size(); ++i) {
+        const auto [size, name] = units[i];
+        if (rest < size)
+            continue;
+        const auto [smallerSize, smallerName] = units[i + 1];
+        const auto smaller = rest % size / smallerSize;
+        return std::to_string(rest / size) + ' ' + name +
+               (smaller != 0 ? ' ' + std::to_string(smaller) + ' ' + smallerName : std::string());
+    }
+    return std::to_string(rest) + " s";
+}
+
+} // namespace moatctl

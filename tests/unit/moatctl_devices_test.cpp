@@ -1,0 +1,157 @@
+// How it stands with a device, by its row and a clock.
+#include "moatctl/tables/device_state.hpp"
+
+#include "schema/device.hpp"
+#include "text/utc_time.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+using namespace moatctl;
+using namespace std::chrono_literals;
+
+const std::chrono::system_clock::time_point noon = *text::parseUtcTime("2026-01-31T12:00:00.000Z");
+
+std::string ago(std::chrono::seconds time)
+{
+    return text::utcTime(noon - time);
+}
+
+Device inForce(std::int32_t number)
+{
+    return {.name = "b1",
+            .number = number,
+            .since = ago(100s),
+            .inStep = true,
+            .inStepSince = ago(200s),
+            .reason = {},
+            .rules = 3,
+            .notInForce = {},
+            .notInForceCount = 0,
+            .repaired = {},
+            .repairedWhat = {},
+            .engine = "plain",
+            .version = "1",
+            .started = ago(300s),
+            .seen = ago(100s)};
+}
+
+Reference at(std::int32_t number)
+{
+    return {.now = noon, .number = number, .heartbeat = 0s, .changes = {}};
+}
+
+TEST(DeviceState, InForceSinceThen)
+{
+    const DeviceState state = stateOf(inForce(7), at(7));
+    EXPECT_EQ(state.standing, Standing::InForce);
+    EXPECT_EQ(state.time, 100s);
+    EXPECT_EQ(state.behind, 0);
+    EXPECT_TRUE(isInOrder(state));
+}
+
+TEST(DeviceState, WhereNobodyCountsChangesNothingIsBehind)
+{
+    const DeviceState state = stateOf(inForce(7), {.now = noon});
+    EXPECT_EQ(state.standing, Standing::InForce);
+    EXPECT_EQ(state.behind, std::nullopt);
+}
+
+TEST(DeviceState, LinesThatAreRefusedAreInPart)
+{
+    Device device = inForce(7);
+    device.notInForceCount = 1;
+    EXPECT_EQ(stateOf(device, at(7)).standing, Standing::InPart);
+}
+
+TEST(DeviceState, BehindSinceTheFirstChangeThatItLacks)
+{
+    Reference reference = at(7);
+    reference.changes = {noon - 1s, noon - 20s, noon - 50s};
+    const DeviceState two = stateOf(inForce(5), reference);
+    EXPECT_EQ(two.standing, Standing::Behind);
+    EXPECT_EQ(two.behind, 2);
+    EXPECT_EQ(two.time, 20s);
+    EXPECT_FALSE(two.atLeast);
+    const DeviceState four = stateOf(inForce(3), reference);
+    EXPECT_EQ(four.behind, 4);
+    EXPECT_EQ(four.time, 50s);
+    EXPECT_TRUE(four.atLeast) << "the history goes no further back";
+    EXPECT_EQ(stateOf(inForce(6), at(7)).time, std::nullopt) << "there is no history";
+    const DeviceState none = stateOf(inForce(-1), reference);
+    EXPECT_EQ(none.standing, Standing::Behind);
+    EXPECT_EQ(none.behind, std::nullopt);
+}
+
+TEST(DeviceState, NumbersBeginAgain)
+{
+    EXPECT_EQ(stateOf(inForce(schema::changeNumbers - 1), at(1)).behind, 2);
+    EXPECT_EQ(stateOf(inForce(1), at(schema::changeNumbers - 1)).behind, 0) << "it has a later one";
+}
+
+TEST(DeviceState, NotInStepAndBehind)
+{
+    Device device = inForce(5);
+    device.inStep = false;
+    const DeviceState state = stateOf(device, at(7));
+    EXPECT_EQ(state.standing, Standing::NotInStep);
+    EXPECT_EQ(state.behind, 2);
+    EXPECT_EQ(state.time, 200s);
+}
+
+TEST(DeviceState, SilentWhenTwoHeartbeatsHaveNotCome)
+{
+    Reference reference = at(7);
+    EXPECT_EQ(stateOf(inForce(5), reference).standing, Standing::Behind) << "without a heartbeat nobody can tell";
+    reference.heartbeat = 48s;
+    EXPECT_EQ(stateOf(inForce(7), reference).standing, Standing::InForce) << "it may be late";
+    reference.heartbeat = 47s;
+    DeviceState state = stateOf(inForce(7), reference);
+    EXPECT_EQ(state.standing, Standing::Silent);
+    EXPECT_EQ(state.time, 100s);
+    state = stateOf(inForce(5), reference);
+    EXPECT_EQ(state.standing, Standing::Silent);
+    EXPECT_EQ(state.behind, 2);
+}
+
+TEST(DeviceState, AClockThatIsAheadOrNoTimeAtAll)
+{
+    Device device = inForce(7);
+    device.seen = ago(-1000s);
+    device.since = ago(-1000s);
+    Reference reference = at(7);
+    reference.heartbeat = 1s;
+    EXPECT_EQ(stateOf(device, reference).standing, Standing::InForce);
+    EXPECT_EQ(stateOf(device, reference).time, 0s);
+    device.seen = "yesterday";
+    device.since.clear();
+    EXPECT_EQ(stateOf(device, reference).standing, Standing::InForce);
+    EXPECT_EQ(stateOf(device, reference).time, std::nullopt);
+}
+
+TEST(DeviceState, StoppedOrNeverHeardOf)
+{
+    Device device = inForce(-1);
+    device.started.clear();
+    EXPECT_EQ(stateOf(device, at(7)).standing, Standing::Unheard);
+    device.reason = "the daemon was stopped";
+    EXPECT_EQ(stateOf(device, at(7)).standing, Standing::Stopped);
+    EXPECT_EQ(stateOf(device, at(7)).time, 200s);
+}
+
+TEST(DeviceState, TimesInWords)
+{
+    for (const auto& [time, words] :
+         {std::pair(0s, "0 s"), std::pair(59s, "59 s"), std::pair(60s, "1 min"), std::pair(192s, "3 min 12 s"),
+          std::pair(3600s, "1 h"), std::pair(3659s, "1 h"), std::pair(18'180s, "5 h 3 min"),
+          std::pair(190'800s, "2 d 5 h"), std::pair(-5s, "0 s")})
+        EXPECT_EQ(inWords(time), words);
+}
+
+} // namespace
