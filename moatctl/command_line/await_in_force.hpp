@@ -7,8 +7,9 @@
 namespace moatctl
 {
 
-// For the timeout at most. Devices whose daemon was stopped, or has not been heard of since the server was started,
-// count only where there are no others. A server that goes away is tried again as long as there is time.
+// For the timeout at most, and until so many devices have it as Program::quorum asks for. Devices whose daemon was
+// stopped, or has not been heard of since the server was started, count only where there are no others. A server that
+// goes away is tried again as long as there is time.
 //
 // client: the one that has stored the change and follows all tables. Does nothing when nothing was changed. Throws
 // Failure(NotInForce) after naming the rows on standard error, and Failure(NotApplied) when no daemon has said in time

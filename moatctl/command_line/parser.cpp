@@ -2,6 +2,7 @@
 
 #include "moatctl/command_line/errors.hpp"
 #include "moatctl/command_line/numbers.hpp"
+#include "moatctl/tables/problem.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -72,7 +73,19 @@ Parser::Parser(Program& program) : m_root(rootOf(program, false))
                     program.server.timeout = secondsOf("--timeout", text, longestTimeout);
                 })
         .defaultsTo("5");
-    root.flag("--no-wait", "Change rows without waiting until the change is in force", program.noWait);
+    const Option wait = root.option("--wait", "COUNT",
+                                    "Wait until a change is in force on so many devices: all, a number, or a "
+                                    "percentage of those that count, such as 95%",
+                                    [&program](const std::string& text) {
+                                        const auto quorum = parseQuorum(text);
+                                        if (!quorum)
+                                            throw Failure(ExitStatus::BadInput,
+                                                          "--wait " + inQuotes(text) +
+                                                              ": expected all, a number of devices or a percentage");
+                                        program.quorum = *quorum;
+                                    })
+                            .defaultsTo("all");
+    root.flag("--no-wait", "Change rows without waiting until the change is in force", program.noWait).excludes(wait);
 }
 
 Parser::Parser(Program& program, OnlyChanges) : m_root(rootOf(program, true)) {}

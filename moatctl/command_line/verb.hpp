@@ -4,6 +4,7 @@
 
 #include "moatctl/command_line/options.hpp"
 #include "moatctl/command_line/output.hpp"
+#include "moatctl/command_line/quorum.hpp"
 #include "moatctl/exit_status.hpp"
 #include "ovsdb/client.hpp"
 
@@ -38,6 +39,9 @@ struct Program {
     ovsdb::ClientOptions server{}; // --server, --timeout
     bool force = false;            // --force
     bool noWait = false;           // --no-wait
+    Quorum quorum{};               // --wait
+    // Called now and then while a change is not in force yet; may throw, which ends the wait.
+    std::function<void()> whileWaiting{};
 
     std::shared_ptr<Occasion> occasion{}; // what the history is to keep of a change
 

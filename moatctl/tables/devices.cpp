@@ -73,6 +73,25 @@ std::vector<Device> devicesOf(const ovsdb::TableCache& cache)
     return devices;
 }
 
+// Asked with each word of each device: looks at two columns only.
+Reached reached(const ovsdb::TableCache& cache, std::int32_t change)
+{
+    const ovsdb::Table* table = cache.find(schema::deviceTable);
+    if (table == nullptr)
+        return {};
+    const std::size_t number = *table->find(schema::device::number);
+    const std::size_t started = *table->find(schema::device::started);
+    const auto rows = cache.rows(schema::deviceTable);
+    Reached result;
+    for (const ovsdb::Row& row : rows) {
+        if (row.values.text(started).empty())
+            continue;
+        ++result.devices;
+        result.reached += schema::includes(row.values.integer(number), change) ? 1 : 0;
+    }
+    return result.devices != 0 ? result : Reached{.devices = rows.size(), .reached = 0};
+}
+
 std::optional<std::int32_t> changeNumberOf(const ovsdb::TableCache& cache)
 {
     const auto rows = cache.rows(schema::changeTable);

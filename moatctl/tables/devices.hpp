@@ -50,6 +50,14 @@ struct Device {
 // By name.
 std::vector<Device> devicesOf(const ovsdb::TableCache& cache);
 
+// How many devices count, and on how many of these the change with this number is in force. Those count whose daemon
+// reports; if none does, all.
+struct Reached {
+    std::size_t devices = 0;
+    std::size_t reached = 0;
+};
+Reached reached(const ovsdb::TableCache& cache, std::int32_t change);
+
 // The number of the last change; nothing where none was counted yet.
 std::optional<std::int32_t> changeNumberOf(const ovsdb::TableCache& cache);
 

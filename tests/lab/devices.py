@@ -1,5 +1,6 @@
 """Devices of which there is nothing but their rows on the configuration server."""
 
+import contextlib
 import datetime
 import threading
 
@@ -56,5 +57,6 @@ class Followers:
             self._config.transact(*operations)
 
     def _follow(self):
-        while not self._end.wait(0.01):
-            self._say(self._number())
+        with contextlib.suppress(ConnectionError):  # the server has gone
+            while not self._end.wait(0.01):
+                self._say(self._number())

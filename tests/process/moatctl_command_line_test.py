@@ -11,6 +11,7 @@ import subprocess
 import termios
 
 from moatctl_case import BAD_INPUT, COMPLETION, MANUAL, MOATCTL, OK, Case, main, read_terminal
+from lab import config
 from lab.programs import SCHEMA
 
 
@@ -90,7 +91,7 @@ filter-rule add --id 4 --filter 7 --match 02:00:00:00:00:01
             f"filter add --id {i} --between eth{i} eth9 --match mac --mode whitelist\n"
             f"filter-rule add --id {i} --filter 1 --match 00:11:22:33:44:0{i}\n" for i in range(1, 7)))
         rows = self.ok("export")
-        self.transact(insert(config.DEVICE, Name="bridge7"))
+        self.transact(config.insert(config.DEVICE, Name="bridge7"))
         for verb in self.verbs():
             if len(verb) == 2:
                 self.assertEqual(self.run_tool("import", "-", "--replace", stdin=rows).returncode, OK)
@@ -113,6 +114,9 @@ filter-rule add --id 4 --filter 7 --match 02:00:00:00:00:01
                 ("filter add --between eth0", "--between: expected 2 values"), ("import --merge --replace x", "--replace excludes --merge"),
                 ("show rule filter", 'unexpected word "filter"'), ("export x", 'unexpected word "x"'),
                 ("monitor --format=csv", '--format "csv": expected text or json'), ("batch a b", 'unexpected word "b"'),
+                *((f"engine plain --wait {word}", f'--wait "{word}": expected all, a number of devices or a percentage')
+                  for word in ("0", "101%", "0%", "x", "5%%", "1.5", "-1", "1000001", "ALL")),
+                ("engine plain --wait all --no-wait", "--wait excludes --no-wait"),
                 ("status x", 'unexpected word "x"'), ("check a b", 'unexpected word "b"'),
                 ("status --pid-folder", "--pid-folder has no value: expected FOLDER"),
                 ("explain --out eth0", "--in is missing"), ("explain --configured --file x --in eth0", "--(file|configured) excludes --"),

@@ -1,12 +1,13 @@
 """moatctl against a real configuration server: what the devices say of themselves."""
 
 import json
+import subprocess
 import time
 
-from moatctl_case import BAD_INPUT, CONFLICT, NO_SERVER, OK, Case, main
+from moatctl_case import BAD_INPUT, CONFLICT, MOATCTL, NO_SERVER, OK, Case, main
 from lab import config, devices
 
-WRONG = 1
+WRONG, NOT_APPLIED = 1, 7
 
 
 class Devices(Case):
@@ -97,6 +98,57 @@ class Devices(Case):
         begin = time.monotonic()
         self.assertEqual(len(self.show(status=WRONG)), 100)
         self.assertLess(time.monotonic() - begin, 5)
+
+
+class Wait(Case):
+    """--wait: on how many devices a change is to be in force."""
+
+    def follow(self, count, behave=lambda name, number: {}):
+        followers = devices.Followers(self.socket, [f"d{number:03d}" for number in range(count)], behave)
+        self.addCleanup(followers.stop)
+        return followers
+
+    def add(self, status, *words, seconds=0.3):
+        done = subprocess.run([MOATCTL, "--server", str(self.socket), "--timeout", str(seconds), *words, "rule", "add",
+                               "--in", "eth0", "--drop"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                              timeout=60)
+        self.assertEqual(done.returncode, status, done.stderr)
+        return [line for line in done.stderr.splitlines() if not line.startswith("warning: ")]
+
+    def test_as_many_as_are_asked_for(self):
+        self.follow(20, lambda name, number: {} if name < "d018" or number == 0 else None)
+        for count in ("1", "18", "90%", "86%"):
+            (line,) = self.add(OK, "--wait", count, seconds=20)
+            self.assertRegex(line, r"^in force on (1[0-9]|[1-9]) of 20 devices$")
+        for count, wanted in (("19", 19), ("91%", 19), ("21", 21)):
+            lines = self.add(NOT_APPLIED, "--wait", count)
+            self.assertEqual(lines[0], f"stored, but in force on 18 of 20 devices, --wait {count} asks for {wanted}")
+            self.assertEqual(len(lines), 3)
+            self.assertRegex(lines[1], "^stored, but not known to be in force: the daemon of d019 has not said so within 300 ms")
+
+    def test_few_are_named_and_the_rest_is_counted(self):
+        self.follow(100, lambda name, number: {} if number == 0 or name < "d050" else None)
+        lines = self.add(NOT_APPLIED, "--wait", "all")
+        self.assertEqual(len(lines), 10)
+        self.assertRegex(lines[-1], "^moatctl: stored, but .*d050 .*; and 40 devices more .moatctl devices shows them.$")
+
+    def test_a_device_without_all_rows_does_not_count(self):
+        line = "ebtables -A UserInputRules -i eth0 -j DROP\tno\n"
+        self.follow(3, lambda name, number: {"NotInForce": line, "NotInForceCount": 1}
+                    if name == "d000" and number != 0 else {})
+        (told,) = self.add(OK, "--wait", "2", seconds=20)
+        self.assertRegex(told, "^in force on 2 of 3 devices$")
+
+    def test_more_than_there_are(self):
+        self.follow(1)
+        (told,) = self.add(NOT_APPLIED, "--wait", "2")
+        self.assertEqual(told, "moatctl: stored, but in force on 1 of 1 devices and there are no others, --wait 2 asks "
+                               "for 2")
+
+    def test_all_of_a_hundred_and_devices_is_right_then(self):
+        self.follow(100)
+        self.assertEqual(self.add(OK, "--wait", "all", seconds=20), [])
+        self.assertTrue(self.ok("devices").startswith("100 devices: 100 in force\n"))
 
 
 if __name__ == "__main__":

@@ -1,4 +1,5 @@
 // How it stands with a device, by its row and a clock.
+#include "moatctl/command_line/quorum.hpp"
 #include "moatctl/tables/device_state.hpp"
 
 #include "schema/device.hpp"
@@ -152,6 +153,28 @@ TEST(DeviceState, TimesInWords)
           std::pair(3600s, "1 h"), std::pair(3659s, "1 h"), std::pair(18'180s, "5 h 3 min"),
           std::pair(190'800s, "2 d 5 h"), std::pair(-5s, "0 s")})
         EXPECT_EQ(inWords(time), words);
+}
+
+TEST(Quorum, AllANumberOrAPercentage)
+{
+    EXPECT_EQ(parseQuorum("all"), Quorum());
+    EXPECT_EQ(parseQuorum("20"), Quorum{.number = 20});
+    EXPECT_EQ(parseQuorum("95%"), (Quorum{.number = 0, .percent = 95}));
+    EXPECT_EQ(parseQuorum("100%"), Quorum());
+    for (const char* text :
+         {"", "0", "0%", "101%", "-1", "+1", "1.5", "5 %", "%", "all ", "1000001", "99999999999999999999"})
+        EXPECT_EQ(parseQuorum(text), std::nullopt) << text;
+    for (const char* text : {"all", "20", "95%"})
+        EXPECT_EQ(toText(*parseQuorum(text)), text);
+}
+
+TEST(Quorum, WhatIsNotWholeIsOneMore)
+{
+    EXPECT_EQ(Quorum().of(3), 3U);
+    EXPECT_EQ((Quorum{.number = 0, .percent = 95}).of(100), 95U);
+    EXPECT_EQ((Quorum{.number = 0, .percent = 95}).of(10), 10U);
+    EXPECT_EQ((Quorum{.number = 0, .percent = 1}).of(0), 1U);
+    EXPECT_EQ(Quorum{.number = 20}.of(3), 20U);
 }
 
 } // namespace
