@@ -76,9 +76,9 @@ class Access(unittest.TestCase):
         self.assertAllowed("moatctl", "global", "set", "--forward", "ACCEPT", group="moatkeeper")
 
     def testMembersChangeNothingElseOfTheServer(self):
-        access = ('["moatkeeper_access", {"op": "update", "table": "Remote", "where": [], "row": {"read_only": false}}]',
-                  '["moatkeeper_access", {"op": "insert", "table": "Remote", "row": {"target": "ptcp:6640"}}]',
-                  '["moatkeeper_access", {"op": "delete", "table": "Access", "where": []}]')
+        access = ('["access", {"op": "update", "table": "Remote", "where": [], "row": {"read_only": false}}]',
+                  '["access", {"op": "insert", "table": "Remote", "row": {"target": "ptcp:6640"}}]',
+                  '["access", {"op": "delete", "table": "Access", "where": []}]')
         for change in access:
             self.assertIn("permission error", self.assertAllowed("ovsdb-client", "transact", f"unix:{SOCKET}", change,
                                                                  group="moatkeeper"))
