@@ -14,11 +14,13 @@ namespace
 class Depths
 {
 public:
-    explicit Depths(const Program& program) : m_program(program)
+    Depths(const Program& program, std::span<const std::string> ends) : m_program(program)
     {
         m_chains.reserve(program.chains.size());
         for (const Chain& chain : program.chains)
             m_chains.emplace(chain.name, Known{&chain, unknown});
+        for (const std::string& end : ends)
+            m_chains.at(end).depth = 1;
     }
 
     std::size_t of(std::string_view name)
@@ -55,7 +57,8 @@ private:
             return place->second;
         std::size_t most = 0;
         std::string_view last; // most lead to the same few
-        for (const Element& element : m_program.maps[map].elements) {
+        const std::size_t verdicts = m_program.maps[map].numbers ? map + 1 : map;
+        for (const Element& element : m_program.maps[verdicts].elements) {
             if (element.verdict.kind != Verdict::Kind::Goto || element.verdict.chain == last)
                 continue;
             last = element.verdict.chain;
@@ -77,9 +80,9 @@ private:
 
 } // namespace
 
-std::size_t depthOf(const Program& program)
+std::size_t depthOf(const Program& program, std::span<const std::string> ends)
 {
-    Depths depths(program);
+    Depths depths(program, ends);
     std::size_t most = 0;
     for (const Chain& chain : program.chains) {
         if (chain.hook != Hook::None)

@@ -4,6 +4,8 @@
 #include "compiled/program.hpp"
 
 #include <cstddef>
+#include <span>
+#include <string>
 
 namespace compiled
 {
@@ -12,7 +14,8 @@ namespace compiled
 // its steps are behind a jump (nftables/program.hpp).
 inline constexpr std::size_t deepest = 15;
 
-// A chain that leads to itself, which the kernel refuses, is counted once.
-std::size_t depthOf(const Program& program);
+// A chain that leads to itself, which the kernel refuses, is counted once. ends: chains that are known to lead to no
+// other.
+std::size_t depthOf(const Program& program, std::span<const std::string> ends = {});
 
 } // namespace compiled

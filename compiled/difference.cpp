@@ -22,7 +22,7 @@ std::string_view textOf(const Bytes& bytes)
 bool isSameMap(const Map& from, const Map& to)
 {
     return from.sizes == to.sizes && from.intervals == to.intervals && from.counts == to.counts &&
-           from.places == to.places;
+           from.places == to.places && from.numbers == to.numbers;
 }
 
 class Comparison

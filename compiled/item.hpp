@@ -8,8 +8,8 @@ namespace compiled
 {
 
 struct Item {
-    ebtables::Rule rule;
     ebtables::Origin origin = ebtables::noOrigin;
+    ebtables::Rule rule;
     bool operator==(const Item&) const = default;
 };
 

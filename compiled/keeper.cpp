@@ -66,28 +66,16 @@ void appendName(Bytes& key, std::string_view name)
     key.resize((key.size() + inPort.size - 1) / inPort.size * inPort.size);
 }
 
-// Whether all is known about the rules that frames can come to from this chain.
-bool isKnownInFull(const ebtables::Table& table, const ebtables::Chain& from, std::set<std::string>& seen)
-{
-    return std::ranges::all_of(from.rules, [&](const ebtables::TableRule& rule) {
-        if (!rule.rule)
-            return false;
-        const std::string& target = rule.rule->target;
-        const ebtables::Chain* next = ebtables::isStandardTarget(target) ? nullptr : table.find(target);
-        return next == nullptr || !seen.insert(target).second || isKnownInFull(table, *next, seen);
-    });
-}
-
 // A chain's rules, as dispatch sorts them.
 struct Divided {
     struct Class {
         std::string in;
         std::string out;
         Decided decided;
-        std::vector<Known*> rules;
+        RuleList rules;
     };
     std::vector<Class> classes;
-    std::vector<Known*> rest;
+    RuleList rest;
 };
 
 Dispatched dispatched(const KnownList& list)
@@ -102,10 +90,13 @@ Dispatched dispatched(const KnownList& list)
 Divided divide(const KnownList& list, const Dispatched& dispatched)
 {
     const auto at = [&](const std::vector<std::size_t>& places) {
-        std::vector<Known*> found;
-        found.reserve(places.size());
-        for (const std::size_t place : places)
-            found.push_back(list.rules()[place].get());
+        RuleList found;
+        found.rules.reserve(places.size());
+        found.serials.reserve(places.size());
+        for (const std::size_t place : places) {
+            found.rules.push_back(list.rules()[place].get());
+            found.serials.push_back(list.serials()[place]);
+        }
         return found;
     };
     Divided divided;
@@ -133,6 +124,7 @@ public:
         m_program = {};
         m_reached.clear();
         m_logging.clear();
+        m_ends.clear();
         std::vector<const ebtables::Chain*> hooked;
         for (const auto& [name, hook] : {std::pair("INPUT", Hook::Input), std::pair("FORWARD", Hook::Forward)}) {
             const ebtables::Chain* chain = m_table.find(name);
@@ -152,13 +144,20 @@ public:
         return std::move(m_program);
     }
 
+    // Whether all is known about the rules that frames can come to.
+    bool knowsAllInFull() const { return m_knowsAllInFull; }
+    // Of the program's chains, those that are known to lead to no other.
+    const std::vector<std::string>& ends() const { return m_ends; }
+
 private:
     const Divided& divided(const ebtables::Chain& chain)
     {
         const auto [place, isNew] = m_divided.try_emplace(chain.name);
         if (isNew) {
             Keeper::Memory::ChainOfTable& known = m_memory.chains[chain.name];
-            if (known.rules.update(flatten(m_table, chain), m_memory.lastSerial))
+            const FlatRules rules = flatten(m_table, chain, known.rules.tags());
+            m_knowsAllInFull = m_knowsAllInFull && rules.isKnownInFull;
+            if (known.rules.update(rules, m_memory.lastSerial))
                 known.dispatched = dispatched(known.rules);
             place->second = divide(known.rules, known.dispatched);
         }
@@ -172,7 +171,7 @@ private:
         std::vector<Step> steps;
         addDispatch(chain.name, rules, true, steps);
         addDispatch(chain.name, rules, false, steps);
-        List<Step> rest = addSection({chain.name, {}, rules.rest});
+        List<Step> rest = addSection({chain.name, {}}, rules.rest);
         if (steps.empty())
             return rest;
         steps.insert(steps.end(), rest.begin(), rest.end());
@@ -196,7 +195,7 @@ private:
                 appendName(element.first, here.out);
             element.verdict = {Verdict::Kind::Goto, chain};
             elements.push_back(std::move(element));
-            List<Step> inside = addSection({chain, here.decided, here.rules});
+            List<Step> inside = addSection({chain, here.decided}, here.rules);
             m_program.chains.push_back({chain, Hook::None, false, std::move(inside)});
         }
         if (elements.empty())
@@ -213,7 +212,7 @@ private:
     }
 
     // Adds all of it but its steps, which it gives.
-    List<Step> addSection(const ClassOfRules& of)
+    List<Step> addSection(const PlaceOfSection& of, const RuleList& rules)
     {
         const std::string limits =
             std::to_string(m_limits - std::begin(allLimits)) + " " + std::to_string(m_rulesPerForm) + " ";
@@ -222,11 +221,12 @@ private:
             const auto found = m_mapsBefore.find(name);
             return found == m_mapsBefore.end() ? nullptr : found->second;
         };
-        makeSection({m_table, mapBefore, m_memory.logs, m_limits->inPages}, memory, of, m_program.maps.size(),
+        makeSection({m_table, mapBefore, m_memory.logs, m_limits->inPages}, memory, of, rules, m_program.maps.size(),
                     {m_limits->longestRace, m_rulesPerForm}, m_memory.forms);
         const Section& section = memory.section;
         m_program.maps.insert(m_program.maps.end(), section.maps.begin(), section.maps.end());
         m_program.chains.insert(m_program.chains.end(), section.chains.begin(), section.chains.end());
+        m_ends.insert(m_ends.end(), section.ends.begin(), section.ends.end());
         for (const std::string& name : section.logs) {
             const Chain& chain = m_memory.logs[name];
             if (m_logging.insert(name).second)
@@ -245,6 +245,8 @@ private:
     std::unordered_map<std::string, Divided> m_divided; // by chain
     const Limits* m_limits = nullptr;
     std::size_t m_rulesPerForm = 0;
+    bool m_knowsAllInFull = true;
+    std::vector<std::string> m_ends;
     Program m_program;
     std::vector<const ebtables::Chain*> m_waiting; // reached, not yet compiled
     std::set<std::string> m_reached;
@@ -260,18 +262,17 @@ Keeper& Keeper::operator=(Keeper&&) noexcept = default;
 
 std::optional<Program> Keeper::compile(const ebtables::Table& table, const Program* before)
 try {
-    std::set<std::string> seen;
-    for (const char* name : {"INPUT", "FORWARD"}) {
-        if (const ebtables::Chain* chain = table.find(name); chain != nullptr && !isKnownInFull(table, *chain, seen))
-            return std::nullopt;
-    }
     if (!m_memory)
         m_memory = std::make_unique<Memory>();
     Compiler compiler(*m_memory, table, before);
     std::optional<Program> program;
     for (const Limits& limits : allLimits) {
         program = compiler.run(limits);
-        if (depthOf(*program) <= deepest)
+        if (!compiler.knowsAllInFull()) {
+            program.reset();
+            break;
+        }
+        if (depthOf(*program, compiler.ends()) <= deepest)
             break;
     }
     m_memory->chains.dropUnused();

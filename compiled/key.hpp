@@ -39,6 +39,12 @@ const char* nameOf(Part part);
 // What frames the key is about: it says which bytes are what. All but Any fix the type.
 enum class Family : std::uint8_t { Any, Ip4, Ip6, Vlan };
 
+// Whether there is a frame that can be asked for both.
+inline constexpr bool canMeet(Family one, Family other)
+{
+    return one == Family::Any || other == Family::Any || one == other;
+}
+
 inline constexpr std::uint16_t typeOf(Family family)
 {
     return family == Family::Ip4 ? 0x0800 : family == Family::Ip6 ? 0x86dd : family == Family::Vlan ? 0x8100 : 0;

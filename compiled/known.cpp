@@ -7,17 +7,6 @@
 namespace compiled
 {
 
-namespace
-{
-
-// For each rule of each commit: so all that it compares is inlined.
-[[gnu::flatten]] bool isSame(const std::unique_ptr<Known>& known, const FlatRule& rule)
-{
-    return known->item.origin == rule.origin && known->item.rule == *rule.rule;
-}
-
-} // namespace
-
 void Known::findKey(Decided decided, Forms& forms)
 {
     if (keyFor == decided)
@@ -51,14 +40,21 @@ bool hasSerials(KnownRules rules, const Serials& serials)
     return std::ranges::equal(rules, serials, {}, &Known::serial);
 }
 
+bool KnownList::isSame(std::size_t place, const FlatRule& rule) const
+{
+    const RuleTag& tag = m_tags[place];
+    return tag.origin == rule.tag.origin &&
+           ((rule.tag.number != 0 && tag.number == rule.tag.number) || m_rules[place]->item.rule == *rule.rule);
+}
+
 // Looks at a few only: a caller may give the same mark to all.
 std::unique_ptr<Known> KnownList::takeSame(const Others& others, const FlatRule& rule)
 {
     constexpr int most = 8;
-    auto other = std::ranges::lower_bound(others, std::pair(rule.origin, std::size_t{0}));
-    for (int tried = 0; other != others.end() && other->first == rule.origin && tried < most; ++other, ++tried) {
+    auto other = std::ranges::lower_bound(others, std::pair(rule.tag.origin, std::size_t{0}));
+    for (int tried = 0; other != others.end() && other->first == rule.tag.origin && tried < most; ++other, ++tried) {
         std::unique_ptr<Known>& known = m_rules[other->second];
-        if (known && isSame(known, rule))
+        if (known && isSame(other->second, rule))
             return std::move(known);
     }
     return nullptr;
@@ -69,10 +65,10 @@ bool KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
     const std::vector<FlatRule>& rules = now.rules;
     const std::size_t shorter = std::min(m_rules.size(), rules.size());
     std::size_t begin = 0;
-    while (begin < shorter && isSame(m_rules[begin], rules[begin]))
+    while (begin < shorter && isSame(begin, rules[begin]))
         ++begin;
     std::size_t end = 0;
-    while (end < shorter - begin && isSame(m_rules[m_rules.size() - 1 - end], rules[rules.size() - 1 - end]))
+    while (end < shorter - begin && isSame(m_rules.size() - 1 - end, rules[rules.size() - 1 - end]))
         ++end;
 
     bool samePorts = m_rules.size() == rules.size();
@@ -85,7 +81,7 @@ bool KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
     Others others;
     others.reserve(m_rules.size() - begin - end);
     for (std::size_t i = begin; i < m_rules.size() - end; ++i)
-        others.emplace_back(m_rules[i]->item.origin, i);
+        others.emplace_back(m_tags[i].origin, i);
     std::ranges::sort(others);
     std::vector<std::unique_ptr<Known>> between;
     between.reserve(rules.size() - begin - end);
@@ -95,13 +91,21 @@ bool KnownList::update(const FlatRules& now, std::uint64_t& lastSerial)
             continue;
         }
         auto made = std::make_unique<Known>();
-        made->item = {*rules[i].rule, rules[i].origin};
+        made->item = {rules[i].tag.origin, *rules[i].rule};
+        made->returns = rules[i].rule->target == "RETURN";
         made->serial = ++lastSerial;
         between.push_back(std::move(made));
     }
-    const auto place = m_rules.erase(m_rules.begin() + static_cast<std::ptrdiff_t>(begin),
-                                     m_rules.end() - static_cast<std::ptrdiff_t>(end));
-    m_rules.insert(place, std::make_move_iterator(between.begin()), std::make_move_iterator(between.end()));
+    const auto from = static_cast<std::ptrdiff_t>(begin);
+    const auto to = static_cast<std::ptrdiff_t>(m_rules.size() - end);
+    m_serials.erase(m_serials.begin() + from, m_serials.begin() + to);
+    m_serials.insert(m_serials.begin() + from, between.size(), 0);
+    std::ranges::transform(between, m_serials.begin() + from, [](const auto& known) { return known->serial; });
+    m_rules.erase(m_rules.begin() + from, m_rules.begin() + to);
+    m_rules.insert(m_rules.begin() + from, std::make_move_iterator(between.begin()),
+                   std::make_move_iterator(between.end()));
+    m_tags.clear();
+    std::ranges::transform(rules, std::back_inserter(m_tags), &FlatRule::tag);
     return !samePorts;
 }
 

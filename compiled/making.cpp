@@ -57,6 +57,8 @@ void Making::addWritten(const std::string& chain, KnownRules rules, std::vector<
         }
         m_memory.section.targets.insert(kept.targets.begin(), kept.targets.end());
         addChain({name, Hook::None, false, kept.steps});
+        if (kept.targets.empty())
+            m_memory.section.ends.push_back(name);
         steps.push_back({{}, Jump{name}});
         rules = rules.subspan(page.rules.size());
     }

@@ -65,7 +65,7 @@ ebtables::Origin Marker::policy(std::string_view policy) const
     return valid(hashOf(policy, hashOf(" policy ", m_chain)));
 }
 
-bool markAlone(const Marker& marker, TableRules before, TableRules removed, TableRules after,
+bool markAlone(const Marker& marker, Marks before, TableRules removed, Marks after,
                std::span<ebtables::TableRule> added)
 {
     constexpr std::size_t few = 8;
@@ -81,9 +81,7 @@ bool markAlone(const Marker& marker, TableRules before, TableRules removed, Tabl
             marks.insert(marks.end(), {mark, Marker::next(mark)});
         }
     }
-    const auto mayBeTheSame = [&](const ebtables::TableRule& rule) {
-        return std::ranges::find(marks, rule.origin) != marks.end();
-    };
+    const auto mayBeTheSame = [&](ebtables::Origin other) { return std::ranges::find(marks, other) != marks.end(); };
     if (std::ranges::any_of(before, mayBeTheSame) || std::ranges::any_of(after, mayBeTheSame))
         return false;
     for (ebtables::TableRule& rule : added)

@@ -36,11 +36,12 @@ private:
 };
 
 using TableRules = std::span<const ebtables::TableRule>;
+using Marks = std::span<const ebtables::Origin>;
 
-// Gives the few rules that come in place of others their marks, while the rules before and after them keep theirs; all
-// by their texts. False, and nothing is done, where one that comes or goes may say the same as another rule: then the
-// marks of all depend on their order.
-bool markAlone(const Marker& marker, TableRules before, TableRules removed, TableRules after,
+// Gives the few rules that come in place of others their marks, while the rules before and after them keep theirs,
+// which are given; all by their texts. False, and nothing is done, where one that comes or goes may say the same as
+// another rule: then the marks of all depend on their order.
+bool markAlone(const Marker& marker, Marks before, TableRules removed, Marks after,
                std::span<ebtables::TableRule> added);
 
 // Gives each rule and each policy of the table its mark.

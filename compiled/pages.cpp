@@ -31,8 +31,7 @@ std::string nameFor(ebtables::Origin mark)
 std::vector<Page> pagesOf(KnownRules rules)
 {
     std::vector<Page> pages;
-    const auto returns = [](const Known* rule) { return rule->item.rule.target == "RETURN"; };
-    if (rules.size() < fewRules || std::ranges::any_of(rules, returns))
+    if (rules.size() < fewRules || std::ranges::any_of(rules, &Known::returns))
         return pages;
     std::unordered_set<ebtables::Origin> begun; // the same rule may be there twice
     std::size_t first = 0;

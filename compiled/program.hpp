@@ -74,8 +74,9 @@ struct Map {
     std::string name;
     std::vector<std::uint8_t> sizes; // of the key's parts, in bytes
     bool intervals = false;
-    bool counts = false; // each element for itself
-    bool places = false; // it is asked where in the list the rule with this key is
+    bool counts = false;  // each element for itself
+    bool places = false;  // it is asked where in the list the rule with this key is
+    bool numbers = false; // has numbers of verdicts (compiled/numbers.hpp); the map behind it has the verdicts
     List<Element> elements;
     bool operator==(const Map&) const = default;
 };

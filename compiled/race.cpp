@@ -2,6 +2,7 @@
 
 #include "compiled/form.hpp"
 #include "compiled/lookup.hpp"
+#include "compiled/numbers.hpp"
 #include "compiled/places.hpp"
 
 #include <algorithm>
@@ -23,12 +24,6 @@ namespace
 
 constexpr std::uint8_t lengths = 16; // that an IPv4 header can say it has
 
-// Whether there is a frame that can be asked for both.
-bool canMeet(Family one, Family other)
-{
-    return one == Family::Any || other == Family::Any || one == other;
-}
-
 // For tables: the library hashes texts.
 std::string_view asText(const Bytes& bytes)
 {
@@ -38,8 +33,8 @@ std::string_view asText(const Bytes& bytes)
 class RaceMaker
 {
 public:
-    RaceMaker(const std::string& name, KnownRules rules, Making& making)
-        : m_name(name), m_rules(rules), m_making(making)
+    RaceMaker(const std::string& name, const FormedRules& rules, Making& making)
+        : m_name(name), m_formed(rules), m_rules(rules.rules), m_making(making)
     {
         sortByForm();
         addMaps();
@@ -74,6 +69,7 @@ private:
         std::size_t verdicts = 0;              // likewise
         std::vector<std::size_t> reached = {}; // of these
         bool isAsBefore = false;               // the memory is of the same rules
+        std::vector<std::size_t> changed = {}; // or of all but these, of its rules; none when it is of others
 
         const RuleKey& key() const { return form->like; }
     };
@@ -83,7 +79,7 @@ private:
         constexpr std::size_t none = std::numeric_limits<std::size_t>::max();
         std::vector<std::size_t> runnerOf; // by form
         for (std::size_t i = 0; i < m_rules.size(); ++i) {
-            const Form* form = m_rules[i]->form.get();
+            const Form* const form = m_formed.forms[i];
             if (runnerOf.size() <= form->number)
                 runnerOf.resize(form->number + 1, none);
             std::size_t& runner = runnerOf[form->number];
@@ -113,6 +109,7 @@ private:
             updateMaps(runner, places);
             runner.places = m_making.addMap(runner.kept->placeMap);
             runner.verdicts = m_making.addMap(runner.kept->verdicts);
+            m_making.addMap(runner.kept->meanings);
             m_making.addLogs(runner.kept->logs);
         }
     }
@@ -122,19 +119,48 @@ private:
     {
         SectionMemory::Runner& kept = *runner.kept;
         runner.isAsBefore = std::ranges::equal(runner.rules, kept.rules, {},
-                                               [this](std::size_t rule) { return m_rules[rule]->serial; });
-        if (!runner.isAsBefore) {
+                                               [this](std::size_t rule) { return m_formed.serials[rule]; });
+        if (!runner.isAsBefore && !takesOverMost(runner)) {
             kept.rules.clear();
             kept.reached.clear();
             std::unordered_set<std::string_view> values;
             for (const std::size_t rule : runner.rules) {
                 if (values.insert(asText(m_rules[rule]->key->value)).second)
                     kept.reached.push_back(kept.rules.size());
-                kept.rules.push_back(m_rules[rule]->serial);
+                kept.rules.push_back(m_formed.serials[rule]);
             }
         }
         for (const std::size_t place : kept.reached)
             runner.reached.push_back(runner.rules[place]);
+    }
+
+    // Most of the time one rule has taken the place of another, and none stands before another with the same value.
+    bool takesOverMost(Runner& runner) const
+    {
+        constexpr std::size_t few = 4;
+        SectionMemory::Runner& kept = *runner.kept;
+        if (kept.rules.size() != runner.rules.size() || kept.reached.size() != kept.rules.size())
+            return false;
+        std::vector<std::size_t> changed;
+        for (std::size_t i = 0; i < runner.rules.size(); ++i) {
+            if (kept.rules[i] == m_formed.serials[runner.rules[i]])
+                continue;
+            changed.push_back(i);
+            if (changed.size() > few)
+                return false;
+        }
+        const auto valueOf = [&](std::size_t i) -> const Bytes& { return m_rules[runner.rules[i]]->key->value; };
+        for (const std::size_t one : changed) {
+            for (std::size_t i = 0; i < runner.rules.size(); ++i) {
+                const bool isChanged = std::ranges::find(changed, i) != changed.end();
+                if (i != one && (isChanged ? valueOf(i) : kept.verdicts.elements[i].first) == valueOf(one))
+                    return false;
+            }
+        }
+        for (const std::size_t i : changed)
+            kept.rules[i] = m_formed.serials[runner.rules[i]];
+        runner.changed = std::move(changed);
+        return true;
     }
 
     void findPlaces(const Runner& runner, std::vector<std::optional<Place>>& places) const
@@ -143,9 +169,13 @@ private:
         if (map == nullptr)
             return;
         const SectionMemory::Runner& kept = *runner.kept;
-        if (runner.isAsBefore && map->elements.isSharedWith(kept.placeMap.elements)) {
+        if ((runner.isAsBefore || !runner.changed.empty()) && map->elements.isSharedWith(kept.placeMap.elements)) {
             for (std::size_t i = 0; i < runner.reached.size(); ++i)
-                places[runner.reached[i]] = kept.placeMap.elements[i].place;
+                places[runner.reached[i]] = kept.places[i];
+            for (const std::size_t i : runner.changed) {
+                if (map->elements[i].first != m_rules[runner.rules[i]]->key->value)
+                    places[runner.rules[i]].reset();
+            }
             return;
         }
         std::unordered_map<std::string_view, Place> known;
@@ -160,36 +190,60 @@ private:
     void updateMaps(Runner& runner, const std::vector<Place>& places)
     {
         SectionMemory::Runner& kept = *runner.kept;
-        const auto placeOf = [&](std::size_t rule) { return places[rule]; };
-        if (!runner.isAsBefore) {
-            Map map;
-            map.name = m_name + "/" + runner.form->name;
-            map.counts = true;
+        std::vector<Place> theirs;
+        theirs.reserve(runner.reached.size());
+        for (const std::size_t index : runner.reached)
+            theirs.push_back(places[index]);
+        if (!runner.changed.empty()) {
+            for (const std::size_t i : runner.changed)
+                kept.verdicts.elements.edit()[i] = elementOf(*m_rules[runner.rules[i]]);
+            nameVerdicts(kept);
+        } else if (!runner.isAsBefore) {
+            kept.verdicts = {};
+            kept.verdicts.name = m_name + "/" + runner.form->name;
             for (const Part part : runner.key().parts)
-                map.sizes.push_back(fieldOf(part).size);
-            kept.placeMap = map;
+                kept.verdicts.sizes.push_back(fieldOf(part).size);
+            kept.placeMap = kept.verdicts;
             kept.placeMap.name += "/places";
-            kept.placeMap.counts = false;
             kept.placeMap.places = true;
+            kept.verdicts.counts = true;
+            kept.verdicts.numbers = true;
             std::vector<Element> elements;
             elements.reserve(runner.reached.size());
-            for (const std::size_t index : runner.reached) {
-                const Known& rule = *m_rules[index];
-                elements.push_back({rule.key->value, {}, m_making.verdictOf(rule.item.rule), 0, rule.item.origin});
+            for (const std::size_t index : runner.reached)
+                elements.push_back(elementOf(*m_rules[index]));
+            kept.verdicts.elements = std::move(elements);
+            nameVerdicts(kept);
+        }
+        const auto placeOf = [&](std::size_t i) {
+            return Element{m_rules[runner.reached[i]]->key->value, {}, {}, theirs[i], ebtables::noOrigin};
+        };
+        if (!runner.changed.empty()) {
+            std::vector<Element>& elements = kept.placeMap.elements.edit();
+            for (std::size_t i = 0; i < theirs.size(); ++i) {
+                if (theirs[i] != kept.places[i] || std::ranges::find(runner.changed, i) != runner.changed.end())
+                    elements[i] = placeOf(i);
             }
-            map.elements = std::move(elements);
-            kept.verdicts = std::move(map);
-            kept.logs = chainsOf(kept.verdicts);
+        } else if (!runner.isAsBefore || theirs != kept.places) {
+            std::vector<Element> elements;
+            elements.reserve(theirs.size());
+            for (std::size_t i = 0; i < theirs.size(); ++i)
+                elements.push_back(placeOf(i));
+            kept.placeMap.elements = std::move(elements);
         }
-        if (runner.isAsBefore &&
-            std::ranges::equal(runner.reached, kept.placeMap.elements, {}, placeOf, &Element::place))
-            return;
-        std::vector<Element> elements;
-        elements.reserve(runner.reached.size());
-        for (const std::size_t index : runner.reached) {
-            elements.push_back({m_rules[index]->key->value, {}, {}, places[index], ebtables::noOrigin});
-        }
-        kept.placeMap.elements = std::move(elements);
+        kept.places = std::move(theirs);
+    }
+
+    Element elementOf(const Known& rule)
+    {
+        return {rule.key->value, {}, m_making.verdictOf(rule.item.rule), 0, rule.item.origin};
+    }
+
+    static void nameVerdicts(SectionMemory::Runner& kept)
+    {
+        kept.logs = chainsOf(kept.verdicts);
+        if (Map meanings = meaningsOf(kept.verdicts); kept.meanings != meanings)
+            kept.meanings = std::move(meanings);
     }
 
     const SectionMemory::Race& keptRace(bool hasOtherLengths)
@@ -276,14 +330,15 @@ private:
     }
 
     const std::string& m_name;
-    KnownRules m_rules;
+    const FormedRules& m_formed;
+    const KnownRules m_rules; // of these
     Making& m_making;
     std::vector<Runner> m_runners;
 };
 
 } // namespace
 
-std::vector<Step> raceOf(const std::string& name, KnownRules rules, Making& making,
+std::vector<Step> raceOf(const std::string& name, const FormedRules& rules, Making& making,
                          const std::function<std::string(Family)>& asWritten)
 {
     return RaceMaker(name, rules, making).make(asWritten);

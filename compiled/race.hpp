@@ -28,7 +28,7 @@ namespace compiled
 //
 // rules: with their keys; at most mostInRace. asWritten: gives the name of a chain that has these rules, and all behind
 // them, as they are; those that no frame of the family meets may be missing.
-std::vector<Step> raceOf(const std::string& name, KnownRules rules, Making& making,
+std::vector<Step> raceOf(const std::string& name, const FormedRules& rules, Making& making,
                          const std::function<std::string(Family)>& asWritten);
 
 } // namespace compiled

@@ -21,6 +21,7 @@ struct Section {
     std::size_t firstMap = 0; // the number that the first of its maps has in the program
     std::vector<Map> maps;
     std::vector<Chain> chains;     // behind its steps
+    std::vector<std::string> ends; // of the chains, those that lead to no other, where that is known
     List<Step> steps;              // in the chain of the class
     std::set<std::string> targets; // chains of the table that its rules lead to
     std::set<std::string> logs;    // the names of chains that log
@@ -37,8 +38,10 @@ struct SectionMemory {
     struct Runner { // the rules of one form in a race, and its two maps
         Serials rules;
         std::vector<std::size_t> reached; // of these
+        std::vector<Place> places;        // of the reached ones, as placeMap has them
         Map placeMap;
-        Map verdicts;
+        Map verdicts; // numbers
+        Map meanings; // of these
         std::set<std::string> logs;
     };
     struct Race { // its steps, which depend on the forms only

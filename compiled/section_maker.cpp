@@ -9,6 +9,7 @@
 #include <iterator>
 #include <map>
 #include <set>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -36,66 +37,67 @@ bool canRace(const Form& form)
 class SectionMaker
 {
 public:
-    SectionMaker(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of, RaceLimits limits,
-                 std::size_t formNumbers)
+    SectionMaker(const Surroundings& surroundings, SectionMemory& memory, const PlaceOfSection& of,
+                 const FormedRules& rules, RaceLimits limits, std::size_t formNumbers)
         : m_making(surroundings, memory, of.decided),
           m_steps(memory.section.steps.edit()),
           m_of(of),
+          m_rules(rules),
           m_limits(limits),
           m_formSeen(formNumbers),
           m_canRace(formNumbers)
     {
-        for (const Known* rule : of.rules) {
-            if (rule->form && !m_formSeen[rule->form->number]) {
-                m_formSeen[rule->form->number] = true;
-                m_canRace[rule->form->number] = compiled::canRace(*rule->form);
+        for (const Form* form : rules.forms) {
+            if (form != nullptr && !m_formSeen[form->number]) {
+                m_formSeen[form->number] = true;
+                m_canRace[form->number] = compiled::canRace(*form);
             }
         }
     }
 
     void make()
     {
-        const KnownRules rules = m_of.rules;
-        if (!isWorthARace(rules)) {
-            addRuns(m_of.chain, rules);
+        const FormedRules& rules = m_rules;
+        if (!isWorthARace(rules.forms)) {
+            addRuns(m_of.chain, rules.rules);
             return;
         }
         // Those without a key stay between those before and those behind them.
         std::size_t first = 0;
         std::size_t stretch = 0;
         for (std::size_t i = 0; i <= rules.size(); ++i) {
-            if (i < rules.size() && canRace(*rules[i]))
+            if (i < rules.size() && canRace(rules.forms[i]))
                 continue;
             const std::string number = ++stretch == 1 ? "" : "-" + std::to_string(stretch);
-            const KnownRules theirs = rules.subspan(first, i - first);
-            if (theirs.size() == rules.size() || isWorthARace(theirs))
+            const FormedRules theirs = rules.subspan(first, i - first);
+            if (theirs.size() == rules.size() || isWorthARace(theirs.forms))
                 addRace(m_of.chain + "/race" + number, first, theirs);
             else
-                addRuns(m_of.chain + number, theirs);
+                addRuns(m_of.chain + number, theirs.rules);
             if (i < rules.size())
-                m_making.addWritten(m_of.chain, rules.subspan(i, 1), m_steps);
+                m_making.addWritten(m_of.chain, rules.rules.subspan(i, 1), m_steps);
             first = i + 1;
         }
     }
 
 private:
-    bool canRace(const Known& rule) const { return rule.form && m_canRace[rule.form->number]; }
+    bool canRace(const Form* form) const { return form != nullptr && m_canRace[form->number]; }
 
-    bool isWorthARace(KnownRules among)
+    bool isWorthARace(std::span<const Form* const> among)
     {
         m_formSeen.assign(m_formSeen.size(), false);
         std::map<Family, std::size_t> ofFamily;
         std::size_t forms = 0;
         std::size_t rules = 0;
-        for (const Known* rule : among) {
-            if (!canRace(*rule))
+        for (const Form* form : among) {
+            if (!canRace(form))
                 continue;
             ++rules;
-            if (m_formSeen[rule->form->number])
+            if (m_formSeen[form->number])
                 continue;
-            m_formSeen[rule->form->number] = true;
+            m_formSeen[form->number] = true;
             ++forms;
-            if (++ofFamily[rule->form->like.family] > m_limits.longest)
+            if (++ofFamily[form->like.family] > m_limits.longest)
                 return false;
         }
         std::size_t others = 0;
@@ -131,7 +133,7 @@ private:
         write();
     }
 
-    void addRace(const std::string& name, std::size_t first, KnownRules rules)
+    void addRace(const std::string& name, std::size_t first, const FormedRules& rules)
     {
         const auto asWritten = [&](Family family) { return addAsWritten(first, family); };
         std::ranges::move(raceOf(name, rules, m_making, asWritten), std::back_inserter(m_steps));
@@ -145,9 +147,10 @@ private:
         if (!m_asWritten.insert(family).second)
             return chain.name;
         std::vector<Known*> theirs;
-        for (Known* rule : m_of.rules.subspan(first)) {
-            if (!rule->key || rule->key->family == Family::Any || rule->key->family == family)
-                theirs.push_back(rule);
+        for (std::size_t i = first; i < m_rules.size(); ++i) {
+            const Form* const form = m_rules.forms[i];
+            if (form == nullptr || canMeet(form->like.family, family))
+                theirs.push_back(m_rules.rules[i]);
         }
         std::vector<Step> steps;
         m_making.addWritten(chain.name, theirs, steps);
@@ -159,7 +162,8 @@ private:
 
     Making m_making;
     std::vector<Step>& m_steps;
-    const ClassOfRules& m_of;
+    const PlaceOfSection& m_of;
+    const FormedRules& m_rules;
     RaceLimits m_limits;
     std::vector<bool> m_formSeen; // by number
     std::vector<bool> m_canRace;  // likewise
@@ -187,20 +191,24 @@ void renumber(Section& section, std::size_t firstMap)
 
 } // namespace
 
-void makeSection(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of, std::size_t firstMap,
-                 RaceLimits limits, Forms& forms)
+void makeSection(const Surroundings& surroundings, SectionMemory& memory, const PlaceOfSection& of,
+                 const RuleList& rules, std::size_t firstMap, RaceLimits limits, Forms& forms)
 {
-    if (!of.rules.empty() && hasSerials(of.rules, memory.rules)) {
+    if (!rules.rules.empty() && rules.serials == memory.rules) {
         if (memory.section.firstMap != firstMap)
             renumber(memory.section, firstMap);
         return;
     }
     memory.section = {};
     memory.section.firstMap = firstMap;
-    memory.rules = serialsOf(of.rules);
-    for (Known* rule : of.rules)
+    memory.rules = rules.serials;
+    std::vector<const Form*> formsOf;
+    formsOf.reserve(rules.rules.size());
+    for (Known* rule : rules.rules) {
         rule->findKey(of.decided, forms);
-    SectionMaker(surroundings, memory, of, limits, forms.numbers()).make();
+        formsOf.push_back(rule->form.get());
+    }
+    SectionMaker(surroundings, memory, of, {rules.rules, rules.serials, formsOf}, limits, forms.numbers()).make();
     memory.elements.dropUnused();
     memory.runners.dropUnused();
     memory.races.dropUnused();

@@ -9,10 +9,9 @@
 namespace compiled
 {
 
-struct ClassOfRules {
+struct PlaceOfSection {
     std::string chain; // that its steps are in
     Decided decided;   // about its frames' ports
-    KnownRules rules;
 };
 
 // When rules of several forms are worth a race.
@@ -23,7 +22,7 @@ struct RaceLimits {
 
 // Makes the memory's section that of these rules, within the same limits as before. firstMap: the number of its first
 // map.
-void makeSection(const Surroundings& surroundings, SectionMemory& memory, const ClassOfRules& of, std::size_t firstMap,
-                 RaceLimits limits, Forms& forms);
+void makeSection(const Surroundings& surroundings, SectionMemory& memory, const PlaceOfSection& of,
+                 const RuleList& rules, std::size_t firstMap, RaceLimits limits, Forms& forms);
 
 } // namespace compiled

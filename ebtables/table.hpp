@@ -27,6 +27,8 @@ struct TableRule {
     std::optional<Rule> rule;         // nothing when the rule has parts that moatkeeper does not use
     std::optional<Counters> counters; // nothing unless the output has them (-c)
     Origin origin = noOrigin;
+    // From whoever keeps a table from change to change: two with the same number have the same rule. 0: none is given.
+    std::uint64_t number = 0;
 };
 
 struct Chain {

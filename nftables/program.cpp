@@ -1,5 +1,6 @@
 #include "nftables/program.hpp"
 
+#include "compiled/numbers.hpp"
 #include "nftables/attributes.hpp"
 #include "nftables/rule_message.hpp"
 
@@ -33,6 +34,7 @@ constexpr std::uint32_t firstRegister = NFT_REG32_00;
 constexpr std::size_t elementsEach = 100; // of a message
 constexpr std::size_t longestElement = 512;
 constexpr std::size_t longestStep = 16384;
+constexpr std::uint32_t answerSize = 8; // of a map that gives places or numbers
 
 constexpr std::size_t words(std::size_t bytes)
 {
@@ -85,7 +87,7 @@ public:
 
     std::vector<ebtables::Origin> write(const compiled::Difference& difference)
     {
-        m_stepsChange = !(difference.newChains.empty() && difference.goneChains.empty() && difference.refilled.empty());
+        m_setsChange = changesSets(difference);
         takeOut(difference);
         for (const std::size_t added : difference.newChains) {
             const compiled::Chain& chain = m_to.chains[added];
@@ -93,7 +95,7 @@ public:
                 m_batch.addBuiltInChain(chain.name, "ACCEPT");
             m_batch.addChain(chainOfSteps(chain));
         }
-        if (m_stepsChange) {
+        if (m_setsChange) {
             addOneOfs();
             if (hasComparison(m_to) && !hasComparison(m_from))
                 addComparison();
@@ -160,9 +162,9 @@ private:
             });
             deleteSet(name);
         }
-        if (!m_stepsChange) // and need the same sets
+        if (!m_setsChange)
             return;
-        const std::map<std::string, Condition> wanted = oneOfs(m_to);
+        const OneOfs wanted = oneOfs(m_to);
         for (const auto& [name, condition] : oneOfs(m_from)) {
             if (!wanted.contains(name))
                 deleteSet(name);
@@ -196,23 +198,55 @@ private:
 
     // ---- sets
 
-    static std::map<std::string, Condition> oneOfs(const compiled::Program& program)
+    using OneOfs = std::map<std::string, Condition>; // by their names
+
+    static void addOneOfs(const compiled::Chain& chain, OneOfs& to)
     {
-        std::map<std::string, Condition> found;
-        for (const compiled::Chain& chain : program.chains) {
-            for (const Step& step : chain.steps) {
-                for (const Condition& condition : step.conditions) {
-                    if (condition.kind == Condition::Kind::OneOf)
-                        found.emplace(nameOf(condition), condition);
-                }
+        for (const Step& step : chain.steps) {
+            for (const Condition& condition : step.conditions) {
+                if (condition.kind == Condition::Kind::OneOf)
+                    to.emplace(nameOf(condition), condition);
             }
         }
+    }
+
+    static OneOfs oneOfs(const compiled::Program& program)
+    {
+        OneOfs found;
+        for (const compiled::Chain& chain : program.chains)
+            addOneOfs(chain, found);
         return found;
+    }
+
+    // Most of the time the chains that change need the same ones before and after.
+    bool changesSets(const compiled::Difference& difference) const
+    {
+        OneOfs before;
+        OneOfs after;
+        bool compared = false;
+        bool compares = false;
+        const auto addBefore = [&](const compiled::Chain& chain) {
+            addOneOfs(chain, before);
+            compared = compared || hasComparison(chain);
+        };
+        const auto addAfter = [&](const compiled::Chain& chain) {
+            addOneOfs(chain, after);
+            compares = compares || hasComparison(chain);
+        };
+        for (const std::size_t gone : difference.goneChains)
+            addBefore(m_from.chains[gone]);
+        for (const std::size_t added : difference.newChains)
+            addAfter(m_to.chains[added]);
+        for (const auto& [from, to] : difference.refilled) {
+            addBefore(m_from.chains[from]);
+            addAfter(m_to.chains[to]);
+        }
+        return before != after || compared != compares;
     }
 
     void addOneOfs()
     {
-        const std::map<std::string, Condition> there = oneOfs(m_from);
+        const OneOfs there = oneOfs(m_from);
         for (const auto& [name, condition] : oneOfs(m_to)) {
             if (!there.contains(name))
                 addOneOf(name, condition);
@@ -234,14 +268,17 @@ private:
         });
     }
 
+    static bool hasComparison(const compiled::Chain& chain)
+    {
+        return std::ranges::any_of(chain.steps, [](const Step& step) {
+            const auto* lead = std::get_if<compiled::Lead>(&step.action);
+            return lead != nullptr && lead->than;
+        });
+    }
+
     static bool hasComparison(const compiled::Program& program)
     {
-        return std::ranges::any_of(program.chains, [](const compiled::Chain& chain) {
-            return std::ranges::any_of(chain.steps, [](const Step& step) {
-                const auto* lead = std::get_if<compiled::Lead>(&step.action);
-                return lead != nullptr && lead->than;
-            });
-        });
+        return std::ranges::any_of(program.chains, [](const compiled::Chain& chain) { return hasComparison(chain); });
     }
 
     void addComparison()
@@ -307,9 +344,9 @@ private:
         const std::uint32_t intervals = map.intervals ? NFT_SET_INTERVAL | NFT_SET_CONCAT : 0;
         addSet(nameOf(map), map.sizes, NFT_SET_MAP | intervals, [&](nlmsghdr* message) {
             putSizes(message, map.sizes);
-            put32(message, NFTA_SET_DATA_TYPE, map.places ? 0U : std::uint32_t{NFT_DATA_VERDICT});
-            if (map.places)
-                put32(message, NFTA_SET_DATA_LEN, static_cast<std::uint32_t>(digitsOf(0).size()));
+            put32(message, NFTA_SET_DATA_TYPE, dataTypeOf(map));
+            if (map.places || map.numbers)
+                put32(message, NFTA_SET_DATA_LEN, answerSize);
             if (!map.counts)
                 return;
             const Nest counter(message, NFTA_SET_EXPR);
@@ -363,6 +400,8 @@ private:
         putKey(message, map, element);
         if (map.places)
             putBytes(message, NFTA_SET_ELEM_DATA, digitsOf(element.place));
+        else if (map.numbers)
+            putBytes(message, NFTA_SET_ELEM_DATA, compiled::numberOf(element.verdict));
         else
             putVerdict(message, NFTA_SET_ELEM_DATA, codeOf(element.verdict.kind), element.verdict.chain);
         if (element.origin == ebtables::noOrigin)
@@ -410,7 +449,7 @@ private:
             else if (const auto* lead = std::get_if<compiled::Lead>(&step.action))
                 putLead(message, *lead);
             else
-                putLookUp(message, std::get<compiled::LookUp>(step.action), NFT_REG_VERDICT);
+                putVerdictOf(message, std::get<compiled::LookUp>(step.action));
         });
     }
 
@@ -434,6 +473,14 @@ private:
             putAsk(message, lowDigits, firstRegister, std::nullopt);
         }
         putJump(message, NFT_GOTO, lead.chain);
+    }
+
+    void putVerdictOf(nlmsghdr* message, const compiled::LookUp& lookUp) const
+    {
+        const compiled::Map& map = m_to.maps[lookUp.map];
+        putLookUp(message, lookUp, map.numbers ? firstRegister + placeRegister : std::uint32_t{NFT_REG_VERDICT});
+        if (map.numbers)
+            putAsk(message, compiled::nameOfMeanings(map.name), firstRegister + placeRegister, NFT_REG_VERDICT);
     }
 
     static void putMove(nlmsghdr* message, std::uint32_t from, std::uint32_t to)
@@ -529,7 +576,7 @@ private:
     const std::size_t m_first = m_batch.messages();
     std::vector<ebtables::Origin> m_marks; // of the messages
     std::uint32_t m_setId = 0;
-    bool m_stepsChange = false; // those of any chain
+    bool m_setsChange = false; // those that steps need beside maps
 };
 
 // Calls visit(mark) for what counts: elements, and rules as they stand.
@@ -641,6 +688,12 @@ std::vector<DigitsInterval> digitsIn(std::string_view set)
         }
     }
     return result;
+}
+
+std::uint32_t dataTypeOf(const compiled::Map& map)
+{
+    constexpr std::uint32_t integer = 4; // to programs that print it
+    return map.places ? 0 : map.numbers ? integer : std::uint32_t{NFT_DATA_VERDICT};
 }
 
 std::string nameOf(const compiled::Map& map)

@@ -42,6 +42,9 @@ std::vector<ebtables::Origin> movedMarks(const compiled::Program& from, const co
 // Takes the table out, with all that is in it, and makes an empty one in its place.
 void renewTable(Batch& batch);
 
+// What the kernel is told that its elements have.
+std::uint32_t dataTypeOf(const compiled::Map& map);
+
 // A map's user data: this, how many parts its keys have, and their sizes.
 inline constexpr std::uint8_t sizesType = 0xb8;
 

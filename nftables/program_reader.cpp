@@ -1,5 +1,6 @@
 #include "nftables/program_reader.hpp"
 
+#include "compiled/numbers.hpp"
 #include "nftables/attributes.hpp"
 #include "nftables/expressions.hpp"
 #include "nftables/rule_message.hpp"
@@ -228,6 +229,8 @@ private:
             return m_compared++ == 1;
         if (name == lowDigits)
             return m_compared++ == 3;
+        if (m_numbered)
+            return takeMeanings(name, in);
         if (m_loaded.empty())
             return false;
         if (!answers)
@@ -240,14 +243,29 @@ private:
         if (in.number(NFTA_LOOKUP_DREG) == std::uint32_t{NFT_REG_VERDICT}) {
             m_step.action = std::move(lookUp);
             m_isComplete = true;
-            return !map->places && !m_lead;
+            return !map->places && !map->numbers && !m_lead;
         }
         const std::optional<std::size_t> to = registerOf(in.number(NFTA_LOOKUP_DREG));
+        if (map->numbers) {
+            m_numbered = std::move(lookUp);
+            return !m_lead && to == placeRegister;
+        }
         if (!m_lead)
             m_lead.emplace().place = std::move(lookUp);
         else
             m_lead->than = std::move(lookUp);
         return map->places && to == (m_lead->than ? 1U : placeRegister);
+    }
+
+    // What the number that was looked up means.
+    bool takeMeanings(const std::string& name, const auto& in)
+    {
+        const bool isTheirs = name == compiled::nameOfMeanings(m_maps[m_numbered->map].name) &&
+                              registerOf(in.number(NFTA_LOOKUP_SREG)) == placeRegister &&
+                              in.number(NFTA_LOOKUP_DREG) == std::uint32_t{NFT_REG_VERDICT};
+        m_step.action = std::move(*m_numbered);
+        m_isComplete = true;
+        return isTheirs;
     }
 
     // Such a set is named for what is in it.
@@ -289,7 +307,8 @@ private:
     std::vector<MaskedField> m_loaded; // and not yet used
     std::size_t m_next = 0;            // register
     std::optional<compiled::Lead> m_lead;
-    int m_compared = 0; // parts of a comparison of places that were seen
+    std::optional<compiled::LookUp> m_numbered; // of which the verdict is to come
+    int m_compared = 0;                         // parts of a comparison of places that were seen
     bool m_isComplete = false;
 };
 
@@ -307,12 +326,20 @@ public:
     Result read(const PartOfProgram* part, bool& settled)
     {
         m_held = {};
-        Result result = readChains();
-        if (result.answer != Answer::Done || m_held.table == 0)
-            return result;
-        result = m_connection.list(
-            NFT_MSG_GETSET, [this](nlmsghdr* request) { putText(request, NFTA_SET_TABLE, m_table.c_str()); },
-            [this](const nlmsghdr* message) { return takeSet(Attributes<NFTA_SET_MAX + 1>(message)); }, settled);
+        Result result;
+        result.answer = Answer::Done;
+        if (part == nullptr) {
+            result = readChains();
+            if (result.answer != Answer::Done || m_held.table == 0)
+                return result;
+        } else {
+            for (const std::string& chain : part->chains)
+                addChain({chain, compiled::Hook::None, false, {}});
+        }
+        if (part == nullptr || !part->maps.empty())
+            result = m_connection.list(
+                NFT_MSG_GETSET, [this](nlmsghdr* request) { putText(request, NFTA_SET_TABLE, m_table.c_str()); },
+                [this](const nlmsghdr* message) { return takeSet(Attributes<NFTA_SET_MAX + 1>(message)); }, settled);
         if (result.answer == Answer::Done && part == nullptr)
             result = readRules(nullptr, settled);
         if (part != nullptr) {
@@ -325,6 +352,7 @@ public:
             if (result.answer == Answer::Done && (part == nullptr || part->maps.contains(name)))
                 result = readElements(name, map, settled);
         }
+        takeMeanings(part == nullptr);
         for (const auto& [name, values] : m_oneOfs)
             m_held.isWhole = m_held.isWhole && name == nameOf(values);
         for (const auto& [name, found] : m_digits)
@@ -343,11 +371,16 @@ private:
             const Hook hook = !chain.builtIn ? Hook::None : chain.name == "INPUT" ? Hook::Input : Hook::Forward;
             // A policy of ours is a rule.
             m_held.isWhole = m_held.isWhole && !chain.foreign && chain.policy == "ACCEPT" && chain.name != "OUTPUT";
-            m_places.emplace(chain.name, m_held.program.chains.size());
-            m_held.program.chains.push_back({std::move(chain.name), hook, false, {}});
-            m_held.chains.emplace_back();
+            addChain({std::move(chain.name), hook, false, {}});
         }
         return result;
+    }
+
+    void addChain(compiled::Chain chain)
+    {
+        m_places.emplace(chain.name, m_held.program.chains.size());
+        m_held.program.chains.push_back(std::move(chain));
+        m_held.chains.emplace_back();
     }
 
     bool takeSet(const auto& in)
@@ -372,14 +405,14 @@ private:
         map.intervals = (flags & NFT_SET_INTERVAL) != 0;
         map.counts = isCounter(in.find(NFTA_SET_EXPR));
         map.places = in.number(NFTA_SET_DATA_TYPE) == 0U;
+        map.numbers = !map.places && in.number(NFTA_SET_DATA_TYPE) != std::uint32_t{NFT_DATA_VERDICT};
         map.name = textOf(name);
         if (map.intervals && map.name.ends_with(intervalsEnd))
             map.name.resize(map.name.size() - intervalsEnd.size());
         if (const nlattr* userData = in.find(NFTA_SET_USERDATA))
             readSizes(userData, map);
         if (flags != (NFT_SET_MAP | (map.intervals ? intervalFlags : 0)) ||
-            (!map.places && in.number(NFTA_SET_DATA_TYPE) != std::uint32_t{NFT_DATA_VERDICT}) || map.sizes.empty() ||
-            nameOf(map) != textOf(name)) {
+            in.number(NFTA_SET_DATA_TYPE) != dataTypeOf(map) || map.sizes.empty() || nameOf(map) != textOf(name)) {
             m_held.isWhole = false;
             return true;
         }
@@ -455,23 +488,46 @@ private:
     {
         Map& map = m_held.program.maps[number];
         const nlattr* const data = in.find(NFTA_SET_ELEM_DATA);
-        const std::optional<Verdict> verdict = map.places ? Verdict() : verdictOfElement(data);
-        const compiled::Bytes place = map.places ? bytesOf(data) : compiled::Bytes();
-        if (!verdict || (map.places && place.size() < 5))
+        const bool hasVerdict = !map.places && !map.numbers;
+        const std::optional<Verdict> verdict = hasVerdict ? verdictOfElement(data) : Verdict();
+        const compiled::Bytes answer = hasVerdict ? compiled::Bytes() : bytesOf(data);
+        if (!verdict || (map.places && answer.size() < 5))
             return false;
         Element element;
         if (map.places)
-            element.place = static_cast<compiled::Place>(place[0] << 8U | place[4]);
+            element.place = static_cast<compiled::Place>(answer[0] << 8U | answer[4]);
         element.first = unpadded(bytesOf(in.find(NFTA_SET_ELEM_KEY)), map.sizes);
         if (map.intervals)
             element.last = unpadded(bytesOf(in.find(NFTA_SET_ELEM_KEY_END)), map.sizes);
         element.verdict = *verdict;
+        if (map.numbers)
+            m_numbers[number].push_back(answer);
         if (const nlattr* user = in.find(NFTA_SET_ELEM_USERDATA))
             element.origin = readMark(user);
         const nlattr* const counter = in.find(NFTA_SET_ELEM_EXPR);
         m_held.maps[number].push_back(isCounter(counter) ? countersOf(counter) : Counters());
         map.elements.push_back(std::move(element));
         return true;
+    }
+
+    // What the elements' numbers mean; in a part of a program not all are known, and none are asked for.
+    void takeMeanings(bool isWhole)
+    {
+        for (const auto& [map, numbers] : m_numbers) {
+            Map& numbered = m_held.program.maps[map];
+            const auto meanings = m_sets.find(compiled::nameOfMeanings(numbered.name));
+            std::map<compiled::Bytes, Verdict> known;
+            if (meanings != m_sets.end() && meanings->second != none) {
+                for (const Element& element : m_held.program.maps[meanings->second].elements)
+                    known.emplace(element.first, element.verdict);
+            }
+            for (std::size_t i = 0; i < numbers.size(); ++i) {
+                const auto found = known.find(numbers[i]);
+                if (found != known.end())
+                    numbered.elements.edit()[i].verdict = found->second;
+                m_held.isWhole = m_held.isWhole && (found != known.end() || !isWhole);
+            }
+        }
     }
 
     bool takeDigits(const std::string& name, const auto& in)
@@ -555,6 +611,7 @@ private:
     std::map<std::string, std::size_t, std::less<>> m_sets;   // all, and which map of the program's each is
     std::map<std::string, Condition> m_oneOfs;                // those that are none, as their elements have them
     std::map<std::string, std::vector<DigitsInterval>, std::less<>> m_digits; // likewise
+    std::map<std::size_t, std::vector<compiled::Bytes>> m_numbers;            // of the maps that have them, by element
     Expressions m_expressions;
 };
 

@@ -35,8 +35,8 @@ CountersByMark countedByGone(const HeldProgram& held, const compiled::Difference
 // Throws std::bad_alloc only.
 Result readProgram(Connection& connection, const std::string& table, HeldProgram& held, bool& settled);
 
-// The same with the rules of some chains and the elements of some maps only, by their names in the kernel; others are
-// empty. Where there are thousands, that is sooner done.
+// The same with the rules of some chains and the elements of some maps only, by their names in the kernel: there are no
+// other chains then, and other maps are empty. Where there are thousands, that is sooner done.
 struct PartOfProgram {
     std::set<std::string> chains;
     std::set<std::string> maps;

@@ -80,10 +80,11 @@ TableImage withoutOurs(const TableImage& image, const TableImage& actual)
 bool CompilerInput::update(const TableImage& wanted, std::size_t sweeps)
 {
     if (std::exchange(m_sweeps, sweeps) != sweeps)
-        m_texts.clear();
+        for (auto& [name, beside] : m_beside)
+            beside.texts.clear();
     const std::size_t before = m_table.chains.size();
     std::erase_if(m_table.chains, [&](const ebtables::Chain& chain) { return wanted.find(chain.name) == nullptr; });
-    std::erase_if(m_texts, [&](const auto& entry) { return wanted.find(entry.first) == nullptr; });
+    std::erase_if(m_beside, [&](const auto& entry) { return wanted.find(entry.first) == nullptr; });
     bool changed = m_table.chains.size() != before;
     for (const auto& [name, chain] : wanted.chains) {
         if (name == "OUTPUT")
@@ -93,17 +94,19 @@ bool CompilerInput::update(const TableImage& wanted, std::size_t sweeps)
             known = &m_table.chains.emplace_back(ebtables::Chain{name, "", {}, ebtables::noOrigin});
             changed = true;
         }
-        changed = updateChain(chain, *known, m_texts[name]) || changed;
+        changed = updateChain(chain, *known, m_beside[name]) || changed;
     }
     return changed;
 }
 
 // Most of the time all but a few rules are as they were: equal ones at the beginning and at the end stay.
-bool CompilerInput::updateChain(const ImageChain& wanted, ebtables::Chain& chain, Texts& texts)
+bool CompilerInput::updateChain(const ImageChain& wanted, ebtables::Chain& chain, Beside& beside)
 {
     auto& rules = chain.rules;
     const auto& now = wanted.rules;
-    const Texts known = std::exchange(texts, {});
+    std::vector<RulePool::Text>& texts = beside.texts;
+    const std::vector<RulePool::Text> known = std::exchange(texts, {});
+    texts.reserve(now.size());
     std::ranges::transform(now, std::back_inserter(texts), &ImageRule::text);
     const auto same = [&](std::size_t place, std::size_t other) {
         if (!known.empty())
@@ -123,14 +126,16 @@ bool CompilerInput::updateChain(const ImageChain& wanted, ebtables::Chain& chain
         ebtables::TableRule& made = added.emplace_back();
         if (now[i].text == nullptr)
             continue;
+        made.number = ++m_lastNumber;
         made.text = *now[i].text;
         made.rule = ebtables::parseRule(made.text, chain.name);
     }
     compiled::Marker marker(chain.name);
     const std::size_t removed = rules.size() - begin - end;
-    const compiled::TableRules all(rules);
-    const bool othersKeepTheirs =
-        compiled::markAlone(marker, all.first(begin), all.subspan(begin, removed), all.last(end), added);
+    std::vector<ebtables::Origin>& marks = beside.marks;
+    const compiled::Marks allMarks(marks);
+    const bool othersKeepTheirs = compiled::markAlone(
+        marker, allMarks.first(begin), compiled::TableRules(rules).subspan(begin, removed), allMarks.last(end), added);
     // One that takes another's place moves no others.
     const auto replaced = static_cast<std::ptrdiff_t>(std::min(removed, added.size()));
     const auto at = [&](std::size_t place) { return rules.begin() + static_cast<std::ptrdiff_t>(place); };
@@ -140,6 +145,13 @@ bool CompilerInput::updateChain(const ImageChain& wanted, ebtables::Chain& chain
     if (!othersKeepTheirs) {
         for (ebtables::TableRule& rule : rules)
             rule.origin = marker.rule(rule.text);
+        marks.clear();
+        std::ranges::transform(rules, std::back_inserter(marks), &ebtables::TableRule::origin);
+    } else {
+        marks.erase(marks.begin() + static_cast<std::ptrdiff_t>(begin), marks.end() - static_cast<std::ptrdiff_t>(end));
+        marks.insert(marks.begin() + static_cast<std::ptrdiff_t>(begin), now.size() - begin - end, ebtables::noOrigin);
+        for (std::size_t i = begin; i < now.size() - end; ++i)
+            marks[i] = rules[i].origin;
     }
     chain.policy = wanted.policy;
     chain.policyOrigin = marker.policy(chain.policy);

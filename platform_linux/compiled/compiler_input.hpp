@@ -5,6 +5,7 @@
 #include "platform_linux/queue/table_image.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -35,15 +36,24 @@ public:
     // The chain and the place in it of the rule with this mark; nothing when no rule has it.
     std::optional<std::pair<std::string, std::size_t>> find(ebtables::Origin mark) const;
 
-    void clear() { *this = {}; }
+    void clear()
+    {
+        m_table = {};
+        m_beside.clear();
+    }
 
 private:
-    using Texts = std::vector<RulePool::Text>;
-    static bool updateChain(const ImageChain& wanted, ebtables::Chain& chain, Texts& texts);
+    // Of a chain's rules, one beside the other.
+    struct Beside {
+        std::vector<RulePool::Text> texts; // in the pool; none when it has been swept since
+        std::vector<ebtables::Origin> marks;
+    };
+    bool updateChain(const ImageChain& wanted, ebtables::Chain& chain, Beside& beside);
 
-    ebtables::Table m_table;              // each rule with its text
-    std::map<std::string, Texts> m_texts; // of the chains' rules, in the pool; none when it has been swept since
+    ebtables::Table m_table; // each rule with its text
+    std::map<std::string, Beside> m_beside;
     std::size_t m_sweeps = 0;
+    std::uint64_t m_lastNumber = 0; // of a rule, never given again
 };
 
 } // namespace zol::cfg

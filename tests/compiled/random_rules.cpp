@@ -261,6 +261,7 @@ void RandomRules::changeChain(ebtables::Chain& chain, bool strange)
     ebtables::TableRule made;
     made.rule = rule(chain.name.starts_with("UserF"), strange);
     made.origin = ++m_origin;
+    made.number = m_origin % 3 == 0 ? 0 : m_origin;
     switch (kind) {
     case 0:
     case 1:

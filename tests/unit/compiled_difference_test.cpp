@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <random>
 #include <set>
@@ -32,7 +33,7 @@ Element element(std::uint8_t key, Verdict::Kind kind = Verdict::Kind::Drop, ebta
 
 Map mapOf(const std::string& name, std::vector<Element> elements)
 {
-    return {name, {1}, false, true, false, std::move(elements)};
+    return {name, {1}, false, true, false, false, std::move(elements)};
 }
 
 Step lookUp(std::size_t map)
@@ -290,8 +291,11 @@ TEST(Mark, OfFewRulesIsWhatItIsAmongAll)
         const std::size_t removed = engine() % (list.size() - begin + 1);
         std::vector<ebtables::TableRule> added = rules(engine() % 4);
         const compiled::TableRules all(list);
-        if (!compiled::markAlone(compiled::Marker("UserForwardRules"), all.first(begin), all.subspan(begin, removed),
-                                 all.subspan(begin + removed), added))
+        std::vector<ebtables::Origin> given;
+        std::ranges::transform(list, std::back_inserter(given), &ebtables::TableRule::origin);
+        const compiled::Marks marks(given);
+        if (!compiled::markAlone(compiled::Marker("UserForwardRules"), marks.first(begin), all.subspan(begin, removed),
+                                 marks.subspan(begin + removed), added))
             continue;
         ++alone;
         const auto at = list.begin() + static_cast<std::ptrdiff_t>(begin);

@@ -2,6 +2,7 @@
 #include "compiled/difference.hpp"
 #include "compiled/keeper.hpp"
 #include "compiled/mark.hpp"
+#include "compiled/numbers.hpp"
 #include "ebtables/line_parser.hpp"
 #include "tests/compiled/outcome.hpp"
 #include "tests/compiled/random_rules.hpp"
@@ -98,6 +99,41 @@ TEST(Keeper, MakesWhatCompileMakes)
     EXPECT_TRUE(compiled::difference(program, again).empty());
     for (std::size_t i = 0; i < program.maps.size(); ++i) // nothing was made anew
         EXPECT_TRUE(again.maps[i].elements.isSharedWith(program.maps[i].elements)) << program.maps[i].name;
+}
+
+// The kernel walks maps of verdicts once for each way that leads to them.
+TEST(Keeper, WhatDecidesInARaceAreNumbersOfFewVerdicts)
+{
+    const Program program = compiled::compile(inTurns(numbersUpTo(100))).value();
+    int numbered = 0;
+    for (std::size_t i = 0; i < program.maps.size(); ++i) {
+        const compiled::Map& map = program.maps[i];
+        EXPECT_EQ(map.numbers, map.counts) << map.name;
+        if (!map.numbers)
+            continue;
+        ++numbered;
+        ASSERT_LT(i + 1, program.maps.size());
+        EXPECT_EQ(program.maps[i + 1], compiled::meaningsOf(map));
+    }
+    EXPECT_EQ(numbered, 2);
+}
+
+TEST(Numbers, MeanTheVerdictsThatAreThere)
+{
+    using Kind = compiled::Verdict::Kind;
+    compiled::Map map;
+    map.name = "m";
+    map.elements = {{{1}, {}, {Kind::Drop, {}}}, {{2}, {}, {Kind::Goto, "log/x"}}, {{3}, {}, {Kind::Goto, "log/x"}}};
+    const compiled::Map meanings = compiled::meaningsOf(map);
+    EXPECT_EQ(meanings.name, compiled::nameOfMeanings("m"));
+    ASSERT_EQ(meanings.elements.size(), 4U); // the three that need no chain, and this one
+    for (const compiled::Element& element : map.elements) {
+        const auto found =
+            std::ranges::find(meanings.elements, compiled::numberOf(element.verdict), &compiled::Element::first);
+        ASSERT_NE(found, meanings.elements.end());
+        EXPECT_EQ(found->verdict, element.verdict);
+    }
+    EXPECT_NE(compiled::numberOf({Kind::Goto, "log/x"}), compiled::numberOf({Kind::Goto, "log/y"}));
 }
 
 TEST(Keeper, OneRuleMoreOrLessInARaceIsItsOwnElements)

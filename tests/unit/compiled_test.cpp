@@ -65,7 +65,7 @@ std::vector<Item> itemsOf(const std::vector<std::string>& rules)
 {
     std::vector<Item> items;
     for (const std::string& rule : rules)
-        items.push_back({ebtables::parseLine("ebtables -A FORWARD " + rule).commands.at(0).rule, ebtables::noOrigin});
+        items.push_back({ebtables::noOrigin, ebtables::parseLine("ebtables -A FORWARD " + rule).commands.at(0).rule});
     return items;
 }
 
@@ -117,6 +117,25 @@ TEST(Flatten, ForgetsAPriorityAsTheKernelDoes)
                                            "-A FORWARD -p 0x8100 --vlan-id 0 --vlan-prio 3 -j DROP"});
     EXPECT_EQ(textOf(compiled::flatten(table, *table.find("FORWARD"))),
               (Texts{"-p 0x8100 --vlan-id 3 -j DROP", "-p 0x8100 --vlan-id 0 --vlan-prio 3 -j DROP"}));
+}
+
+// A number that the last list has is taken for the rule's: it is the jump that must be looked at anew.
+TEST(Flatten, LooksAtAJumpAgain)
+{
+    ebtables::Table table = tableOf({"-N f", "-P f RETURN", "-A f -s 02:00:00:00:00:01 -j RETURN",
+                                     "-A FORWARD -d 02:00:00:00:00:02 -j DROP", "-A FORWARD -j f"});
+    std::uint64_t number = 0;
+    for (ebtables::Chain& chain : table.chains) {
+        for (ebtables::TableRule& rule : chain.rules)
+            rule.number = ++number;
+    }
+    const ebtables::Chain& forward = *table.find("FORWARD");
+    std::vector<compiled::RuleTag> before;
+    for (const compiled::FlatRule& rule : compiled::flatten(table, forward).rules)
+        before.push_back(rule.tag);
+    EXPECT_EQ(textOf(compiled::flatten(table, forward, before)), (Texts{"-d 02:00:00:00:00:02 -j DROP", "-j f"}));
+    table.find("f")->rules.clear();
+    EXPECT_EQ(textOf(compiled::flatten(table, forward, before)), Texts{"-d 02:00:00:00:00:02 -j DROP"});
 }
 
 TEST(Flatten, EndsWithChainsThatLeadToThemselves)

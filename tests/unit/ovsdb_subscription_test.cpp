@@ -292,7 +292,7 @@ TEST_F(OvsdbSubscriptionTest, RowsWithoutEndAreRefused)
     };
     EXPECT_THAT(feed, ThrowsMessage<ProtocolError>(HasSubstr("rows of more than 100000 bytes")));
     EXPECT_GT(rowsTaken, 200);
-    EXPECT_LT(rowsTaken, 1000);
+    EXPECT_LT(rowsTaken, 2000); // a row takes less where an address has 32 bits
 }
 
 TEST_F(OvsdbSubscriptionTest, RowsInAnotherPlaceAreRefused)
