@@ -308,8 +308,7 @@ private:
                 continue;
             ++forms;
             items += runner.reached.size();
-            if (std::ranges::any_of(runner.reached,
-                                    [this](std::size_t rule) { return m_rules[rule]->item.rule.target == "RETURN"; }))
+            if (std::ranges::any_of(runner.reached, [this](std::size_t rule) { return m_rules[rule]->returns; }))
                 return false;
         }
         return lengths * forms * (forms + 3) / 2 < items;

@@ -212,11 +212,12 @@ BothForms::Part BothForms::nextPart()
         refuse("a rule cannot be compiled");
         return part;
     }
-    part = preparing();
+    compiled::Difference all = compiled::difference(m_held.program, *m_program);
+    part = preparing(all);
+    part.toWanted = std::move(all);
     if (part.kind != Part::Kind::Nothing)
         return part;
-    part.difference = compiled::difference(m_held.program, *m_program);
-    m_heldIsWanted = m_held.isWhole && m_held.table != 0 && part.difference.empty();
+    m_heldIsWanted = m_held.isWhole && m_held.table != 0 && part.toWanted.empty();
     if (m_heldIsWanted) {
         m_held.program = *std::exchange(m_program, std::nullopt);
         m_keptCounters.clear();
@@ -224,9 +225,10 @@ BothForms::Part BothForms::nextPart()
     }
     part.kind = Part::Kind::Program;
     part.program = *m_program;
-    const compiled::Difference& all = part.difference;
-    if (m_held.isWhole && !all.goneMaps.empty() && !(all.refilled.empty() && all.elements.empty())) {
-        keepLeftover(part.program, all);
+    part.difference = part.toWanted;
+    if (m_held.isWhole && !part.toWanted.goneMaps.empty() &&
+        !(part.toWanted.refilled.empty() && part.toWanted.elements.empty())) {
+        keepLeftover(part.program, part.toWanted);
         part.difference = compiled::difference(m_held.program, part.program);
     }
     return part;
@@ -234,12 +236,11 @@ BothForms::Part BothForms::nextPart()
 
 // The kernel switches all rules at one moment, but a new map of intervals gets its elements a moment later. So what no
 // frame gets to yet goes ahead: chains and maps that are new.
-BothForms::Part BothForms::preparing() const
+BothForms::Part BothForms::preparing(const compiled::Difference& all) const
 {
     Part part;
     if (!m_held.isWhole)
         return part;
-    const compiled::Difference all = compiled::difference(m_held.program, *m_program);
     std::unordered_map<std::string, std::size_t> maps = placesOf(m_held.program.maps);
     bool pays = false;
     for (const std::size_t added : all.newMaps) {
@@ -355,7 +356,8 @@ nftables::Batch BothForms::build(Part& part, std::optional<std::uint32_t> genera
     if (part.kind == Part::Kind::NoProgram) {
         batch.deleteTable();
     } else if (m_held.isWhole) {
-        part.marks = nftables::addChanges(batch, m_held.program, part.program, part.difference, keptCounters());
+        part.marks =
+            nftables::addChanges(batch, m_held.program, part.program, part.difference, keptCounters(part.toWanted));
     } else {
         nftables::renewTable(batch);
         part.marks = nftables::addChanges(batch, {}, part.program, compiled::difference({}, part.program),
@@ -366,11 +368,10 @@ nftables::Batch BothForms::build(Part& part, std::optional<std::uint32_t> genera
 }
 
 // Of the rules that only change their places. What a frame adds from now on is lost to them.
-nftables::CountersByMark BothForms::keptCounters()
+nftables::CountersByMark BothForms::keptCounters(const compiled::Difference& all)
 {
     if (!m_program)
         return {};
-    const compiled::Difference all = compiled::difference(m_held.program, *m_program);
     const std::vector<ebtables::Origin> moved = nftables::movedMarks(m_held.program, *m_program, all);
     if (moved.empty())
         return {};

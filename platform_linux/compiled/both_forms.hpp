@@ -37,18 +37,19 @@ private:
         Kind kind = Kind::Nothing;
         compiled::Program program;           // that is there then
         compiled::Difference difference;     // from the one that is there now
+        compiled::Difference toWanted;       // likewise, to the one that is wanted in the end
         std::vector<ebtables::Origin> marks; // of the messages
     };
     enum class Sent { Taken, Again, Less, Failed }; // Less: again, with less wanted
 
     void update();
     Part nextPart();
-    Part preparing() const;
+    Part preparing(const compiled::Difference& all) const;
     Part withoutProgram() const;
     void keepLeftover(compiled::Program& program, const compiled::Difference& difference) const;
     Sent send(Part& part, KernelTables::Outcome& outcome);
     nftables::Batch build(Part& part, std::optional<std::uint32_t> generation);
-    nftables::CountersByMark keptCounters();
+    nftables::CountersByMark keptCounters(const compiled::Difference& all);
     void take(Part& part);
     Sent refuse(const Part& part, const std::vector<nftables::Refusal>& refusals, KernelTables::Outcome& outcome);
 
