@@ -24,6 +24,7 @@ class Config:
 
     def __init__(self, path=SOCKET, seconds=10):
         """seconds: how long each answer may take."""
+        self.database = DATABASE
         self._socket = socket.socket(socket.AF_UNIX)
         self._socket.settimeout(seconds)
         try:
@@ -80,7 +81,7 @@ class Config:
     def send(self, *operations):
         """The first half of transact: does not wait for the answer."""
         self._number += 1
-        request = {"method": "transact", "params": [DATABASE, *operations], "id": self._number}
+        request = {"method": "transact", "params": [self.database, *operations], "id": self._number}
         self._socket.sendall(json.dumps(request).encode())
 
     def receive(self):

@@ -17,7 +17,7 @@ from lab import sandbox, waiting
 
 SERVER_SOCKET = "/run/moatkeeper-db/change/socket"  # to which the usual path is a link
 
-_FOLDER = pathlib.Path("/tmp/service_manager")
+_FOLDERS = "/tmp/service_manager"
 _SCRIPT = """
 set -e
 cd {root}
@@ -38,35 +38,42 @@ _OUTPUT = "/var/log/units"
 class ServiceManager:
     """One machine: what stands in its files stays over a boot. Raises Unavailable where there can be none."""
 
-    def __init__(self, cmake=None, build=None):
-        """cmake --install of the folder build is what is installed; nothing without one."""
+    def __init__(self, cmake=None, build=None, name=None, installed=None, network=()):
+        """cmake --install of the folder build is what is installed, or what another machine has, `installed`; nothing
+        without either. With a name it is one of several machines; network: how a program is started in its network."""
         if not os.access("/lib/systemd/systemd", os.X_OK):
             raise sandbox.Unavailable("systemd is not installed")
         if os.geteuid() != 0:
             raise sandbox.Unavailable("root is needed")
         self._process = None
+        self._folder = pathlib.Path(f"{_FOLDERS}.{name}" if name else _FOLDERS)
+        self._installed = installed._installed if installed else self._folder / "installed"
+        self._network = list(network)
         self._first = 0  # its process, as we see it
         self._cgroup = None
         try:
             self._prepare(cmake, build)
-            self.boot()  # whether it can be done at all
-            self.halt()
+            if name:
+                self.write("/etc/hostname", f"{name}\n")
+            if not installed:
+                self.boot()  # whether it can be done at all
+                self.halt()
         except sandbox.Unavailable:
             self.close()
             raise
 
     def _prepare(self, cmake, build):
-        shutil.rmtree(_FOLDER, ignore_errors=True)
+        shutil.rmtree(self._folder, ignore_errors=True)
         for name in ("installed", "changed", "work", "root", "cgroup"):
-            (_FOLDER / name).mkdir(parents=True)
-        self._mount("overlay", "overlay", _FOLDER / "root",
-                    f"lowerdir={_FOLDER}/installed:/,upperdir={_FOLDER}/changed,workdir={_FOLDER}/work")
-        self._mount("cgroup2", "cgroup2", _FOLDER / "cgroup")
-        self._cgroup = pathlib.Path(tempfile.mkdtemp(prefix="moatkeeper-test.", dir=_FOLDER / "cgroup"))
+            (self._folder / name).mkdir(parents=True)
+        self._mount("overlay", "overlay", self._folder / "root",
+                    f"lowerdir={self._installed}:/,upperdir={self._folder}/changed,workdir={self._folder}/work")
+        self._mount("cgroup2", "cgroup2", self._folder / "cgroup")
+        self._cgroup = pathlib.Path(tempfile.mkdtemp(prefix="moatkeeper-test.", dir=self._folder / "cgroup"))
         if build:
             subprocess.run([cmake, "--install", build, "--prefix", "/usr"], check=True, stdout=subprocess.DEVNULL,
-                           env={**os.environ, "DESTDIR": str(_FOLDER / "installed")})
-        subprocess.run(["systemd-sysusers", f"--root={_FOLDER}/root", "moatkeeper.conf"], check=bool(build),
+                           env={**os.environ, "DESTDIR": str(self._folder / "installed")})
+        subprocess.run(["systemd-sysusers", f"--root={self._folder}/root", "moatkeeper.conf"], check=bool(build),
                        capture_output=True)
         # A package may start its services here.
         self.remove("/usr/sbin/policy-rc.d")
@@ -83,22 +90,21 @@ class ServiceManager:
 
     def write(self, path, text):
         """A file of the machine, while it does not run."""
-        place = _FOLDER / "root" / path.lstrip("/")
+        place = self._folder / "root" / path.lstrip("/")
         place.parent.mkdir(parents=True, exist_ok=True)
         place.write_text(text, encoding="utf-8")
 
     def read(self, path):
         """The text of a file on its disk."""
-        return (_FOLDER / "root" / path.lstrip("/")).read_text(encoding="utf-8")
+        return (self._folder / "root" / path.lstrip("/")).read_text(encoding="utf-8")
 
-    @staticmethod
-    def listChanges():
+    def listChanges(self):
         """The paths of all files that were changed on its disk, or made, or removed."""
-        root = _FOLDER / "changed"
+        root = self._folder / "changed"
         return {f"/{place.relative_to(root)}" for place in root.rglob("*") if place.is_symlink() or not place.is_dir()}
 
     def remove(self, path):
-        place = _FOLDER / "root" / path.lstrip("/")
+        place = self._folder / "root" / path.lstrip("/")
         if place.is_dir():
             shutil.rmtree(place)
         else:
@@ -107,6 +113,10 @@ class ServiceManager:
     def path(self, path):
         """A file of the machine that runs, as we can name it."""
         return pathlib.Path(f"/proc/{self._first}/root{path}")
+
+    def disk(self, path):
+        """A file or folder on its disk, as we can name it while it does not run."""
+        return self._folder / "root" / path.lstrip("/")
 
     def change(self, unit, settings):
         """What a unit's section Service says besides, and where its output goes."""
@@ -118,10 +128,10 @@ class ServiceManager:
         self.write("/etc/systemd/system/test.target",
                    f"[Unit]\nDefaultDependencies=no\nWants={' '.join(wanted)}\n")
         self.remove(_OUTPUT)
-        with open(_FOLDER / "log", "wb") as log:
+        with open(self._folder / "log", "wb") as log:
             self._process = subprocess.Popen(
-                ["unshare", "--cgroup", "--mount", "--pid", "--ipc", "--uts", "--fork", "--kill-child",
-                 "sh", "-c", _SCRIPT.format(root=_FOLDER / "root")],
+                [*self._network, "unshare", "--cgroup", "--mount", "--pid", "--ipc", "--uts", "--fork", "--kill-child",
+                 "sh", "-c", _SCRIPT.format(root=self._folder / "root")],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log, env={**os.environ, "container": "other"},
                 preexec_fn=self._inCgroup)
         children = pathlib.Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children")
@@ -163,13 +173,13 @@ class ServiceManager:
         waiting.until(emptied, f"the end of all processes in {self._cgroup}")
         libc = ctypes.CDLL(None)
         for name in ("cgroup", "root"):
-            libc.umount2(str(_FOLDER / name).encode(), _MNT_DETACH)
-        shutil.rmtree(_FOLDER, ignore_errors=True)
+            libc.umount2(str(self._folder / name).encode(), _MNT_DETACH)
+        shutil.rmtree(self._folder, ignore_errors=True)
 
     def run(self, *words, check=True):
         """Runs a program inside; its standard output."""
         done = subprocess.run(["nsenter", f"--target={self._first}", "--mount", "--pid", "--ipc", "--uts", "--cgroup",
-                               "--root", "--wd", *words], capture_output=True, text=True, check=False, timeout=120)
+                               "--net", "--root", "--wd", *words], capture_output=True, text=True, check=False, timeout=120)
         if check and done.returncode != 0:
             raise AssertionError(f"{' '.join(words)} ended with {done.returncode}:\n{done.stdout}{done.stderr}\n"
                                  f"{self.readLog()[-3000:]}")
@@ -189,7 +199,7 @@ class ServiceManager:
         return self.path(_OUTPUT).read_text(encoding="utf-8", errors="replace")
 
     def readLog(self):
-        return (_FOLDER / "log").read_text(encoding="utf-8", errors="replace")
+        return (self._folder / "log").read_text(encoding="utf-8", errors="replace")
 
 
 def enter(cmake, build, installed=True):
