@@ -49,10 +49,16 @@ void DeliveredRows::update(const std::set<std::string>& changedTables)
         look(name, m_views[name]);
 }
 
+std::span<const ovsdb::Row> DeliveredRows::rowsOf(const std::string& tableName) const
+{
+    const auto instead = m_instead.find(tableName);
+    return instead == m_instead.end() ? m_tables.rows(tableName) : std::span<const ovsdb::Row>(instead->second);
+}
+
 void DeliveredRows::look(const std::string& tableName, View& view)
 {
     const schema::Table& table = *schema::findTable(tableName);
-    const auto rows = m_tables.rows(tableName);
+    const auto rows = rowsOf(tableName);
     view.rows.clear();
     view.columns.clear();
     for (const schema::Column& column : table.columns)
@@ -94,7 +100,7 @@ ConfigStatus DeliveredRows::readRow(const std::string& tableName, std::uint32_t 
     if (view == m_views.end() || rowIndex >= view->second.rows.size())
         return {.ok = false, .text = "table \"" + tableName + "\" has no row " + std::to_string(rowIndex)};
     const schema::Table& table = *schema::findTable(tableName);
-    const ovsdb::Row& row = m_tables.rows(tableName)[view->second.rows[rowIndex]];
+    const ovsdb::Row& row = rowsOf(tableName)[view->second.rows[rowIndex]];
     values.clear();
     for (std::size_t i = 0; i < table.columns.size(); ++i)
         values.setValue(table.columns[i].name, row.values[i]);

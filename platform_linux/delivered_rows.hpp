@@ -10,8 +10,10 @@
 #include <cstdint>
 #include <map>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace zol::cfg
@@ -29,6 +31,11 @@ public:
     // one that is left out for another value than before.
     void update(const std::set<std::string>& changedTables);
 
+    // These rows, by their tables, are delivered in place of the server's until the next call. update must follow for
+    // the tables that it names now and those that it named before.
+    using Rows = std::map<std::string, std::vector<ovsdb::Row>, std::less<>>;
+    void deliverInstead(Rows rows) { m_instead = std::move(rows); }
+
     ConfigStatus getRowCount(const std::string& tableName, std::uint32_t& rowCount) override;
     ConfigStatus readRow(const std::string& tableName, std::uint32_t rowIndex, tessera::NameList& names,
                          tessera::ValueList& values) override;
@@ -40,8 +47,10 @@ private:
         std::map<ovsdb::Uuid, std::size_t> leftOut; // a hash of the column and the value that are the reason
     };
     void look(const std::string& tableName, View& view);
+    std::span<const ovsdb::Row> rowsOf(const std::string& tableName) const;
 
     const ovsdb::TableCache& m_tables;
+    Rows m_instead;
     const ZOL_Sysloglevel_Module m_logModule;
     std::map<std::string, View, std::less<>> m_views;
 };

@@ -16,7 +16,9 @@
 #include "platform_linux/trial_watch.hpp"
 #include "schema/device.hpp"
 #include "schema/history.hpp"
+#include "schema/server/recorded_change.hpp"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <climits>
@@ -121,7 +123,7 @@ public:
                     std::move(operations),
                     [answered](const ovsdb::Json&, const std::optional<std::string>& error) { answered(error); });
             },
-            schema::readClocks);
+            [this](const schema::Trial* trial) { takeBack(trial); }, schema::readClocks);
     }
 
     void initialize()
@@ -229,6 +231,8 @@ private:
             m_trial->update(schema::trialOf(m_link->tables()), progress.synchronised);
         if (!progress.changedTables.empty() || historyChanged || trialChanged || progress.synchronised)
             m_history->update(progress.synchronised, m_link->serves(schema::historyTable));
+        if (!m_takenBack.empty() && !progress.changedTables.empty())
+            progress.changedTables.merge(deliverTakenBack());
         m_source->update(progress.changedTables);
         if (progress.synchronised)
             m_device->setServed(m_link->serves(schema::deviceTable));
@@ -236,6 +240,32 @@ private:
         // so no change waits that an equal read could cancel, and a commit without changes does nothing.
         m_all = m_all || progress.synchronised;
         m_changedTables.merge(progress.changedTables);
+    }
+
+    // A trial that is over, and that nobody can put back on the server now; null: that has been done.
+    void takeBack(const schema::Trial* trial)
+    {
+        std::set<std::string> tables = std::exchange(m_tablesTakenBack, {});
+        m_takenBack =
+            trial == nullptr ? std::vector<schema::RecordedChange>() : schema::parseRecordedChanges(trial->changes);
+        tables.merge(deliverTakenBack());
+        m_source->update(tables);
+        m_changedTables.merge(tables);
+    }
+
+    // Returns the tables of which other rows are delivered than the server has.
+    std::set<std::string> deliverTakenBack()
+    {
+        DeliveredRows::Rows rows;
+        m_tablesTakenBack.clear();
+        for (const std::string& name : m_tableNames) {
+            if (std::ranges::none_of(m_takenBack, [&](const auto& change) { return change.table->name == name; }))
+                continue;
+            rows[name] = schema::rowsBack(m_takenBack, *m_link->tables().find(name), m_link->tables().rows(name));
+            m_tablesTakenBack.insert(name);
+        }
+        m_source->deliverInstead(std::move(rows));
+        return m_tablesTakenBack;
     }
 
     void deliver(const std::vector<std::string>& names)
@@ -266,9 +296,13 @@ private:
         if (!m_device)
             return;
         const auto rows = m_link->tables().rows(schema::changeTable);
+        QueueStatus status = m_queue.status(schema::maximumNotInForce);
+        if (!m_takenBack.empty()) {
+            status.inStep = false;
+            status.reason = "a change on trial was not confirmed in time and is taken back here";
+        }
         const bool none = rows.empty();
-        m_device->update(none ? 0 : rows.front().values.integer(0), m_queue.status(schema::maximumNotInForce),
-                         none ? 0 : rows.front().values.integer(2));
+        m_device->update(none ? 0 : rows.front().values.integer(0), status, none ? 0 : rows.front().values.integer(2));
     }
 
     // While the tables cannot be changed, what is wanted waits in the queue.
@@ -303,6 +337,9 @@ private:
     platform::ServiceManager m_manager = platform::ServiceManager::fromEnvironment();
     EventDispatcher::State::TimerId m_waitTimer = 0; // until somebody is told that the start is done
     bool m_handedOver = false;
+
+    std::vector<schema::RecordedChange> m_takenBack; // of a trial, here
+    std::set<std::string> m_tablesTakenBack;
 
     // Not delivered yet.
     bool m_all = false;

@@ -29,12 +29,13 @@ std::string nameOf(const schema::Trial& trial)
 
 TrialWatch::TrialWatch(std::string hostName, const ovsdb::TableCache& tables,
                        tessera::net::EventDispatcher::State& dispatcher, ZOL_Sysloglevel_Module logModule, Send send,
-                       std::function<schema::Clocks()> clocks)
+                       TakeBack takeBack, std::function<schema::Clocks()> clocks)
     : m_hostName(text::oneLine(hostName, longestHost)),
       m_tables(tables),
       m_dispatcher(dispatcher),
       m_logModule(logModule),
       m_send(std::move(send)),
+      m_takeBack(std::move(takeBack)),
       m_clocks(std::move(clocks))
 {
 }
@@ -42,6 +43,7 @@ TrialWatch::TrialWatch(std::string hostName, const ovsdb::TableCache& tables,
 TrialWatch::~TrialWatch()
 {
     m_dispatcher.stopTimer(m_timer);
+    m_dispatcher.stopTimer(m_graceTimer);
 }
 
 void TrialWatch::update(std::optional<schema::Trial> trial, bool connected)
@@ -51,6 +53,8 @@ void TrialWatch::update(std::optional<schema::Trial> trial, bool connected)
         return;
     m_dispatcher.stopTimer(std::exchange(m_timer, 0));
     m_trial = std::move(trial);
+    if (!known)
+        forgetTakenBack();
     if (!m_trial)
         return;
     if (!known) {
@@ -95,6 +99,11 @@ void TrialWatch::putBack()
                    if (m_trial && m_trial->uuid == uuid)
                        answered(error);
                });
+        if (!m_takenBack && m_graceTimer == 0)
+            m_graceTimer = m_dispatcher.startTimer(grace, [this] {
+                m_graceTimer = 0;
+                takeBack();
+            });
     } catch (const ovsdb::Error& error) {
         ZOL_Sysloglevel_error(m_logModule, trialLabel, 30, nameOf(*m_trial) + " cannot be put back: " + error.what());
     }
@@ -105,10 +114,29 @@ void TrialWatch::answered(const std::optional<std::string>& error)
 {
     if (!error || error->starts_with("timed out"))
         return;
+    if (error->starts_with("permission error"))
+        return takeBack(); // somebody else must put it back there
     if (std::exchange(m_withHistory, false))
         ZOL_Sysloglevel_error(m_logModule, trialLabel, 40,
                               nameOf(*m_trial) + " was not put back, trying again: " + text::oneLine(*error));
     schedule(Clock::now() + pause);
+}
+
+void TrialWatch::takeBack()
+{
+    m_dispatcher.stopTimer(std::exchange(m_graceTimer, 0));
+    if (!m_trial || std::exchange(m_takenBack, true))
+        return;
+    ZOL_Sysloglevel_warning(m_logModule, trialLabel, 50,
+                            nameOf(*m_trial) + " is taken back here until the server has it put back or confirmed");
+    m_takeBack(&*m_trial);
+}
+
+void TrialWatch::forgetTakenBack()
+{
+    m_dispatcher.stopTimer(std::exchange(m_graceTimer, 0));
+    if (std::exchange(m_takenBack, false))
+        m_takeBack(nullptr);
 }
 
 } // namespace zol::cfg

@@ -4,6 +4,7 @@
 #include "ovsdb/json.hpp"
 #include "schema/server/database.hpp"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <utility>
@@ -129,6 +130,26 @@ std::vector<ovsdb::Json> operationsBack(const std::vector<RecordedChange>& chang
         operations.push_back(ovsdb::insertRow(change.table->name, row));
     }
     return operations;
+}
+
+std::vector<ovsdb::Row> rowsBack(const std::vector<RecordedChange>& changes, const ovsdb::Table& table,
+                                 std::span<const ovsdb::Row> rows)
+{
+    std::vector<ovsdb::Row> result(rows.begin(), rows.end());
+    for (const RecordedChange& change : changes) {
+        if (change.table->name != table.name)
+            continue;
+        const ovsdb::ColumnValues key = keyOf(table, change.before ? *change.before : *change.after);
+        std::erase_if(result, [&](const ovsdb::Row& row) {
+            return std::ranges::all_of(
+                key, [&](const auto& part) { return row.values[*table.find(part.first)] == part.second; });
+        });
+        if (change.before)
+            result.push_back({{}, ovsdb::RowValues(*change.before)});
+    }
+    if (const auto id = table.find("Id"))
+        std::ranges::stable_sort(result, {}, [&](const ovsdb::Row& row) { return row.values.integer(*id); });
+    return result;
 }
 
 } // namespace schema

@@ -3,8 +3,10 @@
 
 #include "ovsdb/database.hpp"
 #include "ovsdb/operations.hpp"
+#include "ovsdb/row.hpp"
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,5 +30,9 @@ std::vector<RecordedChange> parseRecordedChanges(std::string_view text);
 
 // Puts every row back as it was before, whatever has become of it since.
 std::vector<ovsdb::Json> operationsBack(const std::vector<RecordedChange>& changes);
+
+// The table's rows as these operations would leave them, in their order; new ones without a UUID.
+std::vector<ovsdb::Row> rowsBack(const std::vector<RecordedChange>& changes, const ovsdb::Table& table,
+                                 std::span<const ovsdb::Row> rows);
 
 } // namespace schema

@@ -92,6 +92,22 @@ class Confirm(Trials):
         self.waitUntilOver(5)
         self.assertEqual(self.export(), before)
 
+    def testADeviceThatIsCutOffTakesItBackItself(self):
+        self.tool(*RULE, "02:00:00:00:00:01")
+        before, rules = self.export(), kernel.readTables()
+        self.tool("rule", "set", "1", "--accept", "--confirm", "2")
+        self.assertNotEqual(kernel.readTables(), rules)
+        os.kill(self.server.pid, signal.SIGSTOP)  # says nothing more
+        try:
+            self.waitForTables(rules)
+        finally:
+            os.kill(self.server.pid, signal.SIGCONT)
+        self.waitUntilOver(5)
+        self.assertEqual(self.export(), before)
+        self.waitForTables(rules)
+        self.tool("rule", "set", "1", "--accept")  # follows the server again
+        self.assertIn("ACCEPT", str(kernel.readTables()[RULES]))
+
     def testADaemonThatComesBackLate(self):
         before = self.export()
         self.tool(*RULE, "02:00:00:00:00:01", "--confirm", "2")

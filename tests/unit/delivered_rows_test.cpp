@@ -114,4 +114,21 @@ TEST_F(DeliveredRowsTest, OtherSpellingsAreTheRecordsBusiness)
     EXPECT_EQ(m_log.text(), "");
 }
 
+TEST_F(DeliveredRowsTest, OtherRowsCanStandInTheirPlaces)
+{
+    insert(1, "eth0");
+    insert(2, "eth1");
+    DeliveredRows::Rows instead;
+    instead[policies].push_back(m_tables.rows(policies)[1]);
+    m_source.deliverInstead(std::move(instead));
+    m_source.update({policies});
+    EXPECT_EQ(count(), 1U);
+    EXPECT_EQ(idOf(0), 2);
+    insert(3, "eth2"); // of no account yet
+    EXPECT_EQ(count(), 1U);
+    m_source.deliverInstead({});
+    m_source.update({policies});
+    EXPECT_EQ(count(), 3U);
+}
+
 } // namespace

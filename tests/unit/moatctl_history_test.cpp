@@ -51,6 +51,25 @@ TEST(RecordedChangeTest, LeavesOutWhatIsAtItsDefault)
               R"([{"table":"MoatKeeperRuleset","after":{"Id":1,"RulePrio":10,"InInterface":"eth0","Target":"DROP"}}])");
 }
 
+TEST(RecordedChangeTest, GivesTheRowsThatWereThere)
+{
+    const ovsdb::Table& table = schema::serverDatabase().at("MoatKeeperRuleset");
+    const auto rowsOf = [&](const Configuration& configuration) {
+        std::vector<ovsdb::Row> rows;
+        for (const Row& row : configuration.rows(TableId::Rules))
+            rows.push_back({{}, ovsdb::RowValues(row.values)});
+        return rows;
+    };
+    const Configuration before = configurationOf({rule(1, 10), rule(2, 20), rule(4, 40)});
+    const Configuration after = configurationOf({rule(2, 25), rule(3, 30), rule(4, 40)});
+    const auto changes = recordedChanges(difference(before, after), before, after);
+    EXPECT_EQ(schema::rowsBack(changes, table, rowsOf(after)), rowsOf(before));
+    // Whatever has become of them since.
+    EXPECT_EQ(schema::rowsBack(changes, table, rowsOf(configurationOf({rule(3, 31), rule(4, 40)}))), rowsOf(before));
+    EXPECT_EQ(schema::rowsBack(changes, schema::serverDatabase().at("MoatKeeperInputPolicy"), {}),
+              std::vector<ovsdb::Row>());
+}
+
 TEST(RecordedChangeTest, RefusesWhatIsNoListOfRows)
 {
     for (const char* text :

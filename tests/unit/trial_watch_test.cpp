@@ -52,7 +52,10 @@ protected:
     }
     TrialWatch watch()
     {
-        return TrialWatch("here", m_tables, m_dispatcher, m_logModule, sender(), [this] { return m_clocks; });
+        return TrialWatch(
+            "here", m_tables, m_dispatcher, m_logModule, sender(),
+            [this](const schema::Trial* trial) { m_takenBack = trial == nullptr ? 0 : trial->change; },
+            [this] { return m_clocks; });
     }
     // For how long it has waited before it sent something more.
     milliseconds waitForMore()
@@ -79,6 +82,7 @@ protected:
     ovsdb::TableCache m_tables{schema::serverDatabaseWithDevices(), {std::string(schema::historyTable)}};
     schema::Clocks m_clocks;
     std::vector<Sent> m_sent;
+    int m_takenBack = -1; // the change, or 0 when it was told that this is over
 };
 
 TEST_F(TrialWatchTest, GoesBackWhenItsTimeIsOver)
@@ -196,6 +200,48 @@ TEST_F(TrialWatchTest, WhatTheServerRefusesIsTriedAgainWithoutAnEntryInTheHistor
     waitForMore();
     EXPECT_THAT(m_sent.back().text, testing::Not(HasSubstr("MoatKeeperHistory")));
     EXPECT_THAT(m_sent.back().text, HasSubstr("MoatKeeperRuleset"));
+}
+
+TEST_F(TrialWatchTest, WithoutAnAnswerItIsTakenBackHereUntilTheServerSaysHowItEnded)
+{
+    TrialWatch watched = watch();
+    watched.update(trial("this"), false);
+    waitForMore();
+    nothingMoreIn(700ms);
+    EXPECT_EQ(m_takenBack, -1);
+    nothingMoreIn(500ms);
+    EXPECT_EQ(m_takenBack, 17);
+    watched.update(trial("this"), true); // still there on a new connection: tried again, and taken back as before
+    waitForMore();
+    EXPECT_EQ(m_takenBack, 17);
+    watched.update(std::nullopt, false);
+    EXPECT_EQ(m_takenBack, 0);
+    EXPECT_THAT(m_log.text(), HasSubstr("change 17 (rule add) is taken back here"));
+}
+
+TEST_F(TrialWatchTest, WhatTheServerDoesInTimeIsNotTakenBackHere)
+{
+    TrialWatch watched = watch();
+    watched.update(trial("this"), false);
+    waitForMore();
+    m_sent.back().answered(std::nullopt);
+    watched.update(std::nullopt, false);
+    nothingMoreIn(1200ms);
+    EXPECT_EQ(m_takenBack, -1);
+}
+
+TEST_F(TrialWatchTest, WithoutTheRightToItIsTakenBackHereAtOnceAndNotTriedForEver)
+{
+    TrialWatch watched = watch();
+    watched.update(trial("this"), false);
+    waitForMore();
+    m_sent.back().answered("permission error: RBAC rules prohibit row deletion");
+    EXPECT_EQ(m_takenBack, 17);
+    nothingMoreIn(1500ms);
+    schema::Trial next = trial("this", 2);
+    next.change = 18;
+    watched.update(next, false);
+    EXPECT_EQ(m_takenBack, 0) << "another trial has its own time";
 }
 
 TEST_F(TrialWatchTest, ATrialThatIsNoListOfRowsIsTold)
