@@ -4,6 +4,7 @@
 #include "ovsdb/database.hpp"
 #include "ovsdb/error.hpp"
 #include "ovsdb/operations.hpp"
+#include "ovsdb/stream.hpp"
 #include "ovsdb/table_cache.hpp"
 
 #include <chrono>
@@ -18,14 +19,20 @@ namespace ovsdb
 {
 
 struct ClientOptions {
-    std::string socketPath;
+    std::string socketPath; // of a server on this machine
     // For each answer, or the next part of a long one. A server that is not there is an error at once.
     std::chrono::milliseconds timeout{5000};
+    // Those to use instead: one, or the servers of a cluster. Of these the one that leads is found and, when it is lost
+    // or leads no more, the next, within the timeout.
+    std::vector<Server> servers{};
+    // The database to use where there are several that could be meant.
+    std::string database{};
     // Called now and then while an answer is waited for, with how much of the request is sent; may be empty.
     std::function<void(std::size_t sentBytes, std::size_t allBytes)> onProgress{};
 };
 
-// One connection. Every operation waits for its answer, for the timeout at most.
+// A connection; with servers, one after the other. Every operation waits for its answer, for the timeout at most. What
+// only reads is done again when the server is lost meanwhile; what changes something is not.
 //
 // Errors: ConnectionError (no server, a socket whose owner is neither root nor this process's user, connection ended),
 // TimeoutError, ProtocolError (the peer is no configuration server), SchemaError (no such database, or tables of
@@ -40,6 +47,12 @@ public:
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
+
+    // The database that is used.
+    const std::string& databaseName() const;
+
+    // Whether it connects again when a server is lost: it was given servers.
+    bool connectsAgain() const;
 
     // The version of the server's schema, "1.0.0".
     const std::string& schemaVersion() const;
@@ -61,7 +74,9 @@ public:
     // Until something is different in the copy that follow gave, which must be valid. False: it is that time.
     bool awaitChange(std::chrono::steady_clock::time_point end);
 
-    // All of it, or nothing. Errors of single operations are in the result.
+    // All of it, or nothing. Errors of single operations are in the result. When the server is lost before it has
+    // answered, nobody knows which of the two: then throws ConnectionError or TimeoutError and, with servers, the
+    // object stays of use.
     TransactionResult transact(const std::vector<Json>& operations);
 
     // Calls back once with the first state (all tables named as changed), then after every change, until the callback

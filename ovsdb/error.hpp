@@ -24,7 +24,7 @@ public:
     using Error::Error;
 };
 
-// The socket is served by a process whose user is neither root nor this process's own.
+// Served by a process whose user is neither root nor our own; or, elsewhere, one of the two does not trust the other.
 class ForeignServerError : public ConnectionError
 {
 public:

@@ -68,6 +68,11 @@ Json insertRow(std::string_view tableName, const ColumnValues& values)
     return Json::Object{{"op", "insert"}, {"table", tableName}, {"row", rowOf(values)}};
 }
 
+Json insertRow(std::string_view tableName, const ColumnValues& values, const Uuid& uuid)
+{
+    return Json::Object{{"op", "insert"}, {"table", tableName}, {"uuid", uuid.toText()}, {"row", rowOf(values)}};
+}
+
 Json updateRows(std::string_view tableName, const Where& where, const ColumnValues& values)
 {
     return Json::Object{{"op", "update"}, {"table", tableName}, {"where", where}, {"row", rowOf(values)}};

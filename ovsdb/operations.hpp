@@ -29,6 +29,8 @@ Where rowsUpTo(std::string_view column, std::int32_t greatest); // not above tha
 // One operation each, to be put in the list that Client::transact takes. Columns left out of an insert get their
 // defaults; columns left out of an update stay.
 Json insertRow(std::string_view tableName, const ColumnValues& values);
+// With a name for the row that is chosen here, which servers since 2.13 take.
+Json insertRow(std::string_view tableName, const ColumnValues& values, const Uuid& uuid);
 Json updateRows(std::string_view tableName, const Where& where, const ColumnValues& values);
 Json deleteRows(std::string_view tableName, const Where& where);
 

@@ -106,8 +106,9 @@ std::optional<RpcMessage> RpcSession::handle(const Json& message)
         if (*name != "echo")
             throw ProtocolError("request that only a server answers: " + text::oneLine(*name));
         const std::string reply = toText(Json::Object{{"id", *id}, {"result", *params}, {"error", Json()}});
-        if (reply.size() > longestEcho || m_output.size() + reply.size() > longestOutput)
+        if (reply.size() > longestEcho || m_echoed + reply.size() > longestOutput)
             throw ProtocolError("echo request too large");
+        m_echoed += reply.size();
         m_output += reply;
         return std::nullopt;
     }

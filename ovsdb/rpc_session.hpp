@@ -53,8 +53,10 @@ public:
     void consumed(std::size_t bytes)
     {
         m_output.erase(0, bytes);
-        if (m_output.empty())
-            m_output.shrink_to_fit(); // a request may have been megabytes, and the next a few bytes
+        if (!m_output.empty())
+            return;
+        m_output.shrink_to_fit(); // a request may have been megabytes, and the next a few bytes
+        m_echoed = 0;
     }
 
     // Whether the peer owes an answer or the rest of a message.
@@ -67,6 +69,7 @@ private:
 
     MessageFramer m_framer;
     std::string m_output;
+    std::size_t m_echoed = 0; // bytes of it, at most
     std::int64_t m_lastId = 0;
     std::map<std::int64_t, std::size_t> m_pending; // by id: the parts of the answer
 };

@@ -1,5 +1,7 @@
 #include "ovsdb/schema_check.hpp"
 
+#include "text/one_line.hpp"
+
 #include <algorithm>
 
 namespace ovsdb
@@ -7,6 +9,8 @@ namespace ovsdb
 
 namespace
 {
+
+constexpr std::size_t longestList = 400; // of a server's databases, as it is told
 
 const std::string* textMember(const Json& object, std::string_view name)
 {
@@ -42,22 +46,64 @@ void checkColumn(const Table& table, const Column& column, const Json* found)
         throw SchemaError(place + ": expected a value in every row, found an optional column");
 }
 
+// Sorted, without the server's database about itself.
+std::vector<std::string> namesIn(const Json& listed)
+{
+    if (listed.asArray() == nullptr)
+        throw ProtocolError("list_dbs answered by something else than a list of names");
+    std::vector<std::string> names;
+    for (const Json& database : *listed.asArray()) {
+        if (database.asText() == nullptr)
+            throw ProtocolError("list_dbs answered by something else than a list of names");
+        if (*database.asText() != "_Server")
+            names.push_back(*database.asText());
+    }
+    std::ranges::sort(names);
+    return names;
+}
+
+std::string quoted(const std::vector<std::string>& names)
+{
+    std::string list = names.empty() ? "none" : "";
+    for (const std::string& name : names)
+        list += (list.empty() ? "" : ", ") + text::inQuotes(name);
+    return list.substr(0, longestList);
+}
+
 } // namespace
 
-ServerSchema checkSchema(const Json& schema, const Database& database, const std::vector<std::string>& tableNames)
+std::string chooseDatabase(const Json& listed, const std::string& name, const std::string& wanted,
+                           const char* howToChoose)
+{
+    const std::vector<std::string> names = namesIn(listed);
+    std::vector<std::string> suitable;
+    for (const std::string& database : names) {
+        if (wanted.empty() ? database == name || database.starts_with(name + '_') : database == wanted)
+            suitable.push_back(database);
+    }
+    if (suitable.size() == 1)
+        return suitable.front();
+    if (suitable.empty())
+        throw SchemaError("the server has no database " + text::inQuotes(wanted.empty() ? name : wanted) + ", it has " +
+                          quoted(names));
+    throw SchemaError("the server has several databases, expected one of " + quoted(suitable) + howToChoose);
+}
+
+ServerSchema checkSchema(const Json& schema, const Database& database, const std::string& databaseName,
+                         const std::vector<std::string>& tableNames)
 {
     const std::string* name = textMember(schema, "name");
     const std::string* version = textMember(schema, "version");
     const Json* tables = schema.find("tables");
     if (name == nullptr || tables == nullptr || tables->asObject() == nullptr)
         throw SchemaError("the server's answer is no schema");
-    if (*name != database.name)
-        throw SchemaError("expected database \"" + database.name + "\", found \"" + name->substr(0, 64) + "\"");
+    if (*name != databaseName)
+        throw SchemaError("expected database \"" + databaseName + "\", found \"" + name->substr(0, 64) + "\"");
     const std::string expected = std::to_string(database.schemaMajorVersion) + ".";
     if (version == nullptr || !version->starts_with(expected))
         throw SchemaError("expected schema version " + expected + "x.y, found " +
                           (version != nullptr ? version->substr(0, 32) : "none"));
-    ServerSchema result{.version = *version, .missing = {}};
+    ServerSchema result{.database = databaseName, .version = *version, .missing = {}};
     for (const Table& table : database.tables) {
         if (table.mayBeMissing && tables->find(table.name) == nullptr)
             result.missing.push_back(table.name);

@@ -40,10 +40,10 @@ Subscription::Subscription(const Database& database, const std::vector<std::stri
 
 void Subscription::begin(RpcSession& session)
 {
-    m_phase = Phase::AskedForSchema;
+    m_phase = Phase::AskedForDatabases;
     m_method = Method::Since;
     m_incoming.reset();
-    m_request = session.request("get_schema", Json::Array{Json(m_database.name)});
+    m_request = session.request("list_dbs", Json::Array());
 }
 
 void Subscription::begin(RpcSession& session, const ServerSchema& schema)
@@ -64,6 +64,13 @@ bool Subscription::serverHas(std::string_view tableName) const
     return std::ranges::find(m_schema.missing, tableName) == m_schema.missing.end();
 }
 
+void Subscription::askForSchema(const RpcMessage& listed, RpcSession& session)
+{
+    m_phase = Phase::AskedForSchema;
+    m_schema.database = listed.error ? m_database.name : chooseDatabase(listed.result, m_database.name);
+    m_request = session.request("get_schema", Json::Array{Json(m_schema.database)});
+}
+
 void Subscription::subscribe(RpcSession& session)
 {
     m_phase = Phase::Subscribing;
@@ -72,7 +79,7 @@ void Subscription::subscribe(RpcSession& session)
     std::vector<std::string> names = m_tables.tableNames();
     std::erase_if(names, [this](const std::string& name) { return !serverHas(name); });
     // The subscription is named after the database.
-    Json::Array params{Json(m_database.name), Json(m_database.name),
+    Json::Array params{Json(m_schema.database), Json(m_schema.database),
                        monitorRequests(m_database, names, m_method != Method::Plain)};
     if (m_method == Method::Since) {
         params.emplace_back(m_lastTransaction);
@@ -108,10 +115,14 @@ Subscription::Progress Subscription::handle(const RpcMessage& message, RpcSessio
         return updated(message);
     if (message.id != m_request)
         throw ProtocolError("answer to a request that was not made: id " + std::to_string(message.id));
+    if (m_phase == Phase::AskedForDatabases) {
+        askForSchema(message, session);
+        return {};
+    }
     if (m_phase == Phase::AskedForSchema) {
         if (message.error)
-            throw SchemaError("the server has no database \"" + m_database.name + "\" (" + *message.error + ")");
-        m_schema = checkSchema(message.result, m_database, m_tables.tableNames());
+            throw SchemaError("the server has no database \"" + m_schema.database + "\" (" + *message.error + ")");
+        m_schema = checkSchema(message.result, m_database, m_schema.database, m_tables.tableNames());
         subscribe(session);
         return {};
     }
@@ -155,7 +166,7 @@ Subscription::Progress Subscription::updated(const RpcMessage& notification)
     const Json::Array& params = *notification.result.asArray();
     if (m_phase != Phase::Following || notification.method != name)
         throw ProtocolError("unexpected notification \"" + notification.method.substr(0, 64) + "\"");
-    if (params.size() != paramCount || params[0] != Json(m_database.name))
+    if (params.size() != paramCount || params[0] != Json(m_schema.database))
         throw ProtocolError(std::string(name) + " with params of another shape");
     const std::string* transaction = m_method == Method::Since ? params[1].asText() : nullptr;
     if (m_method == Method::Since && (transaction == nullptr || !Uuid::fromText(*transaction)))

@@ -30,7 +30,8 @@ public:
     // From now on hears of every row that changes.
     void watchRows(RowWatcher watcher) { m_watcher = std::move(watcher); }
 
-    // A new connection: asks for the schema. The copy of the tables stays until the server has told the current state.
+    // A new connection: asks for the databases, then for the schema of the one that is ours. The copy of the tables
+    // stays until the server has told the current state.
     void begin(RpcSession& session);
     // Likewise, where this connection's schema is known, of all the tables, and found right.
     void begin(RpcSession& session, const ServerSchema& schema);
@@ -54,15 +55,18 @@ public:
     const TableCache& tables() const { return m_tables; }
     // Leaves the object without use.
     TableCache takeTables() { return std::move(m_tables); }
+    // As this connection has told.
+    const std::string& databaseName() const { return m_schema.database; }
     const std::string& schemaVersion() const { return m_schema.version; }
     // Whether the server of this connection has the table, as far as it has told its schema.
     bool serverHas(std::string_view tableName) const;
 
 private:
-    enum class Phase { Idle, AskedForSchema, Subscribing, Following };
+    enum class Phase { Idle, AskedForDatabases, AskedForSchema, Subscribing, Following };
     // What the server may know, best first.
     enum class Method { Since, Conditional, Plain };
 
+    void askForSchema(const RpcMessage& listed, RpcSession& session);
     void subscribe(RpcSession& session);
     TableUpdate& incoming();
     TableUpdate takeIncoming(const Json& tables);

@@ -184,7 +184,7 @@ void ServerLink::transact(std::vector<ovsdb::Json> operations, Answered answered
 {
     if (!m_session)
         return;
-    operations.insert(operations.begin(), ovsdb::Json(schema::databaseName));
+    operations.insert(operations.begin(), ovsdb::Json(m_subscription.databaseName()));
     const std::int64_t id = m_session->request("transact", ovsdb::Json::Array(std::move(operations)));
     m_asked[id] = std::move(answered);
     // Sent by the event loop: whoever calls may be in the middle of a message.
@@ -251,6 +251,8 @@ void ServerLink::report(Health health, const std::string& text)
         break;
     case Health::Connected:
         ZOL_Sysloglevel_info(m_logModule, linkLabel, 10, text);
+        if (m_subscription.databaseName() != schema::databaseName)
+            ZOL_Sysloglevel_info(m_logModule, linkLabel, 90, "its database is " + m_subscription.databaseName());
         break;
     case Health::Absent:
         ZOL_Sysloglevel_warning(m_logModule, linkLabel, 20, text);

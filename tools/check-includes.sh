@@ -19,6 +19,7 @@ subprocess           system
 ebtables             text arpa/inet.h
 compiled             ebtables
 ovsdb                platform text system rapidjson
+endpoint             ovsdb text system netdb.h openssl
 nftables             ebtables compiled text system libmnl
 schema               platform
 schema/server        schema ovsdb platform text
@@ -32,7 +33,7 @@ moatctl              moatctl/command_line moatctl/verbs schema unistd.h sys/ioct
 moatctl/tables       moatctl handler ebtables ovsdb schema schema/server platform text system
 moatctl/bridge       moatctl moatctl/tables handler records compiled ebtables nftables schema subprocess text system libmnl
 moatctl/check        moatctl/tables moatctl/bridge ebtables schema platform
-moatctl/command_line moatctl moatctl/tables moatctl/bridge moatctl/check ebtables ovsdb schema schema/server platform text
+moatctl/command_line moatctl moatctl/tables moatctl/bridge moatctl/check endpoint ebtables ovsdb schema schema/server platform text
                      system CLI
 moatctl/verbs        moatctl moatctl/page moatctl/tables moatctl/bridge moatctl/check moatctl/command_line compiled ebtables ovsdb schema schema/server
                      platform text unistd.h
@@ -46,7 +47,7 @@ bench                handler platform platform_fake platform_linux/queue compile
 
 tests/unit           daemon handler records platform platform_fake platform_linux platform_linux/compiled platform_linux/queue
                      ebtables compiled ovsdb nftables schema schema/server subprocess text moatctl moatctl/tables
-                     moatctl/bridge moatctl/check moatctl/command_line tests/moatctl tests/compiled system gtest gmock
+                     moatctl/bridge moatctl/check moatctl/command_line endpoint tests/moatctl tests/compiled system gtest gmock
 tests/golden         handler platform_fake tests/random gtest
 tests/random         handler platform_fake gtest
 tests/process        platform platform_linux/queue ovsdb schema/server system gtest

@@ -9,7 +9,7 @@ set -eu
 
 packagesFor() { # group
     case $1 in
-    build) echo cmake g++ libcli11-dev libmnl-dev ninja-build rapidjson-dev ;;
+    build) echo cmake g++ libcli11-dev libmnl-dev libssl-dev ninja-build rapidjson-dev ;;
     running) echo ebtables iproute2 iptables openvswitch-common python3 util-linux ;; # and the tour
     tests) echo git libgmock-dev libgtest-dev mandoc mount nftables openssl python3-prometheus-client strace systemd ;;
     browser) echo chromium chromium-driver python3-selenium tidy ;; # for the test of moatctl's page; large
@@ -27,7 +27,7 @@ packagesFor() { # group
 
 crossPackagesFor() { # architecture, compiler
     echo cmake libcli11-dev ninja-build python3 qemu-user rapidjson-dev "$2" \
-        "libgmock-dev:$1" "libgtest-dev:$1" "libmnl-dev:$1" "libstdc++6:$1"
+        "libgmock-dev:$1" "libgtest-dev:$1" "libmnl-dev:$1" "libssl-dev:$1" "libstdc++6:$1"
 }
 
 isInstalled() { # package

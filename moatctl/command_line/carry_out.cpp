@@ -39,12 +39,19 @@ bool isError(const Problem& problem)
     throw Failure(ExitStatus::BadInput, std::to_string(problems.size()) + " errors; " + howToStore);
 }
 
+CheckOptions optionsFor(const Program& program)
+{
+    CheckOptions options;
+    if (!program.isElsewhere())
+        options.interfaceState = interfaceHere;
+    return options;
+}
+
 void checkEffect(Program& program, Editor& editor)
 {
     if (editor.configuration == editor.before)
         return;
-    const std::vector<Problem> problems =
-        checkChange(editor.before, editor.configuration, {.interfaceState = interfaceHere, .onProgress = {}});
+    const std::vector<Problem> problems = checkChange(editor.before, editor.configuration, optionsFor(program));
     if (!program.force && std::ranges::any_of(problems, isError))
         refuse(program, problems);
     editor.flawless = problems.empty();
@@ -127,7 +134,7 @@ ExitStatus carryOutSetting(Program& program, const std::string& column, const te
         row.emplace_back(std::string(schema::changeNumber), tessera::Value(1));
         operations.push_back(ovsdb::insertRow(schema::changeTable, row));
     }
-    const ovsdb::TransactionResult result = client.transact(operations);
+    const ovsdb::TransactionResult result = transactOnce(client, operations);
     if (!result.committed())
         throw Failure(ExitStatus::Server, "the server refused it: " + result.errorText());
     stored.changed = true;

@@ -20,7 +20,7 @@ std::vector<ConnectionFrame> framesOfOwnConnection()
 
 void GuardRail::look(Editor& editor)
 {
-    if (editor.configuration == editor.before)
+    if (editor.configuration == editor.before || m_program.isElsewhere())
         return;
     if (!m_frames)
         m_frames = framesOfOwnConnection();

@@ -1,7 +1,6 @@
 #include "moatctl/command_line/parser.hpp"
 
 #include "moatctl/command_line/errors.hpp"
-#include "moatctl/command_line/numbers.hpp"
 #include "moatctl/tables/problem.hpp"
 
 #include <CLI/CLI.hpp>
@@ -13,8 +12,6 @@ namespace moatctl
 
 namespace
 {
-
-constexpr int longestTimeout = 3600;
 
 constexpr const char* closingText = R"(Exit status:
   0  done; check found nothing
@@ -66,13 +63,22 @@ Parser::Parser(Program& program) : m_root(rootOf(program, false))
     m_root->footer(closingText);
     m_root->set_version_flag("--version", "moatctl " MOATCTL_VERSION, "Print the version and exit");
     const Command root(*m_root);
-    root.option("--server", "PATH", "Socket of the configuration server", program.server.socketPath)
-        .defaultsTo(program.server.socketPath);
-    root.option("--timeout", "SECONDS", "Longest wait for an answer from the server, and for a change to be in force",
-                [&program](const std::string& text) {
-                    program.server.timeout = secondsOf("--timeout", text, longestTimeout);
-                })
-        .defaultsTo("5");
+    for (const Setting& setting : allSettings()) {
+        const std::string option = std::string("--") + setting.key;
+        Option added =
+            root.option(option, setting.type, setting.help, [&program, setting, option](const std::string& text) {
+                program.given[setting.key] = {text, option};
+            });
+        if (option == "--server")
+            added.defaultsTo(program.server.socketPath);
+        else if (option == "--timeout")
+            added.defaultsTo("5");
+    }
+    root.flag("--insecure-tcp",
+              "Let tcp: lead to other machines, though everybody on the way can read and change what is said",
+              program.access.insecureTcp);
+    root.option("--settings", "FILE", "File of settings, instead of the user's and the machine's",
+                program.settingsFile);
     const Option wait = root.option("--wait", "COUNT",
                                     "Wait until a change is in force on so many devices: all, a number, or a "
                                     "percentage of those that count, such as 95%",

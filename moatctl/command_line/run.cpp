@@ -15,19 +15,46 @@
 namespace moatctl
 {
 
+namespace
+{
+
+// A single server on this machine is reached as it always was.
+ovsdb::ClientOptions withServers(ovsdb::ClientOptions options, const Program& program)
+{
+    if (program.endpoints.size() == 1 && program.endpoints.front().kind == endpoint::Kind::Local) {
+        options.socketPath = program.endpoints.front().path;
+        return options;
+    }
+    try {
+        options.servers = endpoint::serversOf(program.endpoints, program.access);
+    } catch (const endpoint::Mistake& mistake) {
+        throw Failure(ExitStatus::BadInput, mistake.what());
+    }
+    return options;
+}
+
+} // namespace
+
 ovsdb::Client Program::connect(const ovsdb::ClientOptions& options) const
 {
-    return ovsdb::Client(schema::serverDatabaseWithDevices(), options);
+    return ovsdb::Client(schema::serverDatabaseWithDevices(), withServers(options, *this));
 }
 
 ovsdb::Client Program::connectToHistory() const
 {
-    return ovsdb::Client(schema::historyDatabase(), server);
+    return ovsdb::Client(schema::historyDatabase(), withServers(server, *this));
+}
+
+bool Program::isElsewhere() const
+{
+    return std::ranges::any_of(endpoints, [this](const endpoint::Endpoint& one) {
+        return one.kind == endpoint::Kind::Tls || (one.kind == endpoint::Kind::Tcp && access.insecureTcp);
+    });
 }
 
 ovsdb::Client Program::connectToDevices() const
 {
-    return ovsdb::Client(schema::devicesDatabase(), server);
+    return ovsdb::Client(schema::devicesDatabase(), withServers(server, *this));
 }
 
 namespace
@@ -48,6 +75,8 @@ void tellTrial(const Program& program)
             program.err << toText(*trial) << " (moatctl confirm, or moatctl cancel)\n";
     } catch (const ovsdb::Error&) {
         // The verb has done without the server, too.
+    } catch (const Failure&) {
+        // Likewise, as there is no way to it.
     }
 }
 
@@ -71,10 +100,12 @@ int run(int argc, const char* const* argv, Program& program)
         program.occasion = std::make_shared<Occasion>();
         program.occasion->verb = commandLine(argc, argv);
         Parser parser(program);
-        if (const std::string asked = parser.parse(argc, argv); !asked.empty())
+        if (const std::string asked = parser.parse(argc, argv); !asked.empty()) {
             program.out << asked;
-        else
+        } else {
+            applySettings(program);
             status = act(program);
+        }
         program.out.flush();
         if (!program.out)
             throw Failure(ExitStatus::Output, "the output could not be written");

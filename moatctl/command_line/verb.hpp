@@ -2,9 +2,11 @@
 // the command line, what is to be done in the program; verbs/all.cpp lists the functions.
 #pragma once
 
+#include "endpoint/endpoint.hpp"
 #include "moatctl/command_line/options.hpp"
 #include "moatctl/command_line/output.hpp"
 #include "moatctl/command_line/quorum.hpp"
+#include "moatctl/command_line/settings.hpp"
 #include "moatctl/exit_status.hpp"
 #include "ovsdb/client.hpp"
 
@@ -36,10 +38,14 @@ struct Program {
     Terminal terminal{};                 // of out
     std::function<Terminal()> measure{}; // the same by now
 
-    ovsdb::ClientOptions server{}; // --server, --timeout
-    bool force = false;            // --force
-    bool noWait = false;           // --no-wait
-    Quorum quorum{};               // --wait
+    ovsdb::ClientOptions server{};               // on this machine, unless there are endpoints
+    std::vector<endpoint::Endpoint> endpoints{}; // --server
+    endpoint::Access access{};                   // --private-key, --certificate, --ca-cert, --insecure-tcp
+    GivenSettings given{};                       // on the command line
+    std::string settingsFile{};                  // --settings
+    bool force = false;                          // --force
+    bool noWait = false;                         // --no-wait
+    Quorum quorum{};                             // --wait
     // Called now and then while a change is not in force yet; may throw, which ends the wait.
     std::function<void()> whileWaiting{};
 
@@ -53,6 +59,8 @@ struct Program {
     ovsdb::Client connect() const { return connect(server); }
     ovsdb::Client connect(const ovsdb::ClientOptions& options) const;
     ovsdb::Client connectToHistory() const;
+    // Whether the configuration is that of other machines: this one's interfaces say nothing of it.
+    bool isElsewhere() const;
     ovsdb::Client connectToDevices() const; // schema::devicesDatabase
 };
 

@@ -53,7 +53,8 @@ std::string candidatesOf(const CLI::Option& option, const std::string& path)
         return "_moatctl_words \"$(ls /sys/class/net 2>/dev/null)\"";
     if (type == "ID" || option.get_name() == "ID")
         return idsOf(option.get_name(), path);
-    if (type == "PATH" || type == "FILE" || type == "FOLDER" || option.get_name() == "FILE")
+    if (type == "PATH" || type.starts_with("ENDPOINT") || type == "FILE" || type == "FOLDER" ||
+        option.get_name() == "FILE")
         return "_moatctl_files";
     if (option.get_name() == "TABLE")
         return tableWords();

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <map>
+#include <random>
 #include <utility>
 
 namespace moatctl
@@ -155,7 +156,7 @@ void planNotes(const ovsdb::Client& client, const std::vector<Change>& changes, 
 }
 
 void planHistory(const ovsdb::Client& client, const Occasion& occasion,
-                 const std::vector<schema::RecordedChange>& changes, Plan& plan)
+                 const std::vector<schema::RecordedChange>& changes, const std::optional<ovsdb::Uuid>& name, Plan& plan)
 {
     if (changes.empty())
         return;
@@ -166,7 +167,7 @@ void planHistory(const ovsdb::Client& client, const Occasion& occasion,
                                                   "schema 1.1 or later; nothing was changed");
         return;
     }
-    for (ovsdb::Json& operation : addToHistory(client.followed(), occasion, changes))
+    for (ovsdb::Json& operation : addToHistory(client.followed(), occasion, changes, name))
         plan.add(std::move(operation), nullptr);
 }
 
@@ -189,19 +190,9 @@ std::optional<std::int32_t> planNumber(const ovsdb::TableCache& state, Plan& pla
     return number;
 }
 
-ovsdb::TransactionResult send(ovsdb::Client& client, const std::vector<ovsdb::Json>& operations)
+Failure unknown(const std::string& why)
 {
-    const auto unknown = [](const ovsdb::Error& error) {
-        return Failure(ExitStatus::Server,
-                       std::string(error.what()) + "; it is not known whether the change was stored");
-    };
-    try {
-        return client.transact(operations);
-    } catch (const ovsdb::ConnectionError& error) {
-        throw unknown(error);
-    } catch (const ovsdb::TimeoutError& error) {
-        throw unknown(error);
-    }
+    return Failure(ExitStatus::Server, why + "; it is not known whether the change was stored");
 }
 
 // Whether somebody else was faster: a row is not what it was, or an Id is taken by now.
@@ -223,39 +214,82 @@ bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
     throw Failure(ExitStatus::Server, "the server refused the change: " + result.errorText());
 }
 
-} // namespace
-
-Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit, const Occasion& occasion)
+ovsdb::Uuid randomUuid()
 {
-    for (int attempt = 0; attempt < attemptLimit; ++attempt) {
+    ovsdb::Uuid uuid;
+    std::random_device random;
+    for (std::uint8_t& byte : uuid.bytes)
+        byte = static_cast<std::uint8_t>(random());
+    uuid.bytes[6] = static_cast<std::uint8_t>((uuid.bytes[6] & 0x0f) | 0x40); // version 4
+    uuid.bytes[8] = static_cast<std::uint8_t>((uuid.bytes[8] & 0x3f) | 0x80);
+    return uuid;
+}
+
+class Edit
+{
+public:
+    Edit(ovsdb::Client& client, const std::function<void(Editor&)>& edit, const Occasion& occasion)
+        : m_client(client), m_edit(edit), m_occasion(occasion)
+    {
+    }
+
+    // Nothing: to be tried again.
+    std::optional<Stored> attempt()
+    {
+        if (m_unanswered.empty())
+            return makeAndStore();
+        try {
+            return makeAndStore();
+        } catch (const ovsdb::Error& error) {
+            throw unknown(error.what());
+        } catch (const Failure& failure) {
+            throw unknown(failure.what());
+        }
+    }
+
+    void giveUp() const
+    {
+        if (!m_unanswered.empty())
+            throw unknown("others kept changing the same rows");
+    }
+
+private:
+    // Sent, and lost sight of.
+    struct Unanswered {
+        ovsdb::Uuid entry; // of the history
         Stored stored;
-        const ovsdb::TableCache& state = client.follow(client.tableNames());
+    };
+
+    std::optional<Stored> makeAndStore()
+    {
+        Stored stored;
+        const ovsdb::TableCache& state = m_client.follow(m_client.tableNames());
+        if (auto done = findStored(state))
+            return done;
         stored.before = toConfiguration(state);
         stored.devicesBefore = devicesOf(state);
         stored.numberBefore = changeNumberOf(state);
-        const Configuration& before = stored.before;
-        Editor editor(before);
-        edit(editor);
+        Editor editor(stored.before);
+        m_edit(editor);
         // An acknowledgement goes with its row.
         std::erase_if(editor.configuration.acknowledged, [&editor](const auto& acknowledged) {
             return editor.configuration.find(acknowledged.first.table, acknowledged.first.id) == nullptr;
         });
-        const std::vector<Change> changes = difference(before, editor.configuration);
-        Plan plan = planOf(changes, before, editor);
-        planNotes(client, changes, editor, plan);
-        planHistory(client, occasion, recordedChanges(changes, before, editor.configuration), plan);
-        const bool counted = !changes.empty() && tellsWhatIsInForce(client);
+        const std::vector<Change> changes = difference(stored.before, editor.configuration);
+        const bool counted = !changes.empty() && tellsWhatIsInForce(m_client);
+        const bool toDo = !changes.empty() || editor.configuration.acknowledged != stored.before.acknowledged;
+        if (!toDo && !m_unanswered.empty())
+            throw Failure(ExitStatus::Conflict, "the rows are as the change would make them");
+        Plan plan = planOf(changes, stored.before, editor);
+        planNotes(m_client, changes, editor, plan);
+        const std::vector<schema::RecordedChange> recorded =
+            recordedChanges(changes, stored.before, editor.configuration);
+        std::optional<ovsdb::Uuid> entry;
+        if (m_client.connectsAgain() && !recorded.empty() && has(m_client, schema::historyTable))
+            entry = randomUuid();
+        planHistory(m_client, m_occasion, recorded, entry, plan);
         if (counted)
             stored.number = planNumber(state, plan);
-        if (!changes.empty() || editor.configuration.acknowledged != before.acknowledged) {
-            const ovsdb::TransactionResult result = send(client, plan.operations);
-            if (overtaken(plan, result))
-                continue;
-            if (!result.committed())
-                refuse(plan, result);
-            if (counted && !stored.number)
-                stored.number = result.outcomes.back().number;
-        }
         stored.told = editor.told();
         stored.changed = !changes.empty();
         stored.flawless = editor.flawless;
@@ -263,9 +297,75 @@ Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit
             if (change.after != nullptr)
                 stored.rows.emplace(change.table->id, change.id);
         }
+        if (toDo) {
+            const auto result = send(plan, entry, stored, editor);
+            if (!result || overtaken(plan, *result))
+                return std::nullopt;
+            if (!result->committed())
+                refuse(plan, *result);
+            if (counted && !stored.number)
+                stored.number = result->outcomes.back().number;
+        }
         stored.after = std::move(editor.configuration);
         return stored;
     }
+
+    // Nothing: lost sight of, and there is a way to find out.
+    std::optional<ovsdb::TransactionResult> send(const Plan& plan, const std::optional<ovsdb::Uuid>& entry,
+                                                 const Stored& stored, const Editor& editor)
+    {
+        try {
+            return transactOnce(m_client, plan.operations);
+        } catch (const Failure&) {
+            if (!entry)
+                throw;
+            m_unanswered.push_back({*entry, stored});
+            m_unanswered.back().stored.after = editor.configuration;
+            return std::nullopt;
+        }
+    }
+
+    std::optional<Stored> findStored(const ovsdb::TableCache& state)
+    {
+        for (const ovsdb::Row& row : state.rows(schema::historyTable)) {
+            for (Unanswered& sent : m_unanswered) {
+                if (sent.entry != row.uuid)
+                    continue;
+                if (!sent.stored.number) // no smaller than its own
+                    sent.stored.number = changeNumberOf(state);
+                return std::move(sent.stored);
+            }
+        }
+        return std::nullopt;
+    }
+
+    ovsdb::Client& m_client;
+    const std::function<void(Editor&)>& m_edit;
+    const Occasion& m_occasion;
+    std::vector<Unanswered> m_unanswered;
+};
+
+} // namespace
+
+ovsdb::TransactionResult transactOnce(ovsdb::Client& client, const std::vector<ovsdb::Json>& operations)
+{
+    try {
+        return client.transact(operations);
+    } catch (const ovsdb::ConnectionError& error) {
+        throw unknown(error.what());
+    } catch (const ovsdb::TimeoutError& error) {
+        throw unknown(error.what());
+    }
+}
+
+Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit, const Occasion& occasion)
+{
+    Edit work(client, edit, occasion);
+    for (int attempt = 0; attempt < attemptLimit; ++attempt) {
+        if (auto stored = work.attempt())
+            return *std::move(stored);
+    }
+    work.giveUp();
     throw Failure(ExitStatus::Conflict,
                   "gave up after " + std::to_string(attemptLimit) +
                       " attempts because other clients kept changing the same rows; nothing was changed");

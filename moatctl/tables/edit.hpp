@@ -4,6 +4,7 @@
 
 #include "moatctl/tables/configuration.hpp"
 #include "moatctl/tables/devices.hpp"
+#include "ovsdb/operations.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -75,8 +76,15 @@ struct Stored {
 // changes nothing. Throws what the edit throws, Failure(Conflict) when it
 // never got through, Failure(BadInput) when the server refuses a value, Failure(Server) when it is not known whether
 // the change was stored, and the errors of ovsdb::Client.
+//
+// A server that is lost before it has answered may have stored the change, or may do so yet. A client that connects
+// again finds out by the entry of the history, whose name was chosen here; when it is not there, the change is made
+// again, with an entry of the same number, so that the server takes one of the two only.
 inline constexpr int attemptLimit = 50;
 // The client follows all tables afterwards.
 Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit, const Occasion& occasion);
+
+// One transaction that is sent once. Throws Failure(Server) when it is not known whether it was done.
+ovsdb::TransactionResult transactOnce(ovsdb::Client& client, const std::vector<ovsdb::Json>& operations);
 
 } // namespace moatctl

@@ -242,7 +242,8 @@ ovsdb::ColumnValues entryOf(const Occasion& occasion)
 }
 
 std::vector<ovsdb::Json> addToHistory(const ovsdb::TableCache& state, const Occasion& occasion,
-                                      const std::vector<RecordedChange>& changes)
+                                      const std::vector<RecordedChange>& changes,
+                                      const std::optional<ovsdb::Uuid>& name)
 {
     const std::int32_t newest = schema::newestEntry(state).number;
     if (newest >= std::numeric_limits<std::int32_t>::max() - 1) // a trial takes two
@@ -261,7 +262,8 @@ std::vector<ovsdb::Json> addToHistory(const ovsdb::TableCache& state, const Occa
     add(history::changes, std::move(text));
     add(history::undoes, occasion.undoes);
     add(history::sum, schema::sumText(schema::sumAfter(state, changes)));
-    operations.push_back(ovsdb::insertRow(schema::historyTable, entry));
+    operations.push_back(name ? ovsdb::insertRow(schema::historyTable, entry, *name)
+                              : ovsdb::insertRow(schema::historyTable, entry));
     if (newest >= schema::maximumHistory)
         operations.push_back(ovsdb::deleteRows(schema::historyTable,
                                                ovsdb::rowsUpTo(history::number, newest + 1 - schema::maximumHistory)));

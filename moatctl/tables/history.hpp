@@ -8,6 +8,7 @@
 #include "schema/server/trial.hpp"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -56,8 +57,9 @@ ovsdb::ColumnValues entryOf(const Occasion& occasion);
 
 // The operations that add the entry and take out what is too old, and make the change a trial if it is to be one. The
 // server refuses them when somebody else has just added an entry or begun a trial. state: has the entries' numbers and
-// the trial. Throws Failure(Conflict) when a change waits to be confirmed.
+// the trial. name: what the entry can be known by later. Throws Failure(Conflict) when a change waits to be confirmed.
 std::vector<ovsdb::Json> addToHistory(const ovsdb::TableCache& state, const Occasion& occasion,
-                                      const std::vector<schema::RecordedChange>& changes);
+                                      const std::vector<schema::RecordedChange>& changes,
+                                      const std::optional<ovsdb::Uuid>& name);
 
 } // namespace moatctl

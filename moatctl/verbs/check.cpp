@@ -47,7 +47,7 @@ ExitStatus check(Program& program, const CheckArguments& options)
     }
 
     CheckOptions checkOptions;
-    if (!options.elsewhere)
+    if (!options.elsewhere && !program.isElsewhere())
         checkOptions.interfaceState = interfaceHere;
     std::vector<Problem> problems = loaded.problems;
     std::vector<Problem> found;

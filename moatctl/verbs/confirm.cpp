@@ -45,7 +45,7 @@ ExitStatus confirm(Program& program)
                       "change " + std::to_string(trial.change) +
                           " was not confirmed in time: it goes back as soon as a daemon is there, "
                           "or with moatctl cancel");
-    require(client.transact({schema::requireTrial(trial), schema::endTrial(trial)}), trial);
+    require(transactOnce(client, {schema::requireTrial(trial), schema::endTrial(trial)}), trial);
     program.out << "change " << trial.change << " is confirmed\n";
     return ExitStatus::Ok;
 }
@@ -71,7 +71,8 @@ ExitStatus cancel(Program& program)
     stored.devicesBefore = devicesOf(state);
     stored.numberBefore = changeNumberOf(state);
     guard(program, stored.before, trial);
-    const ovsdb::TransactionResult result = client.transact(schema::putBack(trial, state, entryOf(*program.occasion)));
+    const ovsdb::TransactionResult result =
+        transactOnce(client, schema::putBack(trial, state, entryOf(*program.occasion)));
     require(result, trial);
     stored.changed = true;
     stored.number = result.outcomes.back().number;

@@ -41,7 +41,7 @@ public:
         m_file = parseConfiguration(readText(program.in, options.file), nameOf(options.file));
         if (!m_file.readable)
             refuse(m_file.problems);
-        if (!options.elsewhere)
+        if (!options.elsewhere && !program.isElsewhere())
             m_checkOptions.interfaceState = interfaceHere;
         m_checkOptions.onProgress = [this](std::size_t done, std::size_t total) {
             m_progress.show("checking", done, total);

@@ -1,7 +1,7 @@
-// Bytes from a configuration server, at four moments of a connection: before the schema, before the subscription, and
-// with rows held from an old and from a current server, in pieces of several sizes. Whatever comes, it is taken or
-// refused with an error of ours, refused bytes leave the tables as they were, and the sizes of the pieces do not
-// matter.
+// Bytes from a configuration server, at five moments of a connection: before its databases are known, before the
+// schema, before the subscription, and with rows held from an old and from a current server, in pieces of several
+// sizes. Whatever comes, it is taken or refused with an error of ours, refused bytes leave the tables as they were, and
+// the sizes of the pieces do not matter.
 #include "ovsdb/subscription.hpp"
 #include "schema/server/database.hpp"
 
@@ -25,7 +25,7 @@ const std::string& schemaReply()
         const std::string schema{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
         if (schema.empty())
             std::abort();
-        return R"({"id":1,"error":null,"result":)" + schema + "}";
+        return R"({"id":2,"error":null,"result":)" + schema + "}";
     }();
     return reply;
 }
@@ -57,15 +57,17 @@ Copy tablesAfter(int moment, std::string_view bytes, std::size_t atATime)
                                      {"MoatKeeper", "MoatKeeperInputPolicy", "MoatKeeperRuleset"});
     ovsdb::RpcSession session;
     subscription.begin(session);
+    if (moment >= 0)
+        take(R"({"id":1,"error":null,"result":["moatkeeper"]})", session, subscription);
     if (moment >= 1)
         take(schemaReply(), session, subscription);
     if (moment == 2) {
-        take(R"({"id":2,"error":"unknown method"})", session, subscription);
         take(R"({"id":3,"error":"unknown method"})", session, subscription);
-        take(R"({"id":4,"error":null,"result":{"MoatKeeperInputPolicy":{")" + uuid + R"(":{"new":)" + row + "}}}}",
+        take(R"({"id":4,"error":"unknown method"})", session, subscription);
+        take(R"({"id":5,"error":null,"result":{"MoatKeeperInputPolicy":{")" + uuid + R"(":{"new":)" + row + "}}}}",
              session, subscription);
     } else if (moment == 3) {
-        take(R"({"id":2,"error":null,"result":[false,")" + uuid + R"(",{"MoatKeeperInputPolicy":{")" + uuid +
+        take(R"({"id":3,"error":null,"result":[false,")" + uuid + R"(",{"MoatKeeperInputPolicy":{")" + uuid +
                  R"(":{"initial":)" + row + "}}}]}",
              session, subscription);
     }
@@ -97,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size == 0)
         return 0;
     const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
-    const int moment = data[0] % 4;
+    const int moment = data[0] == 255 ? -1 : data[0] % 4;
     const Copy whole = tablesAfter(moment, bytes, size);
     if (tablesAfter(moment, bytes, 1 + data[0] / 4) != whole)
         std::abort();

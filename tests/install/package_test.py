@@ -127,6 +127,8 @@ class Installed(unittest.TestCase):
             for package in ("libc6", "libmnl0", "libstdc++6"):
                 self.assertIn(package, depends, name)
         self.assertIn("openvswitch-common", self.field("moatkeeper", "Depends"))
+        self.assertIn("libssl3", self.field("moatkeeper-tools", "Depends"))
+        self.assertNotIn("libssl", self.field("moatkeeper", "Depends"), "the daemon's server is on its own machine")
         everything = "".join(run("dpkg-deb", "--field", package).stdout for package in packages.of(BUILD).values())
         self.assertNotIn("openvswitch-switch", everything)  # would start a switch
         version = next(line.split()[2] for line in (SOURCES / "CMakeLists.txt").read_text(encoding="utf-8").splitlines()

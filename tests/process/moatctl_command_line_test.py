@@ -120,7 +120,7 @@ filter-rule add --id 4 --filter 7 --match 02:00:00:00:00:01
                 ("status x", 'unexpected word "x"'), ("check a b", 'unexpected word "b"'),
                 ("status --pid-folder", "--pid-folder has no value: expected FOLDER"),
                 ("explain --out eth0", "--in is missing"), ("explain --configured --file x --in eth0", "--(file|configured) excludes --"),
-                ("acknowledge", "TABLE is missing"), ("port rename a", "NEW is missing"), ("--server", "--server has no value: expected PATH"),
+                ("acknowledge", "TABLE is missing"), ("port rename a", "NEW is missing"), ("--server", "--server has no value: expected ENDPOINT"),
                 ("--no-wait=maybe rule remove 1", "--no-wait takes no value"), ("rule remove 1 --force=x", "--force takes no value"),
                 ("status --watch=5", "--watch takes no value"), ("status --watch x", 'unexpected word "x"'),
                 ("status --watch", "--watch: expected a terminal for standard output, and the format table"),

@@ -15,6 +15,7 @@ import time
 import unittest
 
 from lab import config, waiting
+from lab.cluster import writeSchema
 from lab.config import RULES, Config, insert
 from lab.fake_server import FakeServer
 from lab.programs import SCHEMA, Program, startServer
@@ -83,6 +84,25 @@ class ServerConversation(ProbeTest):
         self.server(other)
         probe = self.probe()
         probe.waitForLines('ovsdb:70: the server has no database "moatkeeper"')
+
+    def testTheDatabaseOfAGroup(self):
+        schema = writeSchema(self.folder / "group.ovsschema", "moatkeeper_plant2")
+        server = startServer(schema, self.folder, socketPath=self.socket)
+        probe = self.probe()
+        probe.waitForLines("ovsdb:90: its database is moatkeeper_plant2$")
+        connection = Config(self.socket)
+        connection.database = "moatkeeper_plant2"
+        connection.transact(rule(3))
+        connection.close()
+        probe.waitForLines(r"rule\(3,1,-1,eth0,DROP\)$")
+        server.stop()
+        file = self.folder / "ours.db"
+        subprocess.run(["ovsdb-tool", "create", file, SCHEMA], check=True)
+        server = startServer(schema, self.folder, socketPath=self.socket, options=[str(file)])
+        self.addCleanup(server.stop)
+        probe.waitForLines('ovsdb:70: the server has several databases, expected one of "moatkeeper", "moatkeeper_plant2"; '
+                           "trying again")
+        self.assertEqual(len(probe.matching("^load.*rule")), 1, "nothing is delivered of either")
 
     def testRowsByIdWithTheirDefaults(self):
         self.server()

@@ -97,11 +97,13 @@ std::string result(const std::string& json)
     return R"("error": null, "result": )" + json;
 }
 
+const std::string databases = result(R"(["_Server", "moatkeeper"])");
+
 // Does something with a client that was shown the right schema, and these answers to its next requests.
 void ask(std::vector<std::string> answers, const std::function<void(Client&)>& what)
 {
     const ScratchFolder scratch;
-    answers.insert(answers.begin(), result(schema()));
+    answers.insert(answers.begin(), {databases, result(schema())});
     const Peer peer(scratch.path("sock"), std::move(answers));
     Client client(schema::serverDatabase(), {.socketPath = scratch.path("sock"), .timeout = std::chrono::seconds(10)});
     what(client);
@@ -134,7 +136,7 @@ TEST(OvsdbClientAnswersTest, WhatIsNoSchema)
     const auto connecting = [](const std::string& answer) {
         return [answer] {
             const ScratchFolder scratch;
-            const Peer peer(scratch.path("sock"), {answer});
+            const Peer peer(scratch.path("sock"), {databases, answer});
             const Client client(schema::serverDatabase(),
                                 {.socketPath = scratch.path("sock"), .timeout = std::chrono::seconds(10)});
         };

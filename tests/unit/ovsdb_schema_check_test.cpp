@@ -13,7 +13,8 @@ namespace
 
 std::string check(const std::string& schema)
 {
-    return ovsdb::checkSchema(ovsdb::parseJson(schema), schema::serverDatabase(), schema::serverDatabase().tableNames())
+    return ovsdb::checkSchema(ovsdb::parseJson(schema), schema::serverDatabase(), schema::serverDatabase().name,
+                              schema::serverDatabase().tableNames())
         .version;
 }
 
@@ -58,7 +59,7 @@ TEST(OvsdbSchemaCheckTest, SomeTablesMayBeMissingAndNoColumn)
         return replaced(text::readSmallFile(MOATKEEPER_SCHEMA), '"' + std::string(table) + '"', "\"Other\"");
     };
     const auto missing = [](const std::string& schema) {
-        return ovsdb::checkSchema(ovsdb::parseJson(schema), schema::serverDatabase(),
+        return ovsdb::checkSchema(ovsdb::parseJson(schema), schema::serverDatabase(), schema::serverDatabase().name,
                                   schema::serverDatabase().tableNames())
             .missing;
     };

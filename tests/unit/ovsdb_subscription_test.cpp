@@ -3,6 +3,7 @@
 
 #include "ovsdb/error.hpp"
 #include "schema/server/database.hpp"
+#include "text/small_file.hpp"
 
 #include <fstream>
 #include <gmock/gmock.h>
@@ -75,10 +76,16 @@ protected:
     {
         return take(R"({"id": null, "method": ")" + method + R"(", "params": )" + params + "}");
     }
-    void answerSchema()
+    void askForSchema()
     {
         begin();
+        EXPECT_EQ(askedMethod(), "list_dbs");
+        answer(R"(["_Server", "moatkeeper"])");
         EXPECT_EQ(askedMethod(), "get_schema");
+    }
+    void answerSchema()
+    {
+        askForSchema();
         std::ifstream file(MOATKEEPER_SCHEMA);
         EXPECT_FALSE(answer({std::istreambuf_iterator<char>(file), {}}).synchronised);
     }
@@ -186,13 +193,56 @@ TEST_F(OvsdbSubscriptionTest, AServerThatRefusesEverythingIsNone)
 
 TEST_F(OvsdbSubscriptionTest, AServerWithoutTheDatabaseIsUnsuitable)
 {
-    begin();
-    asked();
+    askForSchema();
     EXPECT_THAT([&] { refuse(); },
                 ThrowsMessage<SchemaError>(HasSubstr("has no database \"moatkeeper\" (unknown method)")));
+    askForSchema();
+    EXPECT_THROW(answer(R"({"name": "moatkeeper", "version": "1.0.0", "tables": {}})"), SchemaError);
+}
+
+TEST_F(OvsdbSubscriptionTest, TheDatabaseOfItsGroupIsTaken)
+{
     begin();
     asked();
-    EXPECT_THROW(answer(R"({"name": "moatkeeper", "version": "1.0.0", "tables": {}})"), SchemaError);
+    answer(R"(["_Server", "moatkeeper_plant2", "moatkeepers", "other"])");
+    EXPECT_EQ(toText(*asked().find("params")), R"(["moatkeeper_plant2"])");
+    EXPECT_EQ(m_subscription.databaseName(), "moatkeeper_plant2");
+    std::string schema = text::readSmallFile(MOATKEEPER_SCHEMA);
+    answer(schema.replace(schema.find("\"moatkeeper\""), 12, "\"moatkeeper_plant2\""));
+    const Json request = asked();
+    EXPECT_EQ((*request.find("params")->asArray())[0], Json("moatkeeper_plant2"));
+    EXPECT_EQ((*request.find("params")->asArray())[1], Json("moatkeeper_plant2"));
+    answer("[false, \"" + first + "\", " + rows(R"({"initial": )" + row + "}") + "]");
+    notify("update3", R"(["moatkeeper_plant2", ")" + second + R"(", )" + rows(R"({"delete": null})") + "]");
+    EXPECT_EQ(count(), 0U);
+}
+
+TEST_F(OvsdbSubscriptionTest, NoneOrTwoDatabasesAreUnsuitable)
+{
+    const auto offered = [this](const std::string& names) {
+        return [this, names] {
+            begin();
+            asked();
+            answer(names);
+        };
+    };
+    EXPECT_THAT(offered(R"(["_Server"])"),
+                ThrowsMessage<SchemaError>("the server has no database \"moatkeeper\", it has none"));
+    EXPECT_THAT(offered(R"(["_Server", "a", "b\n"])"),
+                ThrowsMessage<SchemaError>("the server has no database \"moatkeeper\", it has \"a\", \"b\\x0a\""));
+    EXPECT_THAT(offered(R"(["moatkeeper", "_Server", "moatkeeper_a"])"),
+                ThrowsMessage<SchemaError>(
+                    "the server has several databases, expected one of \"moatkeeper\", \"moatkeeper_a\""));
+    for (const char* const wrong : {"{}", "null", "[1]", "\"moatkeeper\""})
+        EXPECT_THROW(offered(wrong)(), ProtocolError) << wrong;
+}
+
+TEST_F(OvsdbSubscriptionTest, AServerThatListsNoDatabasesIsAskedForOurs)
+{
+    begin();
+    asked();
+    refuse();
+    EXPECT_EQ(toText(*asked().find("params")), R"(["moatkeeper"])");
 }
 
 TEST_F(OvsdbSubscriptionTest, AnswersOfAnotherShapeAreRefused)
@@ -278,10 +328,12 @@ TEST_F(OvsdbSubscriptionTest, RowsWithoutEndAreRefused)
     Subscription subscription(schema::serverDatabase(), {policies}, 100'000);
     RpcSession session;
     subscription.begin(session);
-    std::ifstream file(MOATKEEPER_SCHEMA);
-    session.receive(R"({"id": 1, "result": )" + std::string(std::istreambuf_iterator<char>(file), {}) + "}");
+    session.receive(R"({"id": 1, "result": ["moatkeeper"]})");
     subscription.handle(*session.next(), session);
-    session.receive(R"({"id": 2, "result": [false, ")" + first + R"(", {")" + policies + R"(": {)");
+    std::ifstream file(MOATKEEPER_SCHEMA);
+    session.receive(R"({"id": 2, "result": )" + std::string(std::istreambuf_iterator<char>(file), {}) + "}");
+    subscription.handle(*session.next(), session);
+    session.receive(R"({"id": 3, "result": [false, ")" + first + R"(", {")" + policies + R"(": {)");
     int rowsTaken = 0;
     const auto feed = [&] {
         for (;; ++rowsTaken) {

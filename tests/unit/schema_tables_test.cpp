@@ -59,11 +59,14 @@ TEST(SchemaTablesTest, TheTablesOfDevicesEqualTheSchemaFile)
 {
     const Json schema = ovsdb::parseJson(text::readSmallFile(MOATKEEPER_SCHEMA));
     const std::vector<std::string> names = schema::serverDatabaseWithDevices().tableNames();
-    EXPECT_NO_THROW(EXPECT_THAT(ovsdb::checkSchema(schema, schema::serverDatabaseWithDevices(), names).missing,
-                                testing::IsEmpty()));
     EXPECT_NO_THROW(EXPECT_THAT(
-        ovsdb::checkSchema(schema, schema::historyDatabase(), schema::historyDatabase().tableNames()).missing,
+        ovsdb::checkSchema(schema, schema::serverDatabaseWithDevices(), schema::serverDatabaseWithDevices().name, names)
+            .missing,
         testing::IsEmpty()));
+    EXPECT_NO_THROW(EXPECT_THAT(ovsdb::checkSchema(schema, schema::historyDatabase(), schema::historyDatabase().name,
+                                                   schema::historyDatabase().tableNames())
+                                    .missing,
+                                testing::IsEmpty()));
     const Json::Object& kept = *schema.find("tables")->find(schema::historyTable)->find("columns")->asObject();
     EXPECT_EQ(kept.size(), schema::historyDatabase().at(schema::historyTable).columns.size());
     for (const std::string_view name : {schema::changeTable, schema::deviceTable, schema::trialTable}) {
