@@ -17,6 +17,8 @@ enum class ExitStatus {
     NotInForce = 6, // the change was stored, but rows of it are not in force
     NotApplied = 7, // the change was stored, but no daemon has said in time that it applies it
     Kernel = 8,     // the kernel's tables cannot be read, or it cannot trace, and there is nothing to say without
+    WentBack = 9,   // a rollout has stopped, and what it had changed was taken back
+    HalfWay = 10,   // a rollout has stopped, and what it had changed is left somewhere
 };
 
 // Ends the program with one line on standard error and the status. The text has no line break.

@@ -43,6 +43,12 @@ Option& Option::anyNumber()
     return *this;
 }
 
+Option& Option::repeated()
+{
+    m_option->expected(1, CLI::detail::expected_max_vector_size)->allow_extra_args(false);
+    return *this;
+}
+
 Option& Option::defaultsTo(const std::string& text)
 {
     m_option->default_str(text);

@@ -26,6 +26,8 @@ public:
     // So many values, else one. And: one or more.
     Option& values(int count);
     Option& anyNumber();
+    // May be given again and again, each time with one value.
+    Option& repeated();
     // What counts when the option is not given, for the help.
     Option& defaultsTo(const std::string& text);
     Option& oneOf(std::initializer_list<const char*> words);

@@ -23,6 +23,8 @@ constexpr const char* closingText = R"(Exit status:
   6  the change is stored, but not in force, or not all of it: standard error names the rows
   7  the change is stored, but no daemon has said in time that it applies it
   8  the kernel's tables cannot be read, or it cannot be made to trace frames
+  9  a rollout has stopped, and everything was taken back
+  10 a rollout has stopped, and the change is left somewhere
 
 Example:
   moatctl rule add --in eth0 --out eth1 --src-mac 00:11:22:33:44:55 --drop)";

@@ -3,6 +3,7 @@
 #include "ovsdb/table_cache.hpp"
 #include "schema/device.hpp"
 #include "schema/history.hpp"
+#include "text/one_line.hpp"
 #include "text/utc_time.hpp"
 
 #include <algorithm>
@@ -18,6 +19,7 @@ namespace
 
 using std::chrono::seconds;
 
+constexpr std::size_t longestLoss = 400;
 constexpr int missedHeartbeats = 2;
 constexpr seconds onTheWay{5}; // what a slow device and a slow way may take besides
 
@@ -108,6 +110,37 @@ std::vector<StandingDevice> standingDevices(const ovsdb::TableCache& cache, std:
     for (StandingDevice& each : standing)
         each.counts = each.device.reports() || !anyReports;
     return standing;
+}
+
+std::vector<std::string> lossesSince(const std::vector<StandingDevice>& before, const std::vector<StandingDevice>& now,
+                                     std::int32_t change)
+{
+    std::vector<std::string> losses;
+    for (const StandingDevice& known : before) {
+        if (!known.device.hasReached(change) || known.state.standing == Standing::Silent) // by a clock that is behind
+            continue;
+        const std::string name = text::oneLine(known.device.name);
+        const auto found = std::ranges::lower_bound(now, known.device.name, {},
+                                                    [](const StandingDevice& each) { return each.device.name; });
+        if (found == now.end() || found->device.name != known.device.name) {
+            losses.push_back(name + " has no row any more");
+            continue;
+        }
+        const auto& [device, state, counts] = *found;
+        const std::string reason = device.reason.empty() ? "" : ": " + text::oneLine(device.reason, longestLoss);
+        if (!device.reports())
+            losses.push_back(name + " does not apply it any more" + reason);
+        else if (state.standing == Standing::Silent)
+            losses.push_back(name + " is silent" + (state.time ? " for " + inWords(*state.time) : std::string()));
+        else if (!device.inStep)
+            losses.push_back(name + " is not in step" + reason);
+        else if (!device.hasReached(change))
+            losses.push_back(name + " does not have it in force any more");
+        else if (device.notInForceCount > known.device.notInForceCount)
+            losses.push_back(name + " refuses " +
+                             std::to_string(device.notInForceCount - known.device.notInForceCount) + " lines more");
+    }
+    return losses;
 }
 
 const char* nameOf(Standing standing)

@@ -55,6 +55,11 @@ struct StandingDevice {
 };
 std::vector<StandingDevice> standingDevices(const ovsdb::TableCache& cache, std::chrono::system_clock::time_point now);
 
+// What is wrong, in words, on devices that had the change in force before: each must still have it, be in step and
+// heard of, and refuse no more lines.
+std::vector<std::string> lossesSince(const std::vector<StandingDevice>& before, const std::vector<StandingDevice>& now,
+                                     std::int32_t change);
+
 // "in force", "in part", ...
 const char* nameOf(Standing standing);
 

@@ -18,9 +18,9 @@ constexpr std::int32_t largestPort = 65535;
 constexpr std::uint16_t ipv4Number = 0x0800;
 constexpr std::uint16_t ipv6Number = 0x86dd;
 
-bool between(std::int32_t value, std::int32_t smallest, std::int32_t largest)
+bool between(std::int32_t value, std::int32_t from, std::int32_t to)
 {
-    return smallest <= value && value <= largest;
+    return from <= value && value <= to;
 }
 
 bool isNetwork(std::string_view text)

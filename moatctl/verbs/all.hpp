@@ -33,6 +33,7 @@ void addMonitor(const Command& root, Program& program);
 void addHistory(const Command& root, Program& program);
 void addUndo(const Command& root, Program& program);
 void addDevices(const Command& root, Program& program);
+void addRollout(const Command& root, Program& program);
 void addEngine(const Command& root, Program& program);
 void addConfirm(const Command& root, Program& program);
 void addCancel(const Command& root, Program& program);

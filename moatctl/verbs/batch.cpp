@@ -6,6 +6,7 @@
 #include "moatctl/tables/problem.hpp"
 #include "moatctl/tables/read_text.hpp"
 #include "moatctl/verbs/all.hpp"
+#include "moatctl/verbs/file_edit.hpp"
 
 #include <algorithm>
 #include <memory>
@@ -123,6 +124,11 @@ private:
 };
 
 } // namespace
+
+std::function<void(Editor&)> batchEdit(Program& program, const std::string& file)
+{
+    return [batch = std::make_shared<Batch>(program, file)](Editor& editor) { batch->apply(editor); };
+}
 
 void addBatch(const Command& root, Program& program)
 {

@@ -3,6 +3,7 @@
 #include "moatctl/command_line/occasion.hpp"
 #include "moatctl/tables/history.hpp"
 #include "moatctl/tables/server.hpp"
+#include "moatctl/tables/trial.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "schema/server/trial.hpp"
 
@@ -16,16 +17,6 @@ namespace moatctl
 
 namespace
 {
-
-// Whatever came in between, nothing was done.
-void require(const ovsdb::TransactionResult& result, const schema::Trial& trial)
-{
-    const std::string name = "change " + std::to_string(trial.change);
-    if (const auto failed = result.failedOperation(); failed && result.outcomes[*failed].error == "timed out")
-        throw Failure(ExitStatus::Conflict, name + " does not wait any more: it was confirmed or taken back meanwhile");
-    if (!result.committed())
-        throw Failure(ExitStatus::Server, "the server refused it: " + result.errorText());
-}
 
 schema::Trial trialIn(const ovsdb::TableCache& state)
 {
@@ -45,7 +36,7 @@ ExitStatus confirm(Program& program)
                       "change " + std::to_string(trial.change) +
                           " was not confirmed in time: it goes back as soon as a daemon is there, "
                           "or with moatctl cancel");
-    require(transactOnce(client, {schema::requireTrial(trial), schema::endTrial(trial)}), trial);
+    confirmTrial(client, trial);
     program.out << "change " << trial.change << " is confirmed\n";
     return ExitStatus::Ok;
 }
@@ -66,17 +57,8 @@ ExitStatus cancel(Program& program)
     identify(*program.occasion);
     const ovsdb::TableCache& state = client.follow(client.tableNames());
     const schema::Trial trial = trialIn(state);
-    Stored stored;
-    stored.before = toConfiguration(state);
-    stored.devicesBefore = devicesOf(state);
-    stored.numberBefore = changeNumberOf(state);
-    guard(program, stored.before, trial);
-    const ovsdb::TransactionResult result =
-        transactOnce(client, schema::putBack(trial, state, entryOf(*program.occasion)));
-    require(result, trial);
-    stored.changed = true;
-    stored.number = result.outcomes.back().number;
-    stored.after = toConfiguration(client.followed());
+    guard(program, toConfiguration(state), trial);
+    const Stored stored = cancelTrial(client, trial, *program.occasion);
     program.out << "change " << trial.change << " is taken back\n";
     program.out.flush();
     if (!program.noWait)

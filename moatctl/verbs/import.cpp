@@ -8,6 +8,7 @@
 #include "moatctl/tables/read_text.hpp"
 #include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
+#include "moatctl/verbs/file_edit.hpp"
 
 #include <algorithm>
 #include <iterator>
@@ -67,6 +68,17 @@ public:
         show(difference(editor.before, editor.configuration));
         showAcknowledged(editor.before, editor.configuration, '-');
         showAcknowledged(editor.configuration, editor.before, '+');
+    }
+
+    // Likewise, without a word.
+    void applyUnseen(Editor& editor) const { merge(editor.configuration); }
+
+    // Throws Failure when the file has errors in itself.
+    void requireReadable()
+    {
+        if (std::ranges::any_of(m_file.problems, isError))
+            refuse(m_file.problems);
+        writeSorted(m_file.problems);
     }
 
     // When the server could not be read: what is wrong with the file whatever the server holds. Throws Failure when
@@ -191,6 +203,15 @@ ExitStatus import(Program& program, const ImportArguments& options)
 }
 
 } // namespace
+
+std::function<void(Editor&)> importEdit(Program& program, const std::string& file, bool replace)
+{
+    const auto work =
+        std::make_shared<Import>(program, ImportArguments{.file = file, .replace = replace, .elsewhere = true});
+    program.server.onProgress = {};
+    work->requireReadable();
+    return [work](Editor& editor) { work->applyUnseen(editor); };
+}
 
 void addImport(const Command& root, Program& program)
 {

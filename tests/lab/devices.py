@@ -24,10 +24,10 @@ class Followers:
     """Devices that say of each change that it is in force, as soon as they see it. behave: of a device's name and a
     change the columns in which its row differs from that, or None when it says nothing."""
 
-    def __init__(self, path, names, behave=lambda name, number: {}):
+    def __init__(self, path, names, behave=lambda name, number: {}, database=config.DATABASE):
         self.behave = behave
         self._names = list(names)
-        self._config = config.Config(path)
+        self._config = config.Config(path, database=database)
         self._end = threading.Event()
         self._said = {}
         self._say(self._number())

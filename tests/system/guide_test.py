@@ -31,8 +31,11 @@ ON_TRIAL = "moatctl rule set 2 --accept --confirm 60"
 # What an example needs besides; and its other exit statuses, for what is told of these rows is no matter.
 BEFORE = {"batch": "echo rule disable 1 > changes.txt",
           "import": "moatctl export > configuration.json; cp configuration.json new.json",
-          "check": "moatctl export > rules.json", "undo": "moatctl rule disable 2", "confirm": ON_TRIAL, "cancel": ON_TRIAL}
-STATUS = {"check": (0, 1), "status": (0, 1)}
+          "check": "moatctl export > rules.json", "rollout": "moatctl export > site.json",
+          "devices": "ovsdb-client transact unix:/tmp/cfgserver.socket '[\"moatkeeper\", {\"op\": \"insert\", "
+                     "\"table\": \"MoatKeeperDevice\", \"row\": {\"Name\": \"bridge7\"}}]'", "undo": "moatctl rule disable 2", "confirm": ON_TRIAL, "cancel": ON_TRIAL}
+# Groups of devices are not here: moatctl_rollout_test.py.
+STATUS = {"check": (0, 1), "status": (0, 1), "devices": (0, 1), "rollout": (3,)}
 
 
 def makePorts(bridge):

@@ -11,7 +11,7 @@ from lab import config, kernel, machine, programs, waiting
 
 DAEMON = os.path.realpath(sys.argv[sys.argv.index("--daemon") + 1])
 MOATCTL = os.path.realpath(DAEMON + "/../../moatctl/moatctl")
-DONE, BAD_INPUT, NO_SERVER, NOT_IN_FORCE, NOT_APPLIED = 0, 2, 3, 6, 7
+DONE, BAD_INPUT, NO_SERVER, NOT_IN_FORCE, NOT_APPLIED, WENT_BACK = 0, 2, 3, 6, 7, 9
 OLD_SCHEMA = machine.FOLDER + "/old.ovsschema"
 ADD = ("rule", "add", "--in", "p1", "--src-mac")
 WITHOUT_RIGHTS = ("setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin")
@@ -217,6 +217,25 @@ class NotInForce(Waiting):
         owner.wait()
         self.assertEqual(verb.end(), DONE, verb.err)
         self.assertEqual(len(self.rules()), 2)
+
+
+class Rollout(Waiting):
+    """With a real device; the groups are in tests/process/moatctl_rollout_test.py."""
+
+    def rollOut(self, status, rules):
+        rules = [{"RulePrio": 1, "InInterface": "p1", "Target": "DROP", **rule} for rule in rules]
+        return self.run_(status, "rollout", "-", "--force", "--step", f"@unix:{programs.SOCKET}", "--settle", "0.2",
+                         stdin=json.dumps({config.RULES: rules}))
+
+    def testItIsInForceAndStays(self):
+        self.rollOut(DONE, [{"Id": number, "SrcMAC": mac(number)} for number in range(1, 21)])
+        self.assertEqual((len(self.rules()), self.config.select("MoatKeeperTrial")), (20, []))
+
+    def testWhatTheKernelRefusesGoesBack(self):
+        self.run_(DONE, *ADD, mac(1), "--drop")
+        before = kernel.readTables()
+        self.rollOut(WENT_BACK, [{"Id": 2, "SrcMAC": mac(2)}, {"Id": 3, "Ethertype": "nonsense"}])
+        self.assertEqual(kernel.readTables(), before)
 
 
 class NotApplied(Waiting):

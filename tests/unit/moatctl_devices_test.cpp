@@ -155,6 +155,61 @@ TEST(DeviceState, TimesInWords)
         EXPECT_EQ(inWords(time), words);
 }
 
+std::vector<StandingDevice> standing(const std::vector<Device>& devices, const Reference& reference)
+{
+    std::vector<StandingDevice> made;
+    for (const Device& device : devices)
+        made.push_back({.device = device, .state = stateOf(device, reference)});
+    return made;
+}
+
+Device named(const std::string& name, std::int32_t number)
+{
+    Device device = inForce(number);
+    device.name = name;
+    return device;
+}
+
+TEST(Losses, WhatWasInForceMustStayEachOtherMayChange)
+{
+    Device off = named("d", 7);
+    off.started.clear();
+    const std::vector<Device> before{named("a", 7), named("b", 6), off};
+    std::vector<Device> now = before;
+    const auto losses = [&](std::int32_t change) {
+        return lossesSince(standing(before, at(7)), standing(now, at(7)), change);
+    };
+    EXPECT_TRUE(losses(7).empty());
+    now[1].number = 5;
+    now[2] = named("d", 7);
+    EXPECT_TRUE(losses(7).empty()) << "those did not have it";
+    now.push_back(named("f", 7));
+    EXPECT_TRUE(losses(7).empty());
+    now[0].number = 8;
+    EXPECT_TRUE(losses(7).empty()) << "a later change includes it";
+}
+
+TEST(Losses, EachIsToldByName)
+{
+    Reference reference = at(7);
+    reference.heartbeat = 60s;
+    std::vector<Device> before;
+    for (const char* name : {"a", "b", "c", "d", "e", "f", "g"})
+        before.push_back(named(name, 7));
+    std::vector<Device> now = before;
+    now[0].number = 6;
+    now[1].inStep = false;
+    now[1].reason = "no rights";
+    now[2].seen = ago(200s);
+    now[3].started.clear();
+    now[4].notInForceCount = 2;
+    now.pop_back();
+    EXPECT_EQ(lossesSince(standing(before, reference), standing(now, reference), 7),
+              (std::vector<std::string>{"a does not have it in force any more", "b is not in step: no rights",
+                                        "c is silent for 3 min 20 s", "d does not apply it any more",
+                                        "e refuses 2 lines more", "g has no row any more"}));
+}
+
 TEST(Quorum, AllANumberOrAPercentage)
 {
     EXPECT_EQ(parseQuorum("all"), Quorum());
