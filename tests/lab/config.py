@@ -22,9 +22,9 @@ class Refused(Exception):
 class Config:
     """One connection to the server. Every operation here is a transaction of its own."""
 
-    def __init__(self, path=SOCKET, seconds=10):
+    def __init__(self, path=SOCKET, seconds=10, database=DATABASE):
         """seconds: how long each answer may take."""
-        self.database = DATABASE
+        self.database = database
         self._socket = socket.socket(socket.AF_UNIX)
         self._socket.settimeout(seconds)
         try:
