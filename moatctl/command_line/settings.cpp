@@ -58,13 +58,13 @@ void checkOwner(const std::string& path, const struct stat& status)
         refuse(path, "everybody may write to it, expected a file that only its owner can change");
 }
 
-// A file that need not be there may be missing.
+// A file that need not be there may be missing, or in another user's folder, as after a change of user by setpriv.
 void readFile(const std::string& path, bool required, GivenSettings& settings)
 {
     struct stat status {
     };
     if (path.empty() || stat(path.c_str(), &status) != 0) {
-        if (required || (!path.empty() && errno != ENOENT && errno != ENOTDIR))
+        if (required || (!path.empty() && errno != ENOENT && errno != ENOTDIR && errno != EACCES))
             refuse(path, std::generic_category().message(errno) + ", expected a file of settings");
         return;
     }
