@@ -9,7 +9,8 @@ import subprocess
 import sys
 import unittest
 
-from lab import config, kernel, sandbox, waiting
+from lab import cluster, config, kernel, programs, sandbox, waiting
+from lab.certificates import Authority
 from lab.stream import ALLOWED, FORBIDDEN, TimedStream, makeBridge
 
 SCRIPT = "/usr/local/share/moatkeeper/moatkeeper.init"
@@ -84,6 +85,34 @@ class InitScript(unittest.TestCase):
         self.run_("status")
         self.assertEqual(kernel.readTables(), WANTED)
 
+    def testARelayOfCentralServers(self):
+        folder, group = "/tmp/centre", "moatkeeper_office"
+        servers, devices = Authority(folder, "servers"), Authority(folder, "devices")
+        centre, device = servers.issue("centre"), devices.issue("device", names=())
+        server = programs.startServer(
+            cluster.writeSchema(f"{folder}/schema", group), folder, socketPath=f"{folder}/socket",
+            options=["--remote=pssl:6640:127.0.0.1", *centre.options()[:2], f"--ca-cert={devices.certificate}"])
+        self.addCleanup(server.stop)
+        connection = config.Config(f"{folder}/socket")
+        connection.database = group
+        connection.insert(config.MAIN, GlobalInputPolicy="ACCEPT", GlobalForwardingPolicy="DROP")
+        connection.close()
+        self.addCleanup(self.settings, "")
+        self.run_("stop")
+        self.settings(f"MOATKEEPER_DB_RELAY=ssl:127.0.0.1:6640 MOATKEEPER_DB_GROUP=office\n"
+                      f"MOATKEEPER_DB_KEY={device.privateKey} MOATKEEPER_DB_CERTIFICATE={device.certificate}\n"
+                      f"MOATKEEPER_DB_CA={servers.certificate}\n")
+        self.run_("start")
+        kernel.waitFor(kernel.expected(FORWARD=("DROP",)))
+        self.run_("stop")
+        self.settings("MOATKEEPER_DB_RELAY=elsewhere\n")
+        self.assertIn('MOATKEEPER_DB_RELAY is "elsewhere", expected ssl:ADDRESS:PORT', self.run_("start", 1))
+        self.run_("status", 3)
+
+    @staticmethod
+    def settings(text):
+        pathlib.Path("/etc/default/moatkeeper-db").write_text(text, encoding="utf-8")
+
     def testAnUnknownAction(self):
         self.assertRegex(self.run_("begin", 2), r"^usage: \S+ start\|stop\|")
 
@@ -96,7 +125,8 @@ if __name__ == "__main__":
     except sandbox.Unavailable as error:
         print(f"skipped: init_test.py: {error}", file=sys.stderr)
         sys.exit(sandbox.SKIPPED)
-    for folder in ("/usr/local", "/var/lib"):
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    for folder in ("/usr/local", "/var/lib", "/etc/default"):
         subprocess.run(["mount", "-t", "tmpfs", "tmpfs", folder], check=True)
     subprocess.run([CMAKE, "--install", BUILD, "--prefix", "/usr/local"], check=True, stdout=subprocess.DEVNULL)
     makeBridge()
