@@ -152,6 +152,7 @@ class Fleet(unittest.TestCase):
 
         shown, = self.block("Rule them", 0)
         self.assertIn("DROP", shown)
+        self.assertIn("\n2 devices: 2 in force\n", shown)
         self.waitForPolicy("drop")
         self.assertEqual(json.loads(self.block("Who may what", 0)[0]), [{"count": 0}])
 
