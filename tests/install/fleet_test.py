@@ -183,10 +183,12 @@ class Fleet(unittest.TestCase):
         self.waitForPolicy("accept")
 
         # All are lost; what the copy has is in force again.
-        for name in CENTRE:
+        door = MACHINES["centre-1"].show("moatkeeper-devices@office", "MainPID")
+        for name in CENTRE[1:]:
             MACHINES[name].run("systemctl", "stop", "moatkeeper-centre@office")
-            if name != "centre-1":
-                shutil.rmtree(MACHINES[name].path("/var/lib/moatkeeper-centre"))
+            shutil.rmtree(MACHINES[name].path("/var/lib/moatkeeper-centre"))
+        waiting.until(lambda: MACHINES["centre-1"].show("moatkeeper-devices@office", "MainPID") != door,
+                      "the door of a server without a majority to be started anew", 20)
         self.waitForPolicy("accept")
         self.block("Backup and restore", 1)
         self.block("The central servers", 1)
