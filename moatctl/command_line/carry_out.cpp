@@ -131,14 +131,20 @@ ExitStatus carryOutSetting(Program& program, const std::string& column, const te
             operations.push_back(std::move(operation));
     } else {
         ovsdb::ColumnValues row = values;
-        row.emplace_back(std::string(schema::changeNumber), tessera::Value(1));
+        // No device has put it in force, whatever it says of an earlier count.
+        std::int32_t largest = 0;
+        for (const Device& device : stored.devicesBefore)
+            largest = std::max(largest, device.number);
+        stored.number = (largest + 1) % schema::changeNumbers;
+        row.emplace_back(std::string(schema::changeNumber), tessera::Value(*stored.number));
         operations.push_back(ovsdb::insertRow(schema::changeTable, row));
     }
     const ovsdb::TransactionResult result = transactOnce(client, operations);
     if (!result.committed())
         throw Failure(ExitStatus::Server, "the server refused it: " + result.errorText());
     stored.changed = true;
-    stored.number = stored.numberBefore ? result.outcomes.back().number : std::optional<std::int32_t>(1);
+    if (stored.numberBefore)
+        stored.number = result.outcomes.back().number;
     program.out << told << '\n';
     program.out.flush();
     if (!program.noWait)

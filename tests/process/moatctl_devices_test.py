@@ -82,6 +82,9 @@ class Devices(Case):
         before = self.number()
         self.assertEqual(self.ok("devices", "heartbeat", "0"), "heartbeat: none\n")
         self.assertEqual(self.number(), before + 1)
+        self.transact(config.delete(config.CHANGE), config.insert(config.DEVICE, **devices.row("a", 700)))
+        self.ok("devices", "heartbeat", "30")
+        self.assertEqual(self.number(), 701, "not one that a device has put in force before")
         for word in ("-1", "86401", "x", "1.5"):
             self.refused(BAD_INPUT, "expected seconds, from 0 to 86400|unexpected", "devices", "heartbeat", word)
 
