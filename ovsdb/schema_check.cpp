@@ -3,6 +3,7 @@
 #include "text/one_line.hpp"
 
 #include <algorithm>
+#include <set>
 
 namespace ovsdb
 {
@@ -46,23 +47,22 @@ void checkColumn(const Table& table, const Column& column, const Json* found)
         throw SchemaError(place + ": expected a value in every row, found an optional column");
 }
 
-// Sorted, without the server's database about itself.
-std::vector<std::string> namesIn(const Json& listed)
+// Without the server's database about itself.
+std::set<std::string> namesIn(const Json& listed)
 {
     if (listed.asArray() == nullptr)
         throw ProtocolError("list_dbs answered by something else than a list of names");
-    std::vector<std::string> names;
+    std::set<std::string> names;
     for (const Json& database : *listed.asArray()) {
         if (database.asText() == nullptr)
             throw ProtocolError("list_dbs answered by something else than a list of names");
         if (*database.asText() != "_Server")
-            names.push_back(*database.asText());
+            names.insert(*database.asText());
     }
-    std::ranges::sort(names);
     return names;
 }
 
-std::string quoted(const std::vector<std::string>& names)
+std::string quoted(const std::set<std::string>& names)
 {
     std::string list = names.empty() ? "none" : "";
     for (const std::string& name : names)
@@ -75,14 +75,14 @@ std::string quoted(const std::vector<std::string>& names)
 std::string chooseDatabase(const Json& listed, const std::string& name, const std::string& wanted,
                            const char* howToChoose)
 {
-    const std::vector<std::string> names = namesIn(listed);
-    std::vector<std::string> suitable;
+    const std::set<std::string> names = namesIn(listed);
+    std::set<std::string> suitable;
     for (const std::string& database : names) {
         if (wanted.empty() ? database == name || database.starts_with(name + '_') : database == wanted)
-            suitable.push_back(database);
+            suitable.insert(database);
     }
     if (suitable.size() == 1)
-        return suitable.front();
+        return *suitable.begin();
     if (suitable.empty())
         throw SchemaError("the server has no database " + text::inQuotes(wanted.empty() ? name : wanted) + ", it has " +
                           quoted(names));

@@ -12,8 +12,8 @@ namespace moatctl
 namespace
 {
 
-constexpr std::int64_t smallest = std::numeric_limits<std::int32_t>::min();
-constexpr std::int64_t largest = std::numeric_limits<std::int32_t>::max();
+constexpr std::int64_t lowestPriority = std::numeric_limits<std::int32_t>::min();
+constexpr std::int64_t highestPriority = std::numeric_limits<std::int32_t>::max();
 constexpr std::int64_t step = 10; // at both ends of the list
 
 std::int64_t priorityOf(const Row* row)
@@ -28,11 +28,11 @@ std::optional<std::int64_t> between(std::optional<std::int64_t> low, std::option
     if (low && high)
         middle = *low + (*high - *low) / 2;
     else if (low)
-        middle = std::min(*low + step, largest);
+        middle = std::min(*low + step, highestPriority);
     else if (high && *high > 1)
         middle = *high / 2;
     else if (high)
-        middle = std::max(*high - step, smallest);
+        middle = std::max(*high - step, lowestPriority);
     if (middle == 0)
         middle = low && *low == -1 ? 1 : -1;
     if ((low && middle <= *low) || (high && middle >= *high))
@@ -72,12 +72,12 @@ void placeBeside(Editor& editor, Row& row, std::int32_t anchorId, bool before)
         std::int64_t last = low ? *low + 1 : *high; // without a low end the list begins at the smallest number
         last += last == 0 ? 1 : 0;
         priority = last;
-        for (; place != order.end() && priorityOf(*place) <= last && last < largest; ++place) {
+        for (; place != order.end() && priorityOf(*place) <= last && last < highestPriority; ++place) {
             ++last;
             last += last == 0 ? 1 : 0;
             configuration.find(TableId::Rules, (*place)->id())->set("RulePrio", static_cast<std::int32_t>(last));
         }
-        if (last > largest || (place != order.end() && priorityOf(*place) <= last))
+        if (last > highestPriority || (place != order.end() && priorityOf(*place) <= last))
             throw Failure(ExitStatus::Conflict, "there is no free priority after rule " + std::to_string(anchorId));
     }
     row.set("RulePrio", static_cast<std::int32_t>(*priority));
