@@ -153,8 +153,11 @@ class Fleet(unittest.TestCase):
         shown, = self.block("Rule them", 0)
         self.assertIn("DROP", shown)
         self.assertIn("\n2 devices: 2 in force\n", shown)
-        self.waitForPolicy("drop")
-        self.assertEqual(json.loads(self.block("Who may what", 0)[0]), [{"count": 0}])
+        self.assertIn("policy drop", self.forwardChain("device-2"))
+        self.run_("centre-1", f"ovsdb-client transact {SOCKET} " "'" + json.dumps([DATABASE, {
+            "op": "insert", "table": "MoatKeeperDevice", "row": {"Name": "device-9"}}]) + "'")
+        self.block("Who may what", 0)
+        self.assertEqual({row["Name"] for row in self.select("centre-1", "MoatKeeperDevice")}, set(DEVICES))
 
         self.block("Backup and restore", 0)
         self.waitForPolicy("drop")
