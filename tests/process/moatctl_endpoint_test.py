@@ -245,7 +245,9 @@ class Settings(Folder):
         user = self.folder / "home/.config/moatkeeper"
         user.mkdir(parents=True)
         machine = pathlib.Path("/etc/moatkeeper")
-        machine.mkdir(exist_ok=True)
+        if not machine.exists():
+            machine.mkdir()
+            self.addCleanup(machine.rmdir)
         subprocess.run(["mount", "-t", "tmpfs", "tmpfs", machine], check=True)
         self.addCleanup(subprocess.run, ["umount", machine], check=True)
         home = {"HOME": str(self.folder / "home")}
