@@ -15,6 +15,7 @@ std::span<const Verb> allVerbs()
         Verb{addCheck, false},   Verb{addAcknowledge, true}, Verb{addExplain, false}, Verb{addMatrix, false},
         Verb{addTrace, false},   Verb{addStatus, false},     Verb{addDevices, false}, Verb{addTop, false},
         Verb{addMetrics, false}, Verb{addReport, false},     Verb{addMonitor, false}, Verb{addEngine, false},
+        Verb{addExpire, false},
     };
     return verbs;
 }

@@ -35,6 +35,7 @@ void addUndo(const Command& root, Program& program);
 void addDevices(const Command& root, Program& program);
 void addRollout(const Command& root, Program& program);
 void addEngine(const Command& root, Program& program);
+void addExpire(const Command& root, Program& program);
 void addConfirm(const Command& root, Program& program);
 void addCancel(const Command& root, Program& program);
 

@@ -1,5 +1,6 @@
 """moatctl against a real configuration server: the history of changes, and the way back."""
 
+import contextlib
 import json
 import os
 import random
@@ -216,6 +217,34 @@ class Trial(Tool):
         self.assertEqual(self.run_tool("rule", "enable", "1", "--confirm", "5").stderr, "")
         self.assertEqual(self.rows_now("MoatKeeperTrial"), [])
         self.refused(CONFLICT, "no change waits to be confirmed", "confirm")
+
+    def test_whoever_expires_trials_puts_back_what_no_device_may(self):
+        self.ok("rule", "add", "--in", "eth0", "--drop")
+        before = self.export()
+        with contextlib.ExitStack() as stack:
+            expire = stack.enter_context(subprocess.Popen(self.command("expire"), stdout=subprocess.PIPE,
+                                                          stderr=subprocess.PIPE, text=True))
+            stack.callback(expire.kill)
+            self.assertIn("puts changes back", expire.stderr.readline())
+            self.assertEqual(self.run_tool("rule", "set", "1", "--accept", "--confirm", "1").returncode, 0)
+            self.assertEqual(expire.stdout.readline(), "change 2 was not confirmed in time and is put back\n")
+            self.assertEqual(self.export(), before)
+            newest = self.history()[0]
+            self.assertEqual((newest["User"], newest["Number"]), ("moatkeeper", 3))
+            self.assertRegex(newest["Verb"], "^not confirmed in time: .*rule set 1 --accept")
+
+            self.server.stop()
+            self.assertIn("; trying again\n", expire.stderr.readline())
+            self.start_server()
+            self.assertIn("puts changes back", expire.stderr.readline())
+            self.assertEqual(self.run_tool("rule", "set", "1", "--accept", "--confirm", "1").returncode, 0)
+            self.ok("confirm")
+            after = self.export()
+            self.assertEqual(self.run_tool("rule", "set", "1", "--drop", "--confirm", "1").returncode, 0)
+            self.assertEqual(expire.stdout.readline(), "change 5 was not confirmed in time and is put back\n")
+            self.assertEqual(self.export(), after)
+            expire.terminate()
+            self.assertEqual(expire.wait(10), 0)
 
     def test_too_late_to_confirm(self):
         self.assertEqual(self.run_tool(*self.add, "1").returncode, 0)
