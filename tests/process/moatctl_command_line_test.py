@@ -100,7 +100,7 @@ filter-rule add --id 4 --filter 7 --match 02:00:00:00:00:01
 
     def test_wrong_command_lines(self):
         for words, message in (
-                ("", "a verb is missing: expected show, rule, .* or engine"), ("fly", 'unknown verb "fly": expected show, '),
+                ("", "a verb is missing: expected show, rule, .* or expire"), ("fly", 'unknown verb "fly": expected show, '),
                 ("--fly", 'unknown option "--fly"'), ("rule", "a verb is missing: expected add, set, .* or list"),
                 ("rule fly", 'unknown verb "fly": expected add, set, .* or list'),
                 ("rule --fly", 'unknown option "--fly"'), ("global list", 'unknown verb "list": expected set'),
