@@ -1,0 +1,105 @@
+#!/usr/bin/python3
+"""A fleet on one machine: how long a change in the centre takes until it is in force on the first, the median and the last of
+many devices, and what each part takes of memory and of the processor.
+
+Each device has network, mount and host name of its own, a bridge, a relay and a daemon; the centre is a cluster of three with
+their doors. All talk by TLS. Needs root.
+  one, all    milliseconds from the transaction's begin until one of 1,000 rules, or each, is in force, by the devices' own words
+  told        until the centre knows that from the last device
+  processor   milliseconds for one such change, of all processes of the part
+  memory      MB of all processes of the part, what they share with others divided (PSS)
+"""
+
+import datetime
+import os
+import pathlib
+import statistics
+import tempfile
+import time
+
+import arguments
+from lab import config, sandbox
+from lab.fleet import PARTS, Fleet, waitForAll
+
+RULES = 1000
+TICK_MS = 1000 / os.sysconf("SC_CLK_TCK")
+
+
+def rule(number, key):
+    return {"Id": number, "Enabled": 1, "RulePrio": number, "InInterface": "p0", "OutInterface": "p1",
+            "SrcMAC": f"02:{key >> 24 & 255:02x}:{key >> 16 & 255:02x}:{key >> 8 & 255:02x}:{key & 255:02x}:01", "Target": "DROP"}
+
+
+def sumOf(processes, read):
+    return {part: sum(read(pid) for pid in pids) for part, pids in processes.items()}
+
+
+def processorOf(pid):
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) * TICK_MS
+
+
+def memoryOf(pid):
+    for line in pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii").splitlines():
+        if line.startswith("Pss:"):
+            return int(line.split()[1]) / 1024
+    return 0
+
+
+def secondsOf(text):
+    return datetime.datetime.fromisoformat(text.replace("Z", "+00:00")).timestamp()
+
+
+def measure(fleet, member, operations):
+    """Milliseconds on the first, the median and the last device, until that is told, and of the processor by part."""
+    before = sumOf(fleet.processes(), processorOf)
+    begin = time.time()
+    number = fleet.change(*operations, member=member)
+    rows = waitForAll(fleet, member, number)
+    told = time.time()
+    times = sorted((secondsOf(row["Since"]) - begin) * 1000 for row in rows.values())
+    time.sleep(1)  # what the relays still pass on to each other belongs to it
+    after = sumOf(fleet.processes(), processorOf)
+    return [times[0], statistics.median(times), times[-1], (told - begin) * 1000,
+            *(after[part] - before[part] for part in PARTS)]
+
+
+def run(build, count, rounds):
+    with tempfile.TemporaryDirectory(dir="/run") as folder:
+        begin = time.monotonic()
+        with Fleet(build, folder, count) as fleet, fleet.member() as member:
+            number = fleet.change(*(config.insert(config.RULES, **rule(i, i)) for i in range(1, RULES + 1)), member=member)
+            waitForAll(fleet, member, number, seconds=120 + count)
+            print(f"{count} devices, set up in {time.monotonic() - begin:.0f} s")
+            print(f"{'':6}{'first':>8}{'median':>8}{'last':>8}{'told':>8}" + "".join(f"{part:>10}" for part in PARTS))
+            key = RULES
+            for name in ("one", "all"):
+                results = []
+                for _ in range(rounds):
+                    ids = [RULES // 2] if name == "one" else range(1, RULES + 1)
+                    operations = []
+                    for i in ids:
+                        key += 1
+                        operations.append({"op": "update", "table": config.RULES, "where": [["Id", "==", i]],
+                                           "row": rule(i, key)})
+                    results.append(measure(fleet, member, operations))
+                middle = [statistics.median(column) for column in zip(*results)]
+                print(f"{name:6}" + "".join(f"{value:8.0f}" for value in middle[:4])
+                      + "".join(f"{value:10.0f}" for value in middle[4:]))
+            memory = sumOf(fleet.processes(), memoryOf)
+            print(f"{'memory':38}" + "".join(f"{memory[part]:10.1f}" for part in PARTS), flush=True)
+
+
+def main():
+    parser = arguments.parser(__doc__)
+    parser.add_argument("build", type=arguments.existing, help="folder of the build")
+    parser.add_argument("--devices", default="10,100", help="how many, one fleet after the other (%(default)s)")
+    parser.add_argument("--rounds", type=int, default=3, help="how many (%(default)s)")
+    options = parser.parse_args()
+    sandbox.enter(options.build)
+    for count in options.devices.split(","):
+        run(options.build, int(count), options.rounds)
+
+
+if __name__ == "__main__":
+    arguments.run(main)
