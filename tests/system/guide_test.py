@@ -69,7 +69,7 @@ class Manual(machine.Machine):
             # An entry without a sum: all is told, and the next change is the seventeenth.
             self.config.transact(config.delete("MoatKeeperHistory"), config.insert("MoatKeeperHistory", Number=16))
             verb = example.split()[1]
-            if verb in ("monitor", "top", "trace"):
+            if verb in ("monitor", "top", "trace", "expire"):
                 self.watch(example)
                 continue
             self.run_(BEFORE.get(verb, "true"))
