@@ -1,9 +1,12 @@
 #include "moatctl/command_line/screen.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <ostream>
+#include <sstream>
 #include <string_view>
+#include <thread>
 #include <unistd.h>
 
 namespace moatctl
@@ -58,6 +61,23 @@ void Screen::write(const std::string& text)
 {
     cursorIsHidden = 1;
     m_program.out << fromTheTop << hideCursor << fitting(text, m_program.terminal.height) << std::flush;
+}
+
+ExitStatus showEverySecond(Program& program, const OutputStyle& style, const std::function<void(std::ostream&)>& write)
+{
+    constexpr std::chrono::seconds pause{1};
+    if (!program.terminal.obeys || style.format != Format::Table)
+        throw Failure(ExitStatus::BadInput, "--watch: expected a terminal for standard output, and the format table");
+    Screen screen(program);
+    while (program.out) {
+        screen.show([&] {
+            std::ostringstream text;
+            write(text);
+            return text.str();
+        });
+        std::this_thread::sleep_for(pause);
+    }
+    return ExitStatus::Ok; // the output is gone, which the caller tells
 }
 
 } // namespace moatctl

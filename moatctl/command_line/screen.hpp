@@ -1,8 +1,12 @@
 // A terminal on which something is shown over and over, until the program is interrupted.
 #pragma once
 
+#include "moatctl/command_line/output.hpp"
 #include "moatctl/command_line/verb.hpp"
+#include "moatctl/exit_status.hpp"
 
+#include <functional>
+#include <iosfwd>
 #include <string>
 
 namespace moatctl
@@ -33,5 +37,9 @@ private:
 
     Program& m_program;
 };
+
+// For --watch: shows every second what `write` writes, until a signal or the output's end. Throws Failure(BadInput)
+// where the output is no terminal or the format is not the table.
+ExitStatus showEverySecond(Program& program, const OutputStyle& style, const std::function<void(std::ostream&)>& write);
 
 } // namespace moatctl

@@ -15,9 +15,7 @@
 #include <chrono>
 #include <memory>
 #include <ostream>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -123,19 +121,7 @@ ExitStatus show(Program& program, const DevicesArguments& options, std::ostream&
 
 ExitStatus watch(Program& program, const DevicesArguments& options)
 {
-    constexpr std::chrono::seconds pause{1};
-    if (!program.terminal.obeys || options.style.format != Format::Table)
-        throw Failure(ExitStatus::BadInput, "--watch: expected a terminal for standard output, and the format table");
-    Screen screen(program);
-    while (program.out) {
-        screen.show([&] {
-            std::ostringstream text;
-            show(program, options, text);
-            return text.str();
-        });
-        std::this_thread::sleep_for(pause);
-    }
-    return ExitStatus::Ok; // the output is gone, which the caller tells
+    return showEverySecond(program, options.style, [&](std::ostream& out) { show(program, options, out); });
 }
 
 ExitStatus forget(Program& program, const std::vector<std::string>& names)

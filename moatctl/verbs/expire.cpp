@@ -1,15 +1,14 @@
 #include "moatctl/command_line/occasion.hpp"
+#include "moatctl/command_line/screen.hpp"
 #include "moatctl/tables/history.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "schema/server/trial.hpp"
 
 #include <chrono>
-#include <csignal>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 
 namespace moatctl
@@ -80,16 +79,9 @@ private:
     Clock::time_point m_end;
 };
 
-// Every line is written out as soon as it is complete, so there is nothing left to do.
-extern "C" void stopExpiry(int)
-{
-    _exit(static_cast<int>(ExitStatus::Ok));
-}
-
 ExitStatus expire(Program& program)
 {
-    std::signal(SIGINT, stopExpiry);
-    std::signal(SIGTERM, stopExpiry);
+    endOnSignals();
     std::string told;
     for (;; std::this_thread::sleep_for(ovsdb::Client::reconnectInterval)) {
         try {

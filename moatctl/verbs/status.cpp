@@ -10,13 +10,10 @@
 #include "moatctl/verbs/status_view.hpp"
 
 #include <algorithm>
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <set>
-#include <sstream>
-#include <thread>
 #include <utility>
 
 namespace moatctl
@@ -186,19 +183,7 @@ ExitStatus status(Program& program, const StatusArguments& options, std::ostream
 
 ExitStatus watch(Program& program, const StatusArguments& options)
 {
-    constexpr std::chrono::seconds pause{1};
-    if (!program.terminal.obeys || options.style.format != Format::Table)
-        throw Failure(ExitStatus::BadInput, "--watch: expected a terminal for standard output, and the format table");
-    Screen screen(program);
-    while (program.out) {
-        screen.show([&] {
-            std::ostringstream text;
-            status(program, options, text);
-            return text.str();
-        });
-        std::this_thread::sleep_for(pause);
-    }
-    return ExitStatus::Ok; // the output is gone, which the caller tells
+    return showEverySecond(program, options.style, [&](std::ostream& out) { status(program, options, out); });
 }
 
 } // namespace
