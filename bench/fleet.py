@@ -56,7 +56,7 @@ def measure(fleet, member, operations):
     before = sumOf(fleet.processes(), processorOf)
     begin = time.time()
     number = fleet.change(*operations, member=member)
-    rows = waitForAll(fleet, member, number)
+    rows = waitForAll(fleet, member, number, seconds=30 + len(fleet.all))
     told = time.time()
     times = sorted((secondsOf(row["Since"]) - begin) * 1000 for row in rows.values())
     time.sleep(1)  # what the relays still pass on to each other belongs to it
