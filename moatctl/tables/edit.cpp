@@ -195,11 +195,13 @@ Failure unknown(const std::string& why)
     return Failure(ExitStatus::Server, why + "; it is not known whether the change was stored");
 }
 
-// Whether somebody else was faster: a row is not what it was, or an Id is taken by now.
+// Whether somebody else was faster: a row is not what it was, or an Id or the entry is there by now.
 bool overtaken(const Plan& plan, const ovsdb::TransactionResult& result)
 {
-    if (const auto failed = result.failedOperation())
-        return plan.changeOf[*failed] == nullptr && result.outcomes[*failed].error == "timed out";
+    if (const auto failed = result.failedOperation()) {
+        const std::string& error = result.outcomes[*failed].error;
+        return plan.changeOf[*failed] == nullptr && (error == "timed out" || error == "duplicate uuid");
+    }
     return result.commitFailed && result.commitFailed->error == "constraint violation";
 }
 
@@ -236,7 +238,7 @@ public:
     // Nothing: to be tried again.
     std::optional<Stored> attempt()
     {
-        if (m_unanswered.empty())
+        if (!m_unanswered)
             return makeAndStore();
         try {
             return makeAndStore();
@@ -249,13 +251,14 @@ public:
 
     void giveUp() const
     {
-        if (!m_unanswered.empty())
+        if (m_unanswered)
             throw unknown("others kept changing the same rows");
     }
 
 private:
-    // Sent, and lost sight of.
-    struct Unanswered {
+    // Sent, and lost sight of or refused: a cluster that loses its leader may try a transaction again that it has
+    // stored, and tells that it was overtaken, by itself.
+    struct Sent {
         ovsdb::Uuid entry; // of the history
         Stored stored;
     };
@@ -278,7 +281,7 @@ private:
         const std::vector<Change> changes = difference(stored.before, editor.configuration);
         const bool counted = !changes.empty() && tellsWhatIsInForce(m_client);
         const bool toDo = !changes.empty() || editor.configuration.acknowledged != stored.before.acknowledged;
-        if (!toDo && !m_unanswered.empty())
+        if (!toDo && m_unanswered)
             throw Failure(ExitStatus::Conflict, "the rows are as the change would make them");
         Plan plan = planOf(changes, stored.before, editor);
         planNotes(m_client, changes, editor, plan);
@@ -310,17 +313,20 @@ private:
         return stored;
     }
 
-    // Nothing: lost sight of, and there is a way to find out.
+    // Nothing: lost sight of, and there is a way to find out by the entry.
     std::optional<ovsdb::TransactionResult> send(const Plan& plan, const std::optional<ovsdb::Uuid>& entry,
                                                  const Stored& stored, const Editor& editor)
     {
+        if (entry) {
+            m_sent.push_back({*entry, stored});
+            m_sent.back().stored.after = editor.configuration;
+        }
         try {
             return transactOnce(m_client, plan.operations);
         } catch (const Failure&) {
             if (!entry)
                 throw;
-            m_unanswered.push_back({*entry, stored});
-            m_unanswered.back().stored.after = editor.configuration;
+            m_unanswered = true;
             return std::nullopt;
         }
     }
@@ -328,7 +334,7 @@ private:
     std::optional<Stored> findStored(const ovsdb::TableCache& state)
     {
         for (const ovsdb::Row& row : state.rows(schema::historyTable)) {
-            for (Unanswered& sent : m_unanswered) {
+            for (Sent& sent : m_sent) {
                 if (sent.entry != row.uuid)
                     continue;
                 if (!sent.stored.number) // no smaller than its own
@@ -342,7 +348,8 @@ private:
     ovsdb::Client& m_client;
     const std::function<void(Editor&)>& m_edit;
     const Occasion& m_occasion;
-    std::vector<Unanswered> m_unanswered;
+    std::vector<Sent> m_sent;
+    bool m_unanswered = false; // one of them
 };
 
 } // namespace

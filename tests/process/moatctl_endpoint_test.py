@@ -295,7 +295,8 @@ class Settings(Folder):
 class Cutter:
     """Stands between moatctl and a server, and cuts connections when a transaction comes by: as `plan` says, one word for
     each, "before" the server has it, or "after" it has answered, which moatctl is not told; "end": likewise, and nobody
-    is there any more."""
+    is there any more. Or a word "twice": the server has done it already when it comes, as a cluster does that lost its
+    leader meanwhile and tries again."""
 
     def __init__(self, path, plan):
         self._path, self.plan = str(path), list(plan)
@@ -322,6 +323,12 @@ class Cutter:
                         continue
                     data = end.recv(65536)
                     cut = self.plan.pop(0) if end is client and b'"transact"' in data and self.plan else ""
+                    if cut == "twice":
+                        with socket.socket(socket.AF_UNIX) as first:
+                            first.connect(self._path)
+                            first.sendall(data)
+                            first.recv(65536)
+                        cut = ""
                     if data and cut != "before":
                         other.sendall(data)
                     if cut in ("after", "end"):
@@ -370,6 +377,25 @@ class CutOff(Folder):
         history = self.ok("--server", self.socket, "history", "--format=csv", "--no-headings")
         for number in range(4):
             self.assertEqual(history.count(f"--in once{number} "), 1, history)
+
+    def test_the_server_makes_it_twice(self):
+        """What it says of the second time is not what became of the change."""
+        cutter = self.cutter()
+
+        def rule(*words):
+            done = run("--server", cutter.place, "--no-wait", "rule", *words)
+            self.assertEqual((done.returncode, cutter.plan), (OK, []), done.stderr)
+            return done.stdout.strip()
+        rule("add", "--in", "before", "--accept", "--force")  # there are things to rely on
+        cutter.plan.append("twice")
+        number = rule("add", "--in", "twice", "--accept", "--force")
+        self.assertEqual(self.interfaces().count("twice"), 1)
+        for verb in ("disable", "remove"):
+            cutter.plan.append("twice")
+            rule(verb, number)
+        self.assertEqual(self.interfaces().count("twice"), 0)
+        history = self.ok("--server", self.socket, "history", "--format=csv", "--no-headings")
+        self.assertEqual(sum(f" {verb} {number}" in history for verb in ("disable", "remove")), 2, history)
 
     def test_what_others_do_meanwhile_is_theirs(self):
         """Somebody makes the same change between the two attempts: there are two rows then, one of each."""
