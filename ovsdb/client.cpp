@@ -102,6 +102,10 @@ public:
                 takeIn(answer);
                 continue;
             }
+            if (answer.error == "canceled") { // by a relay that has lost its own server, which may have done it
+                m_link.reset();
+                throw ConnectionError("the server has lost sight of \"" + std::string(method) + "\"");
+            }
             if (answer.error)
                 throw RequestError("the server refused \"" + std::string(method) + "\": " + *answer.error);
             return answer.result;

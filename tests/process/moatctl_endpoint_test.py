@@ -296,7 +296,8 @@ class Cutter:
     """Stands between moatctl and a server, and cuts connections when a transaction comes by: as `plan` says, one word for
     each, "before" the server has it, or "after" it has answered, which moatctl is not told; "end": likewise, and nobody
     is there any more. Or a word "twice": the server has done it already when it comes, as a cluster does that lost its
-    leader meanwhile and tries again."""
+    leader meanwhile and tries again; "canceled": it says what a relay says that lost its own server, and "done" likewise,
+    but the transaction is done."""
 
     def __init__(self, path, plan):
         self._path, self.plan = str(path), list(plan)
@@ -323,11 +324,16 @@ class Cutter:
                         continue
                     data = end.recv(65536)
                     cut = self.plan.pop(0) if end is client and b'"transact"' in data and self.plan else ""
-                    if cut == "twice":
+                    if cut in ("twice", "done"):
                         with socket.socket(socket.AF_UNIX) as first:
                             first.connect(self._path)
                             first.sendall(data)
                             first.recv(65536)
+                    if cut in ("done", "canceled"):
+                        number = int(re.search(rb'"id": *(\d+)', data)[1])
+                        client.sendall(json.dumps({"id": number, "result": None, "error": "canceled"}).encode())
+                        continue
+                    if cut == "twice":
                         cut = ""
                     if data and cut != "before":
                         other.sendall(data)
@@ -366,7 +372,8 @@ class CutOff(Folder):
         return [row["InInterface"] for row in rows]
 
     def test_the_change_is_made_once(self):
-        for number, plan in enumerate((("after",), ("before",), ("before", "after"), ("before", "before", "before"))):
+        for number, plan in enumerate((("after",), ("before",), ("before", "after"), ("before", "before", "before"),
+                                       ("canceled",), ("done",), ("canceled", "twice"))):
             cutter = self.cutter(*plan)
             name = f"once{number}"
             done = run("--server", cutter.place, "--no-wait", "rule", "add", "--in", name, "--accept", "--force")
@@ -375,7 +382,7 @@ class CutOff(Folder):
             self.assertEqual(cutter.plan, [])
             self.assertEqual(self.interfaces().count(name), 1, plan)
         history = self.ok("--server", self.socket, "history", "--format=csv", "--no-headings")
-        for number in range(4):
+        for number in range(7):
             self.assertEqual(history.count(f"--in once{number} "), 1, history)
 
     def test_the_server_makes_it_twice(self):
