@@ -164,11 +164,11 @@ ovsdb::ColumnValues DeviceRow::sentNow() const
 }
 
 // The whole row, which somebody may have deleted meanwhile.
-void DeviceRow::writeAgainLater()
+void DeviceRow::writeAgainLater(bool isLost)
 {
     m_dispatcher.stopTimer(m_beat);
     std::chrono::milliseconds longest = std::chrono::seconds(m_heartbeat);
-    if (m_heartbeat == 0 && m_toldRefused)
+    if (isLost || (m_heartbeat == 0 && m_toldRefused))
         longest = m_afterRefusal;
     if (longest.count() == 0)
         return;
@@ -190,11 +190,12 @@ void DeviceRow::taken()
 void DeviceRow::refused(const std::string& reason)
 {
     m_asked = false;
-    if (!std::exchange(m_toldRefused, true))
+    const bool isLost = reason == "canceled"; // by a relay that has lost its own server; nobody is to be told
+    if (!isLost && !std::exchange(m_toldRefused, true))
         ZOL_Sysloglevel_warning(m_logModule, deviceLabel, 20,
                                 "the server does not take what is in force here: " + reason);
     // What was sent counts as told until then.
-    writeAgainLater();
+    writeAgainLater(isLost);
     writeSoon();
 }
 

@@ -30,7 +30,7 @@ public:
     static constexpr std::chrono::milliseconds pause{100};
 
     // The dispatcher must outlive it. A name that no row can have is told in the log, and nothing is written.
-    // afterRefusal: until the next attempt, where no heartbeat says otherwise.
+    // afterRefusal: until the next attempt, where no heartbeat says otherwise or a relay did not get it through.
     DeviceRow(const std::string& deviceName, tessera::net::EventDispatcher::State& dispatcher,
               ZOL_Sysloglevel_Module logModule, SendOperation send,
               std::chrono::milliseconds afterRefusal = std::chrono::seconds(10));
@@ -54,7 +54,7 @@ private:
     void write();
     void insert();
     ovsdb::ColumnValues sentNow() const;
-    void writeAgainLater();
+    void writeAgainLater(bool isLost = false);
     void taken();
     void refused(const std::string& reason);
 

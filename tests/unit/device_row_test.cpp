@@ -36,7 +36,10 @@ protected:
     {
         m_sent.at(index).answered(Json::Object{{"count", Json(count)}}, std::nullopt);
     }
-    void refuse(std::size_t index) { m_sent.at(index).answered({}, "constraint violation: so what"); }
+    void refuse(std::size_t index, const char* why = "constraint violation: so what")
+    {
+        m_sent.at(index).answered({}, why);
+    }
     std::string kind(std::size_t index) { return *m_sent.at(index).operation.find("op")->asText(); }
     std::int64_t number(std::size_t index)
     {
@@ -149,6 +152,17 @@ TEST_F(DeviceRowTest, WhatWasRefusedIsWrittenAgainAfterAWhile)
     while (!over)
         m_dispatcher.handleEvents();
     EXPECT_EQ(m_sent.size(), 2U) << "it was taken";
+}
+
+TEST_F(DeviceRowTest, WhatARelayDidNotGetThroughIsNotLeftToTheHeartbeat)
+{
+    DeviceRow row("here", m_dispatcher, m_logModule, sender(), std::chrono::milliseconds(20));
+    row.setServed(true);
+    row.update(1, {.inStep = true}, 900);
+    refuse(0, "canceled");
+    waitForMore(1);
+    EXPECT_EQ(number(1), 1);
+    EXPECT_EQ(linesLogged(), 0);
 }
 
 TEST_F(DeviceRowTest, ARefusalIsToldOnceAndNotRepeatedAtOnce)
