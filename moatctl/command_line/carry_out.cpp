@@ -4,6 +4,7 @@
 #include "moatctl/command_line/await_in_force.hpp"
 #include "moatctl/command_line/guard_rail.hpp"
 #include "moatctl/command_line/occasion.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/tables/problem.hpp"
 #include "moatctl/tables/server.hpp"
 #include "moatctl/tables/values.hpp"
@@ -39,19 +40,11 @@ bool isError(const Problem& problem)
     throw Failure(ExitStatus::BadInput, std::to_string(problems.size()) + " errors; " + howToStore);
 }
 
-CheckOptions optionsFor(const Program& program)
-{
-    CheckOptions options;
-    if (!program.isElsewhere())
-        options.interfaceState = interfaceHere;
-    return options;
-}
-
 void checkEffect(Program& program, Editor& editor)
 {
     if (editor.configuration == editor.before)
         return;
-    const std::vector<Problem> problems = checkChange(editor.before, editor.configuration, optionsFor(program));
+    const std::vector<Problem> problems = checkChange(editor.before, editor.configuration, checkHere(program));
     if (!program.force && std::ranges::any_of(problems, isError))
         refuse(program, problems);
     editor.flawless = problems.empty();
@@ -82,6 +75,7 @@ std::function<void(Editor&)> checked(Program& program, std::function<void(Editor
 {
     return [&program, edit = std::move(edit)](Editor& editor) {
         editor.force = program.force;
+        editor.elsewhere = isElsewhere(program);
         edit(editor);
         checkEffect(program, editor);
     };

@@ -2,6 +2,7 @@
 
 #include "moatctl/check/closed_way.hpp"
 #include "moatctl/command_line/occasion.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/tables/edit.hpp"
 
 namespace moatctl
@@ -20,7 +21,7 @@ std::vector<ConnectionFrame> framesOfOwnConnection()
 
 void GuardRail::look(Editor& editor)
 {
-    if (editor.configuration == editor.before || m_program.isElsewhere())
+    if (editor.configuration == editor.before || isElsewhere(m_program))
         return;
     if (!m_frames)
         m_frames = framesOfOwnConnection();

@@ -45,13 +45,6 @@ ovsdb::Client Program::connectToHistory() const
     return ovsdb::Client(schema::historyDatabase(), withServers(server, *this));
 }
 
-bool Program::isElsewhere() const
-{
-    return std::ranges::any_of(endpoints, [this](const endpoint::Endpoint& one) {
-        return one.kind == endpoint::Kind::Tls || (one.kind == endpoint::Kind::Tcp && access.insecureTcp);
-    });
-}
-
 ovsdb::Client Program::connectToDevices() const
 {
     return ovsdb::Client(schema::devicesDatabase(), withServers(server, *this));

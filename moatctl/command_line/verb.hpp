@@ -59,8 +59,6 @@ struct Program {
     ovsdb::Client connect() const { return connect(server); }
     ovsdb::Client connect(const ovsdb::ClientOptions& options) const;
     ovsdb::Client connectToHistory() const;
-    // Whether the configuration is that of other machines: this one's interfaces say nothing of it.
-    bool isElsewhere() const;
     ovsdb::Client connectToDevices() const; // schema::devicesDatabase
 };
 

@@ -51,8 +51,9 @@ public:
     void note(std::string line) { m_told.notes.push_back(std::move(line)); }
     const Told& told() const { return m_told; }
 
-    bool force = false;    // rows are taken whatever is wrong with them
-    bool flawless = false; // a look at what the edit brings about has found nothing
+    bool force = false;     // rows are taken whatever is wrong with them
+    bool elsewhere = false; // this machine is none of those that have the configuration
+    bool flawless = false;  // a look at what the edit brings about has found nothing
 
 private:
     std::set<std::pair<TableId, std::int32_t>> m_reliedOn;

@@ -24,8 +24,10 @@ std::vector<std::int32_t> idsOf(const Given& given)
 void acknowledge(const Given& given, Editor& editor)
 {
     const schema::Table& table = *findTable(given.value("TABLE"));
-    const std::vector<Problem> problems =
-        checkConfiguration(editor.configuration, {.interfaceState = interfaceHere, .onProgress = {}});
+    CheckOptions look;
+    if (!editor.elsewhere)
+        look.interfaceState = interfaceHere;
+    const std::vector<Problem> problems = checkConfiguration(editor.configuration, look);
     auto& acknowledged = editor.configuration.acknowledged;
     for (const std::int32_t id : idsOf(given)) {
         const Row* row = editor.configuration.find(table.id, id);
@@ -34,13 +36,14 @@ void acknowledge(const Given& given, Editor& editor)
             throw Failure(ExitStatus::Conflict, id != 0 ? "there is no " + name : "there is no row of global policies");
         editor.reliesOn(table.id, id);
 
-        // What was acknowledged before and is said no more goes.
+        // What was acknowledged before and is said no more goes, if nothing else can be behind it.
         std::map<Acknowledged, ovsdb::Uuid> old;
         for (auto entry = acknowledged.begin(); entry != acknowledged.end();) {
             const bool ofRow = entry->first.table == table.id && entry->first.id == id;
             if (ofRow)
                 old.insert(*entry);
-            entry = ofRow ? acknowledged.erase(entry) : std::next(entry);
+            entry =
+                ofRow && (given.has("--withdraw") || !editor.elsewhere) ? acknowledged.erase(entry) : std::next(entry);
         }
         if (given.has("--withdraw")) {
             for (const auto& [gone, uuid] : old)
@@ -59,7 +62,9 @@ void acknowledge(const Given& given, Editor& editor)
                 editor.report("acknowledged: " + toText(entry));
         }
         if (!any)
-            throw Failure(ExitStatus::Conflict, name + " has no warning (see moatctl check)");
+            throw Failure(ExitStatus::Conflict,
+                          name + (editor.elsewhere ? " has no warning that is known without the machines' interfaces"
+                                                   : " has no warning (see moatctl check)"));
     }
 }
 

@@ -1,6 +1,7 @@
 #include "moatctl/check/check.hpp"
 
 #include "moatctl/command_line/output.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/tables/file.hpp"
 #include "moatctl/tables/read_text.hpp"
 #include "moatctl/tables/server.hpp"
@@ -47,8 +48,8 @@ ExitStatus check(Program& program, const CheckArguments& options)
     }
 
     CheckOptions checkOptions;
-    if (!options.elsewhere && !program.isElsewhere())
-        checkOptions.interfaceState = interfaceHere;
+    if (!options.elsewhere)
+        checkOptions = checkHere(program);
     std::vector<Problem> problems = loaded.problems;
     std::vector<Problem> found;
     if (loaded.readable)

@@ -5,6 +5,7 @@
 #include "moatctl/bridge/expected.hpp"
 #include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/command_line/output.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "ovsdb/client.hpp"
@@ -31,8 +32,11 @@ struct Shown {
 Shown programToShow(Program& program)
 {
     std::string reason;
-    if (std::optional<nftables::HeldProgram> held = readCompiled(reason); held && held->table != 0)
-        return {std::move(held->program), "the compiled form in the kernel"};
+    const bool elsewhere = isElsewhere(program);
+    if (!elsewhere) {
+        if (std::optional<nftables::HeldProgram> held = readCompiled(reason); held && held->table != 0)
+            return {std::move(held->program), "the compiled form in the kernel"};
+    }
     ovsdb::Client client = program.connect();
     const Configuration configuration = loadFromServer(client);
     ebtables::Table table = apply(expectedOf(configuration)).table;
@@ -40,7 +44,8 @@ Shown programToShow(Program& program)
     std::optional<compiled::Program> made = compiled::compile(table);
     if (!made)
         throw Failure(ExitStatus::BadInput, "the configuration has rules that cannot be compiled");
-    return {*std::move(made), "what would be made of the configuration: the kernel has the plain form"};
+    return {*std::move(made), elsewhere ? "what would be made of the configuration, which is that of other machines"
+                                        : "what would be made of the configuration: the kernel has the plain form"};
 }
 
 ExitStatus show(Program& program, const OutputStyle& style)

@@ -2,6 +2,7 @@
 #include "moatctl/bridge/walk.hpp"
 #include "moatctl/command_line/frame_options.hpp"
 #include "moatctl/command_line/output.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/tables/problem.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "moatctl/verbs/matrix_view.hpp"
@@ -179,7 +180,7 @@ ExitStatus explain(Program& program, const ExplainArguments& options)
     if (scene.configuration)
         noteRefused(program.err, scene.configured);
     noteDifference(program.err, scene, frame, walked);
-    if (options.place.path.empty())
+    if (options.place.path.empty() && !isElsewhere(program))
         notePorts(program.err, frame);
     noteBridge(program.err, frame);
     return walked.fate == Fate::Unknown ? ExitStatus::BadInput : ExitStatus::Ok;

@@ -2,6 +2,7 @@
 #include "moatctl/command_line/carry_out.hpp"
 #include "moatctl/command_line/guard_rail.hpp"
 #include "moatctl/command_line/progress.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/tables/difference.hpp"
 #include "moatctl/tables/edit.hpp"
 #include "moatctl/tables/file.hpp"
@@ -42,8 +43,8 @@ public:
         m_file = parseConfiguration(readText(program.in, options.file), nameOf(options.file));
         if (!m_file.readable)
             refuse(m_file.problems);
-        if (!options.elsewhere && !program.isElsewhere())
-            m_checkOptions.interfaceState = interfaceHere;
+        if (!options.elsewhere)
+            m_checkOptions = checkHere(program);
         m_checkOptions.onProgress = [this](std::size_t done, std::size_t total) {
             m_progress.show("checking", done, total);
         };

@@ -1,6 +1,7 @@
 #include "moatctl/bridge/matrix.hpp"
 #include "moatctl/command_line/frame_options.hpp"
 #include "moatctl/command_line/output.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "moatctl/verbs/matrix_view.hpp"
 #include "moatctl/verbs/scene.hpp"
@@ -187,10 +188,12 @@ ExitStatus matrix(Program& program, const MatrixArguments& options)
     Scene scene;
     lookAt(scene, program, options.place);
     const MatrixWays ways{question.frame.in, question.frame.out};
-    std::vector<std::string> ports = portsOf(scene, options.place.path.empty(), ways);
+    std::vector<std::string> ports = portsOf(scene, options.place.path.empty() && !isElsewhere(program), ways);
     if (ports.empty())
         throw Failure(ExitStatus::BadInput,
-                      "no row names a port and this machine has no bridge with one: expected --in");
+                      isElsewhere(program)
+                          ? "no row names a port: expected --in"
+                          : "no row names a port and this machine has no bridge with one: expected --in");
     const Matrix matrix = matrixOf(scene.walked(), question, std::move(ports), ways);
     if (!matrix.ordinary)
         throw Failure(ExitStatus::BadInput, "there are no such frames");

@@ -2,6 +2,7 @@
 #include "moatctl/bridge/kernel.hpp"
 #include "moatctl/command_line/open_metrics.hpp"
 #include "moatctl/command_line/replace_file.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/tables/difference.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "moatctl/verbs/status_view.hpp"
@@ -123,7 +124,7 @@ void writeCounters(OpenMetrics& metrics, const View& view)
         metrics.sample(labelsOf(*of.first), of.second.bytes);
 }
 
-void writeKernel(OpenMetrics& metrics, const View& view)
+void writeKernel(OpenMetrics& metrics, const View& view, bool here)
 {
     metrics.begin("moatkeeper_kernel_entries", Type::Gauge, "",
                   "Rules and chains of the kernel beside those that the configuration makes.");
@@ -139,10 +140,10 @@ void writeKernel(OpenMetrics& metrics, const View& view)
     metrics.begin(
         "moatkeeper_kernel_transactions", Type::Counter, "",
         "Transactions of nf_tables in this network namespace: commits, repairs, and those of other programs.");
-    if (const auto count = transactions())
+    if (const auto count = here ? transactions() : std::nullopt)
         metrics.sample({}, std::uint64_t{*count});
     std::string unused;
-    const std::optional<CommitTime> commit = lastCommit(unused);
+    const std::optional<CommitTime> commit = here ? lastCommit(unused) : std::nullopt;
     const bool isKnown = commit && *commit != CommitTime();
     metrics.begin("moatkeeper_last_commit_timestamp_seconds", Type::Gauge, "seconds",
                   "When the daemon last changed the kernel's tables.");
@@ -206,7 +207,7 @@ void writeDevices(OpenMetrics& metrics, const View& view)
 
 void write(std::ostream& out, Program& program, const MetricsArguments& options)
 {
-    const bool daemonRuns = daemonPid(options.pidFolder).has_value();
+    const bool here = !isElsewhere(program);
     const std::unique_ptr<View> view = lookAround(program, false);
     OpenMetrics metrics(out);
     const auto single = [&](std::string_view name, std::string_view help, bool value) {
@@ -220,14 +221,16 @@ void write(std::ostream& out, Program& program, const MetricsArguments& options)
     single("moatkeeper_kernel_readable",
            "Whether the kernel's bridge table may be read here. If not, nothing is told of it below.",
            view->kernel.has_value());
-    single("moatkeeper_daemon_running", "Whether the daemon runs on this machine.", daemonRuns);
+    metrics.begin("moatkeeper_daemon_running", Type::Gauge, "", "Whether the daemon runs on this machine.");
+    if (here)
+        metrics.sample({}, daemonPid(options.pidFolder).has_value());
     metrics.begin("moatkeeper_changes", Type::Counter, "",
                   "The number of the last change of the configuration by moatctl. 0 follows 1999999999.");
     if (view->configuration)
         metrics.sample({}, static_cast<std::uint64_t>(view->number.value_or(0)));
     writeRows(metrics, *view);
     writeCounters(metrics, *view);
-    writeKernel(metrics, *view);
+    writeKernel(metrics, *view, here);
     writeDevices(metrics, *view);
     metrics.end();
 }

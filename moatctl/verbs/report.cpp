@@ -2,6 +2,7 @@
 #include "moatctl/bridge/kernel.hpp"
 #include "moatctl/check/check.hpp"
 #include "moatctl/command_line/replace_file.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/command_line/time_stamp.hpp"
 #include "moatctl/tables/history.hpp"
 #include "moatctl/verbs/all.hpp"
@@ -37,13 +38,16 @@ std::string freshNonce()
     return nonce;
 }
 
-std::vector<std::pair<std::string, std::string>> factsOf(const View& view, const std::optional<std::string>& pid)
+std::vector<std::pair<std::string, std::string>> factsOf(const View& view, bool elsewhere,
+                                                         const std::optional<std::string>& pid)
 {
-    std::vector<std::pair<std::string, std::string>> facts{
-        {"server", view.server}, {"daemon", pid ? "running, process " + *pid : "not running"}};
+    std::vector<std::pair<std::string, std::string>> facts{{"server", view.server}};
+    if (!elsewhere)
+        facts.emplace_back("daemon", pid ? "running, process " + *pid : "not running");
     for (const Device& device : view.devices)
         facts.emplace_back("device " + device.name, inWords(device, view));
-    facts.emplace_back("kernel tables", !view.kernel         ? "unknown: " + view.noKernel
+    facts.emplace_back("kernel tables", elsewhere            ? view.noKernel
+                                        : !view.kernel       ? "unknown: " + view.noKernel
                                         : view.configuration ? view.found
                                                              : "not compared: the server is down");
     return facts;
@@ -81,12 +85,12 @@ void addHistory(const Program& program, Report& report)
     }
 }
 
-std::vector<Problem> findingsOf(const View& view)
+std::vector<Problem> findingsOf(const Program& program, const View& view)
 {
     if (!view.configuration)
         return {};
-    std::vector<Problem> problems = checkConfiguration(*view.configuration, view.expected, view.applied,
-                                                       {.interfaceState = interfaceHere, .onProgress = {}});
+    std::vector<Problem> problems =
+        checkConfiguration(*view.configuration, view.expected, view.applied, checkHere(program));
     for (Problem& problem : problems) {
         if (isAcknowledged(*view.configuration, problem))
             problem.severity = Severity::Acknowledged;
@@ -97,7 +101,8 @@ std::vector<Problem> findingsOf(const View& view)
 
 ExitStatus report(Program& program, const ReportArguments& options)
 {
-    const std::optional<std::string> pid = daemonPid(options.pidFolder);
+    const bool elsewhere = isElsewhere(program);
+    const std::optional<std::string> pid = elsewhere ? std::nullopt : daemonPid(options.pidFolder);
     const std::unique_ptr<View> view = lookAround(program, pid.has_value());
     if (!view->configuration && !view->kernel)
         throw Failure(ExitStatus::Server,
@@ -107,14 +112,14 @@ ExitStatus report(Program& program, const ReportArguments& options)
     scene.differs = view->differs();
     if (view->kernel)
         scene.kernel = withRows(*view->kernel, view->applied, view->entries);
-    const Matrix matrix = matrixOf(scene.walked(), {}, portsOf(scene, true, {}), {});
+    const Matrix matrix = matrixOf(scene.walked(), {}, portsOf(scene, !elsewhere, {}), {});
     Report made{.view = *view,
                 .scene = scene,
                 .matrix = matrix,
                 .time = timeStamp(std::chrono::system_clock::now()),
-                .facts = factsOf(*view, pid),
+                .facts = factsOf(*view, elsewhere, pid),
                 .notInForce = notInForce(*view),
-                .findings = findingsOf(*view),
+                .findings = findingsOf(program, *view),
                 .history = {},
                 .noHistory = {}};
     addHistory(program, made);

@@ -122,6 +122,7 @@ std::vector<std::string> RolloutStep::preview(const Edit& edit)
     const Configuration before = toConfiguration(state);
     Editor editor(before);
     editor.force = m_program.force;
+    editor.elsewhere = true;
     edit(editor);
     std::vector<std::string> lines = check(m_program, editor);
     for (const Change& change : difference(before, editor.configuration))
@@ -140,6 +141,7 @@ bool RolloutStep::store(const Edit& edit, Occasion occasion, std::int32_t second
             *m_client,
             [&](Editor& editor) {
                 editor.force = m_program.force;
+                editor.elsewhere = true;
                 edit(editor);
                 editor.flawless = check(m_program, editor).empty();
             },

@@ -1,6 +1,7 @@
 #include "moatctl/verbs/scene.hpp"
 
 #include "moatctl/bridge/kernel.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/tables/file.hpp"
 #include "moatctl/tables/read_text.hpp"
 #include "moatctl/tables/server.hpp"
@@ -45,7 +46,7 @@ void lookAt(Scene& scene, Program& program, const ScenePlace& place)
 {
     std::string unread;
     std::optional<KernelState> held;
-    if (place.path.empty() && !place.configured)
+    if (place.path.empty() && !place.configured && !isElsewhere(program))
         held = readKernel(unread);
     try {
         if (place.path.empty()) {
@@ -61,7 +62,9 @@ void lookAt(Scene& scene, Program& program, const ScenePlace& place)
         program.err << "note: " << error.what() << "; rows cannot be named\n";
     }
     if (!held) {
-        scene.name = place.path.empty() ? "the configuration" : "the configuration in " + nameOf(place.path);
+        scene.name = !place.path.empty()    ? "the configuration in " + nameOf(place.path)
+                     : isElsewhere(program) ? "the configuration of other machines"
+                                            : "the configuration";
         if (!unread.empty())
             scene.name += "; the kernel's tables cannot be read: " + unread;
         return;

@@ -35,7 +35,7 @@ struct Scene {
 };
 
 // The kernel's tables are what happens; the configuration is what is walked where they cannot be read, or when asked
-// for. Either may be absent, not both. Fills the scene in place.
+// for, or it is that of other machines. Either may be absent, not both. Fills the scene in place.
 void lookAt(Scene& scene, Program& program, const ScenePlace& place);
 
 // The kernel's tables with the rows of the configuration; entries: of the comparison.

@@ -4,6 +4,7 @@
 #include "moatctl/check/check.hpp"
 #include "moatctl/command_line/output.hpp"
 #include "moatctl/command_line/screen.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/command_line/time_stamp.hpp"
 #include "moatctl/tables/values.hpp"
 #include "moatctl/verbs/all.hpp"
@@ -202,6 +203,8 @@ void addStatus(const Command& root, Program& program)
     addOutputOptions(command, options->style);
     command.onGiven([&program, options] {
         program.action = [&program, options] {
+            requireThisMachine(program, "status",
+                               "moatctl devices shows how those are, and moatctl status on one of them all of it");
             return options->watch ? watch(program, *options) : status(program, *options, program.out);
         };
     });

@@ -2,6 +2,7 @@
 
 #include "moatctl/bridge/kernel.hpp"
 #include "moatctl/check/check.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/tables/server.hpp"
 #include "schema/device.hpp"
 
@@ -51,7 +52,11 @@ bool anyIsBehind(const ovsdb::TableCache& state)
 void look(Program& program, View& view, std::optional<Clock::time_point> waitUntil)
 {
     std::future<std::optional<KernelState>> kernel;
-    const auto askKernel = [&] { kernel = std::async(std::launch::async, readKernel, std::ref(view.noKernel)); };
+    const bool elsewhere = isElsewhere(program);
+    const auto askKernel = [&] {
+        if (!elsewhere && !kernel.valid())
+            kernel = std::async(std::launch::async, readKernel, std::ref(view.noKernel));
+    };
     try {
         ovsdb::Client client = program.connect();
         const ovsdb::TableCache& state = client.follow(client.tableNames());
@@ -67,9 +72,10 @@ void look(Program& program, View& view, std::optional<Clock::time_point> waitUnt
     } catch (const ovsdb::Error& error) {
         view.server = std::string("down: ") + error.what();
     }
-    if (!kernel.valid())
-        askKernel();
-    if (std::optional<KernelState> held = kernel.get())
+    askKernel();
+    if (elsewhere)
+        view.noKernel = notLookedAt(program);
+    else if (std::optional<KernelState> held = kernel.get())
         view.kernel = rulesOf(*std::move(held), view.applied.table);
     // Without the server there is nothing to compare with: everything is shown as it is.
     if (view.kernel)

@@ -37,7 +37,8 @@ struct View {
     static constexpr const char* asConfigured = "as configured";
 };
 
-// If a daemon runs here, a change that it is about to carry out is waited for, the timeout at most.
+// Without the kernel where the configuration is that of other machines. If a daemon runs here, a change that it is
+// about to carry out is waited for, the timeout at most.
 std::unique_ptr<View> lookAround(Program& program, bool daemonRuns);
 
 // Rows that are enabled and not in force, with the device where there are several.

@@ -2,6 +2,7 @@
 #include "moatctl/command_line/numbers.hpp"
 #include "moatctl/command_line/output.hpp"
 #include "moatctl/command_line/screen.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/command_line/time_stamp.hpp"
 #include "moatctl/verbs/all.hpp"
 #include "moatctl/verbs/status_view.hpp"
@@ -171,7 +172,12 @@ void addTop(const Command& root, Program& program)
                 [options](const std::string& format) { options->json = format == "json"; })
         .oneOf({"table", "json"})
         .defaultsTo("table");
-    command.onGiven([&program, options] { program.action = [&program, options] { return top(program, *options); }; });
+    command.onGiven([&program, options] {
+        program.action = [&program, options] {
+            requireThisMachine(program, "top", "run it on one of those");
+            return top(program, *options);
+        };
+    });
 }
 
 } // namespace moatctl

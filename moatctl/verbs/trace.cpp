@@ -4,6 +4,7 @@
 #include "moatctl/command_line/frame_options.hpp"
 #include "moatctl/command_line/numbers.hpp"
 #include "moatctl/command_line/selection_options.hpp"
+#include "moatctl/command_line/this_machine.hpp"
 #include "moatctl/command_line/time_stamp.hpp"
 #include "moatctl/tables/server.hpp"
 #include "moatctl/verbs/all.hpp"
@@ -295,7 +296,12 @@ void addTrace(const Command& root, Program& program)
                 [options](const std::string& format) { options->json = format == "json"; })
         .oneOf({"text", "json"})
         .defaultsTo("text");
-    command.onGiven([&program, options] { program.action = [&program, options] { return trace(program, *options); }; });
+    command.onGiven([&program, options] {
+        program.action = [&program, options] {
+            requireThisMachine(program, "trace", "run it on one of those");
+            return trace(program, *options);
+        };
+    });
 }
 
 } // namespace moatctl
