@@ -74,9 +74,9 @@ public:
     // Until something is different in the copy that follow gave, which must be valid. False: it is that time.
     bool awaitChange(std::chrono::steady_clock::time_point end);
 
-    // All of it, or nothing. Errors of single operations are in the result. When the server is lost before it has
-    // answered, nobody knows which of the two: then throws ConnectionError or TimeoutError and, with servers, the
-    // object stays of use.
+    // All of it, or nothing. Errors of single operations are in the result. When the server, or the one behind a relay,
+    // is lost before it has answered, nobody knows which of the two: then throws ConnectionError or TimeoutError and,
+    // with servers, the object stays of use.
     TransactionResult transact(const std::vector<Json>& operations);
 
     // Calls back once with the first state (all tables named as changed), then after every change, until the callback

@@ -57,7 +57,11 @@ public:
 class RequestError : public Error
 {
 public:
-    using Error::Error;
+    RequestError(const std::string& what, const std::string& reason) : Error(what + reason), m_reason(reason) {}
+    const std::string& reason() const { return m_reason; } // as the server said it
+
+private:
+    std::string m_reason;
 };
 
 } // namespace ovsdb

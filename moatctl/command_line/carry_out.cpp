@@ -133,7 +133,8 @@ ExitStatus carryOutSetting(Program& program, const std::string& column, const te
         row.emplace_back(std::string(schema::changeNumber), tessera::Value(*stored.number));
         operations.push_back(ovsdb::insertRow(schema::changeTable, row));
     }
-    const ovsdb::TransactionResult result = transactOnce(client, operations);
+    const ovsdb::TransactionResult result =
+        transactOnce(client, operations, "it is not known whether that was stored: the same once more makes sure");
     if (!result.committed())
         throw Failure(ExitStatus::Server, "the server refused it: " + result.errorText());
     stored.changed = true;

@@ -21,6 +21,7 @@ using std::chrono::seconds;
 
 constexpr std::size_t longestLoss = 400;
 constexpr int missedHeartbeats = 2;
+constexpr int mostStarts = 2;  // of a daemon, while it is watched: an upgrade in two packages
 constexpr seconds onTheWay{5}; // what a slow device and a slow way may take besides
 
 // A clock that is ahead has just said it.
@@ -112,35 +113,57 @@ std::vector<StandingDevice> standingDevices(const ovsdb::TableCache& cache, std:
     return standing;
 }
 
-std::vector<std::string> lossesSince(const std::vector<StandingDevice>& before, const std::vector<StandingDevice>& now,
-                                     std::int32_t change)
+DeviceWatch::DeviceWatch(const std::vector<StandingDevice>& before, std::int32_t change) : m_change(change)
 {
+    for (const auto& [device, state, counts] : before) {
+        if (device.hasReached(change) && state.standing != Standing::Silent) // by a clock that is behind
+            m_devices.push_back(
+                {.name = device.name, .notInForceCount = device.notInForceCount, .started = device.started});
+    }
+}
+
+std::vector<std::string> DeviceWatch::look(const std::vector<StandingDevice>& now)
+{
+    m_away.clear();
     std::vector<std::string> losses;
-    for (const StandingDevice& known : before) {
-        if (!known.device.hasReached(change) || known.state.standing == Standing::Silent) // by a clock that is behind
-            continue;
-        const std::string name = text::oneLine(known.device.name);
-        const auto found = std::ranges::lower_bound(now, known.device.name, {},
+    for (Watched& watched : m_devices) {
+        const auto found = std::ranges::lower_bound(now, watched.name, {},
                                                     [](const StandingDevice& each) { return each.device.name; });
-        if (found == now.end() || found->device.name != known.device.name) {
-            losses.push_back(name + " has no row any more");
-            continue;
-        }
-        const auto& [device, state, counts] = *found;
-        const std::string reason = device.reason.empty() ? "" : ": " + text::oneLine(device.reason, longestLoss);
-        if (!device.reports())
-            losses.push_back(name + " does not apply it any more" + reason);
-        else if (state.standing == Standing::Silent)
-            losses.push_back(name + " is silent" + (state.time ? " for " + inWords(*state.time) : std::string()));
-        else if (!device.inStep)
-            losses.push_back(name + " is not in step" + reason);
-        else if (!device.hasReached(change))
-            losses.push_back(name + " does not have it in force any more");
-        else if (device.notInForceCount > known.device.notInForceCount)
-            losses.push_back(name + " refuses " +
-                             std::to_string(device.notInForceCount - known.device.notInForceCount) + " lines more");
+        if (found == now.end() || found->device.name != watched.name)
+            losses.push_back(text::oneLine(watched.name) + " has no row any more");
+        else
+            look(watched, *found, losses);
     }
     return losses;
+}
+
+void DeviceWatch::look(Watched& watched, const StandingDevice& now, std::vector<std::string>& losses)
+{
+    const auto& [device, state, counts] = now;
+    const std::string name = text::oneLine(device.name);
+    const std::string reason = device.reason.empty() ? "" : ": " + text::oneLine(device.reason, longestLoss);
+    if (device.reports() && device.started != watched.started) {
+        watched.started = device.started;
+        watched.away = true;
+        if (++watched.starts > mostStarts)
+            losses.push_back(name + " was started " + std::to_string(watched.starts) + " times");
+    }
+    watched.away = watched.away || !device.reports();
+
+    std::vector<std::string>& wrong = watched.away ? m_away : losses;
+    if (!device.reports())
+        wrong.push_back(name + " does not apply it any more" + reason);
+    else if (state.standing == Standing::Silent)
+        losses.push_back(name + " is silent" + (state.time ? " for " + inWords(*state.time) : std::string()));
+    else if (!device.inStep)
+        wrong.push_back(name + " is not in step" + reason);
+    else if (!device.hasReached(m_change))
+        wrong.push_back(name + " does not have it in force any more");
+    else if (device.notInForceCount > watched.notInForceCount)
+        losses.push_back(name + " refuses " + std::to_string(device.notInForceCount - watched.notInForceCount) +
+                         " lines more");
+    else
+        watched.away = false;
 }
 
 const char* nameOf(Standing standing)

@@ -55,10 +55,35 @@ struct StandingDevice {
 };
 std::vector<StandingDevice> standingDevices(const ovsdb::TableCache& cache, std::chrono::system_clock::time_point now);
 
-// What is wrong, in words, on devices that had the change in force before: each must still have it, be in step and
-// heard of, and refuse no more lines.
-std::vector<std::string> lossesSince(const std::vector<StandingDevice>& before, const std::vector<StandingDevice>& now,
-                                     std::int32_t change);
+// Devices that had a change in force, from then on: each must keep it, be in step and heard of, and refuse no more
+// lines. One whose daemon was stopped or started anew, as an upgrade does, is away until it has the change again; a
+// daemon that is started once more after that and again is no upgrade.
+class DeviceWatch
+{
+public:
+    DeviceWatch() = default;
+    DeviceWatch(const std::vector<StandingDevice>& before, std::int32_t change);
+
+    // What is wrong, in words. Those that are away are not among it.
+    std::vector<std::string> look(const std::vector<StandingDevice>& now);
+
+    // What would be wrong with those that were away at the last look.
+    const std::vector<std::string>& away() const { return m_away; }
+
+private:
+    struct Watched {
+        std::string name;
+        std::size_t notInForceCount = 0;
+        std::string started; // last
+        int starts = 0;
+        bool away = false;
+    };
+    void look(Watched& watched, const StandingDevice& now, std::vector<std::string>& losses);
+
+    std::vector<Watched> m_devices;
+    std::int32_t m_change = 0;
+    std::vector<std::string> m_away;
+};
 
 // "in force", "in part", ...
 const char* nameOf(Standing standing);

@@ -192,7 +192,7 @@ std::optional<std::int32_t> planNumber(const ovsdb::TableCache& state, Plan& pla
 
 Failure unknown(const std::string& why)
 {
-    return Failure(ExitStatus::Server, why + "; it is not known whether the change was stored");
+    return Failure(ExitStatus::Server, why + "; " + unknownWhetherStored);
 }
 
 // Whether somebody else was faster: a row is not what it was, or an Id or the entry is there by now.
@@ -322,7 +322,7 @@ private:
             m_sent.back().stored.after = editor.configuration;
         }
         try {
-            return transactOnce(m_client, plan.operations);
+            return transactOnce(m_client, plan.operations, unknownWhetherStored);
         } catch (const Failure&) {
             if (!entry)
                 throw;
@@ -354,14 +354,15 @@ private:
 
 } // namespace
 
-ovsdb::TransactionResult transactOnce(ovsdb::Client& client, const std::vector<ovsdb::Json>& operations)
+ovsdb::TransactionResult transactOnce(ovsdb::Client& client, const std::vector<ovsdb::Json>& operations,
+                                      const std::string& unknown)
 {
     try {
         return client.transact(operations);
     } catch (const ovsdb::ConnectionError& error) {
-        throw unknown(error.what());
+        throw Failure(ExitStatus::Server, std::string(error.what()) + "; " + unknown);
     } catch (const ovsdb::TimeoutError& error) {
-        throw unknown(error.what());
+        throw Failure(ExitStatus::Server, std::string(error.what()) + "; " + unknown);
     }
 }
 

@@ -85,7 +85,13 @@ inline constexpr int attemptLimit = 50;
 // The client follows all tables afterwards.
 Stored applyEdit(ovsdb::Client& client, const std::function<void(Editor&)>& edit, const Occasion& occasion);
 
-// One transaction that is sent once. Throws Failure(Server) when it is not known whether it was done.
-ovsdb::TransactionResult transactOnce(ovsdb::Client& client, const std::vector<ovsdb::Json>& operations);
+// One transaction that is sent once. Throws Failure(Server) when it is not known whether it was done: the text says
+// that, and how to find out.
+ovsdb::TransactionResult transactOnce(ovsdb::Client& client, const std::vector<ovsdb::Json>& operations,
+                                      const std::string& unknown);
+
+// A text of that kind.
+inline constexpr const char* unknownWhetherStored =
+    "it is not known whether the change was stored: if it was, moatctl history shows it";
 
 } // namespace moatctl

@@ -27,7 +27,9 @@ void require(const ovsdb::TransactionResult& result, const schema::Trial& trial)
 
 void confirmTrial(ovsdb::Client& client, const schema::Trial& trial)
 {
-    require(transactOnce(client, {schema::requireTrial(trial), schema::endTrial(trial)}), trial);
+    const std::string unknown = "it is not known whether change " + std::to_string(trial.change) +
+                                " is confirmed: moatctl show says if it waits yet";
+    require(transactOnce(client, {schema::requireTrial(trial), schema::endTrial(trial)}, unknown), trial);
 }
 
 Stored cancelTrial(ovsdb::Client& client, const schema::Trial& trial, const Occasion& occasion)
@@ -37,7 +39,10 @@ Stored cancelTrial(ovsdb::Client& client, const schema::Trial& trial, const Occa
     stored.before = toConfiguration(state);
     stored.devicesBefore = devicesOf(state);
     stored.numberBefore = changeNumberOf(state);
-    const ovsdb::TransactionResult result = transactOnce(client, schema::putBack(trial, state, entryOf(occasion)));
+    const std::string unknown = "it is not known whether change " + std::to_string(trial.change) +
+                                " is taken back: if it is, moatctl history shows that";
+    const ovsdb::TransactionResult result =
+        transactOnce(client, schema::putBack(trial, state, entryOf(occasion)), unknown);
     require(result, trial);
     stored.changed = true;
     stored.number = result.outcomes.back().number;

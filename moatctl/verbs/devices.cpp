@@ -138,7 +138,8 @@ ExitStatus forget(Program& program, const std::vector<std::string>& names)
                         << " was not stopped: if it runs, it will tell of itself again\n";
         operations.push_back(ovsdb::deleteRows(schema::deviceTable, ovsdb::rowsWith(schema::device::name, name)));
     }
-    const ovsdb::TransactionResult result = transactOnce(client, operations);
+    const ovsdb::TransactionResult result = transactOnce(
+        client, operations, "it is not known whether that was done: moatctl devices shows those that are left");
     if (!result.committed())
         throw Failure(ExitStatus::Server, "the server refused it: " + result.errorText());
     for (const std::string& name : names)

@@ -120,8 +120,9 @@ private:
     {
         using std::chrono::ceil;
         using std::chrono::seconds;
-        // Until it is in force, to find the server again, and to confirm.
-        const auto trial = ceil<seconds>(3 * m_program.server.timeout + m_options.settle) + spare;
+        // Until it is in force, and seen to be; for daemons that are started anew; to find the server again; to
+        // confirm.
+        const auto trial = ceil<seconds>(5 * m_program.server.timeout + m_options.settle) + spare;
         if (!step.store(m_edit, *m_program.occasion, static_cast<std::int32_t>(trial.count()))) {
             say(step, "unchanged", "nothing to change");
             return;
@@ -234,7 +235,14 @@ ExitStatus rollOut(Program& program, const RolloutArguments& options)
 
 std::chrono::milliseconds settleOf(const std::string& text)
 {
-    return text == "0" ? std::chrono::milliseconds(0) : secondsOf("--settle", text, longestSettle);
+    if (text == "0")
+        return std::chrono::milliseconds(0);
+    try {
+        return secondsOf("--settle", text, longestSettle);
+    } catch (const Failure&) {
+        throw Failure(ExitStatus::BadInput,
+                      "--settle " + inQuotes(text) + ": expected seconds, from 0 to " + std::to_string(longestSettle));
+    }
 }
 
 void requireDifferent(const std::vector<std::string>& steps)

@@ -9,6 +9,7 @@
 #include "moatctl/tables/trial.hpp"
 #include "ovsdb/client.hpp"
 #include "schema/device.hpp"
+#include "schema/history.hpp"
 
 #include <algorithm>
 #include <thread>
@@ -89,6 +90,20 @@ void RolloutStep::connect()
 {
     m_client.reset(new ovsdb::Client(m_program.connect()));
     m_client->follow(m_client->tableNames());
+    const Clock::time_point end = Clock::now() + m_program.server.timeout;
+    while (!isUpToDate()) {
+        if (!m_client->awaitChange(end))
+            throw Failure(ExitStatus::Server, "the server does not have the change yet");
+    }
+}
+
+// Another server than the one that took the change, or a relay of one, may not have heard of it yet.
+bool RolloutStep::isUpToDate() const
+{
+    if (!m_stored.number)
+        return true;
+    const auto number = changeNumberOf(m_client->followed());
+    return number && schema::includes(*number, *m_stored.number);
 }
 
 // Again on a new connection when the server is lost, as long as the time-out is not over.
@@ -132,7 +147,8 @@ std::vector<std::string> RolloutStep::preview(const Edit& edit)
 
 bool RolloutStep::store(const Edit& edit, Occasion occasion, std::int32_t seconds)
 {
-    connect();
+    m_client.reset(); // the preview's may be lost by now
+    persist([] {});
     occasion.trial = seconds;
     m_occasion = occasion;
     m_state = State::Unknown; // should the connection be lost before the answer
@@ -156,14 +172,27 @@ bool RolloutStep::store(const Edit& edit, Occasion occasion, std::int32_t second
         return false;
     }
     m_state = State::OnTrial;
+    persist([this] { awaitTrial(); });
+    if (m_change == 0)
+        lostTrial();
+    return true;
+}
+
+void RolloutStep::awaitTrial()
+{
     const Clock::time_point end = Clock::now() + m_program.server.timeout;
     while (!ownTrial() && m_client->awaitChange(end)) {
     }
-    const auto trial = ownTrial();
-    if (!trial)
-        lostTrial();
-    m_change = trial->change;
-    return true;
+    if (const auto trial = ownTrial())
+        m_change = trial->change;
+}
+
+// Of the trial, which somebody has ended: the copy of the tables may not say so yet.
+void RolloutStep::awaitEnd()
+{
+    const Clock::time_point end = Clock::now() + m_program.server.timeout;
+    while (ownTrial() && m_client->awaitChange(end)) {
+    }
 }
 
 // The trial that is this step's change, as far as the copy of the tables tells.
@@ -187,45 +216,75 @@ Reached RolloutStep::await()
     m_client.reset(); // may have been lost meanwhile
     Reached result;
     persist([&] {
-        result = reached(m_client->followed(), *m_stored.number);
-        m_inForce = standingDevices(m_client->followed(), std::chrono::system_clock::now());
+        const Clock::time_point end = Clock::now() + m_program.server.timeout;
+        do
+            result = reached(m_client->followed(), *m_stored.number);
+        while (result.reached < m_program.quorum.of(result.devices) && m_client->awaitChange(end));
+        m_watch = {standingDevices(m_client->followed(), std::chrono::system_clock::now()), *m_stored.number};
     });
+    if (result.reached < m_program.quorum.of(result.devices))
+        throw Failure(ExitStatus::NotInForce, "in force on " + std::to_string(result.reached) + " of " +
+                                                  std::to_string(result.devices) + " devices only");
     return result;
 }
 
 void RolloutStep::settle(milliseconds time)
 {
     const Clock::time_point end = Clock::now() + time;
+    const Clock::time_point last = end + m_program.server.timeout;
+    const auto isOver = [&] { return Clock::now() >= (m_watch.away().empty() ? end : last); };
     do {
         persist([&] {
             if (!ownTrial())
                 lostTrial();
-            const std::vector<StandingDevice> now =
-                standingDevices(m_client->followed(), std::chrono::system_clock::now());
-            if (const auto losses = lossesSince(m_inForce, now, *m_stored.number); !losses.empty())
+            const auto losses = m_watch.look(standingDevices(m_client->followed(), std::chrono::system_clock::now()));
+            if (!losses.empty())
                 throw Failure(ExitStatus::NotInForce, inList(losses));
             if (m_program.whileWaiting)
                 m_program.whileWaiting();
-            m_client->awaitChange(std::min<Clock::time_point>(end, Clock::now() + glance));
+            if (!isOver())
+                m_client->awaitChange(
+                    std::min<Clock::time_point>(Clock::now() < end ? end : last, Clock::now() + glance));
         });
-    } while (Clock::now() < end);
+    } while (!isOver());
+    if (!m_watch.away().empty())
+        throw Failure(ExitStatus::NotInForce, inList(m_watch.away()));
 }
 
 void RolloutStep::confirm()
 {
     persist([this] {
-        if (const auto trial = ownTrial())
-            confirmTrial(*m_client, *trial);
-        else if (wasUndone()) // not by an answer of the server that was lost
+        if (const auto trial = ownTrial()) {
+            m_change = trial->change;
+            try {
+                return confirmTrial(*m_client, *trial);
+            } catch (const Failure& failure) {
+                if (failure.status() != ExitStatus::Conflict)
+                    throw;
+                awaitEnd();
+            }
+        }
+        if (m_change == 0 || wasUndone()) // else by an attempt whose answer was lost
             lostTrial();
     });
     m_state = State::Confirmed;
 }
 
-bool RolloutStep::wasUndone()
+// At least as far as the copy of the tables is: another server, or relay, may not be.
+std::vector<HistoryEntry> RolloutStep::history()
 {
     ovsdb::Client client = m_program.connectToHistory();
-    const std::vector<HistoryEntry> entries = readHistory(client);
+    std::vector<HistoryEntry> entries = readHistory(client);
+    for (const ovsdb::Row& row : m_client->followed().rows(schema::historyTable)) {
+        if (entries.empty() || entries.front().number < row.values.integer(0))
+            throw Failure(ExitStatus::Server, "the server does not have the history yet");
+    }
+    return entries;
+}
+
+bool RolloutStep::wasUndone()
+{
+    const std::vector<HistoryEntry> entries = history();
     return std::ranges::find(entries, m_change, &HistoryEntry::undoes) != entries.end();
 }
 
@@ -246,13 +305,21 @@ std::string RolloutStep::takeBack(Occasion occasion)
 
 std::string RolloutStep::endTrial(const Occasion& occasion)
 {
+    if (m_state == State::Unknown)
+        awaitTrial();
     if (const auto trial = ownTrial()) {
         m_change = trial->change;
-        awaitBack(cancelTrial(*m_client, *trial, occasion));
-        return "taken back";
+        try {
+            awaitBack(cancelTrial(*m_client, *trial, occasion));
+            return "taken back";
+        } catch (const Failure& failure) {
+            if (failure.status() != ExitStatus::Conflict)
+                throw;
+            awaitEnd();
+        }
     }
     if (m_change == 0)
-        return "it was not stored";
+        return "it was not stored; should it be yet, it goes back by itself";
     return wasUndone() ? "it has gone back already" : undo(occasion);
 }
 
@@ -260,8 +327,7 @@ std::string RolloutStep::undo(const Occasion& occasion)
 {
     if (wasUndone())
         return "it has gone back already";
-    ovsdb::Client history = m_program.connectToHistory();
-    const std::vector<HistoryEntry> entries = readHistory(history);
+    const std::vector<HistoryEntry> entries = history();
     const auto entry = std::ranges::find(entries, m_change, &HistoryEntry::number);
     if (entry == entries.end())
         throw Failure(ExitStatus::Conflict, "change " + std::to_string(m_change) + " is not in the history any more");
@@ -279,7 +345,9 @@ void RolloutStep::awaitBack(const Stored& stored)
     try {
         awaitInForce(m_program, *m_client, stored);
     } catch (const Failure& failure) {
-        m_messages << "went back, but " << failure.what() << '\n';
+        const std::string text = failure.what();
+        constexpr std::string_view beginning = "stored, but ";
+        m_messages << "went back, but " << (text.starts_with(beginning) ? text.substr(beginning.size()) : text) << '\n';
     }
 }
 

@@ -4,6 +4,7 @@
 #include "moatctl/command_line/verb.hpp"
 #include "moatctl/tables/device_state.hpp"
 #include "moatctl/tables/edit.hpp"
+#include "moatctl/tables/history.hpp"
 #include "moatctl/tables/occasion.hpp"
 #include "schema/server/trial.hpp"
 
@@ -39,10 +40,11 @@ public:
     bool store(const Edit& edit, Occasion occasion, std::int32_t seconds);
     std::int32_t change() const { return m_change; }
 
-    // What awaitInForce throws. Returns how many of the devices that count have it.
+    // What awaitInForce throws, and Failure(NotInForce). Returns how many of the devices that count have it.
     Reached await();
 
-    // For that time every device that has it must keep it. Throws Failure(NotInForce) with the first that do not.
+    // For that time every device that has it must keep it; for those whose daemon was stopped or started anew it ends
+    // when they have it again, the time-out later at most. Throws Failure(NotInForce) with the first that do not.
     void settle(std::chrono::milliseconds time);
 
     void confirm();
@@ -61,9 +63,13 @@ private:
     enum class State { Unchanged, Unknown, OnTrial, Confirmed };
 
     void connect();
+    bool isUpToDate() const;
     template <typename Operation>
     void persist(const Operation& operation);
     std::optional<schema::Trial> ownTrial() const;
+    void awaitTrial();
+    void awaitEnd();
+    std::vector<HistoryEntry> history();
     bool wasUndone();
     std::string endTrial(const Occasion& occasion);
     std::string undo(const Occasion& occasion);
@@ -78,7 +84,7 @@ private:
     std::int32_t m_change = 0; // of the history; 0: not known
     Occasion m_occasion;       // of the change
     Stored m_stored;
-    std::vector<StandingDevice> m_inForce; // the devices when the wait was over
+    DeviceWatch m_watch; // of the devices that had it when the wait was over
 };
 
 } // namespace moatctl

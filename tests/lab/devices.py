@@ -25,11 +25,16 @@ class Followers:
     change the columns in which its row differs from that, or None when it says nothing."""
 
     def __init__(self, path, names, behave=lambda name, number: {}, database=config.DATABASE):
+        """path: of the server, or of several, of which the next is taken when one is lost."""
         self.behave = behave
         self._names = list(names)
-        self._config = config.Config(path, database=database)
+        self._started = utc()
+        self._paths = list(path) if isinstance(path, (list, tuple)) else [path]
+        self._database = database
+        self._config = config.Config(self._paths[0], database=database)
         self._end = threading.Event()
         self._said = {}
+        self._last = 0
         self._say(self._number())
         self._thread = threading.Thread(target=self._follow)
         self._thread.start()
@@ -41,22 +46,40 @@ class Followers:
 
     def _number(self):
         rows = self._config.select(config.CHANGE)
-        return rows[0]["Number"] if rows else 0
+        self._last = max(self._last, rows[0]["Number"] if rows else 0)  # a server may be behind the one before
+        return self._last
 
     def _say(self, number):
-        operations = []
+        operations, said = [], {}
         for name in self._names:
             columns = self.behave(name, number)
             if columns is None or self._said.get(name) == (number, columns):
                 continue
-            new = {**row(name, number), **columns}
-            operations.append({"op": "update", "table": config.DEVICE, "where": [["Name", "==", name]], "row": new}
-                              if name in self._said else config.insert(config.DEVICE, **new))
-            self._said[name] = (number, columns)
+            new = {**row(name, number), "Started": self._started, **columns}
+            operations += ([{"op": "update", "table": config.DEVICE, "where": [["Name", "==", name]], "row": new}]
+                           if name in self._said else
+                           [{"op": "delete", "table": config.DEVICE, "where": [["Name", "==", name]]},
+                            config.insert(config.DEVICE, **new)])
+            said[name] = (number, columns)
         if operations:
             self._config.transact(*operations)
+            self._said.update(said)
 
     def _follow(self):
-        with contextlib.suppress(ConnectionError):  # the server has gone
-            while not self._end.wait(0.01):
+        while not self._end.wait(0.01):
+            try:
                 self._say(self._number())
+            except OSError:  # the server has gone
+                if len(self._paths) == 1:
+                    return
+                self._connect()
+            except config.Refused:  # it has lost its cluster
+                if len(self._paths) == 1:
+                    raise
+                self._connect()
+
+    def _connect(self):
+        self._config.close()
+        self._paths.append(self._paths.pop(0))
+        with contextlib.suppress(OSError):
+            self._config = config.Config(self._paths[0], seconds=2, database=self._database)

@@ -3,6 +3,7 @@
 import json
 import signal
 import subprocess
+import time
 
 from moatctl_case import BAD_INPUT, CONFLICT, MOATCTL, NO_SERVER, OK, Case, main
 from lab import config, devices, waiting
@@ -133,8 +134,7 @@ class Rollout(Case):
         group.config.transact(config.insert(config.CHANGE, Number=0, Heartbeat=30))
         for columns, text in (({"InStep": 0, "Reason": "no rights"}, "^a0 is not in step: no rights$"),
                               ({"NotInForceCount": 2}, "^a0 refuses 2 lines more$"),
-                              ({"Seen": devices.utc(-100)}, "^a0 is silent for 1 min "),
-                              ({"Started": "", "Number": -1, "Reason": "off"}, "^a0 does not apply it any more: off$")):
+                              ({"Seen": devices.utc(-100)}, "^a0 is silent for 1 min ")):
             process = self.settling()
             group.devices.behave = lambda name, number, columns=columns: columns if name == "a0" else {}
             waiting.until(lambda: process.poll() is not None or not group.trials(), "its end")
@@ -143,6 +143,33 @@ class Rollout(Case):
             self.assertEqual(events[-2:], [(1, "trouble"), (1, "went_back")])
             self.assertRegex(self.textOf(told, "trouble"), text)
             self.assertEqual(group.policies(), [])
+
+    STOPPED = {"Started": "", "Number": -1, "InStep": 0, "Reason": "the daemon was stopped"}
+
+    def stopOne(self, process):
+        """The daemon of a0, once the change is in force there."""
+        self.until(process, 1, "in_force")
+        self.first.devices.behave = lambda name, number: self.STOPPED if name == "a0" else {}
+        waiting.until(lambda: [row["Started"] for row in self.first.config.select(config.DEVICE)].count("") == 1, "its word")
+
+    def test_a_daemon_that_is_started_anew_is_no_trouble(self):
+        """Also one that was stopped near the end: it has the time-out to be back."""
+        process = self.start(settle=0.2, steps=[self.first])
+        self.stopOne(process)
+        coming = {**self.STOPPED, "Started": devices.utc(), "Reason": ""}
+        for columns in (coming, {**coming, "InStep": 1}, {"Started": coming["Started"]}):
+            time.sleep(0.2)  # longer than it settles, all in all
+            self.assertIsNone(process.poll())
+            self.first.devices.behave = lambda name, number, columns=columns: columns if name == "a0" else {}
+        self.assertEqual(self.end(process, OK)[0], [(1, "confirmed")])
+        self.assertEqual(self.first.policies(), ["DROP"])
+
+    def test_one_that_stays_away_is(self):
+        process = self.start(settle=0.2, timeout=1, steps=[self.first])
+        self.stopOne(process)
+        events, told = self.end(process, WENT_BACK)
+        self.assertEqual((events, self.first.policies()), ([(1, "trouble"), (1, "went_back")], []))
+        self.assertEqual(self.textOf(told, "trouble"), "a0 does not apply it any more: the daemon was stopped")
 
     def test_interrupted_it_goes_back(self):
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
@@ -158,7 +185,7 @@ class Rollout(Case):
         process.kill()
         process.communicate()
         (trial,) = self.first.trials()
-        self.assertEqual((trial["Change"], trial["Seconds"]), (1, 3 * 20 + 60 + 5))
+        self.assertEqual((trial["Change"], trial["Seconds"]), (1, 5 * 20 + 60 + 5))
         self.assertEqual(self.second.policies(), [])
         self.refused(CONFLICT, "waits to be confirmed", "rollout", self.file, "--step", f"@unix:{self.first.socket}",
                      command=[MOATCTL])

@@ -170,26 +170,25 @@ Device named(const std::string& name, std::int32_t number)
     return device;
 }
 
-TEST(Losses, WhatWasInForceMustStayEachOtherMayChange)
+TEST(DeviceWatch, WhatWasInForceMustStayEachOtherMayChange)
 {
     Device off = named("d", 7);
     off.started.clear();
     const std::vector<Device> before{named("a", 7), named("b", 6), off};
     std::vector<Device> now = before;
-    const auto losses = [&](std::int32_t change) {
-        return lossesSince(standing(before, at(7)), standing(now, at(7)), change);
-    };
-    EXPECT_TRUE(losses(7).empty());
+    DeviceWatch watch(standing(before, at(7)), 7);
+    const auto isFine = [&] { return watch.look(standing(now, at(7))).empty() && watch.away().empty(); };
+    EXPECT_TRUE(isFine());
     now[1].number = 5;
     now[2] = named("d", 7);
-    EXPECT_TRUE(losses(7).empty()) << "those did not have it";
+    EXPECT_TRUE(isFine()) << "those did not have it";
     now.push_back(named("f", 7));
-    EXPECT_TRUE(losses(7).empty());
+    EXPECT_TRUE(isFine());
     now[0].number = 8;
-    EXPECT_TRUE(losses(7).empty()) << "a later change includes it";
+    EXPECT_TRUE(isFine()) << "a later change includes it";
 }
 
-TEST(Losses, EachIsToldByName)
+TEST(DeviceWatch, EachIsToldByName)
 {
     Reference reference = at(7);
     reference.heartbeat = 60s;
@@ -204,10 +203,42 @@ TEST(Losses, EachIsToldByName)
     now[3].started.clear();
     now[4].notInForceCount = 2;
     now.pop_back();
-    EXPECT_EQ(lossesSince(standing(before, reference), standing(now, reference), 7),
-              (std::vector<std::string>{"a does not have it in force any more", "b is not in step: no rights",
-                                        "c is silent for 3 min 20 s", "d does not apply it any more",
-                                        "e refuses 2 lines more", "g has no row any more"}));
+    DeviceWatch watch(standing(before, reference), 7);
+    EXPECT_EQ(
+        watch.look(standing(now, reference)),
+        (std::vector<std::string>{"a does not have it in force any more", "b is not in step: no rights",
+                                  "c is silent for 3 min 20 s", "e refuses 2 lines more", "g has no row any more"}));
+    EXPECT_EQ(watch.away(), std::vector<std::string>{"d does not apply it any more"});
+}
+
+TEST(DeviceWatch, ADaemonThatIsStartedAnewIsAwayUntilItHasTheChange)
+{
+    std::vector<Device> devices{named("a", 7)};
+    DeviceWatch watch(standing(devices, at(7)), 7);
+    const auto look = [&] { return watch.look(standing(devices, at(7))); };
+    for (const char* started : {"2026-11-22T00:00:01.000Z", "2026-11-22T00:00:02.000Z"}) {
+        devices[0] = named("a", -1);
+        devices[0].inStep = false;
+        devices[0].reason = "the daemon was stopped";
+        devices[0].started.clear();
+        EXPECT_TRUE(look().empty());
+        EXPECT_EQ(watch.away(), std::vector<std::string>{"a does not apply it any more: the daemon was stopped"});
+        devices[0].started = started;
+        devices[0].reason.clear();
+        EXPECT_TRUE(look().empty());
+        EXPECT_EQ(watch.away(), std::vector<std::string>{"a is not in step"});
+        devices[0].inStep = true;
+        EXPECT_TRUE(look().empty());
+        EXPECT_EQ(watch.away(), std::vector<std::string>{"a does not have it in force any more"});
+        devices[0].number = 7;
+        EXPECT_TRUE(look().empty());
+        EXPECT_TRUE(watch.away().empty());
+    }
+    devices[0].inStep = false;
+    EXPECT_EQ(look(), std::vector<std::string>{"a is not in step"}) << "it was back";
+    devices[0] = named("a", 7);
+    devices[0].started = "2026-11-22T00:00:03.000Z";
+    EXPECT_EQ(look(), std::vector<std::string>{"a was started 3 times"});
 }
 
 TEST(Quorum, AllANumberOrAPercentage)
