@@ -54,8 +54,10 @@ Endpoint parseOne(std::string_view text)
         return parseRemote(Kind::Tcp, after("tcp:"), text);
     if (text.starts_with("ssl:"))
         return parseRemote(Kind::Tls, after("ssl:"), text);
-    const std::string_view path = text.starts_with("unix:") ? after("unix:") : text;
-    if (path.empty())
+    const bool isNamed = text.starts_with("unix:");
+    const std::string_view path = isNamed ? after("unix:") : text;
+    // Whoever leaves the kind out means a host.
+    if (path.empty() || (!isNamed && path.find('/') == path.npos && path.find(':') != path.npos))
         refuse(text);
     return {.kind = Kind::Local, .path = std::string(path)};
 }
@@ -85,7 +87,7 @@ std::vector<Endpoint> parseEndpoints(const std::string& text)
         const std::size_t end = std::min(text.find(',', begin), text.size());
         const std::string_view word = std::string_view(text).substr(begin, end - begin);
         if (!namesAKind(word))
-            refuse(word);
+            refuse(word.empty() ? text : word);
         Endpoint endpoint = parseOne(word);
         if (std::ranges::find(endpoints, endpoint) != endpoints.end())
             throw Mistake(text::inQuotes(word) + ": named twice, expected different servers");

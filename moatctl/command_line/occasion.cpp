@@ -1,5 +1,6 @@
 #include "moatctl/command_line/occasion.hpp"
 
+#include "moatctl/command_line/settings.hpp"
 #include "text/one_line.hpp"
 
 #include <algorithm>
@@ -38,6 +39,13 @@ std::string quoted(std::string_view word)
     for (const char c : word)
         text += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return text + '\'';
+}
+
+// The server, whose history it goes into, and how it is reached.
+bool saysHowToReach(std::string_view option)
+{
+    return option.starts_with("--") &&
+           std::ranges::find(allSettings(), option.substr(2), &Setting::key) != allSettings().end();
 }
 
 std::string userName()
@@ -80,8 +88,14 @@ pid_t parentOf(pid_t process)
 std::string commandLine(int argc, const char* const* argv)
 {
     std::string line;
-    for (int i = 1; i < argc; ++i)
-        line += (i > 1 ? " " : "") + quoted(argv[i]);
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view word = argv[i];
+        const std::string_view name = word.substr(0, word.find('='));
+        if (saysHowToReach(name))
+            i += name == word ? 1 : 0; // its value is the next word
+        else
+            line += (line.empty() ? "" : " ") + quoted(word);
+    }
     return text::oneLine(line, longestVerb);
 }
 

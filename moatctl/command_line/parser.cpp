@@ -81,18 +81,19 @@ Parser::Parser(Program& program) : m_root(rootOf(program, false))
               program.access.insecureTcp);
     root.option("--settings", "FILE", "File of settings, instead of the user's and the machine's",
                 program.settingsFile);
-    const Option wait = root.option("--wait", "COUNT",
-                                    "Wait until a change is in force on so many devices: all, a number, or a "
-                                    "percentage of those that count, such as 95%",
-                                    [&program](const std::string& text) {
-                                        const auto quorum = parseQuorum(text);
-                                        if (!quorum)
-                                            throw Failure(ExitStatus::BadInput,
-                                                          "--wait " + inQuotes(text) +
-                                                              ": expected all, a number of devices or a percentage");
-                                        program.quorum = *quorum;
-                                    })
-                            .defaultsTo("all");
+    const Option wait =
+        root.option("--wait", "COUNT",
+                    "Wait until a change is in force on so many devices: all, a number, or a "
+                    "percentage of those that count, such as 95%",
+                    [&program](const std::string& text) {
+                        const auto quorum = parseQuorum(text);
+                        if (!quorum)
+                            throw Failure(ExitStatus::BadInput,
+                                          "--wait " + inQuotes(text) +
+                                              ": expected all, a number of devices or a percentage of them, from 1");
+                        program.quorum = *quorum;
+                    })
+            .defaultsTo("all");
     root.flag("--no-wait", "Change rows without waiting until the change is in force", program.noWait).excludes(wait);
 }
 

@@ -70,7 +70,7 @@ class Tcp(Folder):
 
     def test_endpoints_that_are_none(self):
         for text in ("tcp:", "tcp:host", "tcp::6640", "tcp:host:0", "tcp:host:65536", "tcp:host:x", "tcp:::1:6640",
-                     "ssl:a b:1", "ssl:[::1:1", "unix:", "tcp:a:1,", "tcp:a:1,/tmp/b", "tcp:a:1,udp:b:1"):
+                     "host:6640", "https:host:6640", "ssl:a b:1", "ssl:[::1:1", "unix:", "tcp:a:1,", "tcp:a:1,/tmp/b", "tcp:a:1,udp:b:1"):
             self.refused(BAD_INPUT, "^moatctl: --server .*: expected unix:PATH, tcp:HOST:PORT or ssl:", "--server", text, "show")
         self.refused(BAD_INPUT, "named twice", "--server", "tcp:a:1,tcp:b:1,tcp:a:1", "show")
 

@@ -37,6 +37,8 @@ TEST(EndpointTest, WhatIsNoneIsRefusedByItsName)
         EXPECT_THROW(parseEndpoints(text), Mistake) << text;
     EXPECT_THAT([] { parseEndpoints("ssl:a:1,ssl:h\033:1"); },
                 testing::ThrowsMessage<Mistake>(testing::StartsWith("\"ssl:h\\x1b:1\": expected unix:PATH")));
+    EXPECT_THAT([] { parseEndpoints("ssl:a:1,"); },
+                testing::ThrowsMessage<Mistake>(testing::HasSubstr("\"ssl:a:1,\": expected")));
     EXPECT_THAT([] { parseEndpoints("ssl:a:1,ssl:a:1"); },
                 testing::ThrowsMessage<Mistake>(testing::HasSubstr("named twice")));
 }
