@@ -62,20 +62,23 @@ class Authority:
 
     def issue(self, name, names=LOOPBACK, expires=None):
         """An Identity called `name` (CN). names: what its server is reached by, such as "DNS:centre-1.example" or
-        "IP:192.0.2.1". expires: in how many seconds, less than 0 for one that has; else it holds for a month."""
+        "IP:192.0.2.1". expires: in how many seconds, less than 0 for one that has; else it holds for a month.
+        Takes the place of an earlier one of that name, for programs that look at its files meanwhile: a server looks
+        again only at a file whose time in seconds is another one."""
         extensions = ["basicConstraints = critical, CA:FALSE", "keyUsage = critical, digitalSignature"]
         if names:
             extensions.append(f"subjectAltName = {','.join(names)}")
-        key, certificate = self._make(name, extensions, ["-CA", self.certificate, "-CAkey", self._key])
+        made = self._make(name, extensions, ["-CA", self.certificate, "-CAkey", self._key], file=f"{name}.new")
         if expires is not None:
-            self._setEnd(key, certificate, time.time() + expires)
+            self._setEnd(*made, time.time() + expires)
+        key, certificate = (path.rename(self._file(name, path.suffix[1:])) for path in made)
         return Identity(key, certificate, self.certificate)
 
     def _file(self, name, ending):
         return self._folder / f"{name}.{ending}"
 
-    def _make(self, name, extensions, signed=()):
-        key, certificate, request = (self._file(name, ending) for ending in ("key", "pem", "request"))
+    def _make(self, name, extensions, signed=(), file=None):
+        key, certificate, request = (self._file(file or name, ending) for ending in ("key", "pem", "request"))
         request.write_text(_REQUEST.format(name=name, extensions="\n".join(extensions)), encoding="utf-8")
         _openssl("req", "-x509", "-config", request, "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
                  "-noenc", "-keyout", key, "-out", certificate, "-days", "30", *signed)

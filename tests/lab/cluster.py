@@ -42,11 +42,13 @@ def freePort(address="127.0.0.1"):
 class Cluster:
     """The servers are numbered from 0; the first one is the first leader."""
 
-    def __init__(self, folder, schemas=(SCHEMA,), count=3, identity=None, address="127.0.0.1", remotes=(), options=()):
+    def __init__(self, folder, schemas=(SCHEMA,), count=3, identity=None, remotes=(), options=(), hosts=()):
         """schemas: files; the servers have a database of each. identity: of lab.certificates, for all servers; with
-        it the endpoints are ssl: ones. remotes, options: of each ovsdb-server besides."""
+        it the endpoints are ssl: ones. remotes, options: of each ovsdb-server besides. hosts: for each server, if each
+        has a network of its own, its address and the words that come before a command there."""
         self._folder = pathlib.Path(folder)
-        self._identity, self._address = identity, address
+        self._identity = identity
+        self._hosts = hosts or [("127.0.0.1", [])] * count
         self._remotes, self._options = remotes, options
         self._databases = [json.loads(pathlib.Path(schema).read_text(encoding="utf-8"))["name"] for schema in schemas]
         self._endpoints = [self._place(number, "socket") for number in range(count)]
@@ -66,7 +68,8 @@ class Cluster:
 
     def _place(self, number, name):
         if self._identity:
-            return f"ssl:{self._address}:{freePort(self._address)}"
+            address, elsewhere = self._hosts[number]
+            return f"ssl:{address}:{freePort() if elsewhere else freePort(address)}"
         return f"unix:{self.file(number, name)}"
 
     def file(self, number, name):
@@ -84,7 +87,7 @@ class Cluster:
     def start(self, number):
         """Starts the server that does not run, and waits until it listens; it need not be a member again yet."""
         remote = f"punix:{self.file(number, 'socket')}"
-        words = ["ovsdb-server", "-vconsole:warn", "-vsyslog:off", "--no-chdir", f"--remote={remote}",
+        words = [*self._hosts[number][1], "ovsdb-server", "-vconsole:warn", "-vsyslog:off", "--no-chdir", f"--remote={remote}",
                  f"--unixctl={self.file(number, 'control')}"]
         if self._identity:
             _, host, port = self._endpoints[number].split(":")

@@ -8,12 +8,13 @@ from lab import waiting
 USER_CHAINS = ("UserInputRules", "UserInputPolicy", "UserForwardRules", "UserForwardPolicy")
 
 
-def readTables():
-    """{chain: [policy, rule, ...]}, each rule as `ebtables-save` writes it, without "-A CHAIN".
+def readTables(elsewhere=()):
+    """{chain: [policy, rule, ...]}, each rule as `ebtables-save` writes it, without "-A CHAIN". elsewhere: the words before a
+    command in another namespace.
 
     Built-in chains that nobody has touched yet are not in its output, but in the result.
     """
-    saved = subprocess.run(["ebtables-save"], check=True, capture_output=True, text=True).stdout
+    saved = subprocess.run([*elsewhere, "ebtables-save"], check=True, capture_output=True, text=True).stdout
     chains = untouched()
     for line in saved.splitlines():
         if line.startswith(":"):

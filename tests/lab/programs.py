@@ -16,12 +16,13 @@ SCHEMA = os.path.realpath(os.path.join(os.path.dirname(__file__), "../../schema/
 class Program:
     """One process; its output goes to a file. Killed with the script, should that end without stop()."""
 
-    def __init__(self, arguments, logPath, environment=None):
-        self.logPath = logPath
+    def __init__(self, arguments, logPath, environment=None, group=False):
+        """group: what it has started ends with it when it is stopped."""
+        self.logPath, self._group = logPath, group
         with open(logPath, "wb") as log:
             self._process = subprocess.Popen(
                 arguments, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
-                env={**os.environ, **(environment or {})},
+                env={**os.environ, **(environment or {})}, start_new_session=group,
                 preexec_fn=sandbox.dieWithParent)
 
     @property
@@ -34,7 +35,10 @@ class Program:
     def stop(self, number=signal.SIGTERM, seconds=10):
         """Sends the signal and waits for the end; the exit status, negative after death by a signal."""
         if self.isRunning():
-            self._process.send_signal(number)
+            if self._group:
+                os.killpg(self.pid, number)
+            else:
+                self._process.send_signal(number)
         try:
             return self._process.wait(seconds)
         except subprocess.TimeoutExpired:
