@@ -252,7 +252,7 @@ class Rollout(Case):
                 ([self.file, "--step", step, "--step", step], "expected each step once"),
                 ([self.file, "--step", "@ssl:host"], '--step "@ssl:host": '),
                 ([self.file, "--step", step, "--settle", "-1"], "--settle"),
-                ([self.file, "--step", step, "--settle", "43201"], "--settle"),
+                ([self.file, "--step", step, "--settle", "43201"], "--settle \"43201\": expected seconds, from 0 to 43200"),
                 ([self.file, "--step", step, "--no-wait"], "--no-wait: a rollout waits"),
                 ([self.file, "--step", step, "--batch", "--replace"], "--replace: expected a file as export writes it"),
                 ([self.file, "--step", step, "--keep", "--dry-run"], "--dry-run|--keep"),
