@@ -36,8 +36,8 @@ FLEETS = int(os.environ.get("MOATKEEPER_FLEETS", "1"))
 SEED = int(os.environ.get("MOATKEEPER_SEED", str(time.time_ns() // 1_000_000 % 1_000_000)))
 # Ten is what is promised; one fleet among a hundred other tests has less of the processor.
 LIMIT = float(os.environ.get("MOATKEEPER_FLEET_LIMIT", "10" if FLEETS > 1 else "25"))
-# A relay leaves a server that is silent after two times five seconds, and goes to another one then.
-SILENT = 5
+# A relay leaves a server that is silent after two times five seconds; from then on it is as with one that has told its end.
+SILENT = 10
 DEVICES, ADMINISTRATORS, CHANGES = 3, ("alice", "bob"), 1000
 KEPT = 4  # rows of each administrator, about
 FIRST = 100_000  # Id; administrators get the next ones, below are those of the test's own rules
