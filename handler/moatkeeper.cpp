@@ -1,12 +1,11 @@
 #include "handler/moatkeeper.hpp"
 
-#include "handler/debug_mode.hpp"
 #include "handler/fixed_lines.hpp"
 #include "handler/passed_over.hpp"
 #include "handler/priority_order.hpp"
+#include "handler/reading.hpp"
 #include "handler/rows_from_values.hpp"
 #include "platform/action_queue.hpp"
-#include "platform/config_reader.hpp"
 
 #include <exception>
 #include <optional>
@@ -24,38 +23,8 @@ unsigned char g_debugMode = 0;
 namespace
 {
 
-constexpr const char* label = "moatkeeper";
-
-const std::string mainTable = "MoatKeeper";
-const std::string inputPolicyTable = "MoatKeeperInputPolicy";
-const std::string forwardingPolicyTable = "MoatKeeperForwardingPolicy";
-const std::string rulesetTable = "MoatKeeperRuleset";
-const std::string filtersTable = "MoatKeeperBridgeFilters";
-const std::string filterRulesTable = "MoatKeeperBridgeFilterRules";
-
 // What the filter look-ups give for an id that no filter has.
 constexpr const char* noFilter = "FAILED";
-
-// A source that cannot deliver the table leaves the count at 0.
-std::uint32_t rowCount(IConfigReader& source, const std::string& tableName)
-{
-    std::uint32_t count = 0;
-    source.getRowCount(tableName, count);
-    return count;
-}
-
-// The row that was read, as rows_from_values.hpp takes it. Its texts live as long as the values stay as they are.
-struct RowRead {
-    const tessera::ValueList& values;
-
-    std::int32_t integer(std::string_view column) const { return values.getValue(column).getInteger(); }
-    const std::string& text(std::string_view column) const { return values.getValue(column).getText(); }
-};
-
-bool CompareRulePrio(const EtherRule& a, const EtherRule& b)
-{
-    return comesBeforeAsRule(a.rulePrio(), b.rulePrio());
-}
 
 bool CompareFilterPrio(const BridgeFilter& a, const BridgeFilter& b)
 {
@@ -174,46 +143,6 @@ void moatkeeper::setDebugMode(bool on)
     m_debugMode = on;
 }
 
-int moatkeeper::ReadMoatKeeperRuleset(IConfigReader& source)
-{
-    LogTrace(210, "ReadMoatKeeperRuleset");
-    if (g_debugMode)
-        LogInfo(216, VAStr("%s: will read all MoatKeeperRules from Database", "ReadMoatKeeperRuleset"));
-
-    const std::list<EtherRule> previous = std::exchange(m_rules, {});
-
-    tessera::ValueList values;
-    tessera::NameList names;
-    const std::uint32_t count = rowCount(source, rulesetTable);
-    for (std::uint32_t row = 0; row < count; ++row) {
-        values.clear();
-        source.readRow(rulesetTable, row, names, values);
-        const RuleRow rule = ruleRow(RowRead{values});
-        const std::optional<Unusable> why = whyPassedOver(rule);
-        if (why == Unusable::Disabled) {
-            if (g_debugMode)
-                LogInfo(263,
-                        VAStr("%s: ignore Rule Id %d because rule is disabled.", "ReadMoatKeeperRuleset", rule.id));
-        } else if (why == Unusable::NoInInterface) {
-            LogWarning(252, VAStr("%s: ignore Rule Id %d because no InputInterface is specified.",
-                                  "ReadMoatKeeperRuleset", rule.id));
-        } else if (why == Unusable::PriorityZero) {
-            LogWarning(256, VAStr("%s: ignore Rule Id %d because of invalid prio", "ReadMoatKeeperRuleset", rule.id));
-        } else {
-            m_rules.emplace_back(rule.id, rule.rulePrio, rule.inInterface, rule.outInterface, rule.dstMAC, rule.srcMAC,
-                                 rule.vlanId, rule.ethertype, rule.ipSrcAddr, rule.ipDstAddr, rule.ipProto, rule.ipPort,
-                                 rule.target, rule.enableLogging);
-        }
-    }
-
-    SortRules();
-    const bool changed = RecordsDiffer(m_rules, previous, "Moatkeeper Rule", 278, "Moatkeeper Rule", 281);
-    if (g_debugMode)
-        LogInfo(289, VAStr("%s: will return %d", "ReadMoatKeeperRuleset", changed));
-    m_rulesChanged = changed;
-    return changed;
-}
-
 int moatkeeper::ReadMoatKeeperMain(IConfigReader& source)
 {
     LogTrace(300, "ReadMoatKeeperMain");
@@ -244,20 +173,16 @@ int moatkeeper::ReadMoatKeeperInputPolicy(IConfigReader& source)
 {
     LogTrace(335, "ReadMoatKeeperInputPolicy");
 
-    const std::list<InputPolicy> previous = std::exchange(m_inputPolicies, {});
+    std::list<InputPolicy> previous = std::exchange(m_inputPolicies, {});
 
-    tessera::ValueList values;
-    tessera::NameList names;
-    const std::uint32_t count = rowCount(source, inputPolicyTable);
-    for (std::uint32_t row = 0; row < count; ++row) {
-        values.clear();
-        source.readRow(inputPolicyTable, row, names, values);
-        const InputPolicyRow policy = inputPolicyRow(RowRead{values});
+    readRows(source, inputPolicyTable, [this](const RowRead& values) {
+        const InputPolicyRow policy = inputPolicyRow(values);
         if (!whyPassedOver(policy))
             m_inputPolicies.emplace_back(policy.id, policy.interface, policy.policy, policy.enableLogging);
-    }
+    });
 
-    m_inputPolicyChanged = RecordsDiffer(m_inputPolicies, previous, "Input Policy ", 368, "Input Policy ", 371);
+    m_inputPolicyChanged =
+        RecordsDiffer(m_inputPolicies, std::move(previous), "Input Policy ", 368, "Input Policy ", 371);
     return m_inputPolicyChanged;
 }
 
@@ -265,22 +190,17 @@ int moatkeeper::ReadMoatKeeperForwardingPolicy(IConfigReader& source)
 {
     LogTrace(388, "ReadMoatKeeperForwardingPolicy");
 
-    const std::list<ForwardingPolicy> previous = std::exchange(m_forwardingPolicies, {});
+    std::list<ForwardingPolicy> previous = std::exchange(m_forwardingPolicies, {});
 
-    tessera::ValueList values;
-    tessera::NameList names;
-    const std::uint32_t count = rowCount(source, forwardingPolicyTable);
-    for (std::uint32_t row = 0; row < count; ++row) {
-        values.clear();
-        source.readRow(forwardingPolicyTable, row, names, values);
-        const ForwardingPolicyRow policy = forwardingPolicyRow(RowRead{values});
+    readRows(source, forwardingPolicyTable, [this](const RowRead& values) {
+        const ForwardingPolicyRow policy = forwardingPolicyRow(values);
         if (!whyPassedOver(policy))
             m_forwardingPolicies.emplace_back(policy.id, policy.inInterface, policy.outInterface, policy.policy,
                                               policy.enableLogging);
-    }
+    });
 
     m_forwardingPolicyChanged =
-        RecordsDiffer(m_forwardingPolicies, previous, "Forwarding Policy", 422, "Forwarding Policy ", 425);
+        RecordsDiffer(m_forwardingPolicies, std::move(previous), "Forwarding Policy", 422, "Forwarding Policy ", 425);
     return m_forwardingPolicyChanged;
 }
 
@@ -292,13 +212,8 @@ int moatkeeper::ReadMoatKeeperFilters(IConfigReader& source)
 
     m_previousFilters = std::exchange(m_filters, {});
 
-    tessera::ValueList values;
-    tessera::NameList names;
-    const std::uint32_t count = rowCount(source, filtersTable);
-    for (std::uint32_t row = 0; row < count; ++row) {
-        values.clear();
-        source.readRow(filtersTable, row, names, values);
-        const FilterRow filter = filterRow(RowRead{values});
+    readRows(source, filtersTable, [this](const RowRead& values) {
+        const FilterRow filter = filterRow(values);
         const std::optional<Unusable> why = whyPassedOver(filter);
         if (why == Unusable::Disabled) {
             if (g_debugMode)
@@ -314,7 +229,7 @@ int moatkeeper::ReadMoatKeeperFilters(IConfigReader& source)
             m_filters.emplace_back(filter.id, filter.mode, filter.inInterface, filter.outInterface,
                                    filter.matchCriteria, filter.prio);
         }
-    }
+    });
 
     SortFilters();
     const bool changed =
@@ -331,15 +246,10 @@ int moatkeeper::ReadMoatKeeperFilterRules(IConfigReader& source)
     if (g_debugMode)
         LogInfo(527, VAStr("%s: will read all MoatKeeperBridgeFilterRules from Database", "ReadMoatKeeperFilterRules"));
 
-    const std::list<BridgeFilterRule> previous = std::exchange(m_filterRules, {});
+    std::list<BridgeFilterRule> previous = std::exchange(m_filterRules, {});
 
-    tessera::ValueList values;
-    tessera::NameList names;
-    const std::uint32_t count = rowCount(source, filterRulesTable);
-    for (std::uint32_t row = 0; row < count; ++row) {
-        values.clear();
-        source.readRow(filterRulesTable, row, names, values);
-        const FilterRuleRow rule = filterRuleRow(RowRead{values});
+    readRows(source, filterRulesTable, [this](const RowRead& values) {
+        const FilterRuleRow rule = filterRuleRow(values);
         const std::optional<Unusable> why = whyPassedOver(rule, IsFilterValid(rule.filterId));
         if (why == Unusable::Disabled) {
             if (g_debugMode)
@@ -355,35 +265,13 @@ int moatkeeper::ReadMoatKeeperFilterRules(IConfigReader& source)
             m_filterRules.emplace_back(rule.id, GetFilterMode(rule.filterId), GetFilterChainName(rule.filterId),
                                        GetFilterMatchCriteria(rule.filterId), rule.filterMatch);
         }
-    }
+    });
 
     const bool changed =
-        RecordsDiffer(m_filterRules, previous, "Moatkeeper Filterrule", 584, "Moatkeeper Filterrule", 587);
+        RecordsDiffer(m_filterRules, std::move(previous), "Moatkeeper Filterrule", 584, "Moatkeeper Filterrule", 587);
     if (g_debugMode)
         LogInfo(595, VAStr("%s: will return %d", "ReadMoatKeeperFilterRules", changed));
     m_filterRulesChanged = changed;
-    return changed;
-}
-
-template <typename Records>
-bool moatkeeper::RecordsDiffer(const Records& current, const Records& previous, const char* equalName, int equalLine,
-                               const char* changedName, int changedLine) const
-{
-    if (current.size() != previous.size())
-        return true;
-
-    bool changed = false;
-    auto before = previous.begin();
-    for (const auto& record : current) {
-        if (record != *before) {
-            changed = true;
-            if (g_debugMode)
-                LogInfo(changedLine, VAStr("%s ID %d has changed", changedName, record.id()));
-        } else if (g_debugMode) {
-            LogInfo(equalLine, VAStr("%s ID %d is equal", equalName, record.id()));
-        }
-        ++before;
-    }
     return changed;
 }
 
@@ -418,24 +306,6 @@ std::string moatkeeper::GetFilterMatchCriteria(std::int32_t id) const
 {
     const BridgeFilter* filter = FindFilter(id);
     return filter != nullptr ? filter->matchCriteria() : noFilter;
-}
-
-void moatkeeper::SortRules()
-{
-    if (g_debugMode)
-        LogInfo(658, VAStr("%s: will sort rules acording their prio!", "SortRules"));
-
-    m_rules.sort(CompareRulePrio);
-
-    if (!g_debugMode)
-        return;
-    if (m_rules.empty()) {
-        LogInfo(671, VAStr("%s:no MoatKeeperRules found", "SortRules"));
-        return;
-    }
-    LogInfo(664, VAStr("%s: sorted rules according the following priority:", "SortRules"));
-    for (const EtherRule& rule : m_rules)
-        LogInfo(668, VAStr("%s: Rule %d", "SortRules", rule.id()));
 }
 
 void moatkeeper::SortFilters()

@@ -56,9 +56,10 @@ private:
     std::string GetFilterMode(std::int32_t id) const;
     std::string GetFilterMatchCriteria(std::int32_t id) const;
 
-    // Compares two lists position by position, logging each position with what it holds in debug mode.
+    // Compares two lists position by position, logging each position with what it holds in debug mode. The earlier one
+    // is used up.
     template <typename Records>
-    bool RecordsDiffer(const Records& current, const Records& previous, const char* equalName, int equalLine,
+    bool RecordsDiffer(const Records& current, Records previous, const char* equalName, int equalLine,
                        const char* changedName, int changedLine) const;
 
     void Init();
