@@ -10,7 +10,6 @@
 #include <string>
 #include <string_view>
 #include <utility>
-#include <variant>
 #include <vector>
 
 namespace tessera
@@ -21,57 +20,51 @@ class Value
 {
 public:
     Value() = default;
-    explicit Value(std::int32_t integer) : m_value(integer) {}
-    explicit Value(std::string text) : m_value(std::move(text)) {}
+    explicit Value(std::int32_t integer) : m_integer(integer) {}
+    explicit Value(std::string text) : m_text(std::move(text)), m_isText(true) {}
 
-    std::int32_t getInteger() const
-    {
-        const std::int32_t* integer = std::get_if<std::int32_t>(&m_value);
-        return integer != nullptr ? *integer : 0;
-    }
+    std::int32_t getInteger() const { return m_integer; }
 
     // The reference lives as long as this value.
-    const std::string& getText() const
-    {
-        static const std::string empty;
-        const std::string* text = std::get_if<std::string>(&m_value);
-        return text != nullptr ? *text : empty;
-    }
+    const std::string& getText() const { return m_text; }
 
-    bool isText() const { return std::holds_alternative<std::string>(m_value); }
+    bool isText() const { return m_isText; }
 
     bool operator==(const Value&) const = default;
 
 private:
-    std::variant<std::int32_t, std::string> m_value;
+    // The other kind stays as it was made: 0, or empty.
+    std::string m_text;
+    std::int32_t m_integer = 0;
+    bool m_isText = false;
 };
 
 // Column names in the order in which the source delivers them.
 using NameList = std::vector<std::string>;
 
-// The values of one row by column name. A row has few columns, so look-up is a walk; a list that is filled for one row
-// after the other with the same columns does without it.
+// The values of one row by column name. A row has few columns, so look-up is a walk; who fills or reads one row after
+// the other, each with the same columns in the same order, does without it.
 class ValueList
 {
 public:
     // Forgets all values. References that getValue gave become invalid.
     void clear() { m_count = 0; }
 
-    void setValue(std::string_view columnName, const Value& value)
+    void setValue(std::string_view columnName, Value value)
     {
         // All names are different, those left over from before clear as well.
         if (m_count < m_values.size() && m_values[m_count].first == columnName) {
-            m_values[m_count++].second = value;
+            m_values[m_count++].second = std::move(value);
             return;
         }
         for (auto& [name, held] : values()) {
             if (name == columnName) {
-                held = value;
+                held = std::move(value);
                 return;
             }
         }
         m_values.resize(m_count);
-        m_values.emplace_back(columnName, value);
+        m_values.emplace_back(columnName, std::move(value));
         ++m_count;
     }
 
@@ -79,7 +72,9 @@ public:
     const Value& getValue(std::string_view columnName) const
     {
         static const Value missing;
-        for (const auto& [name, value] : values()) {
+        for (std::size_t walked = 0; walked < m_count; ++walked) {
+            m_next = m_next < m_count ? m_next : 0;
+            const auto& [name, value] = m_values[m_next++];
             if (name == columnName)
                 return value;
         }
@@ -89,19 +84,18 @@ public:
     // Sets names to the columns that have a value, in the order in which they got their first.
     void getNames(NameList& names) const
     {
-        names.clear();
-        names.reserve(m_count);
-        for (const auto& [name, value] : values())
-            names.push_back(name);
+        names.resize(m_count);
+        for (std::size_t i = 0; i < m_count; ++i)
+            names[i] = m_values[i].first;
     }
 
 private:
     using Named = std::pair<std::string, Value>;
     std::span<Named> values() { return std::span(m_values).first(m_count); }
-    std::span<const Named> values() const { return std::span(m_values).first(m_count); }
 
     std::vector<Named> m_values; // of which the first m_count are held
     std::size_t m_count = 0;
+    mutable std::size_t m_next = 0; // where getValue begins to look: after what it found last
 };
 
 } // namespace tessera

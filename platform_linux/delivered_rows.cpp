@@ -99,12 +99,11 @@ ConfigStatus DeliveredRows::readRow(const std::string& tableName, std::uint32_t 
     const auto view = m_views.find(tableName);
     if (view == m_views.end() || rowIndex >= view->second.rows.size())
         return {.ok = false, .text = "table \"" + tableName + "\" has no row " + std::to_string(rowIndex)};
-    const schema::Table& table = *schema::findTable(tableName);
     const ovsdb::Row& row = rowsOf(tableName)[view->second.rows[rowIndex]];
-    values.clear();
-    for (std::size_t i = 0; i < table.columns.size(); ++i)
-        values.setValue(table.columns[i].name, row.values[i]);
     names = view->second.columns;
+    values.clear();
+    for (std::size_t i = 0; i < names.size(); ++i)
+        values.setValue(names[i], row.values[i]);
     return {};
 }
 
