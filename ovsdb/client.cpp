@@ -103,25 +103,12 @@ public:
                 continue;
             }
             if (answer.error == "canceled") { // by a relay that has lost its own server, which may have done it
-                m_link.reset();
-                throw ConnectionError("the server has lost sight of \"" + std::string(method) + "\"");
+                const std::string server = std::exchange(m_link, {})->server;
+                throw ConnectionError(server + " has lost the server behind it before that has answered");
             }
             if (answer.error)
-                throw RequestError("the server refused \"" + std::string(method) + "\": ", *answer.error);
+                throw RequestError("the server refused \"" + std::string(method) + "\": " + *answer.error);
             return answer.result;
-        }
-    }
-
-    Json transact(Json params, std::size_t operations)
-    {
-        // A relay's word for a transaction that it has passed on when it lost its own server.
-        constexpr std::string_view lost = "canceled";
-        try {
-            return call("transact", std::move(params), operations);
-        } catch (const RequestError& error) {
-            if (error.reason() != lost)
-                throw;
-            throw ConnectionError(m_link->server + " has lost the server behind it before that has answered");
         }
     }
 
@@ -460,7 +447,7 @@ TransactionResult Client::transact(const std::vector<Json>& operations)
     Json::Array params{Json(m_state->databaseName())};
     params.insert(params.end(), operations.begin(), operations.end());
     m_state->makeSure();
-    const Json reply = m_state->transact(std::move(params), operations.size());
+    const Json reply = m_state->call("transact", std::move(params), operations.size());
     const Json::Array* results = reply.asArray();
     if (results == nullptr || results->size() < operations.size() || results->size() > operations.size() + 1)
         throw ProtocolError("the server answered a transaction by another number of results than operations");

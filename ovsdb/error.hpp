@@ -57,11 +57,7 @@ public:
 class RequestError : public Error
 {
 public:
-    RequestError(const std::string& what, const std::string& reason) : Error(what + reason), m_reason(reason) {}
-    const std::string& reason() const { return m_reason; } // as the server said it
-
-private:
-    std::string m_reason;
+    using Error::Error;
 };
 
 } // namespace ovsdb

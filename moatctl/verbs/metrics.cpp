@@ -143,15 +143,16 @@ void writeKernel(OpenMetrics& metrics, const View& view, bool here)
     if (const auto count = here ? transactions() : std::nullopt)
         metrics.sample({}, std::uint64_t{*count});
     std::string unused;
-    const std::optional<CommitTime> commit = here ? lastCommit(unused) : std::nullopt;
-    const bool isKnown = commit && *commit != CommitTime();
+    const CommitTime never;
+    const CommitTime commit = here ? lastCommit(unused).value_or(never) : never;
+    const bool isKnown = commit != never;
     metrics.begin("moatkeeper_last_commit_timestamp_seconds", Type::Gauge, "seconds",
                   "When the daemon last changed the kernel's tables.");
     if (isKnown)
-        metrics.sample({}, since1970(*commit));
+        metrics.sample({}, since1970(commit));
     metrics.begin("moatkeeper_last_commit_age_seconds", Type::Gauge, "seconds", "How long ago that was.");
     if (isKnown)
-        metrics.sample({}, since1970(std::chrono::system_clock::now()) - since1970(*commit));
+        metrics.sample({}, since1970(std::chrono::system_clock::now()) - since1970(commit));
 }
 
 // What each device says of itself. A daemon that was stopped, or has not been heard of, says nothing.
