@@ -7,6 +7,7 @@ usage: relay_test.py CMAKE BUILD_FOLDER [unittest arguments]
 import json
 import os
 import pathlib
+import re
 import socket
 import ssl
 import subprocess
@@ -151,8 +152,11 @@ class Choice(Machine):
         kernel.waitFor(CLOSED)
         self.addCleanup(self.useIdentity, CERTIFICATES["device"])
         self.useIdentity(CERTIFICATES["ended"])
+        begin = len(self.machine.readOutput())
         self.machine.run("systemctl", "restart", DEVICES)
-        waiting.until(lambda: "certificate expired" in self.machine.readOutput(), lambda: self.machine.readOutput()[-3000:], 20)
+        # The relay may see only that the connection is closed; the door says that it has refused somebody.
+        waiting.until(lambda: re.search("certificate (expired|verify failed)", self.machine.readOutput()[begin:]),
+                      lambda: self.machine.readOutput()[-3000:], 20)
         self.ruleCentrally("ACCEPT")
         self.assertEqual(kernel.readTables(), CLOSED)
         self.useIdentity(CERTIFICATES["device"])
