@@ -2,9 +2,11 @@
 
 # Sources of the calling folder that are worth their size.
 function(moatkeeper_for_speed)
+  if(NOT CMAKE_BUILD_TYPE STREQUAL "Release")
+    return()
+  endif()
   # The precompiled header is for size.
-  set_source_files_properties(${ARGN} PROPERTIES
-    COMPILE_OPTIONS $<$<CONFIG:Release>:-O2> SKIP_PRECOMPILE_HEADERS ON)
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O2 SKIP_PRECOMPILE_HEADERS ON)
 endfunction()
 
 # Whatever else is linked with these libraries takes the machine code in their objects.

@@ -11,7 +11,6 @@ namespace compiled
 namespace
 {
 
-using ebtables::Chain;
 using ebtables::Rule;
 using ebtables::Table;
 
@@ -29,7 +28,7 @@ public:
 
     // False, and nothing is added, for one that cannot stand in the place of a jump: a RETURN would leave the chain
     // that it comes to stand in.
-    bool add(const Chain& chain)
+    bool add(const ebtables::Chain& chain)
     {
         const std::size_t begin = m_result.rules.size();
         const bool isInside = !m_inside.empty();
@@ -79,7 +78,7 @@ private:
     {
         const Rule& rule = *from.rule;
         const bool isJump = !ebtables::isStandardTarget(rule.target);
-        const Chain* next = isJump && takesEveryFrame(rule) ? m_table.find(rule.target) : nullptr;
+        const ebtables::Chain* next = isJump && takesEveryFrame(rule) ? m_table.find(rule.target) : nullptr;
         if (next != nullptr && mayStandInPlace(*next) && add(*next))
             return;
         if (!rule.vlan.priority || !rule.vlan.id || rule.vlan.id->first == 0) {
@@ -97,7 +96,7 @@ private:
         m_result.rules.push_back({&m_result.made.back(), {origin, 0}});
     }
 
-    bool mayStandInPlace(const Chain& chain) const
+    bool mayStandInPlace(const ebtables::Chain& chain) const
     {
         return !ebtables::isBuiltIn(chain.name) && std::ranges::find(m_inside, chain.name) == m_inside.end();
     }
@@ -111,7 +110,7 @@ private:
 
 } // namespace
 
-FlatRules flatten(const Table& table, const Chain& chain, std::span<const RuleTag> before)
+FlatRules flatten(const Table& table, const ebtables::Chain& chain, std::span<const RuleTag> before)
 {
     Flattener flattener(table, before);
     flattener.add(chain);

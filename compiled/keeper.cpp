@@ -48,11 +48,6 @@ struct Limits {
 };
 constexpr Limits allLimits[] = {{11, true}, {8, true}, {5, true}, {1, true}, {1, false}};
 
-MaskedField whole(const Field& field)
-{
-    return {field, Bytes(field.size, 0xff)};
-}
-
 // The kernel looks a map up by its name, one name after the other: thousands of maps, as races of many classes would
 // have, take seconds. So where there are many classes, a race needs more rules.
 constexpr std::size_t fewClasses = 32;

@@ -16,11 +16,6 @@ constexpr Field ip4Fragment{Header::Network, 6, 2};
 constexpr Field lastOfIp4{Header::Network, 19, 1};
 constexpr Field lastOfIp6{Header::Network, 39, 1};
 
-MaskedField whole(const Field& field)
-{
-    return {field, Bytes(field.size, 0xff)};
-}
-
 Condition present(const Field& field)
 {
     return {Condition::Kind::Present, whole(field), {}};

@@ -41,6 +41,11 @@ struct MaskedField {
     auto operator<=>(const MaskedField&) const = default;
 };
 
+inline MaskedField whole(const Field& field)
+{
+    return {field, Bytes(field.size, 0xff)};
+}
+
 // What must hold before a step is taken; a load that fails never holds.
 struct Condition {
     enum class Kind : std::uint8_t { Present, Equal, Differs, OneOf };

@@ -12,11 +12,6 @@ namespace compiled
 namespace
 {
 
-MaskedField whole(const Field& field)
-{
-    return {field, Bytes(field.size, 0xff)};
-}
-
 class RunMaker
 {
 public:
