@@ -240,7 +240,7 @@ class Driver:
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--driver", required=True)
-    parser.add_argument("--sequences", type=int, default=300)
+    parser.add_argument("--sequences", type=int, default=150)
     parser.add_argument("--seed", type=int, default=int(time.time()))
     parser.add_argument("--each", type=int, default=10, help="in one of so many sequences each line is a process of "
                         "the tool; otherwise one takes all lines up to the next that it refuses (%(default)s)")

@@ -212,7 +212,9 @@ class Watch(threading.Thread):
                 try:
                     arrived = bridge.send(*((IN, Frame(src=mac)) for mac in (PASSED, STOPPED, POLICY)))
                 except OSError as error:
-                    if error.errno == errno.ENOBUFS or (isinstance(error, TimeoutError) and lost != framesLost()):
+                    # Before the first have passed, the links may not have been ready.
+                    if error.errno == errno.ENOBUFS or (
+                            isinstance(error, TimeoutError) and (lost != framesLost() or not self._begun.is_set())):
                         continue  # the machine has lost it on the way
                     raise
                 frames = [OUT in ports for ports in arrived]
