@@ -29,6 +29,8 @@ platform_linux/queue platform_linux platform ebtables nftables schema subprocess
 platform_linux/compiled platform_linux/queue compiled ebtables nftables
 platform_fake        platform
 
+relay                system dlfcn.h
+
 moatctl              moatctl/command_line moatctl/verbs schema unistd.h sys/ioctl.h
 moatctl/tables       moatctl handler ebtables ovsdb schema schema/server platform text system
 moatctl/bridge       moatctl moatctl/tables handler records compiled ebtables nftables schema subprocess text system libmnl

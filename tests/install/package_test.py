@@ -19,7 +19,8 @@ CMAKE, BUILD, PREFIX = sys.argv[1:4]
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
 DAEMON = ("sbin/moatkeeper", "sbin/moatkeeper-db-prepare", "share/moatkeeper/moatkeeper.ovsschema",
           "lib/systemd/system/moatkeeper.service", "lib/systemd/system/moatkeeper-db.service",
-          "lib/systemd/system/moatkeeper-db-create.service", "lib/tmpfiles.d/moatkeeper.conf")
+          "lib/systemd/system/moatkeeper-db-create.service", "lib/tmpfiles.d/moatkeeper.conf",
+          "lib/moatkeeper/moatkeeper-relay.so")
 MODULE = "lib/moatkeeper/moatkeeper-compiled.so"
 TOOLS = ("bin/moatctl", "share/bash-completion/completions/moatctl",
          "lib/systemd/system/moatkeeper-metrics.service", "lib/systemd/system/moatkeeper-metrics.timer")

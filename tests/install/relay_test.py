@@ -89,6 +89,8 @@ class Choice(Machine):
 
         self.useRelay()
         kernel.waitFor(CLOSED)
+        asking = lambda: self.machine.run("ss", "-Htno", "dport = :6640")
+        waiting.until(lambda: "timer:(keepalive" in asking(), lambda: f"a relay that leaves a silent server: {asking()}")
         waiting.until(lambda: (self.row() or {}).get("InStep") == 1, lambda: f"the device's row: {self.row()}")
         self.assertEqual(self.folderMode("change"), "700", "what is sent there goes out in the device's name")
         self.assertIn("_office", self.machine.run("ovsdb-client", "list-dbs", "unix:/run/moatkeeper-db/read/socket"))

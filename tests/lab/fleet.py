@@ -97,8 +97,9 @@ class Device(Host):
         self.startDaemon()
 
     def startRelay(self):
+        silentServer = self.fleet.build / "lib/moatkeeper/moatkeeper-relay.so"
         self.relay = Program(self.inside(
-            "ovsdb-server", "--no-chdir", "-vconsole:warn", "-vsyslog:off", f"--remote=punix:{SOCKET}",
+            "env", f"LD_PRELOAD={silentServer}", "ovsdb-server", "--no-chdir", "-vconsole:warn", "-vsyslog:off", f"--remote=punix:{SOCKET}",
             f"--unixctl={self.folder}/relay.ctl", f"--private-key={self.identity.privateKey}",
             f"--certificate={self.identity.certificate}", f"--ca-cert={self.fleet.servers.certificate}",
             f"relay:{DATABASE}:{self.fleet.doorsEndpoints}"), str(self.folder / "relay.log"))

@@ -36,8 +36,9 @@ FLEETS = int(os.environ.get("MOATKEEPER_FLEETS", "1"))
 SEED = int(os.environ.get("MOATKEEPER_SEED", str(time.time_ns() // 1_000_000 % 1_000_000)))
 # Ten is what is promised; one fleet among a hundred other tests has less of the processor.
 LIMIT = float(os.environ.get("MOATKEEPER_FLEET_LIMIT", "10" if FLEETS > 1 else "25"))
-# A relay leaves a server that is silent after two times five seconds; from then on it is as with one that has told its end.
-SILENT = 10
+# A relay that has lost its connection tries again after a second, after twice as long if the connection had been shorter than
+# the last pause, and so on, up to these seconds.
+PAUSE = 8
 DEVICES, ADMINISTRATORS, CHANGES = 3, ("alice", "bob"), 1000
 MOST_UNSEEN = 2  # ten seconds each
 KEPT = 4  # rows of each administrator, about
@@ -369,18 +370,44 @@ class Run:
         self.power([leader], True)
 
     def minorityCut(self):
-        """With or without the devices and administrators that are connected to it."""
-        number = self.dice.randrange(len(self.fleet.hosts))
+        """With or without the devices and administrators that are connected to it, of which there is one at least."""
         kind = self.dice.choice(("alone", "away"))
+        limit = LIMIT + PAUSE
+        if self.dice.random() < 0.5:
+            self.calm()
+            limit = LIMIT
+        number = self.serverOf(self.dice.choice(self.fleet.all))
         self.cut(kind, [f"c{number}"])
         begin = time.monotonic()
         if self.dice.random() < 0.5:
             leader, = waiting.until(lambda: self.leadersBut(number), "a leader of the others", 30)
-            self.right(f"minority {kind}", begin, leader, LIMIT + SILENT)
+            self.right(f"minority {kind}{', calm' if limit == LIMIT else ''}", begin, leader, limit)
         else:
             self.wait(0.5, 4)
         self.mend(kind)
         self.right(f"minority {kind}, back", time.monotonic())
+
+    @staticmethod
+    def connection(device):
+        """Of its relay, with a door: both ends' addresses. Empty while there is none."""
+        return device.run("ss", "-Htn", "state", "established", f"dport = :{PORTS['device']}").split()[2:4]
+
+    def serverOf(self, device):
+        """The number of the central server that its relay is connected to."""
+        _, peer = waiting.until(lambda: self.connection(device), f"{device.name} to be connected", 30)
+        return [host.address for host in self.fleet.hosts].index(peer.split(":")[0])
+
+    def calm(self):
+        """Until all relays have been connected for so long that their pauses begin with the shortest one again."""
+        seen, since = None, 0
+
+        def areCalm():
+            nonlocal seen, since
+            now = [self.connection(device) for device in self.fleet.all]
+            if now != seen:
+                seen, since = now, time.monotonic()
+            return all(now) and time.monotonic() > since + PAUSE
+        waiting.until(areCalm, "lasting connections", 40)
 
     def leadersBut(self, without):
         return [number for number in range(len(self.fleet.hosts)) if number != without
