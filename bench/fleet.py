@@ -11,6 +11,7 @@ without that all share this one evenly (--even). Needs root.
   memory      MB of all processes of the part, what they share with others divided (PSS)
 """
 
+import contextlib
 import datetime
 import os
 import pathlib
@@ -21,8 +22,10 @@ import time
 import arguments
 from lab import config, sandbox
 from lab.fleet import PARTS, Fleet, waitForAll
+from lab.units import Unit
 
 RULES = 1000
+ELECTION_MS = 1000  # as a group's database has it
 TICK_MS = 1000 / os.sysconf("SC_CLK_TCK")
 
 
@@ -65,20 +68,38 @@ def measure(fleet, member, operations):
             *(after[part] - before[part] for part in PARTS)]
 
 
-def preferCentre(fleet):
-    processes = fleet.processes()
-    for pid in processes["member"] + processes["door"]:
-        os.setpriority(os.PRIO_PROCESS, pid, -20)
+def prefer(program):
+    os.setpriority(os.PRIO_PROCESS, program.pid, -20)
+
+
+@contextlib.contextmanager
+def doorsStartedAnew(fleet, even):
+    """What their units do when their server has left the cluster, which it does when it gets no processor for too long."""
+    def start(key):
+        print(f"  the door of central server {key[0] + 1} has ended and starts anew")
+        door = fleet.startDoor(*key)
+        if not even:
+            prefer(door)
+        return door
+    units = [Unit(lambda key=key: start(key), 0.1, door) for key, door in fleet.doors.items()]
+    try:
+        yield
+    finally:
+        for unit in units:
+            unit.close()
 
 
 def run(build, count, rounds, even):
     with tempfile.TemporaryDirectory(dir="/run") as folder:
         begin = time.monotonic()
-        with Fleet(build, folder, count) as fleet, fleet.member() as member:
+        with Fleet(build, folder, devices=0, electionMs=ELECTION_MS) as fleet, fleet.member() as member, \
+                doorsStartedAnew(fleet, even):
+            if not even:
+                for program in (*fleet.centre.servers, *fleet.doors.values()):
+                    prefer(program)
+            fleet.addDevices(count)
             number = fleet.change(*(config.insert(config.RULES, **rule(i, i)) for i in range(1, RULES + 1)), member=member)
             waitForAll(fleet, member, number, seconds=120 + count)
-            if not even:
-                preferCentre(fleet)
             print(f"{count} devices, set up in {time.monotonic() - begin:.0f} s")
             print(f"{'':6}{'first':>8}{'median':>8}{'last':>8}{'told':>8}" + "".join(f"{part:>10}" for part in PARTS))
             key = RULES

@@ -165,8 +165,13 @@ class Choice(Machine):
         kernel.waitFor(OPEN, seconds=15)
 
     def useIdentity(self, identity):
-        for ending, text in identity.items():
-            self.machine.path(f"{FOLDER}/device.{ending}").write_text(text, encoding="ascii")
+        """The certificate first and its key last, while the relay looks at both."""
+        for ending in ("pem", "key"):
+            new = self.machine.path(f"{FOLDER}/device.new")
+            new.write_text(identity[ending], encoding="ascii")
+            new.chmod(0o600)
+            new.rename(self.machine.path(f"{FOLDER}/device.{ending}"))
+            self.machine.run("ovsdb-client", "list-dbs", LOCAL)  # it has looked now
 
 
 class Hostile(Machine):

@@ -71,7 +71,8 @@ class Authority:
         made = self._make(name, extensions, ["-CA", self.certificate, "-CAkey", self._key], file=f"{name}.new")
         if expires is not None:
             self._setEnd(*made, time.time() + expires)
-        key, certificate = (path.rename(self._file(name, path.suffix[1:])) for path in made)
+        # A program that finds another key looks once whether the certificate is another one, too.
+        certificate, key = (path.rename(self._file(name, path.suffix[1:])) for path in reversed(made))
         return Identity(key, certificate, self.certificate)
 
     def _file(self, name, ending):

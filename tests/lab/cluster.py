@@ -42,7 +42,8 @@ def freePort(address="127.0.0.1"):
 class Cluster:
     """The servers are numbered from 0; the first one is the first leader."""
 
-    def __init__(self, folder, schemas=(SCHEMA,), count=3, identity=None, remotes=(), options=(), hosts=()):
+    def __init__(self, folder, schemas=(SCHEMA,), count=3, identity=None, remotes=(), options=(), hosts=(),
+                 electionMs=ELECTION_MS):
         """schemas: files; the servers have a database of each. identity: of lab.certificates, for all servers; with
         it the endpoints are ssl: ones. remotes, options: of each ovsdb-server besides. hosts: for each server, if each
         has a network of its own, its address and the words that come before a command there."""
@@ -58,7 +59,7 @@ class Cluster:
                 file = self.file(number, f"{name}.db")
                 file.parent.mkdir(parents=True, exist_ok=True)
                 if number == 0:
-                    _run("ovsdb-tool", f"--election-timer={ELECTION_MS}", "create-cluster", file, schema, own)
+                    _run("ovsdb-tool", f"--election-timer={electionMs}", "create-cluster", file, schema, own)
                 else:
                     _run("ovsdb-tool", "join-cluster", file, name, own, *members[:number])
         self.servers = [None] * count

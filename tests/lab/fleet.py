@@ -16,7 +16,7 @@ import subprocess
 
 from lab import config, sandbox, waiting
 from lab.certificates import Authority
-from lab.cluster import Cluster
+from lab.cluster import ELECTION_MS, Cluster
 from lab.programs import SOCKET, Program
 
 GROUP = "bench"
@@ -117,7 +117,7 @@ class Device(Host):
 
 
 class Fleet:
-    def __init__(self, build, folder, devices, centre=3):
+    def __init__(self, build, folder, devices, centre=3, electionMs=ELECTION_MS):
         self.build, self.folder = pathlib.Path(build), pathlib.Path(folder)
         self.servers, self.devices, self.administrators = (
             Authority(self.folder / "ca", name) for name in ("servers", "devices", "administrators"))
@@ -132,7 +132,7 @@ class Fleet:
         for number in range(centre):
             self.hosts.append(Host(f"c{number}", f"10.99.0.{1 + number}", peers=self.hosts))
         self.identity = self.servers.issue("centre", names=[f"IP:{host.address}" for host in self.hosts])
-        self.centre = Cluster(self.folder / "centre", [schema], count=centre, identity=self.identity,
+        self.centre = Cluster(self.folder / "centre", [schema], count=centre, identity=self.identity, electionMs=electionMs,
                               hosts=[(host.address, host.inside()) for host in self.hosts])
         permissions = json.loads("[" + (self.build / "schema/group.permissions").read_text(encoding="utf-8") + "]")
         with self.member() as member:
@@ -142,7 +142,11 @@ class Fleet:
         for number in range(centre):
             self.startDoor(number)
         self.doorsEndpoints = self.endpoints("device")
-        self.all = [Device(self, number) for number in range(devices)]
+        self.all = []
+        self.addDevices(devices)
+
+    def addDevices(self, count):
+        self.all += [Device(self, number) for number in range(len(self.all), len(self.all) + count)]
 
     def __enter__(self):
         return self
