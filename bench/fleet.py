@@ -25,7 +25,6 @@ from lab.fleet import PARTS, Fleet, waitForAll
 from lab.units import Unit
 
 RULES = 1000
-ELECTION_MS = 1000  # as a group's database has it
 TICK_MS = 1000 / os.sysconf("SC_CLK_TCK")
 
 
@@ -92,7 +91,7 @@ def doorsStartedAnew(fleet, even):
 def run(build, count, rounds, even):
     with tempfile.TemporaryDirectory(dir="/run") as folder:
         begin = time.monotonic()
-        with Fleet(build, folder, devices=0, electionMs=ELECTION_MS) as fleet, fleet.member() as member, \
+        with Fleet(build, folder, devices=0) as fleet, fleet.member() as member, \
                 doorsStartedAnew(fleet, even):
             if not even:
                 for program in (*fleet.centre.servers, *fleet.doors.values()):

@@ -89,8 +89,8 @@ class Choice(Machine):
 
         self.useRelay()
         kernel.waitFor(CLOSED)
-        asking = lambda: self.machine.run("ss", "-Htno", "dport = :6640")
-        waiting.until(lambda: "timer:(keepalive" in asking(), lambda: f"a relay that leaves a silent server: {asking()}")
+        waiting.until(lambda: "timer:(keepalive" in self.connection(),
+                      lambda: f"a relay that leaves a silent server: {self.connection()}")
         waiting.until(lambda: (self.row() or {}).get("InStep") == 1, lambda: f"the device's row: {self.row()}")
         self.assertEqual(self.folderMode("change"), "700", "what is sent there goes out in the device's name")
         self.assertIn("_office", self.machine.run("ovsdb-client", "list-dbs", "unix:/run/moatkeeper-db/read/socket"))
@@ -106,6 +106,10 @@ class Choice(Machine):
         self.useRelay()
         self.machine.run("systemctl", "stop", SERVER)
         self.waitForStates("inactive", "inactive")
+
+    def connection(self):
+        """The relay's, as the kernel sees it."""
+        return self.machine.run("ss", "-Htno", "dport = :6640")
 
     def folderMode(self, name):
         return self.machine.run("stat", "-c", "%a", f"/run/moatkeeper-db/{name}").strip()

@@ -16,12 +16,13 @@ import subprocess
 
 from lab import config, sandbox, waiting
 from lab.certificates import Authority
-from lab.cluster import ELECTION_MS, Cluster
+from lab.cluster import Cluster
 from lab.programs import SOCKET, Program
 
 GROUP = "bench"
 DATABASE = f"moatkeeper_{GROUP}"
 ADMINISTRATOR = "10.99.0.100"  # the script's own
+ELECTION_MS = 1000  # as a group's database has it
 PORTS = {"device": 6640, "administrator": 6641}
 PARTS = ("member", "door", "relay", "daemon")
 _PROJECT = pathlib.Path(__file__).resolve().parents[2]
@@ -99,8 +100,8 @@ class Device(Host):
     def startRelay(self):
         silentServer = self.fleet.build / "lib/moatkeeper/moatkeeper-relay.so"
         self.relay = Program(self.inside(
-            "env", f"LD_PRELOAD={silentServer}", "ovsdb-server", "--no-chdir", "-vconsole:warn", "-vsyslog:off", f"--remote=punix:{SOCKET}",
-            f"--unixctl={self.folder}/relay.ctl", f"--private-key={self.identity.privateKey}",
+            "env", f"LD_PRELOAD={silentServer}", "ovsdb-server", "--no-chdir", "-vconsole:warn", "-vsyslog:off",
+            f"--remote=punix:{SOCKET}", f"--unixctl={self.folder}/relay.ctl", f"--private-key={self.identity.privateKey}",
             f"--certificate={self.identity.certificate}", f"--ca-cert={self.fleet.servers.certificate}",
             f"relay:{DATABASE}:{self.fleet.doorsEndpoints}"), str(self.folder / "relay.log"))
 
@@ -117,7 +118,7 @@ class Device(Host):
 
 
 class Fleet:
-    def __init__(self, build, folder, devices, centre=3, electionMs=ELECTION_MS):
+    def __init__(self, build, folder, devices, centre=3):
         self.build, self.folder = pathlib.Path(build), pathlib.Path(folder)
         self.servers, self.devices, self.administrators = (
             Authority(self.folder / "ca", name) for name in ("servers", "devices", "administrators"))
@@ -132,7 +133,7 @@ class Fleet:
         for number in range(centre):
             self.hosts.append(Host(f"c{number}", f"10.99.0.{1 + number}", peers=self.hosts))
         self.identity = self.servers.issue("centre", names=[f"IP:{host.address}" for host in self.hosts])
-        self.centre = Cluster(self.folder / "centre", [schema], count=centre, identity=self.identity, electionMs=electionMs,
+        self.centre = Cluster(self.folder / "centre", [schema], count=centre, identity=self.identity, electionMs=ELECTION_MS,
                               hosts=[(host.address, host.inside()) for host in self.hosts])
         permissions = json.loads("[" + (self.build / "schema/group.permissions").read_text(encoding="utf-8") + "]")
         with self.member() as member:
