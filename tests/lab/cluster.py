@@ -46,7 +46,8 @@ class Cluster:
                  electionMs=ELECTION_MS):
         """schemas: files; the servers have a database of each. identity: of lab.certificates, for all servers; with
         it the endpoints are ssl: ones. remotes, options: of each ovsdb-server besides. hosts: for each server, if each
-        has a network of its own, its address and the words that come before a command there."""
+        has a network of its own, its address and the words that come before a command there. electionMs: after how long a
+        leader is missed."""
         self._folder = pathlib.Path(folder)
         self._identity = identity
         self._hosts = hosts or [("127.0.0.1", [])] * count
