@@ -31,12 +31,19 @@ def writeSchema(path, name):
     return path
 
 
+_given = set()  # no port twice: its first user may not listen yet, or not again
+
+
 def freePort(address="127.0.0.1"):
     """A TCP port that nobody uses; somebody may before the caller does, except in a network namespace of its own."""
-    with socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET) as probe:
-        probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        probe.bind((address, 0))
-        return probe.getsockname()[1]
+    while True:
+        with socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET) as probe:
+            probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            probe.bind((address, 0))
+            port = probe.getsockname()[1]
+        if port not in _given:
+            _given.add(port)
+            return port
 
 
 class Cluster:
@@ -123,15 +130,20 @@ class Cluster:
             return None
         return waiting.until(find, f"a leader of {name}", seconds)[0]
 
-    def waitForMembers(self, seconds=10):
+    def waitForMembers(self, seconds=30):
         """Until all servers that run are connected to a leader, with each database."""
         def all_are():
             states = [self.state(number) for number, server in enumerate(self.servers) if server.isRunning()]
             return all(state and len(state) == len(self._databases) and all(s["connected"] for s in state.values())
                        for state in states)
-        waiting.until(all_are, "all servers to be members", seconds)
+        waiting.until(all_are, lambda: f"all servers to be members:\n{self._report()}", seconds)
         for name in self._databases:
             self.leader(name, seconds)
+
+    def _report(self):
+        """What each server says of itself, and the end of its log."""
+        return "\n".join(f"server {number}, {'running' if server.isRunning() else 'ended'}: {self.state(number)}\n"
+                         f"{server.readLog()[-2000:]}" for number, server in enumerate(self.servers))
 
     def stop(self):
         for server in self.servers:

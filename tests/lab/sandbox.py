@@ -36,19 +36,15 @@ def enter(*keep):
         os.execvp("unshare", [*command, sys.executable, *sys.argv])
     # For the same script inside: the marker is not for the programs that it starts.
     del os.environ[_INSIDE]
-    kept = [(os.path.realpath(path), os.open(path, os.O_PATH)) for path in (_PROJECT, *keep)]
     os.chdir("/")
-    for folder in ("/tmp", os.path.realpath("/run")):
-        _mount("tmpfs", folder, "tmpfs", 0)
-    for path, handle in kept:
-        if path.startswith(("/tmp/", "/run/")):
-            _bind(handle, path)
-        os.close(handle)
+    _hide(("/tmp", os.path.realpath("/run")), keep)
 
 
 def enterNetwork():
-    """As enter, for a script that needs no folders of its own; ends it with SKIPPED where that cannot be made."""
+    """As enter, but /run stays the machine's; ends the script with SKIPPED where that cannot be made. What the script's
+    arguments name stays visible."""
     if os.environ.pop(_INSIDE, "") == "1":
+        _hide(("/tmp",), filter(os.path.exists, sys.argv[1:]))
         return
     if subprocess.run(["unshare", "-n", "-m", "true"], check=False, capture_output=True).returncode != 0:
         print("skipped: no network namespace can be made here (root is needed)")
@@ -90,6 +86,17 @@ def _readKernelLogSwitch():
             return switch.read().strip()
     except OSError:
         return "0"
+
+
+def _hide(folders, keep):
+    """Mounts an empty folder in memory over each: the databases of a test do not wait for a disk that others keep busy."""
+    kept = [(os.path.realpath(path), os.open(path, os.O_PATH)) for path in (_PROJECT, *keep)]
+    for folder in folders:
+        _mount("tmpfs", folder, "tmpfs", 0)
+    for path, handle in kept:
+        if path.startswith(tuple(f"{folder}/" for folder in folders)):
+            _bind(handle, path)
+        os.close(handle)
 
 
 def _bind(handle, path):

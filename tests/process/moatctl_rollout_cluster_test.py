@@ -11,8 +11,12 @@ import tempfile
 import time
 import unittest
 
+from lab import config, devices, sandbox, waiting
+
+if __name__ == "__main__":
+    sandbox.enterNetwork()
+
 from moatctl_case import MOATCTL, OK, main
-from lab import config, devices, waiting
 from lab.cluster import Cluster, writeSchema
 from lab.programs import Program
 
