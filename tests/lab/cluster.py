@@ -119,7 +119,7 @@ class Cluster:
         return {row["name"]: {"connected": row["connected"], "leader": row["leader"]}
                 for row in json.loads(done.stdout)[0]["rows"] if row["name"] in self._databases}
 
-    def leader(self, database=None, seconds=10):
+    def leader(self, database=None, seconds=waiting.PATIENCE):
         """The number of the running server that leads the database (the first one by default); waits for it."""
         name = database or self._databases[0]
 
@@ -130,7 +130,7 @@ class Cluster:
             return None
         return waiting.until(find, f"a leader of {name}", seconds)[0]
 
-    def waitForMembers(self, seconds=30):
+    def waitForMembers(self, seconds=waiting.PATIENCE):
         """Until all servers that run are connected to a leader, with each database."""
         def all_are():
             states = [self.state(number) for number, server in enumerate(self.servers) if server.isRunning()]

@@ -52,7 +52,7 @@ def expected(**chains):
     return tables
 
 
-def waitFor(wanted, seconds=10):
+def waitFor(wanted, seconds=waiting.PATIENCE):
     """Returns when the kernel's tables are exactly as wanted; raises TimeoutError with the difference otherwise."""
     waiting.until(lambda: readTables() == wanted, lambda: _difference(wanted, readTables()), seconds)
 

@@ -50,7 +50,7 @@ class Program:
         with open(self.logPath, encoding="utf-8", errors="replace") as log:
             return log.read()
 
-    def waitForLog(self, text, seconds=10):
+    def waitForLog(self, text, seconds=waiting.PATIENCE):
         """Returns when the log holds the text; raises TimeoutError with the log's end otherwise."""
         def found():
             if text in self.readLog():
@@ -64,7 +64,7 @@ class Program:
         """The log's lines in which the regular expression is found."""
         return [line for line in self.readLog().splitlines() if re.search(pattern, line)]
 
-    def waitForLines(self, pattern, count=1, seconds=10):
+    def waitForLines(self, pattern, count=1, seconds=waiting.PATIENCE):
         """Waits until that many lines match, and returns all that do."""
         return waiting.until(lambda: len(lines := self.matching(pattern)) >= count and lines,
                              lambda: f"{count} x '{pattern}' in {self.logPath}:\n{self.readLog()[-2000:]}", seconds)

@@ -57,7 +57,7 @@ def commands():
     return [line[:-1] for line in lines if line.endswith("\n")]
 
 
-def waitForCommands(count, seconds=10):
+def waitForCommands(count, seconds=waiting.PATIENCE):
     """Returns when there are that many."""
     waiting.until(lambda: len(commands()) >= count,
                   lambda: "\n".join([f"{count} commands; there are:", *commands()]), seconds)

@@ -21,7 +21,7 @@ class DeviceRow(machine.Machine):
         rows = self.config.select(config.DEVICE)
         return rows[0] if len(rows) == 1 else None
 
-    def waitFor(self, what, condition, seconds=10):
+    def waitFor(self, what, condition, seconds=waiting.PATIENCE):
         return waiting.until(lambda: (row := self.row()) and condition(row) and row,
                              lambda: f"{what}; the rows: {self.config.select(config.DEVICE)}\n"
                                      + self.daemon.readLog()[-1500:], seconds)
