@@ -20,11 +20,12 @@ import tempfile
 import time
 
 import arguments
-from lab import config, sandbox
+from lab import config, sandbox, waiting
 from lab.fleet import PARTS, Fleet, waitForAll
 from lab.units import Unit
 
 RULES = 1000
+CALM_MS = 500  # of the processor, in a second
 TICK_MS = 1000 / os.sysconf("SC_CLK_TCK")
 
 
@@ -67,6 +68,18 @@ def measure(fleet, member, operations):
             *(after[part] - before[part] for part in PARTS)]
 
 
+def waitForCalm(fleet, seconds):
+    """Until what devices told each other of the change before has reached all: a second with hardly any work."""
+    def used():
+        return sum(sumOf(fleet.processes(), processorOf).values())
+
+    def isCalm():
+        before = used()
+        time.sleep(1)
+        return used() - before < CALM_MS
+    waiting.until(isCalm, "the fleet to be calm", seconds)
+
+
 def prefer(program):
     os.setpriority(os.PRIO_PROCESS, program.pid, -20)
 
@@ -91,7 +104,7 @@ def doorsStartedAnew(fleet, even):
 def run(build, count, rounds, even):
     with tempfile.TemporaryDirectory(dir="/run") as folder:
         begin = time.monotonic()
-        with Fleet(build, folder, devices=0) as fleet, fleet.member() as member, \
+        with Fleet(build, folder, devices=0) as fleet, fleet.member(seconds=30 + count) as member, \
                 doorsStartedAnew(fleet, even):
             if not even:
                 for program in (*fleet.centre.servers, *fleet.doors.values()):
@@ -111,6 +124,7 @@ def run(build, count, rounds, even):
                         key += 1
                         operations.append({"op": "update", "table": config.RULES, "where": [["Id", "==", i]],
                                            "row": rule(i, key)})
+                    waitForCalm(fleet, seconds=120 + count)
                     results.append(measure(fleet, member, operations))
                 middle = [statistics.median(column) for column in zip(*results)]
                 print(f"{name:6}" + "".join(f"{value:8.0f}" for value in middle[:4])

@@ -178,10 +178,10 @@ class Fleet:
         self.doors[number, role] = door
         return door
 
-    def member(self, number=None):
-        """A connection to a central server, by root's socket; the leader if none is named."""
+    def member(self, number=None, seconds=10):
+        """A connection to a central server, by root's socket; the leader if none is named. seconds: for each answer."""
         place = self.centre.file(self.centre.leader() if number is None else number, "socket")
-        return contextlib.closing(config.Config(place, database=DATABASE))
+        return contextlib.closing(config.Config(place, seconds, DATABASE))
 
     def change(self, *operations, member=None):
         """One transaction; its number."""

@@ -105,6 +105,7 @@ class OtherClients(Case):
             self.config.insert(config.RULES, Id=9, RulePrio=90, InInterface="p3", Target="DROP")
         finally:
             os.kill(self.daemon.pid, signal.SIGCONT)
+        waiting.until(lambda: sum(entry["Rows"] for entry in self.others()) >= 2, lambda: f"both: {self.entries()}")
         self.settle()
         told = [change for entry in self.others() for change in self.changesOf(entry)]
         self.assertEqual(sorted((change.get("after", {}).get("Id"), change["after"]["Target"], change["after"]["RulePrio"])
@@ -126,6 +127,8 @@ class OtherClients(Case):
         self.tool("rule", "add", "--in", "p2", "--drop")
         for number in range(150):
             self.config.update(config.RULES, 1, RulePrio=100 + number)
+        waiting.until(lambda: '"RulePrio":249' in (self.others() or [{"Changes": ""}])[-1]["Changes"].replace(" ", ""),
+                      lambda: f"the last of them: {self.entries()[-3:]}")
         self.settle()
         entries = self.entries()
         self.assertEqual(entries[0]["Number"], 1)
@@ -181,9 +184,12 @@ class TwoDevices(Case):
             self.tool("--no-wait", "rule", "add", "--in", "p3", "--drop", "--src-mac", "02:00:00:00:00:01")
         for writer in writers:
             writer.join()
+
+        def told():
+            return sorted(change["after"]["Id"] for entry in self.others() for change in self.changesOf(entry))
+        waiting.until(lambda: len(told()) >= 40, lambda: f"40 rows: {told()}")
         self.settle()
-        told = [change["after"]["Id"] for entry in self.others() for change in self.changesOf(entry)]
-        self.assertEqual(sorted(told), [*range(1000, 1020), *range(2000, 2020)])
+        self.assertEqual(told(), [*range(1000, 1020), *range(2000, 2020)])
 
     def testExactlyOnePutsATrialBack(self):
         before = self.tool("export")

@@ -95,16 +95,19 @@ class Restart(unittest.TestCase):
         self.assertEqual(self.machine.show(UNIT, "Result"), "success")
 
     def testWithoutItsServerARestartKeepsTheRules(self):
-        self.machine.run("systemctl", "stop", "moatkeeper-db.service")
+        def restart(number):
+            before = self.mainProcess()
+            self.machine.run("systemctl", "--no-block", "restart", UNIT)
+            waiting.until(lambda: self.mainProcess() not in (0, before) and
+                          self.machine.show(UNIT, "ActiveState") == "activating", "the next process to wait for its server")
+        # Masked, because the daemon's unit wants it: a restart would start it.
+        self.machine.run("systemctl", "mask", "--runtime", "--now", "moatkeeper-db.service")
         try:
-            self.assertNothingPasses("restarts without a server", lambda number: self.machine.run(
-                "systemctl", "--no-block", "restart", UNIT) + str(self.waitForAnother()), 1)
+            self.assertNothingPasses("restarts without a server", restart, 2 * COUNT)
         finally:
+            self.machine.run("systemctl", "unmask", "--runtime", "moatkeeper-db.service")
             self.machine.run("systemctl", "start", "moatkeeper-db.service")
             self.machine.waitFor(UNIT)
-
-    def waitForAnother(self):
-        return self.machine.waitFor(UNIT, "activating")
 
 
 def copyPackages(machine):
