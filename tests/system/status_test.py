@@ -309,6 +309,7 @@ class Status(machine.Machine):
             yield from filter(None, whole)
 
     def testRowsThatTheKernelDoesNotHaveAreNamed(self):
+        waiting.until(lambda: self.config.select(config.DEVICE)[0]["NotInForceCount"] == 0, "its word of these rows")
         self.daemon.stop(signal.SIGKILL)
         self.config.insert(config.RULES, Id=12, RulePrio=50, InInterface="p1", Target="DROP")
         done = run("--format=json")
