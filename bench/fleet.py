@@ -34,13 +34,18 @@ def rule(number, key):
             "SrcMAC": f"02:{key >> 24 & 255:02x}:{key >> 16 & 255:02x}:{key >> 8 & 255:02x}:{key & 255:02x}:01", "Target": "DROP"}
 
 
-def sumOf(processes, read):
-    return {part: sum(read(pid) for pid in pids) for part, pids in processes.items()}
-
-
 def processorOf(pid):
     fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) * TICK_MS
+
+
+def processorOfEach(fleet):
+    return {part: {pid: processorOf(pid) for pid in pids} for part, pids in fleet.processes().items()}
+
+
+def used(before, after):
+    """By part; of a process that was started anew meanwhile, what it has used since."""
+    return {part: sum(ms - before[part].get(pid, 0) for pid, ms in after[part].items()) for part in PARTS}
 
 
 def memoryOf(pid):
@@ -56,27 +61,23 @@ def secondsOf(text):
 
 def measure(fleet, member, operations):
     """Milliseconds on the first, the median and the last device, until that is told, and of the processor by part."""
-    before = sumOf(fleet.processes(), processorOf)
+    before = processorOfEach(fleet)
     begin = time.time()
     number = fleet.change(*operations, member=member)
     rows = waitForAll(fleet, member, number, seconds=30 + len(fleet.all))
     told = time.time()
     times = sorted((secondsOf(row["Since"]) - begin) * 1000 for row in rows.values())
     time.sleep(1)  # what the relays still pass on to each other belongs to it
-    after = sumOf(fleet.processes(), processorOf)
     return [times[0], statistics.median(times), times[-1], (told - begin) * 1000,
-            *(after[part] - before[part] for part in PARTS)]
+            *used(before, processorOfEach(fleet)).values()]
 
 
 def waitForCalm(fleet, seconds):
     """Until what devices told each other of the change before has reached all: a second with hardly any work."""
-    def used():
-        return sum(sumOf(fleet.processes(), processorOf).values())
-
     def isCalm():
-        before = used()
+        before = processorOfEach(fleet)
         time.sleep(1)
-        return used() - before < CALM_MS
+        return sum(used(before, processorOfEach(fleet)).values()) < CALM_MS
     waiting.until(isCalm, "the fleet to be calm", seconds)
 
 
@@ -129,7 +130,7 @@ def run(build, count, rounds, even):
                 middle = [statistics.median(column) for column in zip(*results)]
                 print(f"{name:6}" + "".join(f"{value:8.0f}" for value in middle[:4])
                       + "".join(f"{value:10.0f}" for value in middle[4:]))
-            memory = sumOf(fleet.processes(), memoryOf)
+            memory = {part: sum(map(memoryOf, pids)) for part, pids in fleet.processes().items()}
             print(f"{'memory':38}" + "".join(f"{memory[part]:10.1f}" for part in PARTS), flush=True)
 
 
