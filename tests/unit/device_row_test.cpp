@@ -121,9 +121,9 @@ TEST_F(DeviceRowTest, IsWrittenAgainAfterEachHeartbeatOnlyWhereThereIsOne)
 {
     DeviceRow row("here", m_dispatcher, m_logModule, sender());
     row.setServed(true);
+    const auto begin = Clock::now();
     row.update(1, {.inStep = true}, 1);
     answer(0, 1);
-    const auto begin = Clock::now();
     waitForMore(1);
     EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(499));
     EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(5000)) << "machines in tests are slow";

@@ -57,10 +57,9 @@ protected:
             [this](const schema::Trial* trial) { m_takenBack = trial == nullptr ? 0 : trial->change; },
             [this] { return m_clocks; });
     }
-    // For how long it has waited before it sent something more.
-    milliseconds waitForMore()
+    // How long after `began` it sent something more.
+    milliseconds waitForMore(Clock::time_point began = Clock::now())
     {
-        const auto began = Clock::now();
         const std::size_t known = m_sent.size();
         while (m_sent.size() == known)
             m_dispatcher.handleEvents();
@@ -88,9 +87,10 @@ protected:
 TEST_F(TrialWatchTest, GoesBackWhenItsTimeIsOver)
 {
     TrialWatch watched = watch();
+    const auto began = Clock::now();
     watched.update(trial("this"), false);
-    const milliseconds waited = waitForMore();
-    EXPECT_GE(waited, 999ms);
+    const milliseconds waited = waitForMore(began);
+    EXPECT_GE(waited, 1s);
     EXPECT_LT(waited, 2s);
     EXPECT_THAT(m_sent[0].text, HasSubstr(R"({"op":"wait","table":"MoatKeeperTrial")"));
     EXPECT_THAT(m_sent[0].text, HasSubstr(R"({"op":"delete","table":"MoatKeeperRuleset","where":[["Id","==",1]]})"));
@@ -103,10 +103,11 @@ TEST_F(TrialWatchTest, AClockThatJumpsDoesNotMatter)
     for (const char* boot : {"this", "another"}) {
         for (const auto jump : {-1h, 1h}) {
             TrialWatch watched = watch();
+            const auto began = Clock::now();
             watched.update(trial(boot), false);
             m_dispatcher.startTimer(300ms, [this, jump] { m_clocks.wall += jump; });
-            const milliseconds waited = waitForMore();
-            EXPECT_GE(waited, 999ms) << boot;
+            const milliseconds waited = waitForMore(began);
+            EXPECT_GE(waited, 1s) << boot;
             EXPECT_LT(waited, 2s) << boot;
         }
     }
@@ -119,9 +120,10 @@ TEST_F(TrialWatchTest, AClockThatJumpedWhileTheDaemonWasAwayDoesNotMatterEither)
         m_clocks.uptime += 600ms;
         m_clocks.wall += jump;
         TrialWatch watched = watch();
+        const auto began = Clock::now();
         watched.update(waits, true);
-        const milliseconds waited = waitForMore();
-        EXPECT_GE(waited, 399ms);
+        const milliseconds waited = waitForMore(began);
+        EXPECT_GE(waited, 400ms);
         EXPECT_LT(waited, 1400ms);
     }
 }
