@@ -126,6 +126,7 @@ class InForce(Waiting):
 
     def testTheNumbersBeginAgain(self):
         self.config.transact(*config.numbered(1_999_999_999))
+        waiting.until(lambda: self.devices()[0]["Number"] == 1_999_999_999, "the number")  # 1 would be taken for a later one
         self.run_(DONE, *ADD, mac(1), "--drop")
         self.assertEqual((self.number(), len(self.rules())), (0, 1))
 
