@@ -180,8 +180,8 @@ class TwoDevices(Case):
         writers = [threading.Thread(target=write, args=(first,)) for first in (1000, 2000)]
         for writer in writers:
             writer.start()
-        for _ in range(5):
-            self.tool("--no-wait", "rule", "add", "--in", "p3", "--drop", "--src-mac", "02:00:00:00:00:01")
+        for number in range(3000, 3005):  # the next free Id would be one that a writer is about to use
+            self.tool("--no-wait", "rule", "add", "--id", number, "--in", "p3", "--drop", "--src-mac", "02:00:00:00:00:01")
         for writer in writers:
             writer.join()
 
