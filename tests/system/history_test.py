@@ -127,8 +127,8 @@ class OtherClients(Case):
         self.tool("rule", "add", "--in", "p2", "--drop")
         for number in range(150):
             self.config.update(config.RULES, 1, RulePrio=100 + number)
-        waiting.until(lambda: '"RulePrio":249' in (self.others() or [{"Changes": ""}])[-1]["Changes"].replace(" ", ""),
-                      lambda: f"the last of them: {self.entries()[-3:]}")
+        waiting.until(lambda: any(change["after"]["RulePrio"] == 249 for entry in self.others()
+                                  for change in self.changesOf(entry)), lambda: f"the last of them: {self.entries()[-3:]}")
         self.settle()
         entries = self.entries()
         self.assertEqual(entries[0]["Number"], 1)
